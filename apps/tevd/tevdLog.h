@@ -1,0 +1,19 @@
+// Log output and panic. TevdLog is called from every thread at once and keeps
+// no state; Panic writes standard error, logs twice and aborts.
+#pragma once
+
+#include <cstdint>
+#include <cstdarg>
+
+#include "Str.h"
+#include "TevLib.h"
+
+void TevdLog(const char *format, ...) TEV_PRINTF(1, 2);
+void TevdLogV(const char *format, va_list ap) TEV_PRINTF(1, 0);
+[[noreturn]] void Panic(const char *format, ...) TEV_PRINTF(1, 2);
+// Fills `buf` (32 bytes) with "YYYY-MM-DDThh:mm:ss.mmmZ: "; returns its length.
+int TevdLog_TimePrefix(char *buf, size_t size, bool withMillis);
+// "[%s] %luus: [%s] %s\n" with the thread name, time stamp, identifier, message.
+void TevdLog_Tev(Tev *tev);
+void TevdLog_TevParts(const char *id, const char *msg, uint64_t timestampUs);
+void TevdLogger_Start(void);

@@ -1,0 +1,4 @@
+// Placeholder until this correlator lands; the agent is not started.
+#include "tevdCorrelator.h"
+
+void TevdCorrelator_StartPageRetire(void) {}

@@ -1,0 +1,26 @@
+// Trace server: a bounded history (131072 bytes) of "IN" and "OUT" lines,
+// replayed to each client of the trace socket, then live lines. Each client
+// has a serving thread (watches for hang-up) and a writer thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "MsgFmt.h"
+
+#define TEVD_TRACE_SOCKET "/var/run/orlan/tevd-trace.sock"
+constexpr size_t TEVD_TRACE_HISTORY_MAX = 131072;
+
+int TevdTrace_Open(const char *path);
+void TevdTrace_Accept(int listenFd);
+// `args` is a swizzled argument block of `argsSize` bytes with `numArgs` slots.
+void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id, const void *args,
+                      size_t argsSize, int numArgs);
+void *TevdTraceServeMain(void *fd);
+void *TevdTraceWriter(void *fd);
+
+// ---- test support ------------------------------------------------------------
+std::vector<std::string> TevdTrace_HistoryForTest(void);
+void TevdTrace_ResetForTest(void);

@@ -1,0 +1,20 @@
+// TEVD_ROOT: every absolute path of the platform resolves under it.
+#pragma once
+
+#include <string>
+
+// "/var/run/x" -> "$TEVD_ROOT/var/run/x" (or unchanged when unset/empty).
+std::string PlatformRoot_Path(const std::string &absolute);
+// Creates the missing directories of `path` (mode 0755). 0 or errno.
+int PlatformRoot_MakeDirs(const std::string &path);
+// Host-model file helpers (names containing '/' use %2F). Throw
+// HostCtl::Lib::HostCtlException when the file is absent/unwritable.
+std::string PlatformModel_EscapeName(const std::string &name);
+std::string PlatformModel_Path(const std::string &relative);   // root + "/platform/" + relative
+bool PlatformModel_Read(const std::string &relative, std::string *value);
+bool PlatformModel_Write(const std::string &relative, const std::string &value);
+
+// The log sink: with TEVD_ROOT set, one datagram "<14>Mmm dd hh:mm:ss tevd: line"
+// to $TEVD_ROOT/dev/log (dropped silently when absent); else vsyslog(LOG_INFO).
+#include <cstdarg>
+void PlatformLog_Vsyslog(const char *format, va_list ap) __attribute__((format(printf, 1, 0)));

@@ -1,0 +1,444 @@
+// Agent threads, subscriptions, streams, distribution and reassembly.
+#include "tevdAgent.h"
+
+#include <cxxabi.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+
+#include "Str.h"
+#include "tevdLog.h"
+#include "tevdTrace.h"
+
+namespace {
+
+pthread_t agentThreads[TEVD_MAX_AGENTS];
+int agentCount = 0;
+
+pthread_mutex_t streamLock;
+TevStream *streamHead = nullptr;
+TevStream *streamTail = nullptr;
+
+void LockStreams() {
+  int rc = pthread_mutex_lock(&streamLock);
+  if (rc != 0) {
+    Panic("Failed to acquire stream lock: %s\n", strerror(rc));
+  }
+}
+
+void UnlockStreams() {
+  int rc = pthread_mutex_unlock(&streamLock);
+  if (rc != 0) {
+    Panic("Failed to release stream lock: %s\n", strerror(rc));
+  }
+}
+
+unsigned AddrLow32(TevdAgentFn fn) {
+  return static_cast<unsigned>(reinterpret_cast<uintptr_t>(fn));
+}
+
+void *AgentThreadMain(void *arg) {
+  TevdAgentFn fn = reinterpret_cast<TevdAgentFn>(arg);
+  // Asynchronous on purpose: an agent may be stopped while blocked anywhere.
+  if (pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr) != 0) {
+    TevdLog("Failed to set thread cancel type for agent function(%#x).\n", AddrLow32(fn));
+  }
+  try {
+    fn();
+  } catch (abi::__forced_unwind &) {
+    throw;  // cancellation must unwind through here
+  } catch (const std::exception &e) {
+    TevdLog("Exception (%s) in agent function(%#x).\n", e.what(), AddrLow32(fn));
+  } catch (...) {
+    TevdLog("Unknown exception in agent function(%#x).\n", AddrLow32(fn));
+  }
+  return nullptr;
+}
+
+void FreeSubscription(TevSubscription *sub) {
+  for (int i = 0; i < sub->numPrefixes; ++i) {
+    free(sub->prefixes[i]);
+    sub->prefixes[i] = nullptr;
+  }
+  for (int i = 0; i < sub->numIds; ++i) {
+    free(sub->ids[i]);
+    sub->ids[i] = nullptr;
+  }
+  sub->numPrefixes = 0;
+  sub->numIds = 0;
+}
+
+int AddPrefix(TevSubscription *sub, const char *word) {
+  if (sub->numPrefixes >= TEVD_SUBSCRIPTION_MAX) {
+    return 1;
+  }
+  char *p = Str_Asprintf(nullptr, "tev.%s", word);
+  if (p == nullptr) {
+    return 1;
+  }
+  sub->prefixes[sub->numPrefixes++] = p;
+  return 0;
+}
+
+int AddId(TevSubscription *sub, const char *id) {
+  if (sub->numIds >= TEVD_SUBSCRIPTION_MAX) {
+    return 1;
+  }
+  char *p = strdup(id);
+  if (p == nullptr) {
+    return 1;
+  }
+  sub->ids[sub->numIds++] = p;
+  return 0;
+}
+
+int CopySubscription(const TevSubscription *from, TevSubscription *to) {
+  for (int i = 0; i < from->numPrefixes; ++i) {
+    char *p = strdup(from->prefixes[i]);
+    if (p == nullptr) {
+      FreeSubscription(to);
+      return 1;
+    }
+    to->prefixes[to->numPrefixes++] = p;
+  }
+  for (int i = 0; i < from->numIds; ++i) {
+    if (AddId(to, from->ids[i]) != 0) {
+      FreeSubscription(to);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+int CreateStream(const TevSubscription *sub, char **nameHolder, TevStream **out) {
+  TevStream *s = new (std::nothrow) TevStream;
+  if (s == nullptr) {
+    return 1;
+  }
+  int fds[2];
+  if (pipe(fds) != 0) {
+    delete s;
+    return 2;
+  }
+  // The non-blocking flag's value passed as descriptor flags, deliberately:
+  // the read end stays blocking and reassembly copes with short reads.
+  if (fcntl(fds[0], F_SETFD, 0x800) != 0) {
+    close(fds[0]);
+    close(fds[1]);
+    delete s;
+    return 2;
+  }
+  s->readFd = fds[0];
+  s->writeFd = fds[1];
+  if (CopySubscription(sub, &s->sub) != 0) {
+    close(fds[0]);
+    close(fds[1]);
+    delete s;
+    return 1;
+  }
+  s->nameHolder = nameHolder;
+  LockStreams();
+  s->prev = streamTail;
+  if (streamTail != nullptr) {
+    streamTail->next = s;
+  } else {
+    streamHead = s;
+  }
+  streamTail = s;
+  UnlockStreams();
+  *out = s;
+  return 0;
+}
+
+int CloseStream(TevStream *s) {
+  int rc = 0;
+  LockStreams();
+  if (close(s->readFd) == 0) {
+    if (close(s->writeFd) != 0) {
+      rc = 2;
+    }
+  } else {
+    rc = 2;
+  }
+  FreeSubscription(&s->sub);
+  if (s->prev != nullptr) {
+    s->prev->next = s->next;
+  } else {
+    streamHead = s->next;
+  }
+  if (s->next != nullptr) {
+    s->next->prev = s->prev;
+  } else {
+    streamTail = s->prev;
+  }
+  UnlockStreams();
+  free(s->buf);
+  delete s;
+  return rc;
+}
+
+// Reads what the stream still wants into its buffer. 0 when the phase is
+// complete, 11 when the read was short, else errno.
+int ReadWanted(TevStream *s) {
+  ssize_t got = read(s->readFd, s->buf + s->have, s->want);
+  if (got == 0) {
+    Panic("EOF trying to read %d bytes from stream %p\n", static_cast<int>(s->want),
+          static_cast<void *>(s));
+  }
+  if (got < 0) {
+    return errno;
+  }
+  s->have += static_cast<uint32_t>(got);
+  s->want -= static_cast<uint32_t>(got);
+  return s->want == 0 ? 0 : 11;
+}
+
+}  // namespace
+
+void TevdAgent_Start(TevdAgentFn fn) {
+  if (agentCount >= TEVD_MAX_AGENTS) {
+    TevdLog("Failed to start agent. Already reached max limit of %u agents.\n",
+            static_cast<unsigned>(TEVD_MAX_AGENTS));
+    return;
+  }
+  int rc = pthread_create(&agentThreads[agentCount], nullptr, AgentThreadMain,
+                          reinterpret_cast<void *>(fn));
+  if (rc != 0) {
+    TevdLog("Failed to create thread %p (id:%d err:%d %s)\n", reinterpret_cast<void *>(fn),
+            agentCount, rc, strerror(rc));
+    return;
+  }
+  ++agentCount;
+}
+
+void TevdAgent_StopAll(void) {
+  while (agentCount > 0) {
+    --agentCount;
+    int rc = pthread_cancel(agentThreads[agentCount]);
+    if (rc != 0) {
+      TevdLog("Failed to cancel thread id:%d, err:%d %s\n", agentCount, rc, strerror(rc));
+      continue;
+    }
+    rc = pthread_join(agentThreads[agentCount], nullptr);
+    if (rc != 0) {
+      TevdLog("Failed to join thread id:%d, err:%d %s\n", agentCount, rc, strerror(rc));
+    }
+  }
+}
+
+int TevdAgent_NumStarted(void) { return agentCount; }
+
+int TevdAgent_InitStreamList(void) {
+  streamHead = streamTail = nullptr;
+  return pthread_mutex_init(&streamLock, nullptr);
+}
+
+bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id) {
+  for (int i = 0; i < sub->numPrefixes; ++i) {
+    size_t n = strlen(sub->prefixes[i]);
+    if (strncmp(id, sub->prefixes[i], n) == 0 && id[n] == '.') {
+      return true;
+    }
+  }
+  for (int i = 0; i < sub->numIds; ++i) {
+    if (Tev_IsID(id, sub->ids[i])) {
+      return true;
+    }
+  }
+  return false;
+}
+
+int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
+  LockStreams();
+  size_t off = 0;
+  while (length - off >= TEV_RECORD_HEADER_SIZE) {
+    const uint8_t *rec = buf + off;
+    uint32_t recLen, argsCount, argsOff;
+    uint64_t ts;
+    memcpy(&ts, rec + 8, 8);
+    memcpy(&recLen, rec + 16, 4);
+    memcpy(&argsCount, rec + 24, 4);
+    memcpy(&argsOff, rec + 28, 4);
+    if (recLen < TEV_RECORD_HEADER_SIZE || recLen > length - off) {
+      break;  // the library hands over whole records only; never walk past them
+    }
+    const char *id = reinterpret_cast<const char *>(rec + TEV_RECORD_HEADER_SIZE);
+    size_t blockSize = argsOff <= recLen ? recLen - argsOff : 0;
+    TevdTrace_Record("IN", ts, id, rec + argsOff, blockSize, static_cast<int>(argsCount));
+    for (TevStream *s = streamHead; s != nullptr; s = s->next) {
+      if (!TevdAgent_SubscriptionMatches(&s->sub, id)) {
+        continue;
+      }
+      // One write per record; a rare partial write (a signal in between) is
+      // finished so that the agent never sees a torn record.
+      size_t done = 0;
+      while (done < recLen) {
+        ssize_t w = write(s->writeFd, rec + done, recLen - done);
+        if (w < 0 && errno == EINTR) {
+          continue;
+        }
+        if (w < 0) {
+          int err = errno;
+          UnlockStreams();
+          return err;
+        }
+        done += static_cast<size_t>(w);
+      }
+    }
+    off += recLen;
+  }
+  UnlockStreams();
+  return 0;
+}
+
+int TevdAgent_Init(const char *name, const std::vector<std::string> &words,
+                   const std::vector<std::string> &ids, TevdAgent **out) {
+  VThreadBase_SetName(name);
+  int rc = 0;
+  TevdAgent *agent = new (std::nothrow) TevdAgent;
+  if (agent == nullptr) {
+    rc = 1;
+  }
+  if (rc == 0) {
+    agent->nameHolder = static_cast<char **>(calloc(1, sizeof(char *)));
+    if (agent->nameHolder == nullptr || (*agent->nameHolder = strdup(name)) == nullptr) {
+      rc = 1;
+    }
+  }
+  if (rc == 0) {
+    agent->sub = new (std::nothrow) TevSubscription;
+    if (agent->sub == nullptr) {
+      rc = 1;
+    }
+  }
+  for (size_t i = 0; rc == 0 && i < words.size(); ++i) {
+    rc = AddPrefix(agent->sub, words[i].c_str());
+  }
+  for (size_t i = 0; rc == 0 && i < ids.size(); ++i) {
+    rc = AddId(agent->sub, ids[i].c_str());
+  }
+  if (rc == 0) {
+    rc = CreateStream(agent->sub, agent->nameHolder, &agent->stream);
+  }
+  if (rc != 0) {
+    if (agent != nullptr) {
+      if (agent->sub != nullptr) {
+        FreeSubscription(agent->sub);
+        delete agent->sub;
+      }
+      if (agent->nameHolder != nullptr) {
+        free(*agent->nameHolder);
+        free(agent->nameHolder);
+      }
+      delete agent;
+    }
+    TevdLog("Failed to initialize agent %s (error code: %d) \n", name, rc);
+    return rc;
+  }
+  agent->pollFd = agent->stream->readFd;
+  agent->numFds = 1;
+  *out = agent;
+  return 0;
+}
+
+int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent) {
+  return TevdAgent_Init(name, {word}, {}, agent);
+}
+
+int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
+  *tev = nullptr;
+  int rc = 0;
+  if (s->buf == nullptr) {
+    s->buf = static_cast<uint8_t *>(malloc(TEV_RECORD_HEADER_SIZE));
+    if (s->buf == nullptr) {
+      return 2;
+    }
+    s->have = 0;
+    s->want = TEV_RECORD_HEADER_SIZE;
+  }
+  if (s->have < TEV_RECORD_HEADER_SIZE) {
+    rc = ReadWanted(s);
+  }
+  if (rc == 0 && s->have == TEV_RECORD_HEADER_SIZE) {
+    uint32_t total;
+    memcpy(&total, s->buf + 16, 4);
+    if (total < TEV_RECORD_HEADER_SIZE) {
+      return 2;  // the reader never writes such a record
+    }
+    if (total > TEV_RECORD_HEADER_SIZE) {
+      uint8_t *grown = static_cast<uint8_t *>(realloc(s->buf, total));
+      if (grown == nullptr) {
+        return 2;
+      }
+      s->buf = grown;
+      s->want = total - TEV_RECORD_HEADER_SIZE;
+      rc = ReadWanted(s);
+    }
+  } else if (rc == 0 && s->want > 0) {
+    rc = ReadWanted(s);
+  }
+  if (rc == 11) {
+    return 0;  // incomplete: more bytes on the next readable event
+  }
+  if (rc != 0) {
+    return 2;
+  }
+  uint32_t total = s->have;
+  uint8_t *record = s->buf;
+  s->buf = nullptr;
+  s->have = s->want = 0;
+  if (Tev_MakeTev(record, total, tev) != 0 || *tev == nullptr) {
+    *tev = nullptr;
+    return 2;
+  }
+  return 0;
+}
+
+int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev) {
+  *tev = nullptr;
+  for (;;) {
+    struct pollfd pfd = {agent->pollFd, POLLIN, 0};
+    int n = poll(&pfd, 1, -1);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      TevdLog("Failed to poll - %s\n", strerror(errno));
+      return 2;
+    }
+    if ((pfd.revents & POLLIN) == 0) {
+      TevdLog("Failed to poll, invalid revents - %hd\n", pfd.revents);
+      return 2;
+    }
+    int rc = TevdAgent_ReassembleStep(agent->stream, tev);
+    if (rc != 0) {
+      TevdLog("Failed to get Tev\n");
+      return rc;
+    }
+    if (*tev != nullptr) {
+      return 0;
+    }
+  }
+}
+
+void TevdAgent_Cleanup(TevdAgent *agent) {
+  if (agent->sub != nullptr) {
+    FreeSubscription(agent->sub);
+    delete agent->sub;
+  }
+  if (agent->stream != nullptr) {
+    CloseStream(agent->stream);
+  }
+  if (agent->nameHolder != nullptr) {
+    free(*agent->nameHolder);
+    free(agent->nameHolder);
+  }
+  delete agent;
+  TevdLog("Done cleaning up agent.\n");
+}

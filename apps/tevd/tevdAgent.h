@@ -1,0 +1,65 @@
+// Agent threads. DESIGN: the reader thread (main) owns the thread table and
+// is the only writer of every agent pipe; each agent owns its stream's read
+// end and reassembles records from it. The stream list is shared: agents add
+// and remove their own stream, the reader walks it to distribute a buffer;
+// one stream lock guards it, held for a whole buffer so records keep their
+// order across agents.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "TevLib.h"
+
+constexpr int TEVD_MAX_AGENTS = 32;
+constexpr int TEVD_SUBSCRIPTION_MAX = 10;
+
+struct TevSubscription {
+  int32_t numPrefixes = 0;
+  int32_t numIds = 0;
+  char *prefixes[TEVD_SUBSCRIPTION_MAX] = {};   // "tev.WORD"
+  char *ids[TEVD_SUBSCRIPTION_MAX] = {};
+};
+
+struct TevStream {
+  TevStream *prev = nullptr;
+  TevStream *next = nullptr;
+  int readFd = -1;
+  int writeFd = -1;
+  TevSubscription sub;
+  char **nameHolder = nullptr;
+  uint8_t *buf = nullptr;
+  uint32_t have = 0;
+  uint32_t want = 0;
+};
+
+struct TevdAgent {
+  TevSubscription *sub = nullptr;
+  TevStream *stream = nullptr;
+  char **nameHolder = nullptr;
+  int pollFd = -1;
+  int numFds = 0;
+};
+
+typedef void (*TevdAgentFn)(void);
+
+// Reader thread only.
+void TevdAgent_Start(TevdAgentFn fn);
+void TevdAgent_StopAll(void);
+int TevdAgent_NumStarted(void);
+int TevdAgent_InitStreamList(void);   // 0 or the pthread_mutex_init result
+// Hands a buffer of packed records to every matching stream; 0 or errno.
+int TevdAgent_Distribute(const uint8_t *buf, size_t length);
+
+bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id);
+// Returns 0, 1 (out of memory / too many words or ids) or 2 (pipe setup).
+int TevdAgent_Init(const char *name, const std::vector<std::string> &words,
+                   const std::vector<std::string> &ids, TevdAgent **agent);
+int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent);
+// Waits for one whole observation: 0 and *tev, or an error code.
+int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev);
+// One read from the stream: 0 with *tev set when a record completed, 0 with
+// *tev null when more bytes are wanted, else 2 (or 12 on allocation).
+int TevdAgent_ReassembleStep(TevStream *stream, Tev **tev);
+void TevdAgent_Cleanup(TevdAgent *agent);

@@ -1,0 +1,316 @@
+// Daemon entry and the single poll loop. DESIGN: main is the only reader of
+// the observation contexts and the only user of the observation buffer and the
+// poll set; it hands whole records to the agents through their pipes
+// (tevdAgent) and never interprets an observation itself. The alarm thread,
+// the agents and the trace threads are started from here and share nothing
+// with the loop but the stream lock and the trace history.
+#include <getopt.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "KNO.h"
+#include "TevLib.h"
+#include "tevdAgent.h"
+#include "tevdAlarm.h"
+#include "tevdCorrelator.h"
+#include "tevdLog.h"
+#include "tevdQprob.h"
+#include "tevdTrace.h"
+
+namespace {
+
+constexpr int kNumContexts = 23;
+constexpr int kFixedEntries = 24;
+constexpr int kMaxEntries = 32;
+constexpr int kUserListener = 22;
+constexpr int kTraceListener = 23;
+constexpr size_t kBufferInitial = 8192;
+constexpr size_t kBufferCeiling = 131072;
+constexpr short kErrorBits = POLLERR | POLLHUP | POLLNVAL;  // 56
+
+struct ContextRow {
+  uint32_t domain;
+  TevLib_Handle handle;
+};
+
+const ContextRow kContextTable[kNumContexts] = {
+    {0, nullptr},  {1, nullptr},  {2, nullptr},  {3, nullptr},  {4, nullptr},  {5, nullptr},
+    {6, nullptr},  {7, nullptr},  {8, nullptr},  {9, nullptr},  {10, nullptr}, {11, nullptr},
+    {12, nullptr}, {13, nullptr}, {14, nullptr}, {15, nullptr}, {16, nullptr}, {17, nullptr},
+    {18, nullptr}, {19, nullptr}, {20, nullptr}, {21, nullptr}, {22, nullptr},
+};
+
+volatile sig_atomic_t exitRequested = 0;
+bool enableTevs = false;
+
+uint8_t *tevBuffer = nullptr;
+size_t tevBufferSize = 0;
+
+void OnSignal(int sig) {
+  if (sig != SIGPIPE) {
+    exitRequested = 1;
+  }
+}
+
+[[noreturn]] void Usage(const char *prog) {
+  printf("Usage: %s [options]\n", prog);
+  puts("valid options are:");
+  puts("\t--help|-h - display this help");
+  fflush(stdout);
+  exit(0);
+}
+
+void ParseOptions(int argc, char **argv) {
+  static const struct option kOptions[] = {
+      {"enabletevs", no_argument, nullptr, 'e'},
+      {"help", no_argument, nullptr, 'h'},
+      {"loglevel", required_argument, nullptr, 'l'},
+      {"test", no_argument, nullptr, 't'},
+      {nullptr, 0, nullptr, 0},
+  };
+  if (argc <= 1) {
+    return;
+  }
+  int c;
+  while ((c = getopt_long(argc, argv, "ehl:t", kOptions, nullptr)) == 'e') {
+    enableTevs = true;
+  }
+  if (c != -1) {
+    Usage(argv[0]);
+  }
+}
+
+int InstallSignals() {
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = OnSignal;
+  sigemptyset(&sa.sa_mask);
+  for (int sig : {SIGTERM, SIGINT, SIGPIPE}) {
+    if (sigaction(sig, &sa, nullptr) != 0) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+int EnableAsyncTevs() {
+  KNO_ParamList *instances = KNO_ParamListCreate();
+  KNO_ParamList *values = KNO_ParamListCreate();
+  int rc = 0;
+  if (instances == nullptr || values == nullptr) {
+    rc = ENOMEM;
+  } else {
+    KNO_ParamListAddString(instances, "Misc");
+    KNO_ParamListAddString(instances, "TevAsyncEnable");
+    KNO_ParamListAddInt(values, 1);
+    rc = MTL_ReturnStatusToErrno(KNO_Set(KNO_NODE_config_intOpts, instances, values));
+  }
+  if (instances != nullptr) {
+    KNO_ParamListDestroy(instances);
+  }
+  if (values != nullptr) {
+    KNO_ParamListDestroy(values);
+  }
+  return rc;
+}
+
+// Reads one buffer of records from `fd` and hands them to the agents.
+int ReadTevs(TevLib_Handle handle, int fd) {
+  char name[TEVLIB_NAME_MAX];
+  TevLib_HandleToName(handle, name);
+  size_t length = 0;
+  int rc = TevLib_ReadFromFd(fd, tevBuffer, tevBufferSize, &length);
+  while (rc == TEVLIB_BUFFER_TOO_SMALL) {
+    if (tevBufferSize >= kBufferCeiling) {
+      return TEVLIB_BUFFER_TOO_SMALL;
+    }
+    size_t next = tevBufferSize * 3 < 2 * kBufferCeiling ? tevBufferSize * 3 / 2 : kBufferCeiling;
+    uint8_t *grown = static_cast<uint8_t *>(realloc(tevBuffer, next));
+    if (grown == nullptr) {
+      return TEVLIB_BUFFER_TOO_SMALL;
+    }
+    tevBuffer = grown;
+    tevBufferSize = next;
+    rc = TevLib_ReadFromFd(fd, tevBuffer, tevBufferSize, &length);
+  }
+  if (rc != 0) {
+    return rc;
+  }
+  if (length == 0 || length > kBufferCeiling - 1) {
+    return -1;
+  }
+  return TevdAgent_Distribute(tevBuffer, length);
+}
+
+// Closes the user connection at *index, keeping the set dense; the walk
+// index steps back so that the entry moved into the slot is served now.
+void CloseConnection(struct pollfd *set, int *count, int *index) {
+  int i = *index;
+  if (TevLib_UserContextCloseCnx(set[i].fd) < 0) {
+    return;
+  }
+  int last = *count - 1;
+  if (i != last) {
+    set[i] = set[last];
+    set[last] = {-1, POLLIN, 0};
+    --*index;
+  } else {
+    set[i] = {-1, POLLIN, 0};
+  }
+  --*count;
+}
+
+int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
+  int count = kFixedEntries;
+  for (;;) {
+    if (exitRequested) {
+      TevdLog("Exiting due to signal.\n");
+      return 0;
+    }
+    if (poll(set, static_cast<nfds_t>(count), -1) < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return -1;
+    }
+    for (int i = 0; i < count; ++i) {
+      short rev = set[i].revents;
+      if (rev == 0) {
+        continue;
+      }
+      if ((rev & POLLIN) == 0) {
+        if (i >= kFixedEntries && (rev & kErrorBits) != 0) {
+          CloseConnection(set, &count, &i);
+          continue;
+        }
+      } else if (i < kUserListener) {
+        int rc = ReadTevs(contexts[i].handle, set[i].fd);
+        if (rc == TEVLIB_BUFFER_TOO_SMALL) {
+          if (TevLib_Reset(contexts[i].handle) != 0) {
+            char name[TEVLIB_NAME_MAX];
+            TevLib_HandleToName(contexts[i].handle, name);
+          }
+        } else if (rc > 0) {
+          return rc;
+        }
+      } else if (i == kUserListener && capacity > kFixedEntries) {
+        int fd = -1;
+        if (count >= kMaxEntries) {
+          if (TevLib_UserContextNewCnx(contexts[kUserListener].handle, &fd) == 0) {
+            close(fd);  // eight connections at most; extra clients are dropped
+          }
+        } else if (TevLib_UserContextNewCnx(contexts[kUserListener].handle, &fd) == 0) {
+          set[count] = {fd, POLLIN, 0};
+          ++count;
+        }
+      } else if (i == kTraceListener) {
+        TevdTrace_Accept(set[i].fd);
+      } else {
+        // A connection, or the listener itself when only the fixed set exists.
+        int rc = ReadTevs(contexts[kUserListener].handle, set[i].fd);
+        if (rc != 0 && (rev & kErrorBits) != 0 && i >= kFixedEntries) {
+          CloseConnection(set, &count, &i);
+          continue;
+        }
+      }
+      set[i].events = POLLIN;
+      set[i].revents = 0;
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  ContextRow contexts[kNumContexts];
+  memcpy(contexts, kContextTable, sizeof contexts);
+  ParseOptions(argc, argv);
+
+  int rc = InstallSignals();
+  struct pollfd *fixedSet = nullptr;
+  struct pollfd *set = nullptr;
+  int capacity = kFixedEntries;
+  if (rc == 0) {
+    TevdAlarm_StartThread();
+    char kernelDate[128];
+    char myDate[128];
+    if (KNO_CheckSig(21, kernelDate, sizeof kernelDate, myDate, sizeof myDate) != 0) {
+      Panic("md5 signature mismatch with running mantle built on %s (my build date: %s)\n",
+            kernelDate, myDate);
+    }
+    TevdQprob_Init();
+    if (enableTevs) {
+      rc = EnableAsyncTevs();
+    }
+  }
+  if (rc == 0) {
+    fixedSet = static_cast<struct pollfd *>(calloc(kFixedEntries, sizeof(struct pollfd)));
+    if (fixedSet == nullptr) {
+      rc = 1;
+    }
+  }
+  for (int i = 0; rc == 0 && i < kUserListener; ++i) {
+    rc = TevLib_AsyncContextOpen(contexts[i].domain, &contexts[i].handle);
+    if (rc == 0) {
+      fixedSet[i].events = POLLIN;
+      TevLib_HandleToFd(contexts[i].handle, &fixedSet[i].fd);
+    }
+  }
+  if (rc == 0) {
+    rc = TevLib_UserContextOpen(contexts[kUserListener].domain, &contexts[kUserListener].handle);
+    if (rc == 0) {
+      fixedSet[kUserListener].events = POLLIN;
+      TevLib_HandleToFd(contexts[kUserListener].handle, &fixedSet[kUserListener].fd);
+    }
+  }
+  if (rc != 0) {
+    free(fixedSet);
+    fixedSet = nullptr;
+  }
+  if (rc == 0) {
+    fixedSet[kTraceListener] = {TevdTrace_Open(nullptr), POLLIN, 0};
+    rc = TevdAgent_InitStreamList();
+  }
+  if (rc == 0) {
+    const char *extra = getenv("TEVD_EXTRA_AGENTS");
+    TevdCorrelator_StartAll(extra != nullptr && strcmp(extra, "1") == 0);
+    tevBuffer = static_cast<uint8_t *>(malloc(kBufferInitial));
+    if (tevBuffer == nullptr) {
+      TevdLog("Error allocating space for tev buffer. Out of memory\n");
+      rc = 12;
+    } else {
+      tevBufferSize = kBufferInitial;
+    }
+  }
+  if (rc == 0) {
+    set = static_cast<struct pollfd *>(malloc(kMaxEntries * sizeof(struct pollfd)));
+    if (set != nullptr) {
+      memcpy(set, fixedSet, kFixedEntries * sizeof(struct pollfd));
+      for (int i = kFixedEntries; i < kMaxEntries; ++i) {
+        set[i] = {-1, POLLIN, 0};
+      }
+      capacity = kMaxEntries;
+    }
+    rc = RunLoop(contexts, set != nullptr ? set : fixedSet, capacity);
+  }
+
+  TevdAgent_StopAll();
+  free(set);
+  free(fixedSet);
+  for (auto &row : contexts) {
+    if (row.handle != nullptr) {
+      int st = TevLib_Close(row.handle);
+      if (st != 0) {
+        TevdLog("Error closing handle %p: %d\n", static_cast<void *>(row.handle), st);
+      }
+    }
+  }
+  TevdLog("Exiting. rc:%d\n", rc);
+  return rc;
+}

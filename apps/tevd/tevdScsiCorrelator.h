@@ -1,0 +1,50 @@
+// SCSI correlator: the "scsi" agent's handler table, its direct translations
+// (tevdScsiCorrelator.cpp) and its stateful path/device tracking
+// (tevdScsiPathTracker.cpp). Everything here runs on the "scsi" agent thread
+// only; the tracking tables carry no lock for that reason.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tevdCorrelator.h"
+
+// The 33 registered identifiers with their handlers, in registration order.
+TevHandlerMap TevdScsiCorrelator_BuildMap(void);
+// Fallback for identifiers without a handler: logs "No correlator for %s \n".
+int TevdScsiCorrelatorDoDefault(Tev *tev);
+
+// ---- direct translations (tevdScsiCorrelator.cpp) ----------------------------
+// One row-driven handler serves every stateless translation.
+int TevdScsiCorrelatorDoTranslation(Tev *tev);
+int TevdScsiCorrelatorDoBadPePath(Tev *tev);
+
+// ---- stateful handlers (tevdScsiPathTracker.cpp) -----------------------------
+int TevdScsiCorrelatorDoPathDown(Tev *tev);
+int TevdScsiCorrelatorDoPathUp(Tev *tev);
+int TevdScsiCorrelatorDoPathAddRemove(Tev *tev);
+int TevdScsiCorrelatorDoPowerOnReset(Tev *tev);
+int TevdScsiCorrelatorDoPermanentLoss(Tev *tev);
+int TevdScsiCorrelatorDoThinProvAtQuota(Tev *tev);
+
+// Host-model queries. Each returns false when the entry is absent (the
+// host-control exception is swallowed).
+bool TevdScsiCorrelator_GetPathDevice(const std::string &path, std::string *device);
+bool TevdScsiCorrelator_GetDeviceStatus(const std::string &device, uint32_t *status);
+// The affected-datastores text of a device: each volume name quoted, joined by
+// ", ", partition 0 skipped, duplicates dropped. True only when not empty.
+bool TevdScsiCorrelator_GetDatastores(const std::string &device, std::string *text);
+
+// Counting periods of the path-state and power-on-reset tables.
+constexpr int64_t TEVD_SCSI_COUNT_PERIOD = 600;
+constexpr int64_t TEVD_SCSI_SWEEP_INTERVAL = 60;
+constexpr uint32_t TEVD_SCSI_SWEEP_CEILING = 9;
+constexpr uint32_t TEVD_SCSI_REPORT_COUNT = 10;
+
+// ---- test support ---------------------------------------------------------------
+// Forgets the reported-down table and both counter tables (timestamps back to 0).
+void TevdScsiCorrelator_ResetForTest(void);
+// Counter of `name` in the path-state table (porTable false) or the power-on
+// reset table; -1 when the name has no entry.
+int64_t TevdScsiCorrelator_CounterForTest(const std::string &name, bool porTable);
+bool TevdScsiCorrelator_IsReportedDownForTest(const std::string &device);

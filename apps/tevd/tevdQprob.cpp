@@ -1,0 +1,426 @@
+// Event posting to the management agent.
+//
+// DESIGN: TevdQprob_Post runs on every correlator thread at once. Building,
+// formatting and the immediate send take no lock: each call owns its working
+// buffer. Two pieces of shared state exist:
+//  - the rate window (start, count) and the retry-armed flag: plain counters
+//    whose races are tolerated by design (a lost count only shifts the limit);
+//    they are relaxed atomics so that the race is a defined one;
+//  - the retry list, guarded by retryListMutex. The retry pass runs on the
+//    alarm thread and holds the mutex across all of its connection attempts,
+//    so a correlator queueing during a pass waits for it.
+// Message layout: docs/delivery.md.
+#include "tevdQprob.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "KNO.h"
+#include "MsgFmt.h"
+#include "PlatformRoot.h"
+#include "TevClock.h"
+#include "tevdAlarm.h"
+#include "tevdLog.h"
+#include "tevdTrace.h"
+
+namespace {
+
+// Header field offsets of the qprob message.
+constexpr size_t kOffTimestamp = 0;
+constexpr size_t kOffHostIdentity = 16;
+constexpr size_t kHostIdentityBytes = 38;   // bytes 16..53 of the UUID record
+constexpr size_t kOffTotalLength = 56;
+constexpr size_t kOffArgCount = 60;
+constexpr size_t kOffIdLength = 64;
+constexpr uint32_t kLengthOverhead = 72;    // fixed part counted in the total length
+constexpr int kSerialiseAttempts = 5;
+constexpr int64_t kRateWindowSeconds = 60;
+constexpr int32_t kRateLimit = 1000;
+constexpr unsigned kRetrySeconds = 180;
+constexpr int kMaxRetries = 5;
+constexpr socklen_t kSockAddrLength = 110;
+static_assert(sizeof(sockaddr_un) == kSockAddrLength, "sockaddr_un is 110 bytes");
+
+struct RetryEntry {
+  RetryEntry *next;
+  RetryEntry *prev;
+  int32_t failures;
+  uint64_t length;
+  uint8_t *message;
+};
+
+pthread_mutex_t retryListMutex = PTHREAD_MUTEX_INITIALIZER;
+RetryEntry retryHead;            // sentinel of the circular list, oldest first
+bool retryListInitialised = false;
+
+std::atomic<int32_t> retryAlarmId{-1};
+std::atomic<bool> retryAlarmArmed{false};
+std::atomic<int64_t> rateWindowStart{0};
+std::atomic<int32_t> rateCount{0};
+
+uint8_t hostIdentity[KNO_SYSTEM_UUID_SIZE];
+
+// The agent's socket path under TEVD_ROOT, resolved once rather than on every
+// post; tests forget it when they switch roots.
+pthread_mutex_t pathMutex = PTHREAD_MUTEX_INITIALIZER;
+std::string socketPath;
+bool socketPathResolved = false;
+
+pthread_mutex_t hookMutex = PTHREAD_MUTEX_INITIALIZER;
+TevdQprobSendHook sendHook = nullptr;
+void *sendHookCtx = nullptr;
+
+void PutU32(uint8_t *buf, size_t off, uint32_t v) { memcpy(buf + off, &v, sizeof v); }
+uint32_t GetU32(const uint8_t *buf, size_t off) {
+  uint32_t v;
+  memcpy(&v, buf + off, sizeof v);
+  return v;
+}
+
+const char *MessageId(const uint8_t *message) {
+  return reinterpret_cast<const char *>(message) + TEVD_QPROB_HEADER_SIZE;
+}
+
+void InitRetryListLocked() {
+  if (!retryListInitialised) {
+    retryHead.next = &retryHead;
+    retryHead.prev = &retryHead;
+    retryListInitialised = true;
+  }
+}
+
+void UnlinkEntry(RetryEntry *e) {
+  e->prev->next = e->next;
+  e->next->prev = e->prev;
+  free(e->message);
+  free(e);
+}
+
+void ArmRetryAlarm() {
+  TevdAlarm_Set(retryAlarmId.load(std::memory_order_relaxed), 0, kRetrySeconds, nullptr);
+}
+
+// Fixed 60-second window opened by the first event after the previous one ran
+// out. Returns false when this event is over the limit.
+bool RateAllows() {
+  struct timeval tv;
+  TevClock_GetTimeOfDay(&tv);
+  int64_t now = tv.tv_sec;
+  int64_t start = rateWindowStart.load(std::memory_order_relaxed);
+  // A clock that went backwards (negative distance) stays in the window.
+  if (start != 0 && now - start <= kRateWindowSeconds - 1) {
+    return rateCount.fetch_add(1, std::memory_order_relaxed) + 1 <= kRateLimit;
+  }
+  rateCount.store(1, std::memory_order_relaxed);
+  rateWindowStart.store(now, std::memory_order_relaxed);
+  return true;
+}
+
+std::string SocketPath() {
+  pthread_mutex_lock(&pathMutex);
+  if (!socketPathResolved) {
+    socketPath = PlatformRoot_Path(TEVD_QPROB_SOCKET);
+    socketPathResolved = true;
+  }
+  std::string path = socketPath;
+  pthread_mutex_unlock(&pathMutex);
+  return path;
+}
+
+int SendOverSocket(const void *message, size_t length) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    return -1;
+  }
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  std::string path = SocketPath();
+  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path);
+  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), kSockAddrLength) != 0) {
+    close(fd);
+    return -1;
+  }
+  const uint8_t *bytes = static_cast<const uint8_t *>(message);
+  size_t sent = 0;
+  while (sent < length) {
+    // Ask only for the remainder: the message buffer ends at `length`.
+    ssize_t n = send(fd, bytes + sent, length - sent, MSG_NOSIGNAL);
+    if (n < 0) {
+      close(fd);
+      return -1;
+    }
+    sent += static_cast<size_t>(n);
+  }
+  close(fd);
+  return 0;
+}
+
+}  // namespace
+
+void TevdQprob_Init(void) {
+  retryAlarmId.store(TevdAlarm_Register(TevdQprobAlarmHandler), std::memory_order_relaxed);
+  // A failed query leaves the identity zero; the agent then sees no host.
+  memset(hostIdentity, 0, sizeof hostIdentity);
+  KNO_ParamList *none = KNO_ParamListCreate();
+  KNO_Get(KNO_NODE_system_systemUuid, none, hostIdentity, sizeof hostIdentity);
+  KNO_ParamListDestroy(none);
+  SocketPath();
+}
+
+void TevdQprob_Post(int flags, EventClass cls, const char *templ, ...) {
+  const char *prefix;
+  size_t skip;
+  switch (cls) {
+    case Audit:
+      prefix = "kos.audit.";
+      skip = 18;
+      break;
+    case Clear:
+      prefix = "kos.clear.";
+      skip = 18;
+      break;
+    case Problem:
+      prefix = "kos.problem.";
+      skip = 20;
+      break;
+    default:
+      Panic("NOT_REACHED %s:%d\n", "apps/tevd/tevdQprob", 608);
+  }
+  // Every template carries ")" after the identifier; the scan is unbounded.
+  const char *start = templ + skip;
+  const char *close = start;
+  while (*close != ')') {
+    close++;
+  }
+  size_t len = static_cast<size_t>(close - start);
+  char *suffix = static_cast<char *>(malloc(len + 1));
+  if (suffix == nullptr) {
+    Panic("MEM_ALLOC %s:%d\n", "apps/tevd/tevdQprob", 619);
+  }
+  memcpy(suffix, start, len);
+  suffix[len] = '\0';
+  va_list ap;
+  va_start(ap, templ);
+  TevdQprob_PostV(prefix, suffix, close + 1, ap, flags);
+  va_end(ap);
+  free(suffix);
+}
+
+void Tevd_PostProblem(const char *idSuffix, const char *format, ...) {
+  TevdLog("Using discouraged \"Tevd_PostProblem\" interface for qprob: %s", idSuffix);
+  va_list ap;
+  va_start(ap, format);
+  TevdQprob_PostV("kos.problem.", idSuffix, format, ap, 0);
+  va_end(ap);
+}
+
+void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *format, va_list args,
+                     int flags) {
+  size_t size = TEVD_QPROB_INITIAL_BUFFER;
+  uint8_t *buf = static_cast<uint8_t *>(calloc(1, size));
+  if (buf == nullptr) {
+    TevdLog("Failed to allocate %zu bytes for prob buffer.\n", size);
+    return;
+  }
+  if (!RateAllows()) {
+    TevdLog("Event rate limit reached. Dropping qprob: %s%s\n", prefix, idSuffix);
+    free(buf);
+    return;
+  }
+  size_t idLen64 = strlen(prefix) + strlen(idSuffix) + 1;
+  if (idLen64 > TEVD_QPROB_MAX_ID_LENGTH) {
+    free(buf);   // identifiers over 128 characters are never sent, silently
+    return;
+  }
+  uint32_t idLen = static_cast<uint32_t>(idLen64);
+  PutU32(buf, kOffIdLength, idLen);
+  char *id = reinterpret_cast<char *>(buf + TEVD_QPROB_HEADER_SIZE);
+  snprintf(id, idLen, "%s%s", prefix, idSuffix);
+  PutU32(buf, kOffArgCount, 0);
+  memcpy(buf + kOffHostIdentity, hostIdentity + kOffHostIdentity, kHostIdentityBytes);
+  uint32_t total = idLen + kLengthOverhead;
+  PutU32(buf, kOffTotalLength, total);
+
+  int rc = MtlSyscall(MTL_SYSCALL_EVENT_TIMESTAMP, buf);
+  if (rc < 0) {
+    errno = -rc;   // the stamp is best effort; building goes on
+  }
+
+  MsgFmt_Arg *arguments = nullptr;
+  int count = 0;
+  size_t capacity = 0;
+  bool fitted = false;
+  for (int attempt = 0; attempt < kSerialiseAttempts && !fitted; attempt++) {
+    char *error = nullptr;
+    capacity = size - total;
+    va_list copy;
+    va_copy(copy, args);
+    fitted = MsgFmt_GetArgsWithBuf(format, copy, &arguments, &count, &error,
+                                   buf + TEVD_QPROB_HEADER_SIZE + idLen, &capacity);
+    va_end(copy);
+    if (fitted) {
+      break;
+    }
+    size_t bigger = size * 2;
+    uint8_t *grown = static_cast<uint8_t *>(realloc(buf, bigger));
+    if (grown == nullptr) {
+      TevdLog("Failed to allocate %zu bytes for prob buffer.", bigger);
+      free(buf);
+      return;
+    }
+    // Keep the buffer zero-filled: bytes past the block travel as zeros.
+    memset(grown + size, 0, bigger - size);
+    buf = grown;
+    size = bigger;
+  }
+  if (!fitted) {
+    free(buf);   // too large after five attempts: dropped without a line
+    return;
+  }
+  id = reinterpret_cast<char *>(buf + TEVD_QPROB_HEADER_SIZE);
+
+  uint64_t stamp;
+  memcpy(&stamp, buf + kOffTimestamp, sizeof stamp);
+  char *text = MsgFmt_Asprintf(nullptr, format, arguments, count);
+  TevdLog("[%s] %luus: [%s] %s\n", VThreadBase_CurName(), static_cast<unsigned long>(stamp), id,
+          text != nullptr ? text : "");
+  free(text);
+
+  MsgFmt_SwizzleArgs(arguments, count);
+  PutU32(buf, kOffArgCount, static_cast<uint32_t>(count));
+  total += static_cast<uint32_t>(capacity);
+  PutU32(buf, kOffTotalLength, total);
+
+  TevdTrace_Record("OUT", stamp, id, buf + TEVD_QPROB_HEADER_SIZE + idLen, capacity, count);
+
+  if ((flags & 0xff) == 0 && TevdQprob_Send(buf, total) == 0) {
+    free(buf);
+    return;
+  }
+  TevdLog("An event (%s) could not be sent immediately to marshd; queueing for retry.", id);
+  TevdQprob_Queue(buf, total);
+  free(buf);
+}
+
+int TevdQprob_Send(const void *message, size_t length) {
+  pthread_mutex_lock(&hookMutex);
+  TevdQprobSendHook hook = sendHook;
+  void *ctx = sendHookCtx;
+  pthread_mutex_unlock(&hookMutex);
+  if (hook != nullptr) {
+    return hook(message, length, ctx);
+  }
+  return SendOverSocket(message, length);
+}
+
+void TevdQprob_Queue(const void *message, size_t length) {
+  pthread_mutex_lock(&retryListMutex);
+  InitRetryListLocked();
+  pthread_mutex_unlock(&retryListMutex);
+
+  RetryEntry *entry = static_cast<RetryEntry *>(malloc(sizeof(RetryEntry)));
+  if (entry == nullptr) {
+    return;
+  }
+  entry->message = static_cast<uint8_t *>(malloc(length > 0 ? length : 1));
+  if (entry->message == nullptr) {
+    free(entry);
+    return;
+  }
+  memcpy(entry->message, message, length);
+  entry->failures = 0;
+  entry->length = length;
+
+  pthread_mutex_lock(&retryListMutex);
+  entry->prev = retryHead.prev;
+  entry->next = &retryHead;
+  retryHead.prev->next = entry;
+  retryHead.prev = entry;
+  pthread_mutex_unlock(&retryListMutex);
+
+  if (!retryAlarmArmed.load(std::memory_order_relaxed)) {
+    ArmRetryAlarm();
+    retryAlarmArmed.store(true, std::memory_order_relaxed);
+  }
+}
+
+void TevdQprobAlarmHandler(void) {
+  pthread_mutex_lock(&retryListMutex);
+  InitRetryListLocked();
+  if (retryHead.next == &retryHead) {
+    pthread_mutex_unlock(&retryListMutex);
+    retryAlarmArmed.store(false, std::memory_order_relaxed);
+    return;
+  }
+  bool anyStays = false;
+  RetryEntry *next;
+  for (RetryEntry *e = retryHead.next; e != &retryHead; e = next) {
+    next = e->next;
+    int rc = TevdQprob_Send(e->message, e->length);
+    if (rc < 0) {
+      e->failures++;
+    }
+    int n = e->failures;
+    // Counts include the first, immediate attempt.
+    if (rc >= 0) {
+      TevdLog("Successfully sent event (%s) after %d failure%s.\n", MessageId(e->message), n + 1,
+              n == 0 ? "" : "s");
+      UnlinkEntry(e);
+    } else if (n <= kMaxRetries - 1) {
+      TevdLog("Failed to send event (%s); %d failures so far.\n", MessageId(e->message), n + 1);
+      anyStays = true;
+    } else {
+      TevdLog("Abandoned event (%s) after %d failures.\n", MessageId(e->message), n + 1);
+      UnlinkEntry(e);
+    }
+  }
+  pthread_mutex_unlock(&retryListMutex);
+  if (anyStays) {
+    ArmRetryAlarm();
+  } else {
+    retryAlarmArmed.store(false, std::memory_order_relaxed);
+  }
+}
+
+void TevdQprob_SetSendHookForTest(TevdQprobSendHook hook, void *ctx) {
+  pthread_mutex_lock(&hookMutex);
+  sendHook = hook;
+  sendHookCtx = ctx;
+  pthread_mutex_unlock(&hookMutex);
+}
+
+void TevdQprob_ResetForTest(void) {
+  rateWindowStart.store(0, std::memory_order_relaxed);
+  rateCount.store(0, std::memory_order_relaxed);
+  pthread_mutex_lock(&retryListMutex);
+  InitRetryListLocked();
+  while (retryHead.next != &retryHead) {
+    UnlinkEntry(retryHead.next);
+  }
+  pthread_mutex_unlock(&retryListMutex);
+  retryAlarmArmed.store(false, std::memory_order_relaxed);
+  pthread_mutex_lock(&pathMutex);
+  socketPathResolved = false;
+  socketPath.clear();
+  pthread_mutex_unlock(&pathMutex);
+}
+
+size_t TevdQprob_RetryListLengthForTest(void) {
+  pthread_mutex_lock(&retryListMutex);
+  InitRetryListLocked();
+  size_t n = 0;
+  for (RetryEntry *e = retryHead.next; e != &retryHead; e = e->next) {
+    n++;
+  }
+  pthread_mutex_unlock(&retryListMutex);
+  return n;
+}

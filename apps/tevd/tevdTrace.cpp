@@ -1,0 +1,281 @@
+// Trace server.
+//
+// DESIGN: traceMutex guards the history (oldest first, at most 131072 bytes
+// of text but always the newest line) and the listener map keyed by client
+// descriptor. Producers (the main loop for "IN", correlator threads for
+// "OUT") build their line without the lock, then append it to the history
+// and to every listener's pending list and broadcast traceUpdated.
+// Each client has two threads: the serving thread (detached) queues the
+// replay, then only watches for the hang-up; the writer thread takes the
+// pending lines under the lock and writes them with the lock released, so a
+// slow or vanished client never blocks a producer or another client. Writes
+// use MSG_NOSIGNAL: a client that went away yields EPIPE, never a signal.
+#include "tevdTrace.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <iomanip>
+#include <map>
+#include <sstream>
+
+#include "PlatformRoot.h"
+#include "TevClock.h"
+#include "tevdLog.h"
+#include "tevdTraceListeners.h"
+
+namespace {
+
+struct Listener {
+  std::vector<std::string> pending;
+  bool closing = false;
+};
+
+pthread_mutex_t traceMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t traceUpdated = PTHREAD_COND_INITIALIZER;
+std::deque<std::string> history;            // guarded by traceMutex
+uint64_t historySize = 0;                   // guarded by traceMutex
+std::map<int, Listener> listeners;          // guarded by traceMutex
+
+constexpr socklen_t kSockAddrLength = 110;
+constexpr int kBacklog = 128;
+
+const char *ErrorText(int err, char *buf, size_t size) {
+  return strerror_r(err, buf, size);   // GNU form: returns the text
+}
+
+int FdOf(void *arg) { return static_cast<int>(reinterpret_cast<intptr_t>(arg)); }
+void *ArgOf(int fd) { return reinterpret_cast<void *>(static_cast<intptr_t>(fd)); }
+
+// One trace line, or false when a string argument cannot be read.
+bool BuildLine(const char *direction, uint64_t timeStamp, const char *id, const void *args,
+               size_t argsSize, int numArgs, std::string *line) {
+  struct timespec now;
+  TevClock_GetRealtime(&now);
+  std::ostringstream os;
+  os << now.tv_sec << '.' << std::setw(9) << std::setfill('0') << now.tv_nsec << std::setfill(' ')
+     << ',' << direction << ',' << timeStamp << ',' << id << ',';
+  for (int i = 0; i < numArgs; i++) {
+    MsgFmt_Arg slot = MsgFmt_ReadSlot(args, i);
+    switch (slot.type) {
+      case MSGFMT_TYPE_INT32:
+        os << ',' << static_cast<int32_t>(slot.value);
+        break;
+      case MSGFMT_TYPE_INT64:
+        os << ',' << static_cast<int64_t>(slot.value);
+        break;
+      case MSGFMT_TYPE_UINT32:
+        os << ',' << static_cast<uint32_t>(slot.value);
+        break;
+      case MSGFMT_TYPE_UINT64:
+        os << ',' << slot.value;
+        break;
+      case MSGFMT_TYPE_STRING: {
+        const char *str = nullptr;
+        if (MsgFmt_GetSwizzledString(args, argsSize, numArgs, i, &str) != 0) {
+          TevdLog("Invalid argument in tev with ID %s", id);
+          return false;
+        }
+        os << ",\"";
+        for (const char *p = str != nullptr ? str : "(null)"; *p != '\0'; p++) {
+          if (*p == '"') {
+            os << '"';
+          }
+          os << *p;
+        }
+        os << '"';
+        break;
+      }
+      default:
+        os << ",???";
+        break;
+    }
+  }
+  os << '\n';
+  *line = os.str();
+  return true;
+}
+
+// Writes all of `line`; false (errno set) on failure.
+bool WriteAll(int fd, const std::string &line) {
+  size_t done = 0;
+  while (done < line.size()) {
+    ssize_t n = send(fd, line.data() + done, line.size() - done, MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) {
+      n = write(fd, line.data() + done, line.size() - done);
+    }
+    if (n < 1) {
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+int TevdTrace_Open(const char *path) {
+  std::string resolved = path != nullptr ? std::string(path) : PlatformRoot_Path(TEVD_TRACE_SOCKET);
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, resolved.c_str(), sizeof addr.sun_path);
+  if (addr.sun_path[sizeof addr.sun_path - 1] != '\0') {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  PlatformRoot_MakeDirs(resolved);
+  unlink(resolved.c_str());
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    return -1;
+  }
+  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), kSockAddrLength) != 0 ||
+      listen(fd, kBacklog) != 0) {
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    return -1;
+  }
+  return fd;
+}
+
+void TevdTrace_Accept(int listenFd) {
+  char err[128];
+  int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd < 0) {
+    TevdLog("Trace accept() failed: %s", ErrorText(errno, err, sizeof err));
+    return;
+  }
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  int rc = pthread_create(&thread, &attr, TevdTraceServeMain, ArgOf(fd));
+  pthread_attr_destroy(&attr);
+  if (rc != 0) {
+    TevdLog("pthread_create failed: %s", ErrorText(rc, err, sizeof err));
+    close(fd);
+  }
+}
+
+void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id, const void *args,
+                      size_t argsSize, int numArgs) {
+  std::string line;
+  if (!BuildLine(direction, timeStamp, id, args, argsSize, numArgs, &line)) {
+    return;
+  }
+  pthread_mutex_lock(&traceMutex);
+  history.push_back(line);
+  historySize += line.size();
+  // Keep at most 128 KiB, but never drop the newest line.
+  while (historySize > TEVD_TRACE_HISTORY_MAX && history.size() > 1) {
+    historySize -= history.front().size();
+    history.pop_front();
+  }
+  for (auto &entry : listeners) {
+    entry.second.pending.push_back(line);
+  }
+  pthread_mutex_unlock(&traceMutex);
+  pthread_cond_broadcast(&traceUpdated);
+}
+
+void *TevdTraceServeMain(void *arg) {
+  int fd = FdOf(arg);
+  pthread_mutex_lock(&traceMutex);
+  Listener &listener = listeners[fd];
+  listener.pending.insert(listener.pending.end(), history.begin(), history.end());
+  listener.pending.push_back("\n");   // separates the replay from live lines
+  pthread_mutex_unlock(&traceMutex);
+
+  pthread_t writer;
+  int rc = pthread_create(&writer, nullptr, TevdTraceWriter, arg);
+  if (rc != 0) {
+    char err[128];
+    TevdLog("pthread_create failed: %s", ErrorText(rc, err, sizeof err));
+    close(fd);
+    return nullptr;
+  }
+
+  // Clients send nothing meaningful: read and discard until the hang-up.
+  for (;;) {
+    struct pollfd pfd = {fd, POLLIN, 0};
+    if (poll(&pfd, 1, -1) < 0 && errno == EINTR) {
+      continue;
+    }
+    char byte;
+    if (read(fd, &byte, 1) <= 0) {
+      break;
+    }
+  }
+
+  pthread_mutex_lock(&traceMutex);
+  listeners[fd].closing = true;
+  pthread_mutex_unlock(&traceMutex);
+  pthread_cond_broadcast(&traceUpdated);
+  pthread_join(writer, nullptr);
+  pthread_mutex_lock(&traceMutex);
+  listeners.erase(fd);
+  pthread_mutex_unlock(&traceMutex);
+  close(fd);
+  return nullptr;
+}
+
+void *TevdTraceWriter(void *arg) {
+  int fd = FdOf(arg);
+  for (;;) {
+    std::vector<std::string> lines;
+    pthread_mutex_lock(&traceMutex);
+    for (;;) {
+      Listener &listener = listeners[fd];
+      lines.swap(listener.pending);
+      if (!lines.empty()) {
+        break;
+      }
+      if (listener.closing) {
+        pthread_mutex_unlock(&traceMutex);
+        return nullptr;
+      }
+      pthread_cond_wait(&traceUpdated, &traceMutex);
+    }
+    pthread_mutex_unlock(&traceMutex);
+
+    for (const std::string &line : lines) {
+      if (!WriteAll(fd, line)) {
+        if (errno != EPIPE) {
+          char err[128];
+          TevdLog("Unexpected write error %s", ErrorText(errno, err, sizeof err));
+        }
+        return nullptr;
+      }
+    }
+  }
+}
+
+std::vector<std::string> TevdTrace_HistoryForTest(void) {
+  pthread_mutex_lock(&traceMutex);
+  std::vector<std::string> copy(history.begin(), history.end());
+  pthread_mutex_unlock(&traceMutex);
+  return copy;
+}
+
+void TevdTrace_ResetForTest(void) {
+  pthread_mutex_lock(&traceMutex);
+  history.clear();
+  historySize = 0;
+  pthread_mutex_unlock(&traceMutex);
+}
+
+size_t TevdTrace_ListenerCountForTest(void) {
+  pthread_mutex_lock(&traceMutex);
+  size_t n = listeners.size();
+  pthread_mutex_unlock(&traceMutex);
+  return n;
+}

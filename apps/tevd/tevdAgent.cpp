@@ -235,8 +235,13 @@ void TevdAgent_StopAll(void) {
 int TevdAgent_NumStarted(void) { return agentCount; }
 
 int TevdAgent_InitStreamList(void) {
-  streamHead = streamTail = nullptr;
-  return pthread_mutex_init(&streamLock, nullptr);
+  static bool initialised = false;
+  if (initialised) {
+    return 0;
+  }
+  int rc = pthread_mutex_init(&streamLock, nullptr);
+  initialised = (rc == 0);
+  return rc;
 }
 
 bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id) {

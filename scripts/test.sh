@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds and runs every test. With "asan" or "tsan", the same suite under
+# AddressSanitizer+UndefinedBehaviorSanitizer or ThreadSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+variant="${1:-}"
+dir=build
+flags=()
+case "$variant" in
+  "") ;;
+  asan) dir=build-asan; flags=(-DTEVD_SANITIZE=asan -DCMAKE_BUILD_TYPE=Debug) ;;
+  tsan) dir=build-tsan; flags=(-DTEVD_SANITIZE=tsan -DCMAKE_BUILD_TYPE=Debug) ;;
+  *) echo "usage: $0 [asan|tsan]" >&2; exit 2 ;;
+esac
+cmake -S . -B "$dir" "${flags[@]}" >/dev/null
+cmake --build "$dir" -j2
+export ASAN_OPTIONS=detect_leaks=0:abort_on_error=0
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+ctest --test-dir "$dir" --output-on-failure -j2 --timeout 600

@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "TevdTestSupport.h"
+#include "tevdAgent.h"
+
+using namespace tevdtest;
+
+namespace {
+
+std::vector<uint8_t> Record(const std::string &id, const std::vector<MsgFmt_Value> &args = {}) {
+  return TevRecord_Encode(id, "msg of " + id, 77, args);
+}
+
+class AgentTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    signal(SIGPIPE, SIG_IGN);
+    static bool once = false;
+    if (!once) {
+      ASSERT_EQ(0, TevdAgent_InitStreamList());
+      once = true;
+    }
+  }
+};
+
+}  // namespace
+
+TEST_F(AgentTest, SubscriptionMatchesWholeDomainWordsAndExactIds) {
+  TevdAgent *agent = nullptr;
+  ASSERT_EQ(0, TevdAgent_Init("matchAgent", {"net", "storage.apd"}, {"tev.scsi.exact.one"}, &agent));
+  struct Row {
+    const char *id;
+    bool match;
+  } rows[] = {
+      {"tev.net.hwnic.linkstate.down", true},
+      {"tev.net", false},                 // the bare prefix
+      {"tev.network.x", false},           // extends the word without a dot
+      {"tev.net.", true},
+      {"tev.storage.apd.start", true},
+      {"tev.storage.other", false},
+      {"tev.scsi.exact.one", true},
+      {"tev.scsi.exact.one.more", false},
+      {"tev.scsi.exact", false},
+      {"tev.NET.hwnic", false},           // case-sensitive
+  };
+  for (const Row &r : rows) {
+    EXPECT_EQ(r.match, TevdAgent_SubscriptionMatches(agent->sub, r.id)) << r.id;
+  }
+  TevdAgent_Cleanup(agent);
+}
+
+TEST_F(AgentTest, ElevenWordsOrIdsFailInitialisationWithCode1) {
+  std::vector<std::string> eleven = {"a", "b", "c", "d", "e", "f", "g", "h", "i", "j", "k"};
+  std::vector<std::string> ten(eleven.begin(), eleven.end() - 1);
+  TevdAgent *agent = nullptr;
+  EXPECT_EQ(1, TevdAgent_Init("tooManyWords", eleven, {}, &agent));
+  EXPECT_EQ(1, TevdAgent_Init("tooManyIds", {"x"}, eleven, &agent));
+  ASSERT_EQ(0, TevdAgent_Init("tenWords", ten, ten, &agent));
+  TevdAgent_Cleanup(agent);
+}
+
+TEST_F(AgentTest, RecordWrittenInTwoPiecesReassemblesIntoOneObservation) {
+  TevdAgent *agent = nullptr;
+  ASSERT_EQ(0, TevdAgent_InitOne("splitAgent", "net", &agent));
+  std::vector<uint8_t> rec = Record("tev.net.split.record", {S("vmnic3"), I(-5)});
+  // Split inside the header, then inside the body.
+  size_t cuts[] = {10, 40};
+  size_t from = 0;
+  Tev *tev = nullptr;
+  for (size_t cut : cuts) {
+    ASSERT_EQ(static_cast<ssize_t>(cut - from), write(agent->stream->writeFd, rec.data() + from, cut - from));
+    ASSERT_EQ(0, TevdAgent_ReassembleStep(agent->stream, &tev));
+    EXPECT_EQ(nullptr, tev);
+    from = cut;
+  }
+  ASSERT_EQ(static_cast<ssize_t>(rec.size() - from),
+            write(agent->stream->writeFd, rec.data() + from, rec.size() - from));
+  ASSERT_EQ(0, TevdAgent_ReassembleStep(agent->stream, &tev));
+  ASSERT_NE(nullptr, tev);
+  const char *id = nullptr;
+  const char *nic = nullptr;
+  int32_t v = 0;
+  Tev_GetID(tev, &id);
+  EXPECT_STREQ("tev.net.split.record", id);
+  ASSERT_EQ(0, Tev_GetStringArg(tev, 0, &nic));
+  EXPECT_STREQ("vmnic3", nic);
+  ASSERT_EQ(0, Tev_GetIntArg(tev, 1, &v));
+  EXPECT_EQ(-5, v);
+  Tev_Free(tev);
+  TevdAgent_Cleanup(agent);
+}
+
+TEST_F(AgentTest, DistributionWritesEachRecordOnlyToMatchingStreams) {
+  TevdAgent *net = nullptr;
+  TevdAgent *scsi = nullptr;
+  ASSERT_EQ(0, TevdAgent_InitOne("netAgent", "net", &net));
+  ASSERT_EQ(0, TevdAgent_InitOne("scsiAgent", "scsi", &scsi));
+  std::vector<uint8_t> buf;
+  for (const char *id : {"tev.net.a", "tev.scsi.b", "tev.nobody.c", "tev.net.d"}) {
+    std::vector<uint8_t> r = Record(id);
+    buf.insert(buf.end(), r.begin(), r.end());
+  }
+  ASSERT_EQ(0, TevdAgent_Distribute(buf.data(), buf.size()));
+  auto next = [](TevdAgent *a) {
+    Tev *t = nullptr;
+    EXPECT_EQ(0, TevdAgent_WaitTev(a, &t));
+    const char *id = nullptr;
+    Tev_GetID(t, &id);
+    std::string s = id;
+    Tev_Free(t);
+    return s;
+  };
+  EXPECT_EQ("tev.net.a", next(net));
+  EXPECT_EQ("tev.net.d", next(net));
+  EXPECT_EQ("tev.scsi.b", next(scsi));
+  TevdAgent_Cleanup(net);
+  TevdAgent_Cleanup(scsi);
+}
+
+TEST_F(AgentTest, FailingPipeWriteStopsTheBufferAndReturnsErrno) {
+  TevdAgent *agent = nullptr;
+  ASSERT_EQ(0, TevdAgent_InitOne("brokenAgent", "broken", &agent));
+  close(agent->stream->readFd);
+  agent->stream->readFd = dup(agent->stream->writeFd);  // keeps cleanup's close valid
+  std::vector<uint8_t> r = Record("tev.broken.x");
+  // The write end's reader is gone: EPIPE (SIGPIPE ignored).
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  int savedWrite = agent->stream->writeFd;
+  agent->stream->writeFd = fds[1];
+  close(fds[0]);
+  EXPECT_EQ(EPIPE, TevdAgent_Distribute(r.data(), r.size()));
+  agent->stream->writeFd = savedWrite;
+  close(fds[1]);
+  TevdAgent_Cleanup(agent);
+}
+
+TEST_F(AgentTest, BrokenPipeWhileWaitingPanics) {
+  EXPECT_DEATH(
+      {
+        TevdAgent *agent = nullptr;
+        TevdAgent_InitOne("eofAgent", "eof", &agent);
+        close(agent->stream->writeFd);
+        Tev *t = nullptr;
+        TevdAgent_WaitTev(agent, &t);
+      },
+      "Tevd - Panic: EOF trying to read 32 bytes from stream 0x");
+}

@@ -1,0 +1,348 @@
+// Page retirement correlator: threshold arithmetic, the once-per-run report,
+// firmware forwarding gated per call, and the machine-check kill (count, span,
+// pruning, library failures). Expected events are literal texts decoded from
+// the wire; time moves only through the fake clock.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "LogCapture.h"
+#include "TevdTestSupport.h"
+#include "tevdCorrelator.h"
+#include "tevdPageRetireCorrelator.h"
+
+using tevdtest::ArgsText;
+using tevdtest::I;
+using tevdtest::MakeTev;
+using tevdtest::S;
+using tevdtest::U;
+using tevdtest::UL;
+
+namespace {
+
+const char kThresholdId[] = "tev.pageretire.selectedmpnthreshold.host.exceeded";
+const char kNotRetiredId[] = "tev.pageretire.selectedbutnotretired.high";
+const char kRequestId[] = "tev.pageretire.platform.retire.request";
+const char kMceId[] = "tev.pageretire.mce.injected";
+const char kKillEvent[] = "kos.problem.pageretire.mce.injected.2";
+
+class PageRetireTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    root.Write("platform/nodes/system/pageRetire/threshold", "1000");
+    root.Write("platform/options/PageRetire/ThresholdInterval", "10");
+    root.Write("platform/options/PageRetire/ApeiLoggingEnabled", "1");
+    root.Write("platform/vms/7/name", "web01");
+    TevdPageRetireCorrelator_Init();
+  }
+
+  void Selected(uint64_t n) {
+    auto tev = MakeTev(kThresholdId, {UL(n)});
+    TevdPageRetireCorrelatorSelectedThreshold(tev.get());
+  }
+  void Inject(uint32_t page, int32_t vm, int times = 1) {
+    for (int i = 0; i < times; i++) {
+      auto tev = MakeTev(kMceId, {U(page), I(vm)});
+      TevdPageRetireCorrelatorMceInjected(tev.get());
+    }
+  }
+  struct ThresholdStep {
+    uint64_t n;
+    bool posts;
+  };
+  // Feeds each N in turn and checks whether it posted (N, T).
+  void RunThresholdSteps(uint64_t threshold, const std::vector<ThresholdStep> &steps) {
+    for (const ThresholdStep &step : steps) {
+      Selected(step.n);
+      auto got = events.Take();
+      if (!step.posts) {
+        EXPECT_TRUE(got.empty()) << "N=" << step.n;
+        continue;
+      }
+      ASSERT_EQ(1u, got.size()) << "N=" << step.n;
+      EXPECT_EQ("kos.problem.pageretire.selectedmpnthreshold.host.exceeded", got[0].id);
+      EXPECT_EQ((std::vector<std::string>{"UL:" + std::to_string(step.n),
+                                          "UL:" + std::to_string(threshold)}),
+                ArgsText(got[0].args))
+          << "N=" << step.n;
+    }
+  }
+  std::string Killed(int32_t vm) {
+    std::string v;
+    return root.Read("platform/vms/" + std::to_string(vm) + "/killed", &v) ? v : "<absent>";
+  }
+
+  tevdtest::ScratchRoot root;
+  tevdtest::FakeClock clock;
+  tevdtest::EventCapture events;
+};
+
+}  // namespace
+
+// ---- selection threshold ------------------------------------------------------
+
+TEST_F(PageRetireTest, ReportsFirstCrossingThenEachIntervalStep) {
+  // T = 1000, I = 10: a further event needs N - 100 >= the last reported N.
+  RunThresholdSteps(1000,
+                    {{999, false},
+                     {1000, false},   // N equal to T is not above it
+                     {1001, true},
+                     {1050, false},   // 950 < 1001
+                     {1100, false},   // 1000 < 1001
+                     {1101, true},    // 1001 == 1001 reports
+                     {1101, false},
+                     {1200, false},
+                     {1201, true}});
+}
+
+TEST_F(PageRetireTest, IntervalStepAboveCountWrapsUnsignedAndReports) {
+  root.Write("platform/options/PageRetire/ThresholdInterval", "200");
+  TevdPageRetireCorrelator_Init();
+  // (T*I)/100 = 2000 > N: N - 2000 wraps to a huge value, so every N above T
+  // reports, even one below the last reported count.
+  RunThresholdSteps(1000, {{1001, true}, {1002, true}, {1001, true}, {1000, false}});
+}
+
+TEST_F(PageRetireTest, ProductOverflowsBeforeTheDivision) {
+  // T = 2^62, I = 10: T*I wraps to 2^63, so the step is 92233720368547758
+  // rather than T/10. The second N reports only with the wrapped product.
+  root.Write("platform/nodes/system/pageRetire/threshold", "4611686018427387904");
+  TevdPageRetireCorrelator_Init();
+  RunThresholdSteps(4611686018427387904ull,
+                    {{4611686018427387905ull, true},
+                     {4703919738795935662ull, false},
+                     {4703919738795935663ull, true}});
+}
+
+TEST_F(PageRetireTest, OtherIdentifierOrMissingArgumentIsIgnored) {
+  auto other = MakeTev("tev.pageretire.selectedmpnthreshold.host.other", {UL(5000)});
+  TevdPageRetireCorrelatorSelectedThreshold(other.get());
+  auto noArg = MakeTev(kThresholdId, {});
+  TevdPageRetireCorrelatorSelectedThreshold(noArg.get());
+  auto stringArg = MakeTev(kThresholdId, {S("5000")});
+  TevdPageRetireCorrelatorSelectedThreshold(stringArg.get());
+  EXPECT_EQ(0u, events.Count());
+  // Nothing was recorded: the first crossing still reports.
+  RunThresholdSteps(1000, {{1001, true}});
+}
+
+// ---- selected but not retired ------------------------------------------------
+
+TEST_F(PageRetireTest, NotRetiredReportedOncePerRun) {
+  auto first = MakeTev(kNotRetiredId, {UL(77)});
+  TevdPageRetireCorrelatorSelectedNotRetired(first.get());
+  auto got = events.Take();
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ("kos.problem.pageretire.selectedbutnotretired.high", got[0].id);
+  EXPECT_EQ((std::vector<std::string>{"UL:77"}), ArgsText(got[0].args));
+
+  for (uint64_t count : {77ull, 5000ull, 1ull}) {
+    auto again = MakeTev(kNotRetiredId, {UL(count)});
+    TevdPageRetireCorrelatorSelectedNotRetired(again.get());
+  }
+  EXPECT_EQ(0u, events.Count());
+}
+
+TEST_F(PageRetireTest, NotRetiredWithUnreadableCountDoesNotUseUpTheReport) {
+  auto bad = MakeTev(kNotRetiredId, {S("many")});
+  TevdPageRetireCorrelatorSelectedNotRetired(bad.get());
+  EXPECT_EQ(0u, events.Count());
+  auto good = MakeTev(kNotRetiredId, {UL(12)});
+  TevdPageRetireCorrelatorSelectedNotRetired(good.get());
+  EXPECT_EQ(1u, events.Count());
+}
+
+// ---- firmware request -------------------------------------------------------
+
+TEST_F(PageRetireTest, FirmwareRequestGatedByApeiLoggingReadOnEveryCall) {
+  struct Step {
+    const char *apei;
+    bool posts;
+  } steps[] = {{"1", true}, {"0", false}, {"1", true}, {"0", false}};
+  for (const Step &step : steps) {
+    root.Write("platform/options/PageRetire/ApeiLoggingEnabled", step.apei);
+    auto tev = MakeTev(kRequestId, {S("DIMM_A1"), S("SEL 0x1f")});
+    TevdPageRetireCorrelatorPlatformRequest(tev.get());
+    auto got = events.Take();
+    if (!step.posts) {
+      EXPECT_TRUE(got.empty()) << "ApeiLoggingEnabled=" << step.apei;
+      continue;
+    }
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ("kos.problem.pageretire.platform.retire.request", got[0].id);
+    EXPECT_EQ((std::vector<std::string>{"S:DIMM_A1", "S:SEL 0x1f"}), ArgsText(got[0].args));
+  }
+}
+
+TEST_F(PageRetireTest, FirmwareRequestUnderAnotherIdentifierIsNotPosted) {
+  auto tev = MakeTev("tev.pageretire.platform.retire.requested", {S("F"), S("L")});
+  TevdPageRetireCorrelatorPlatformRequest(tev.get());
+  auto noStrings = MakeTev(kRequestId, {I(1), I(2)});
+  TevdPageRetireCorrelatorPlatformRequest(noStrings.get());
+  EXPECT_EQ(0u, events.Count());
+}
+
+// ---- fatal reads --------------------------------------------------------------
+
+TEST_F(PageRetireTest, MissingThresholdNodeIsFatalAtStart) {
+  root.Remove("platform/nodes/system/pageRetire/threshold");
+  EXPECT_DEATH(TevdPageRetireCorrelator_Init(),
+               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:178");
+}
+
+TEST_F(PageRetireTest, MissingThresholdIntervalIsFatalAtStart) {
+  root.Remove("platform/options/PageRetire/ThresholdInterval");
+  EXPECT_DEATH(TevdPageRetireCorrelator_Init(),
+               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:189");
+}
+
+TEST_F(PageRetireTest, MissingApeiLoggingOptionIsFatalOnRequest) {
+  root.Remove("platform/options/PageRetire/ApeiLoggingEnabled");
+  auto tev = MakeTev(kRequestId, {S("F"), S("L")});
+  EXPECT_DEATH(TevdPageRetireCorrelatorPlatformRequest(tev.get()),
+               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:126");
+}
+
+// ---- injected machine checks -------------------------------------------------
+
+TEST_F(PageRetireTest, KillsAtFiftiethInjectionSpanningTwoSecondsAndNeverTwice) {
+  tevdtest::LogCapture log(root);
+  Inject(0x1234, 7);
+  clock.Advance(2);
+  Inject(0x1234, 7, 48);
+  EXPECT_EQ(0u, events.Count()) << "49 injections must not kill";
+  EXPECT_FALSE(TevdPageRetireCorrelator_KilledForTest(7));
+  EXPECT_EQ("<absent>", Killed(7));
+
+  Inject(0x1234, 7);
+  auto got = events.Take();
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ(kKillEvent, got[0].id);
+  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:50", "U:4660"}), ArgsText(got[0].args));
+  EXPECT_EQ("0", Killed(7));
+  EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(7));
+  EXPECT_NE("", log.WaitFor("[kos.problem.pageretire.mce.injected.2] Killing web01 because at "
+                            "least 50 uncorrectable memory error machine check exceptions were "
+                            "injected for guest physical page 0x1234 but the virtual machine's "
+                            "operating system kept using the page.\n"));
+
+  root.Remove("platform/vms/7/killed");
+  clock.Advance(5);
+  Inject(0x1234, 7, 10);
+  EXPECT_EQ(0u, events.Count());
+  EXPECT_EQ("<absent>", Killed(7));
+}
+
+TEST_F(PageRetireTest, FiftyWithinTwoSecondsWaitForALaterInjection) {
+  Inject(0x10, 7, 50);
+  clock.Advance(1);
+  Inject(0x10, 7);
+  EXPECT_EQ(0u, events.Count()) << "a span of 1 second must not kill";
+  clock.Advance(1);
+  Inject(0x10, 7);
+  auto got = events.Take();
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:52", "U:16"}), ArgsText(got[0].args));
+}
+
+TEST_F(PageRetireTest, InjectionsCountPerPageNotPerVirtualMachine) {
+  Inject(0x1, 7);
+  Inject(0x2, 7);
+  clock.Advance(3);
+  Inject(0x1, 7, 30);
+  Inject(0x2, 7, 30);
+  EXPECT_EQ(62, TevdPageRetireCorrelator_EntriesForTest(7));
+  EXPECT_EQ(0u, events.Count());
+  EXPECT_EQ("<absent>", Killed(7));
+}
+
+TEST_F(PageRetireTest, EntryExactlySixtySecondsOldStaysAndCounts) {
+  Inject(0x20, 7, 49);
+  clock.Advance(60);
+  Inject(0x20, 7);
+  EXPECT_EQ(50, TevdPageRetireCorrelator_EntriesForTest(7));
+  auto got = events.Take();
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:50", "U:32"}), ArgsText(got[0].args));
+}
+
+TEST_F(PageRetireTest, EntriesOlderThanSixtySecondsArePruned) {
+  Inject(0x20, 7, 49);
+  clock.Advance(61);
+  Inject(0x20, 7);
+  EXPECT_EQ(1, TevdPageRetireCorrelator_EntriesForTest(7));
+  EXPECT_EQ(0u, events.Count());
+
+  // Any injection prunes every record; an emptied record goes away.
+  clock.Advance(61);
+  Inject(0x20, 8);
+  EXPECT_EQ(-1, TevdPageRetireCorrelator_EntriesForTest(7));
+  EXPECT_EQ(1, TevdPageRetireCorrelator_EntriesForTest(8));
+}
+
+TEST_F(PageRetireTest, AbsentVirtualMachineIsNotKilledAndIsTriedAgain) {
+  Inject(0x30, 9);
+  clock.Advance(2);
+  Inject(0x30, 9, 49);
+  EXPECT_EQ(0u, events.Count());
+  EXPECT_FALSE(TevdPageRetireCorrelator_KilledForTest(9));
+
+  root.Write("platform/vms/9/name", "db02");
+  Inject(0x30, 9);
+  auto got = events.Take();
+  ASSERT_EQ(1u, got.size());
+  EXPECT_EQ((std::vector<std::string>{"S:db02", "I:51", "U:48"}), ArgsText(got[0].args));
+  EXPECT_EQ("0", Killed(9));
+  EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(9));
+}
+
+TEST_F(PageRetireTest, FailedKillAfterThePostStillMarksKilled) {
+  root.MakeDir("platform/vms/7/killed");   // the kill's write fails
+  Inject(0x40, 7);
+  clock.Advance(2);
+  Inject(0x40, 7, 49);
+  EXPECT_EQ(1u, events.Take().size());
+  EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(7));
+  Inject(0x40, 7, 5);
+  EXPECT_EQ(0u, events.Count());
+}
+
+TEST_F(PageRetireTest, KilledRecordAgesOutAndALaterRunKillsAgain) {
+  Inject(0x50, 7);
+  clock.Advance(2);
+  Inject(0x50, 7, 49);
+  ASSERT_EQ(1u, events.Take().size());
+  clock.Advance(61);
+  Inject(0x50, 7);
+  EXPECT_FALSE(TevdPageRetireCorrelator_KilledForTest(7));
+  clock.Advance(2);
+  Inject(0x50, 7, 49);
+  EXPECT_EQ(1u, events.Take().size());
+}
+
+// ---- dispatch -------------------------------------------------------------------
+
+TEST_F(PageRetireTest, MapRoutesEachIdentifierToItsHandler) {
+  TevHandlerMap map = TevdPageRetireCorrelator_BuildMap();
+  struct Row {
+    const char *id;
+    TevHandler handler;
+  } rows[] = {
+      {"tev.pageretire.selectedmpnthreshold.host.exceeded", TevdPageRetireCorrelatorSelectedThreshold},
+      {"tev.pageretire.selectedbutnotretired.high", TevdPageRetireCorrelatorSelectedNotRetired},
+      {"tev.pageretire.platform.retire.request", TevdPageRetireCorrelatorPlatformRequest},
+      {"tev.pageretire.mce.injected", TevdPageRetireCorrelatorMceInjected},
+  };
+  EXPECT_EQ(4u, map.size());
+  for (const Row &row : rows) {
+    EXPECT_EQ(row.handler, map[row.id]) << row.id;
+  }
+  auto tev = MakeTev(kThresholdId, {UL(2000)});
+  TevdCorrelator_Dispatch(TevdPageRetireCorrelatorDefault, map, tev.get());
+  EXPECT_EQ(1u, events.Count());
+  auto unknown = MakeTev("tev.pageretire.other", {UL(2000)});
+  TevdCorrelator_Dispatch(TevdPageRetireCorrelatorDefault, map, unknown.get());
+  EXPECT_EQ(1u, events.Count());
+}

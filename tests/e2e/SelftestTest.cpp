@@ -1,0 +1,82 @@
+// The self-test end to end: a real tevd with the self-test correlator
+// (TEVD_EXTRA_AGENTS=1) under a root made by `tevctl host init`, fed by
+// `tevctl selftest`. The daemon prints PASS/FAIL lines on stdout and exits
+// with the number of failures, which is what these tests read.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "TevctlProcess.h"
+
+using namespace tevctltest;
+
+namespace {
+
+struct SelftestRun {
+  int tevdStatus = -1;
+  int tevctlStatus = -1;
+  std::string tevdOut, tevdErr, tevctlOut, tevctlErr;
+};
+
+// Starts tevd, runs `tevctl selftest EXTRA...` against it and waits for the
+// daemon to end the run.
+SelftestRun RunSelftest(const std::vector<std::string> &extra) {
+  SelftestRun run;
+  TempRoot root;
+  RunResult init = RunTevctl(root.path(), {"host", "init"});
+  EXPECT_EQ(init.status, 0) << init.err;
+  Child tevd({TevdBin()}, {{"TEVD_ROOT", root.path()}, {"TEVD_EXTRA_AGENTS", "1"}});
+  EXPECT_TRUE(tevd.started());
+  std::vector<std::string> args = {"selftest", "--wait", "5"};
+  args.insert(args.end(), extra.begin(), extra.end());
+  RunResult post = RunTevctl(root.path(), args, 8000);
+  run.tevctlStatus = post.status;
+  run.tevctlOut = post.out;
+  run.tevctlErr = post.err;
+  // The correlator ends the process at the end marker; its own time-out
+  // would end it after 5 s of silence.
+  run.tevdStatus = tevd.Wait(8000);
+  run.tevdOut = tevd.out();
+  run.tevdErr = tevd.err();
+  return run;
+}
+
+}  // namespace
+
+TEST(Selftest, FullSequencePassesAll21RowsAndExitsZero) {
+  SelftestRun run = RunSelftest({});
+  ASSERT_EQ(run.tevctlStatus, 0) << run.tevctlErr;
+  EXPECT_EQ(CountOccurrences(run.tevctlOut, "posted "), 25u) << run.tevctlOut;
+  EXPECT_EQ(CountOccurrences(run.tevdOut, "PASS: ["), 21u) << run.tevdOut;
+  EXPECT_NE(run.tevdOut.find("PASS: [0]: tev.tests.async.noData\n"), std::string::npos);
+  EXPECT_NE(run.tevdOut.find("PASS: [20]: tev.tests.corrupt.format.tag.notreally2\n"),
+            std::string::npos);
+  EXPECT_NE(run.tevdOut.find("INFO: Tests completed. Failures = 0\n"), std::string::npos)
+      << run.tevdOut;
+  EXPECT_EQ(run.tevdOut.find("FAIL"), std::string::npos) << run.tevdOut;
+  EXPECT_EQ(run.tevdStatus, 0) << run.tevdOut << run.tevdErr;
+}
+
+TEST(Selftest, MissingLastRowIsCountedAtEndMarker) {
+  SelftestRun run = RunSelftest({"--rows", "20"});
+  ASSERT_EQ(run.tevctlStatus, 0) << run.tevctlErr;
+  EXPECT_EQ(CountOccurrences(run.tevdOut, "PASS: ["), 20u) << run.tevdOut;
+  EXPECT_NE(run.tevdOut.find("FAIL: No. of tests = 21, but received only 20 tevs.\n"),
+            std::string::npos)
+      << run.tevdOut;
+  EXPECT_NE(run.tevdStatus, 0);
+  EXPECT_NE(run.tevdStatus, -1) << "tevd did not end the run itself";
+}
+
+TEST(Selftest, ObservationInsideCorruptWindowFailsTheRun) {
+  SelftestRun run = RunSelftest({"--inject-corrupt"});
+  ASSERT_EQ(run.tevctlStatus, 0) << run.tevctlErr;
+  EXPECT_NE(run.tevdOut.find("FAIL: Tev tev.tests.corrupt.injected received, but should get "
+                             "nothing during the corrupt tev window.  Dropping.\n"),
+            std::string::npos)
+      << run.tevdOut;
+  // The dropped observation consumed no row: all 21 still pass.
+  EXPECT_EQ(CountOccurrences(run.tevdOut, "PASS: ["), 21u) << run.tevdOut;
+  EXPECT_EQ(run.tevdStatus, 1) << run.tevdOut;
+}

@@ -1,0 +1,426 @@
+// End-to-end tests of the tevctl binary: each test gets a private root, plays
+// the daemon's (or the agent's, or the log's) side of a socket itself and
+// checks the bytes or lines that cross it. Expected values are literals.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "MsgFmt.h"
+#include "TevLib.h"
+#include "TevctlProcess.h"
+
+using namespace tevctltest;
+
+namespace {
+
+int BindUnix(const std::string &path, int type) {
+  std::string dir = path.substr(0, path.find_last_of('/'));
+  // Directories as the daemon would make them.
+  for (size_t pos = 1; pos != std::string::npos; pos = dir.find('/', pos + 1)) {
+    mkdir(dir.substr(0, pos).c_str(), 0755);
+  }
+  mkdir(dir.c_str(), 0755);
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path) return -1;
+  memcpy(addr.sun_path, path.c_str(), path.size());
+  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+      (type != SOCK_DGRAM && listen(fd, 8) != 0)) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int ConnectTo(const std::string &path, int type) {
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  memcpy(addr.sun_path, path.c_str(), path.size());
+  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// One datagram or message within `ms`; empty when none came.
+std::vector<uint8_t> Receive(int fd, int ms) {
+  pollfd p = {fd, POLLIN, 0};
+  if (poll(&p, 1, ms) != 1) return {};
+  std::vector<uint8_t> buf(1 << 20);
+  ssize_t n = recv(fd, buf.data(), buf.size(), MSG_DONTWAIT);
+  if (n <= 0) return {};
+  buf.resize(static_cast<size_t>(n));
+  return buf;
+}
+
+void SendAll(int fd, const std::vector<uint8_t> &bytes) {
+  size_t off = 0;
+  while (off < bytes.size()) {
+    ssize_t n = send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
+    ASSERT_GT(n, 0);
+    off += static_cast<size_t>(n);
+  }
+}
+
+std::vector<std::string> Lines(const std::string &text) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  for (size_t nl = text.find('\n'); nl != std::string::npos; nl = text.find('\n', start)) {
+    out.push_back(text.substr(start, nl - start));
+    start = nl + 1;
+  }
+  return out;
+}
+
+const char kAsync00[] = "var/run/orlan/tev/async-00.sock";
+
+}  // namespace
+
+TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
+  TempRoot root;
+  int fd = BindUnix(root.Abs(kAsync00), SOCK_DGRAM);
+  ASSERT_GE(fd, 0);
+  RunResult r = RunTevctl(root.path(),
+                          {"post", "--ts", "1700000000123456", "tev.net.test.typed",
+                           "nic %s speed %d big %ld u %u ul %lu hex %x f %f", "vmnic0", "-5",
+                           "-9000000000", "7", "18446744073709551615", "0xdeadbeef", "1.5"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::vector<uint8_t> rec = Receive(fd, 2000);
+  close(fd);
+  ASSERT_FALSE(rec.empty());
+  TevRecordView v;
+  ASSERT_TRUE(TevRecord_Decode(rec.data(), rec.size(), &v));
+  EXPECT_EQ(v.id, "tev.net.test.typed");
+  EXPECT_EQ(v.timestampUs, 1700000000123456u);
+  EXPECT_EQ(v.message,
+            "nic vmnic0 speed -5 big -9000000000 u 7 ul 18446744073709551615 hex deadbeef f "
+            "1.500000");
+  std::vector<MsgFmt_Value> want = {
+      MsgFmt_Value::Str("vmnic0"), MsgFmt_Value::I32(-5), MsgFmt_Value::I64(-9000000000ll),
+      MsgFmt_Value::U32(7), MsgFmt_Value::U64(18446744073709551615ull),
+      MsgFmt_Value::U32(0xdeadbeefu), MsgFmt_Value::Dbl(1.5)};
+  ASSERT_EQ(v.args.size(), want.size());
+  for (size_t i = 0; i < want.size(); ++i) EXPECT_TRUE(v.args[i] == want[i]) << "argument " << i;
+}
+
+TEST(TevctlPost, DomainAndMsgOptionsPickSocketAndText) {
+  TempRoot root;
+  int fd = BindUnix(root.Abs("var/run/orlan/tev/async-07.sock"), SOCK_DGRAM);
+  ASSERT_GE(fd, 0);
+  RunResult r = RunTevctl(root.path(), {"post", "--domain", "7", "--msg", "given text",
+                                        "tev.scsi.x", "%s", "ignored-in-text"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::vector<uint8_t> rec = Receive(fd, 2000);
+  close(fd);
+  TevRecordView v;
+  ASSERT_TRUE(TevRecord_Decode(rec.data(), rec.size(), &v));
+  EXPECT_EQ(v.message, "given text");
+  ASSERT_EQ(v.args.size(), 1u);
+  EXPECT_TRUE(v.args[0] == MsgFmt_Value::Str("ignored-in-text"));
+}
+
+TEST(TevctlPost, UserOptionSendsOverSeqpacketConnection) {
+  TempRoot root;
+  int lfd = BindUnix(root.Abs("var/run/orlan/tevd-user.sock"), SOCK_SEQPACKET);
+  ASSERT_GE(lfd, 0);
+  Child c({TevctlBin(), "post", "--user", "tev.user.boot", "Host is booting: %s", "now"},
+          {{"TEVD_ROOT", root.path()}});
+  pollfd p = {lfd, POLLIN, 0};
+  ASSERT_EQ(poll(&p, 1, 2000), 1);
+  int cfd = accept(lfd, nullptr, nullptr);
+  ASSERT_GE(cfd, 0);
+  std::vector<uint8_t> rec = Receive(cfd, 2000);
+  close(cfd);
+  close(lfd);
+  EXPECT_EQ(c.Wait(2000), 0) << c.err();
+  TevRecordView v;
+  ASSERT_TRUE(TevRecord_Decode(rec.data(), rec.size(), &v));
+  EXPECT_EQ(v.id, "tev.user.boot");
+  EXPECT_EQ(v.message, "Host is booting: now");
+}
+
+TEST(TevctlPost, NullStringOnlyWithFlag) {
+  TempRoot root;
+  int fd = BindUnix(root.Abs(kAsync00), SOCK_DGRAM);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(RunTevctl(root.path(), {"post", "tev.a.b", "%s", "NULL"}).status, 0);
+  ASSERT_EQ(RunTevctl(root.path(), {"post", "--null-strings", "tev.a.b", "%s", "NULL"}).status, 0);
+  TevRecordView plain, nulled;
+  std::vector<uint8_t> r1 = Receive(fd, 2000), r2 = Receive(fd, 2000);
+  close(fd);
+  ASSERT_TRUE(TevRecord_Decode(r1.data(), r1.size(), &plain));
+  ASSERT_TRUE(TevRecord_Decode(r2.data(), r2.size(), &nulled));
+  ASSERT_EQ(plain.args.size(), 1u);
+  ASSERT_EQ(nulled.args.size(), 1u);
+  EXPECT_TRUE(plain.args[0] == MsgFmt_Value::Str("NULL"));
+  EXPECT_TRUE(nulled.args[0].isNull);
+}
+
+struct PostErrorCase {
+  const char *name;
+  std::vector<std::string> args;
+  const char *reasonPart;   // must appear in the one-line reason
+};
+
+TEST(TevctlPost, BadInputExitsNonZeroWithOneLineReasonAndSendsNothing) {
+  const PostErrorCase cases[] = {
+      {"id without tev prefix", {"post", "net.x.y", "no args"}, "must begin with \"tev.\""},
+      {"too few arguments", {"post", "tev.a.b", "%d and %s", "5"}, "takes 2 arguments, 1 given"},
+      {"too many arguments", {"post", "tev.a.b", "none", "5"}, "takes 0 arguments, 1 given"},
+      {"text for an int", {"post", "tev.a.b", "%d", "abc"}, "\"abc\" is not a valid int32"},
+      {"int32 overflow", {"post", "tev.a.b", "%d", "2147483648"}, "is not a valid int32"},
+      {"negative unsigned", {"post", "tev.a.b", "%u", "-1"}, "is not a valid uint32"},
+      {"trailing junk", {"post", "tev.a.b", "%lu", "12x"}, "is not a valid uint64"},
+      {"bad domain", {"post", "--domain", "22", "tev.a.b", "x"}, "--domain must be 0..21"},
+      {"unknown option", {"post", "--bogus", "tev.a.b", "x"}, "unknown option --bogus"},
+  };
+  TempRoot root;
+  int fd = BindUnix(root.Abs(kAsync00), SOCK_DGRAM);
+  ASSERT_GE(fd, 0);
+  for (const PostErrorCase &c : cases) {
+    RunResult r = RunTevctl(root.path(), c.args);
+    EXPECT_NE(r.status, 0) << c.name;
+    EXPECT_EQ(CountLines(r.err), 1u) << c.name << ": " << r.err;
+    EXPECT_NE(r.err.find(c.reasonPart), std::string::npos) << c.name << ": " << r.err;
+    EXPECT_EQ(r.err.compare(0, 13, "tevctl post: "), 0) << c.name << ": " << r.err;
+  }
+  EXPECT_TRUE(Receive(fd, 0).empty()) << "a rejected post still sent a record";
+  close(fd);
+}
+
+TEST(TevctlPost, MissingDaemonSocketIsReported) {
+  TempRoot root;
+  for (const std::vector<std::string> &args :
+       {std::vector<std::string>{"post", "tev.a.b", "x"},
+        std::vector<std::string>{"post", "--user", "tev.a.b", "x"}}) {
+    RunResult r = RunTevctl(root.path(), args);
+    EXPECT_NE(r.status, 0);
+    EXPECT_EQ(CountLines(r.err), 1u) << r.err;
+    EXPECT_NE(r.err.find("is tevd running"), std::string::npos) << r.err;
+  }
+}
+
+// A qprob message built byte by byte: ts 1000, host UUID text at 16, total
+// length 123 = 72 + 16 (identifier with NUL) + 35 (two slots + "ab\0").
+std::vector<uint8_t> HandBuiltQprob() {
+  std::vector<uint8_t> m = {
+      0xe8, 0x03, 0, 0, 0, 0, 0, 0,      // 0: time stamp 1000 us
+      0, 0, 0, 0, 0, 0, 0, 0,            // 8: reserved
+  };
+  const char uuid[] = "01234567-89ab-cdef-0123-456789abcdef";   // 16: 36 chars + NUL
+  m.insert(m.end(), uuid, uuid + 37);
+  const uint8_t rest[] = {
+      0,                                  // 53: last byte of the identity
+      0, 0,                               // 54: padding
+      123, 0, 0, 0,                       // 56: total length
+      2, 0, 0, 0,                         // 60: argument count
+      16, 0, 0, 0,                        // 64: identifier length with NUL
+      'k', 'o', 's', '.', 'p', 'r', 'o', 'b', 'l', 'e', 'm', '.', 't', '.', 'x', 0,   // 68
+      6, 0, 0, 0, 2, 0, 0, 0, 32, 0, 0, 0, 0, 0, 0, 0,                                 // string "ab" at 32
+      1, 0, 0, 0, 0, 0, 0, 0, 0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,          // int32 -2
+      'a', 'b', 0,
+      0, 0, 0, 0,                         // the 4 zero bytes that complete the total length
+  };
+  m.insert(m.end(), rest, rest + sizeof rest);
+  return m;
+}
+
+TEST(TevctlSink, DecodesHandBuiltMessageAndSurvivesMalformedOnes) {
+  ASSERT_EQ(HandBuiltQprob().size(), 123u);
+  TempRoot root;
+  Child sink({TevctlBin(), "sink", "--count", "3", "--timeout", "5"}, {{"TEVD_ROOT", root.path()}});
+  std::string sock = root.Abs("var/run/orlan/marshd-qprob.sock");
+  ASSERT_TRUE(WaitFor([&] { return PathExists(sock); }, 3000));
+  int fd = -1;
+  ASSERT_TRUE(WaitFor([&] { return (fd = ConnectTo(sock, SOCK_STREAM)) >= 0; }, 2000));
+  SendAll(fd, {'n', 'o', 't', ' ', 'q', 'p', 'r', 'o', 'b'});
+  close(fd);
+  ASSERT_TRUE(sink.WaitForOutput("\n", 2000));
+  std::vector<uint8_t> truncated = HandBuiltQprob();
+  truncated.resize(100);                 // total length says 123
+  fd = ConnectTo(sock, SOCK_STREAM);
+  SendAll(fd, truncated);
+  close(fd);
+  fd = ConnectTo(sock, SOCK_STREAM);
+  SendAll(fd, HandBuiltQprob());
+  close(fd);
+  ASSERT_EQ(sink.Wait(5000), 0) << sink.err();
+  std::vector<std::string> lines = Lines(sink.out());
+  ASSERT_EQ(lines.size(), 3u) << sink.out();
+  EXPECT_EQ(lines[0].compare(0, 10, "{\"error\":\""), 0) << lines[0];
+  EXPECT_EQ(lines[1].compare(0, 10, "{\"error\":\""), 0) << lines[1];
+  const std::string &ok = lines[2];
+  for (const char *part : {"\"ts\":1000", "\"class\":\"problem\"", "\"id\":\"kos.problem.t.x\"",
+                           "\"host\":\"01234567-89ab-cdef-0123-456789abcdef\"", "\"ab\"", "-2"}) {
+    EXPECT_NE(ok.find(part), std::string::npos) << part << " missing in " << ok;
+  }
+  EXPECT_LT(ok.find("\"ab\""), ok.find("-2")) << "arguments out of order: " << ok;
+}
+
+TEST(TevctlSink, CountNotReachedBeforeTimeoutFails) {
+  TempRoot root;
+  RunResult r = RunTevctl(root.path(), {"sink", "--count", "1", "--timeout", "0"});
+  EXPECT_NE(r.status, 0);
+  EXPECT_NE(r.err.find("0 of 1 messages"), std::string::npos) << r.err;
+}
+
+TEST(TevctlLog, PrintsEachDatagramAsOneLine) {
+  TempRoot root;
+  Child log({TevctlBin(), "log", "--count", "2", "--timeout", "5"}, {{"TEVD_ROOT", root.path()}});
+  Child strip({TevctlBin(), "--root", root.Abs("s"), "log", "--strip", "--count", "1",
+               "--timeout", "5"},
+              {});
+  std::string devlog = root.Abs("dev/log"), devlog2 = root.Abs("s/dev/log");
+  ASSERT_TRUE(WaitFor([&] { return PathExists(devlog) && PathExists(devlog2); }, 3000));
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  auto sendTo = [&](const std::string &path, const std::string &text) {
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size());
+    ASSERT_EQ(sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr *>(&addr),
+                     sizeof addr),
+              static_cast<ssize_t>(text.size()));
+  };
+  const std::string line = "<14>Nov  2 03:04:05 tevd: 2024-11-02T03:04:05.678Z: Exiting. rc:0\n";
+  sendTo(devlog, line);
+  sendTo(devlog, "<14>Nov  2 03:04:06 tevd: second");
+  sendTo(devlog2, line);
+  close(fd);
+  EXPECT_EQ(log.Wait(3000), 0) << log.err();
+  EXPECT_EQ(strip.Wait(3000), 0) << strip.err();
+  EXPECT_EQ(log.out(),
+            "<14>Nov  2 03:04:05 tevd: 2024-11-02T03:04:05.678Z: Exiting. rc:0\n"
+            "<14>Nov  2 03:04:06 tevd: second\n");
+  EXPECT_EQ(strip.out(), "2024-11-02T03:04:05.678Z: Exiting. rc:0\n");
+}
+
+TEST(TevctlLog, RefusesToRunWithoutRoot) {
+  Child c({TevctlBin(), "log", "--timeout", "0"}, {{"TEVD_ROOT", ""}});
+  EXPECT_NE(c.Wait(3000), 0);
+  EXPECT_NE(c.err().find("needs a root"), std::string::npos) << c.err();
+}
+
+TEST(TevctlHost, InitCreatesEveryNodeOptionAndDirectory) {
+  TempRoot root;
+  RunResult r =
+      RunTevctl(root.path(), {"host", "init", "--uuid", "AABBCCDD-0011-2233-4455-66778899aabb"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  struct FileCase {
+    const char *rel;
+    const char *content;
+  };
+  const FileCase files[] = {
+      {"platform/nodes/system/systemUuid", "aabbccdd-0011-2233-4455-66778899aabb\n"},
+      {"platform/options/Net/LinkFlappingThreshold", "10\n"},
+      {"platform/options/PageRetire/ThresholdInterval", "10\n"},
+      {"platform/options/PageRetire/ApeiLoggingEnabled", "1\n"},
+      {"platform/options/Misc/TevAsyncEnable", "0\n"},
+      {"platform/nodes/system/pageRetire/threshold", "512\n"},
+  };
+  for (const FileCase &f : files) EXPECT_EQ(ReadFileText(root.Abs(f.rel)), f.content) << f.rel;
+  for (const char *dir :
+       {"kfs/volumes", "platform/vms", "platform/network/portgroups", "platform/storage/paths",
+        "platform/storage/devices", "platform/nodes/net/pNics", "platform/nodes/vm/vmmGroupInfo"}) {
+    struct stat st;
+    EXPECT_TRUE(stat(root.Abs(dir).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) << dir;
+  }
+}
+
+TEST(TevctlHost, InitKeepsExistingValuesUnlessForced) {
+  TempRoot root;
+  ASSERT_EQ(RunTevctl(root.path(), {"host", "init"}).status, 0);
+  std::string uuid = ReadFileText(root.Abs("platform/nodes/system/systemUuid"));
+  ASSERT_EQ(uuid.size(), 37u) << uuid;
+  ASSERT_EQ(RunTevctl(root.path(), {"host", "set", "options/Net/LinkFlappingThreshold", "3"}).status,
+            0);
+  ASSERT_EQ(RunTevctl(root.path(), {"host", "init"}).status, 0);
+  EXPECT_EQ(ReadFileText(root.Abs("platform/nodes/system/systemUuid")), uuid);
+  EXPECT_EQ(ReadFileText(root.Abs("platform/options/Net/LinkFlappingThreshold")), "3\n");
+  ASSERT_EQ(RunTevctl(root.path(), {"host", "init", "--force"}).status, 0);
+  EXPECT_EQ(ReadFileText(root.Abs("platform/options/Net/LinkFlappingThreshold")), "10\n");
+  EXPECT_NE(ReadFileText(root.Abs("platform/nodes/system/systemUuid")), uuid);
+}
+
+TEST(TevctlHost, EntryCommandsWriteModelFiles) {
+  TempRoot root;
+  const std::vector<std::vector<std::string>> cmds = {
+      {"host", "nic", "vmnic3"},
+      {"host", "portgroup", "VM Network/2", "vSwitch1"},
+      {"host", "path", "vmhba1:C0:T0:L4", "naa.600a"},
+      {"host", "device", "naa.600a", "2", "1=datastore1", "2="},
+      {"host", "vm", "--group", "77", "1234", "web01"},
+      {"host", "set", "platform/kernel-build", "abc 2024-01-01"},
+  };
+  for (const auto &c : cmds) {
+    RunResult r = RunTevctl(root.path(), c);
+    EXPECT_EQ(r.status, 0) << c[1] << ": " << r.err;
+  }
+  struct stat st;
+  EXPECT_TRUE(stat(root.Abs("platform/nodes/net/pNics/vmnic3").c_str(), &st) == 0 &&
+              S_ISDIR(st.st_mode));
+  EXPECT_EQ(ReadFileText(root.Abs("platform/network/portgroups/VM Network%2F2")), "vSwitch1\n");
+  EXPECT_EQ(ReadFileText(root.Abs("platform/storage/paths/vmhba1:C0:T0:L4")), "naa.600a\n");
+  EXPECT_EQ(ReadFileText(root.Abs("platform/storage/devices/naa.600a/status")), "2\n");
+  EXPECT_EQ(ReadFileText(root.Abs("platform/storage/devices/naa.600a/partitions/1")), "datastore1\n");
+  EXPECT_EQ(ReadFileText(root.Abs("platform/storage/devices/naa.600a/partitions/2")), "\n");
+  EXPECT_EQ(ReadFileText(root.Abs("platform/vms/1234/name")), "web01\n");
+  EXPECT_EQ(ReadFileText(root.Abs("platform/nodes/vm/vmmGroupInfo/77")), "web01\n");
+  RunResult got = RunTevctl(root.path(), {"host", "get", "kernel-build"});
+  EXPECT_EQ(got.status, 0);
+  EXPECT_EQ(got.out, "abc 2024-01-01\n");
+}
+
+TEST(TevctlHost, BadEntriesAreRejected) {
+  TempRoot root;
+  for (const std::vector<std::string> &c : {
+           std::vector<std::string>{"host", "get", "nodes/absent"},
+           std::vector<std::string>{"host", "device", "naa.1", "4"},
+           std::vector<std::string>{"host", "device", "naa.1", "1", "x=vol"},
+           std::vector<std::string>{"host", "set", "../escape", "1"},
+           std::vector<std::string>{"host", "init", "--uuid", "not-a-uuid"},
+       }) {
+    RunResult r = RunTevctl(root.path(), c);
+    EXPECT_NE(r.status, 0) << c[1] << " " << c[2];
+    EXPECT_EQ(CountLines(r.err), 1u) << r.err;
+  }
+  EXPECT_FALSE(PathExists(root.Abs("escape")));
+  EXPECT_FALSE(PathExists(root.Abs("platform/storage/devices/naa.1")));
+}
+
+TEST(TevctlTrace, CopiesStreamAndStopsAfterHistoryOnRequest) {
+  TempRoot root;
+  int lfd = BindUnix(root.Abs("var/run/orlan/tevd-trace.sock"), SOCK_STREAM);
+  ASSERT_GE(lfd, 0);
+  const std::string stream = "1.000000001,IN,5,tev.a.b,\n2.000000002,OUT,6,kos.clear.x,,7\n\nlive\n";
+  for (bool historyOnly : {false, true}) {
+    std::vector<std::string> argv = {TevctlBin(), "trace"};
+    if (historyOnly) argv.push_back("--history");
+    Child c(argv, {{"TEVD_ROOT", root.path()}});
+    pollfd p = {lfd, POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 2000), 1);
+    int cfd = accept(lfd, nullptr, nullptr);
+    ASSERT_GE(cfd, 0);
+    SendAll(cfd, std::vector<uint8_t>(stream.begin(), stream.end()));
+    if (historyOnly) {
+      EXPECT_EQ(c.Wait(2000), 0);   // must stop by itself while the daemon side stays open
+      close(cfd);
+      EXPECT_EQ(c.out(), "1.000000001,IN,5,tev.a.b,\n2.000000002,OUT,6,kos.clear.x,,7\n");
+    } else {
+      close(cfd);
+      EXPECT_EQ(c.Wait(2000), 0);
+      EXPECT_EQ(c.out(), stream);
+    }
+  }
+  close(lfd);
+}

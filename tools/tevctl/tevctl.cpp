@@ -1,0 +1,378 @@
+// tevctl entry: the command table, global options and the helpers every
+// command shares (see tevctl.h). A new command is one row of kCommands.
+#include "tevctl.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "PlatformRoot.h"
+
+namespace tevctl {
+
+int Fail(const char *cmd, const char *format, ...) {
+  char text[1024];
+  va_list ap;
+  va_start(ap, format);
+  vsnprintf(text, sizeof text, format, ap);
+  va_end(ap);
+  // One line, whatever the reason contains.
+  for (char *p = text; *p; ++p) {
+    if (*p == '\n' || *p == '\r') *p = ' ';
+  }
+  fflush(stdout);
+  fprintf(stderr, "tevctl %s: %s\n", cmd, text);
+  return 1;
+}
+
+std::string ParsedArgs::Get(const std::string &name, const std::string &dflt) const {
+  auto it = opts.find(name);
+  return it == opts.end() ? dflt : it->second;
+}
+
+bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptSpec> &specs,
+               ParsedArgs *out, std::string *why) {
+  std::vector<OptSpec> all = specs;
+  all.push_back({"root", true});
+  all.push_back({"help", false});
+  size_t i = 0;
+  for (; i < args.size(); ++i) {
+    std::string a = args[i];
+    if (a == "--") {
+      ++i;
+      break;
+    }
+    if (a == "-h") a = "--help";
+    if (a.size() < 3 || a.compare(0, 2, "--") != 0) break;
+    std::string name = a.substr(2), value;
+    bool inlineValue = false;
+    size_t eq = name.find('=');
+    if (eq != std::string::npos) {
+      value = name.substr(eq + 1);
+      name = name.substr(0, eq);
+      inlineValue = true;
+    }
+    const OptSpec *spec = nullptr;
+    for (const OptSpec &s : all) {
+      if (name == s.name) spec = &s;
+    }
+    if (spec == nullptr) {
+      *why = "unknown option --" + name + " (try --help)";
+      return false;
+    }
+    if (spec->takesValue && !inlineValue) {
+      if (i + 1 >= args.size()) {
+        *why = "option --" + name + " needs a value";
+        return false;
+      }
+      value = args[++i];
+    } else if (!spec->takesValue && inlineValue) {
+      *why = "option --" + name + " takes no value";
+      return false;
+    }
+    out->opts[name] = value;
+  }
+  for (; i < args.size(); ++i) out->positional.push_back(args[i]);
+  if (out->Has("root")) {
+    if (out->Get("root").empty()) {
+      *why = "--root needs a directory";
+      return false;
+    }
+    setenv("TEVD_ROOT", out->Get("root").c_str(), 1);
+  }
+  return true;
+}
+
+static bool SplitHex(const std::string &s, std::string *digits) {
+  if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
+    *digits = s.substr(2);
+    return true;
+  }
+  return false;
+}
+
+static bool AllOf(const std::string &s, const char *set) {
+  return !s.empty() && s.find_first_not_of(set) == std::string::npos;
+}
+
+bool ParseU64(const std::string &s, int bits, uint64_t *out) {
+  std::string digits;
+  int base = 10;
+  if (SplitHex(s, &digits)) {
+    if (!AllOf(digits, "0123456789abcdefABCDEF")) return false;
+    base = 16;
+  } else {
+    digits = s;
+    if (!AllOf(digits, "0123456789")) return false;
+  }
+  errno = 0;
+  unsigned long long v = strtoull(digits.c_str(), nullptr, base);
+  if (errno == ERANGE) return false;
+  if (bits < 64 && v > ((1ull << bits) - 1)) return false;
+  *out = v;
+  return true;
+}
+
+bool ParseI64(const std::string &s, int bits, int64_t *out) {
+  std::string digits;
+  if (SplitHex(s, &digits)) {
+    uint64_t pattern;
+    if (!ParseU64(s, bits, &pattern)) return false;
+    // The bit pattern of the width, sign-extended.
+    if (bits < 64 && (pattern & (1ull << (bits - 1)))) pattern |= ~((1ull << bits) - 1);
+    *out = static_cast<int64_t>(pattern);
+    return true;
+  }
+  size_t start = (!s.empty() && s[0] == '-') ? 1 : 0;
+  if (!AllOf(s.substr(start), "0123456789")) return false;
+  errno = 0;
+  long long v = strtoll(s.c_str(), nullptr, 10);
+  if (errno == ERANGE) return false;
+  if (bits < 64) {
+    long long lo = -(1ll << (bits - 1)), hi = (1ll << (bits - 1)) - 1;
+    if (v < lo || v > hi) return false;
+  }
+  *out = v;
+  return true;
+}
+
+bool ParseDouble(const std::string &s, double *out) {
+  if (s.empty() || isspace(static_cast<unsigned char>(s[0]))) return false;
+  char *end = nullptr;
+  errno = 0;
+  double v = strtod(s.c_str(), &end);
+  if (end == nullptr || *end != '\0' || errno == ERANGE) return false;
+  *out = v;
+  return true;
+}
+
+const char *TypeName(uint32_t type) {
+  switch (type) {
+    case MSGFMT_TYPE_INT32: return "int32";
+    case MSGFMT_TYPE_INT64: return "int64";
+    case MSGFMT_TYPE_UINT32: return "uint32";
+    case MSGFMT_TYPE_UINT64: return "uint64";
+    case MSGFMT_TYPE_DOUBLE: return "double";
+    case MSGFMT_TYPE_STRING: return "string";
+    default: return "unknown";
+  }
+}
+
+bool ParseValue(uint32_t type, const std::string &text, bool nullStrings, MsgFmt_Value *out,
+                std::string *why) {
+  int64_t i = 0;
+  uint64_t u = 0;
+  double d = 0;
+  bool ok = true;
+  switch (type) {
+    case MSGFMT_TYPE_INT32:
+      if ((ok = ParseI64(text, 32, &i))) *out = MsgFmt_Value::I32(static_cast<int32_t>(i));
+      break;
+    case MSGFMT_TYPE_INT64:
+      if ((ok = ParseI64(text, 64, &i))) *out = MsgFmt_Value::I64(i);
+      break;
+    case MSGFMT_TYPE_UINT32:
+      if ((ok = ParseU64(text, 32, &u))) *out = MsgFmt_Value::U32(static_cast<uint32_t>(u));
+      break;
+    case MSGFMT_TYPE_UINT64:
+      if ((ok = ParseU64(text, 64, &u))) *out = MsgFmt_Value::U64(u);
+      break;
+    case MSGFMT_TYPE_DOUBLE:
+      if ((ok = ParseDouble(text, &d))) *out = MsgFmt_Value::Dbl(d);
+      break;
+    case MSGFMT_TYPE_STRING:
+      *out = (nullStrings && text == "NULL") ? MsgFmt_Value::NullStr() : MsgFmt_Value::Str(text);
+      break;
+    default:
+      *why = "unsupported argument type " + std::to_string(type);
+      return false;
+  }
+  if (!ok) *why = "\"" + text + "\" is not a valid " + TypeName(type);
+  return ok;
+}
+
+std::string RootPath(const std::string &absolute) { return PlatformRoot_Path(absolute); }
+
+bool HaveRoot() {
+  const char *r = getenv("TEVD_ROOT");
+  return r != nullptr && *r != '\0';
+}
+
+std::string DirName(const std::string &path) {
+  size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+int MakeDirs(const std::string &dir) {
+  std::string cur;
+  size_t pos = 0;
+  while (pos <= dir.size()) {
+    size_t next = dir.find('/', pos);
+    if (next == std::string::npos) next = dir.size();
+    cur = dir.substr(0, next);
+    if (!cur.empty() && mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return errno;
+    pos = next + 1;
+  }
+  struct stat st;
+  if (stat(dir.c_str(), &st) != 0) return errno;
+  return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+}
+
+static bool FillAddr(const std::string &path, sockaddr_un *addr) {
+  memset(addr, 0, sizeof *addr);
+  addr->sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr->sun_path) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  memcpy(addr->sun_path, path.c_str(), path.size());
+  return true;
+}
+
+int ListenUnix(const std::string &path, int type) {
+  sockaddr_un addr;
+  if (!FillAddr(path, &addr)) return -1;
+  int rc = MakeDirs(DirName(path));
+  if (rc != 0) {
+    errno = rc;
+    return -1;
+  }
+  unlink(path.c_str());
+  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+      (type != SOCK_DGRAM && listen(fd, 64) != 0)) {
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    return -1;
+  }
+  return fd;
+}
+
+int ConnectUnix(const std::string &path, int type) {
+  sockaddr_un addr;
+  if (!FillAddr(path, &addr)) return -1;
+  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    return -1;
+  }
+  return fd;
+}
+
+int WaitReadable(int fd, int timeoutMs) {
+  pollfd p = {fd, POLLIN, 0};
+  for (;;) {
+    int rc = poll(&p, 1, timeoutMs);
+    if (rc < 0 && errno == EINTR) continue;
+    if (rc < 0) return -1;
+    return rc == 0 ? 0 : 1;
+  }
+}
+
+int64_t NowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+uint64_t NowUs() {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+}
+
+std::string JsonEscape(const std::string &s) {
+  std::string out;
+  for (unsigned char c : s) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          char buf[8];
+          snprintf(buf, sizeof buf, "\\u%04x", c);
+          out += buf;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out;
+}
+
+void PrintLine(const std::string &line) {
+  fwrite(line.data(), 1, line.size(), stdout);
+  fputc('\n', stdout);
+  fflush(stdout);
+}
+
+}  // namespace tevctl
+
+namespace {
+
+struct Command {
+  const char *name;
+  const char *summary;
+  int (*run)(const std::vector<std::string> &args);
+};
+
+const Command kCommands[] = {
+    {"post", "post one observation record to a context of the daemon", tevctl::CmdPost},
+    {"sink", "stand in for the management agent: print each event as JSON", tevctl::CmdSink},
+    {"trace", "print the daemon's trace history and live trace lines", tevctl::CmdTrace},
+    {"log", "collect the daemon's log datagrams from dev/log under the root", tevctl::CmdLog},
+    {"host", "create and edit the host model under the root", tevctl::CmdHost},
+    {"selftest", "post the self-test observation sequence", tevctl::CmdSelftest},
+};
+
+void Usage(FILE *to) {
+  fprintf(to,
+          "Usage: tevctl [--root DIR] COMMAND [options] [arguments]\n"
+          "All paths resolve under DIR, else under $TEVD_ROOT, else under /.\n"
+          "Commands:\n");
+  for (const Command &c : kCommands) fprintf(to, "  %-9s %s\n", c.name, c.summary);
+  fprintf(to, "Run 'tevctl COMMAND --help' for a command's options.\n");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  tevctl::ParsedArgs global;
+  std::string why;
+  if (!tevctl::ParseArgs(args, {}, &global, &why)) return tevctl::Fail("", "%s", why.c_str());
+  if (global.Has("help")) {
+    Usage(stdout);
+    return 0;
+  }
+  if (global.positional.empty()) {
+    Usage(stderr);
+    return 2;
+  }
+  std::string name = global.positional[0];
+  std::vector<std::string> rest(global.positional.begin() + 1, global.positional.end());
+  for (const Command &c : kCommands) {
+    if (name == c.name) return c.run(rest);
+  }
+  return tevctl::Fail(name.c_str(), "unknown command (try tevctl --help)");
+}

@@ -1,0 +1,102 @@
+// Network correlator ("net" agent): direct translations of network
+// observations, uplink redundancy tracking and link-flap detection.
+//
+// Threads: every handler, the wake-up routine and all state below belong to
+// the "net" agent thread. The alarm callback runs on the alarm thread and does
+// nothing but write a token into the correlator's own pipe; the framework then
+// runs TevdNetCorrelator_ProcessTimeouts on the agent thread, so no lock is
+// needed anywhere here. Tests drive handlers and the wake-up routine directly.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "TevLib.h"
+#include "tevdCorrelator.h"
+
+// ---- start-up ----------------------------------------------------------------
+// The 42 {identifier, handler} pairs, in registration order.
+TevHandlerMap TevdNetCorrelator_BuildMap(void);
+// Steps before the agent starts: registers the alarm and makes the wake-up
+// pipe. False (nothing made) when no alarm slot is free; Panics when the pipe
+// cannot be made. On success *readFd is the pipe's read end.
+bool TevdNetCorrelator_Prepare(int *readFd);
+// The alarm callback: writes "foo" and its NUL into the wake-up pipe.
+void TevdNetCorrelatorAlarmFired(void);
+// Default handler: identifiers without an entry are dropped.
+int TevdNetCorrelatorIgnore(Tev *tev);
+
+// ---- direct translations -------------------------------------------------------
+int TevdNetCorrelatorTranslate(Tev *tev);         // one-outcome rows
+int TevdNetCorrelatorFirewallConfig(Tev *tev);    // shared: config.changed / config.failed
+int TevdNetCorrelatorFirewallPort(Tev *tev);      // shared: port.hooked / hookfailed / removed
+int TevdNetCorrelatorFencePortFail(Tev *tev);     // three outcomes by status
+int TevdNetCorrelatorTso6NotSupported(Tev *tev);  // needs the VM's display name
+
+// ---- uplink redundancy tracking ------------------------------------------------
+typedef uint32_t HwnicStateType;
+enum : HwnicStateType {
+  HWNIC_PG_DOWN = 0x01,
+  HWNIC_PG_UP = 0x02,
+  HWNIC_DVPORT_DOWN = 0x04,
+  HWNIC_DVPORT_UP = 0x08,
+  HWNIC_LINK_DOWN = 0x10,
+  HWNIC_LINK_UP = 0x20,
+  HWNIC_WATCHDOG = 0x40,
+};
+
+struct HwnicAlarmInfo {
+  uint32_t state;     // exactly one HWNIC_* bit
+  uint32_t timeout;   // seconds
+  uint64_t start;     // wall-clock seconds when scheduled
+};
+
+struct PortgroupInfo {
+  std::string name;
+  int32_t extra;      // carried, never consulted
+  int32_t uplinks;    // active uplinks left
+};
+
+struct DvPortInfo {
+  std::string first;
+  std::string second;
+  int32_t extra;      // carried, never consulted
+  int32_t uplinks;
+};
+
+extern std::map<std::string, HwnicStateType> hwnicStates;
+extern std::map<std::string, std::vector<HwnicAlarmInfo>> hwnicAlarms;
+extern std::map<std::string, std::vector<PortgroupInfo>> pgDownInfo;
+extern std::map<std::string, std::vector<PortgroupInfo>> pgUpInfo;
+extern std::map<std::string, std::vector<DvPortInfo>> dvPortDownInfo;
+extern std::map<std::string, std::vector<DvPortInfo>> dvPortUpInfo;
+extern int tevdNetAlarmId;          // alarm slot armed by the tracker; -1 = none
+extern uint64_t alarmDuration;      // seconds the alarm was last armed for
+extern uint64_t alarmArmedAt;       // when (wall-clock seconds)
+
+int TevdNetCorrelatorPgUplinkDown(Tev *tev);
+int TevdNetCorrelatorPgUplinkUp(Tev *tev);
+int TevdNetCorrelatorDvportUplinkDown(Tev *tev);
+int TevdNetCorrelatorDvportUplinkUp(Tev *tev);
+int TevdNetCorrelatorLinkUp(Tev *tev);
+int TevdNetCorrelatorLinkDown(Tev *tev);
+int TevdNetCorrelatorWatchdog(Tev *tev);
+
+void TevdNetCorrelatorSchedule(uint32_t timeout, const std::string &nic, HwnicStateType bit);
+// The wake-up routine: handles every expired time-out and re-arms the alarm.
+void TevdNetCorrelator_ProcessTimeouts(void);
+void TevdNetCorrelatorReportPortgroupDown(const std::string &nic);
+void TevdNetCorrelatorReportDvportDown(const std::string &nic);
+// Switch of a port group, or "" when the host model does not know it.
+std::string TevdNetCorrelatorSwitchName(const std::string &portGroup);
+
+// ---- link flapping -------------------------------------------------------------
+extern std::map<std::string, std::deque<int64_t>> hwnicFlapHistory;
+void TevdNetCorrelatorNoteLinkDown(const std::string &nic);
+
+// ---- test support ----------------------------------------------------------------
+// Forgets all state above, closes the wake-up pipe and drops the alarm slot.
+void TevdNetCorrelator_ResetForTest(void);

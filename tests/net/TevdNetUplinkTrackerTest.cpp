@@ -1,0 +1,302 @@
+// Uplink redundancy tracking driven the way the daemon drives it: observations
+// through the handler map, the fake clock moved by whole seconds, the alarm
+// run when due, and the wake-up routine called when the alarm has written into
+// the correlator's pipe.
+#include <poll.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "TevdTestSupport.h"
+#include "tevdAlarm.h"
+#include "tevdCorrelator.h"
+#include "tevdNetCorrelator.h"
+
+using tevdtest::I;
+using tevdtest::S;
+
+namespace {
+
+struct Seen {
+  int second;
+  std::string id;
+  std::vector<std::string> args;
+};
+
+class UplinkTrackerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    TevdAlarm_ResetForTest();
+    TevdNetCorrelator_ResetForTest();
+    map_ = TevdNetCorrelator_BuildMap();
+    ASSERT_TRUE(TevdNetCorrelator_Prepare(&pipeFd_));
+    root_.Write("platform/network/portgroups/VM Network", "vSwitch0");
+    root_.Write("platform/network/portgroups/Mgmt", "vSwitch0");
+    root_.Write("platform/network/portgroups/Storage", "vSwitch0");
+  }
+  void TearDown() override {
+    TevdNetCorrelator_ResetForTest();
+    TevdAlarm_ResetForTest();
+  }
+
+  void Feed(const std::string &id, const std::vector<MsgFmt_Value> &args) {
+    tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
+    TevdCorrelator_Dispatch(TevdNetCorrelatorIgnore, map_, tev.get());
+  }
+  void PgDown(const char *nic, const char *pg, int uplinks) {
+    Feed("tev.net.pg.uplink.transition.down", {S(nic), S(pg), I(uplinks), I(99)});
+  }
+  void PgUp(const char *nic, const char *pg, int uplinks) {
+    Feed("tev.net.pg.uplink.transition.up", {S(nic), S(pg), I(uplinks)});
+  }
+
+  // Moves the clock one second at a time; whenever the alarm has written into
+  // the pipe, drains it and runs the wake-up routine, as the agent would.
+  void RunFor(int seconds) {
+    for (int i = 0; i < seconds; i++) {
+      clock_.Advance(1);
+      now_++;
+      TevdAlarm_RunDueForTest();
+      struct pollfd p = {pipeFd_, POLLIN, 0};
+      if (poll(&p, 1, 0) == 1) {
+        char buf[10];
+        ASSERT_GT(read(pipeFd_, buf, sizeof buf), 0);
+        TevdNetCorrelator_ProcessTimeouts();
+      }
+      for (const QprobMessage &m : capture_.Take()) {
+        seen_.push_back({now_, m.id, tevdtest::ArgsText(m.args)});
+      }
+    }
+  }
+  std::vector<Seen> TakeSeen() {
+    std::vector<Seen> out;
+    out.swap(seen_);
+    return out;
+  }
+  HwnicStateType Bits(const std::string &nic) {
+    auto it = hwnicStates.find(nic);
+    return it == hwnicStates.end() ? 0 : it->second;
+  }
+
+  tevdtest::ScratchRoot root_;
+  tevdtest::FakeClock clock_;
+  tevdtest::EventCapture capture_;
+  TevHandlerMap map_;
+  int pipeFd_ = -1;
+  int now_ = 0;
+  std::vector<Seen> seen_;
+};
+
+TEST_F(UplinkTrackerTest, LossWithZeroOneAndThreeUplinksGivesThreeClassesInOrderAtTwoSeconds) {
+  PgDown("vmnic1", "VM Network", 0);
+  PgDown("vmnic1", "Mgmt", 1);
+  PgDown("vmnic1", "Storage", 3);
+  RunFor(1);
+  EXPECT_TRUE(TakeSeen().empty());
+  RunFor(1);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 3u);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic1", "S:\"VM Network\""}));
+  EXPECT_EQ(seen[1].id, "kos.problem.net.redundancy.lost");
+  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic1", "S:\"Mgmt\""}));
+  EXPECT_EQ(seen[2].id, "kos.problem.net.redundancy.degraded");
+  EXPECT_EQ(seen[2].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic1", "S:\"Storage\""}));
+  EXPECT_EQ(Bits("vmnic1") & HWNIC_PG_DOWN, 0u);
+  EXPECT_EQ(pgDownInfo.count("vmnic1"), 0u);
+  RunFor(10);
+  EXPECT_TRUE(TakeSeen().empty());
+}
+
+TEST_F(UplinkTrackerTest, ThreePortGroupsOfOneClassShareOneQuotedCommaList) {
+  PgDown("vmnic2", "VM Network", 0);
+  PgDown("vmnic2", "Mgmt", 0);
+  PgDown("vmnic2", "Storage", 0);
+  RunFor(2);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].second, 2);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic2",
+                                                    "S:\"VM Network\", \"Mgmt\", \"Storage\""}));
+}
+
+TEST_F(UplinkTrackerTest, RestoreUsesOneForConnectivityAndTwoForRedundancyAndSkipsZero) {
+  PgUp("vmnic3", "VM Network", 1);
+  PgUp("vmnic3", "Mgmt", 0);
+  PgUp("vmnic3", "Storage", 2);
+  RunFor(2);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0].id, "kos.clear.net.connectivity.restored");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:\"VM Network\"", "S:vmnic3"}));
+  EXPECT_EQ(seen[1].id, "kos.clear.net.redundancy.restored");
+  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:vSwitch0", "S:\"Storage\"", "S:vmnic3"}));
+  EXPECT_EQ(pgUpInfo.count("vmnic3"), 0u);
+}
+
+TEST_F(UplinkTrackerTest, RestoreWithOnlyZeroUplinksPostsNothing) {
+  PgUp("vmnic3", "Mgmt", 0);
+  RunFor(5);
+  EXPECT_TRUE(TakeSeen().empty());
+}
+
+TEST_F(UplinkTrackerTest, UnknownSwitchNamePostsNothingAndKeepsRecords) {
+  PgDown("vmnic4", "Orphan PG", 0);
+  RunFor(3);
+  EXPECT_TRUE(TakeSeen().empty());
+  ASSERT_EQ(pgDownInfo.count("vmnic4"), 1u);
+  EXPECT_EQ(pgDownInfo["vmnic4"].size(), 1u);
+  EXPECT_EQ(Bits("vmnic4") & HWNIC_PG_DOWN, 0u);
+  // The kept entry means the next loss is appended and schedules nothing.
+  PgDown("vmnic4", "VM Network", 1);
+  EXPECT_EQ(pgDownInfo["vmnic4"].size(), 2u);
+  EXPECT_TRUE(hwnicAlarms.empty());
+  RunFor(5);
+  EXPECT_TRUE(TakeSeen().empty());
+}
+
+TEST_F(UplinkTrackerTest, EmptySwitchNameFilePostsNothing) {
+  root_.Write("platform/network/portgroups/Blank", "");
+  PgDown("vmnic4", "Blank", 0);
+  RunFor(3);
+  EXPECT_TRUE(TakeSeen().empty());
+  EXPECT_EQ(pgDownInfo.count("vmnic4"), 1u);
+}
+
+TEST_F(UplinkTrackerTest, LinkDownAfterPortGroupLossSchedulesNoBareReport) {
+  PgDown("vmnic5", "VM Network", 0);
+  Feed("tev.net.hwnic.linkstate.down", {S("vmnic5")});
+  RunFor(10);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
+}
+
+TEST_F(UplinkTrackerTest, BareLinkDownAndUpReportedAfterOneSecond) {
+  Feed("tev.net.hwnic.linkstate.down", {S("vmnic6")});
+  RunFor(1);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.linkstate.down");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vmnic6"}));
+  Feed("tev.net.hwnic.linkstate.up", {S("vmnic6")});
+  RunFor(1);
+  seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].id, "kos.clear.net.hwnic.linkstate.up");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vmnic6"}));
+}
+
+TEST_F(UplinkTrackerTest, DistributedPortsAreLabelledFirstSlashSecond) {
+  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic7"), S("dvs-A"), S("101"), I(0), I(5)});
+  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic7"), S("dvs-A"), S("102"), I(0), I(5)});
+  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic7"), S("dvs-B"), S("7"), I(1), I(5)});
+  RunFor(2);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.dvport.connectivity.lost");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:\"dvs-A/101\", \"dvs-A/102\"", "S:vmnic7"}));
+  EXPECT_EQ(seen[1].id, "kos.problem.net.dvport.redundancy.lost");
+  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:\"dvs-B/7\"", "S:vmnic7"}));
+
+  Feed("tev.net.dvport.uplink.transition.up", {S("vmnic7"), S("dvs-A"), S("101"), I(2)});
+  Feed("tev.net.dvport.uplink.transition.up", {S("vmnic7"), S("dvs-B"), S("7"), I(1)});
+  RunFor(2);
+  seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0].id, "kos.clear.net.dvport.connectivity.restored");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:\"dvs-B/7\"", "S:vmnic7"}));
+  EXPECT_EQ(seen[1].id, "kos.clear.net.dvport.redundancy.restored");
+  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:\"dvs-A/101\"", "S:vmnic7"}));
+}
+
+TEST_F(UplinkTrackerTest, DistributedPortWithTwoUplinksLeftIsDegraded) {
+  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic7"), S("dvs-A"), S("9"), I(2), I(0)});
+  RunFor(2);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.dvport.redundancy.degraded");
+}
+
+TEST_F(UplinkTrackerTest, WatchdogWithDownAndUpIsOneTransientFailureAndClearsAllBits) {
+  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic8")});
+  RunFor(1);
+  PgDown("vmnic8", "VM Network", 0);
+  RunFor(2);
+  PgUp("vmnic8", "VM Network", 1);
+  RunFor(3);
+  EXPECT_TRUE(TakeSeen().empty());
+  RunFor(1);   // second 7: the watchdog's expiry
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].second, 7);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.watchdog.reset");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vmnic8"}));
+  EXPECT_EQ(Bits("vmnic8"), 0u);
+  EXPECT_EQ(pgDownInfo.count("vmnic8"), 0u);
+  EXPECT_EQ(pgUpInfo.count("vmnic8"), 0u);
+  RunFor(10);
+  EXPECT_TRUE(TakeSeen().empty());
+}
+
+TEST_F(UplinkTrackerTest, WatchdogHoldsLossUntilItsExpiryAndStaysSet) {
+  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic9")});
+  RunFor(1);
+  PgDown("vmnic9", "VM Network", 1);
+  RunFor(5);
+  EXPECT_TRUE(TakeSeen().empty());
+  RunFor(1);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].second, 7);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.redundancy.lost");
+  EXPECT_EQ(Bits("vmnic9"), static_cast<HwnicStateType>(HWNIC_WATCHDOG));
+  // The sticky watchdog bit suppresses a later bare link-up report.
+  Feed("tev.net.hwnic.linkstate.up", {S("vmnic9")});
+  RunFor(5);
+  EXPECT_TRUE(TakeSeen().empty());
+}
+
+TEST_F(UplinkTrackerTest, BareLinkDownDuringWatchdogIsNeverReported) {
+  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic10")});
+  Feed("tev.net.hwnic.linkstate.down", {S("vmnic10")});
+  RunFor(6);
+  EXPECT_TRUE(TakeSeen().empty());
+  RunFor(1);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 0u);   // the link-down bit was cleared at 1 s: not down
+}
+
+TEST_F(UplinkTrackerTest, ScheduleRearmsOnlyForShorterUnsignedDistance) {
+  ASSERT_GE(tevdNetAlarmId, 0);
+  TevdNetCorrelatorSchedule(7, "vmnicX", HWNIC_WATCHDOG);
+  uint64_t t0 = alarmArmedAt;
+  EXPECT_EQ(alarmDuration, 7u);
+  RunFor(1);
+  // d = 2 - armedAt + now = 3 < 7: re-armed.
+  TevdNetCorrelatorSchedule(2, "vmnicX", HWNIC_PG_DOWN);
+  EXPECT_EQ(alarmDuration, 3u);
+  EXPECT_EQ(alarmArmedAt, t0 + 1);
+  // d = 7 - armedAt + now = 7, not < 3: left alone.
+  TevdNetCorrelatorSchedule(7, "vmnicY", HWNIC_WATCHDOG);
+  EXPECT_EQ(alarmDuration, 3u);
+  EXPECT_EQ(alarmArmedAt, t0 + 1);
+  EXPECT_EQ(hwnicAlarms["vmnicX"].size(), 2u);
+  EXPECT_EQ(hwnicAlarms["vmnicY"].size(), 1u);
+}
+
+TEST_F(UplinkTrackerTest, TrackerHandlerWithMissingArgumentRecordsNothing) {
+  Feed("tev.net.pg.uplink.transition.down", {S("vmnic1"), S("VM Network"), I(0)});
+  Feed("tev.net.dvport.uplink.transition.up", {S("vmnic1"), S("dvs"), I(3), I(1)});
+  Feed("tev.net.uplink.watchdog.timeout", {I(1)});
+  EXPECT_TRUE(pgDownInfo.empty());
+  EXPECT_TRUE(dvPortUpInfo.empty());
+  EXPECT_TRUE(hwnicAlarms.empty());
+  EXPECT_TRUE(hwnicStates.empty());
+}
+
+}  // namespace

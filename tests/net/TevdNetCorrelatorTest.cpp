@@ -283,16 +283,17 @@ TEST_F(NetCorrelatorTest, NoFreeAlarmSlotGivesUpWithoutPipeOrAgent) {
   EXPECT_EQ(OpenFdCount(), before);
 }
 
+// With no descriptor allowed, pipe() fails after the alarm was registered.
+void PrepareWithoutDescriptors() {
+  struct rlimit none = {0, 0};
+  setrlimit(RLIMIT_NOFILE, &none);
+  int fd = -1;
+  TevdNetCorrelator_Prepare(&fd);
+}
+
 TEST_F(NetCorrelatorTest, PipeFailureIsFatal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        struct rlimit none = {0, 0};
-        setrlimit(RLIMIT_NOFILE, &none);
-        int fd = -1;
-        TevdNetCorrelator_Prepare(&fd);
-      },
-      "Failed to initialize pipes for this thread: ");
+  EXPECT_DEATH(PrepareWithoutDescriptors(), "Failed to initialize pipes for this thread: ");
 }
 
 }  // namespace

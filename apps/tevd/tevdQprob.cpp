@@ -79,11 +79,6 @@ TevdQprobSendHook sendHook = nullptr;
 void *sendHookCtx = nullptr;
 
 void PutU32(uint8_t *buf, size_t off, uint32_t v) { memcpy(buf + off, &v, sizeof v); }
-uint32_t GetU32(const uint8_t *buf, size_t off) {
-  uint32_t v;
-  memcpy(&v, buf + off, sizeof v);
-  return v;
-}
 
 const char *MessageId(const uint8_t *message) {
   return reinterpret_cast<const char *>(message) + TEVD_QPROB_HEADER_SIZE;

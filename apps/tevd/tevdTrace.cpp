@@ -131,7 +131,10 @@ int TevdTrace_Open(const char *path) {
     errno = ENAMETOOLONG;
     return -1;
   }
-  PlatformRoot_MakeDirs(resolved);
+  size_t slash = resolved.rfind('/');
+  if (slash != std::string::npos && slash > 0) {
+    PlatformRoot_MakeDirs(resolved.substr(0, slash));
+  }
   unlink(resolved.c_str());
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {

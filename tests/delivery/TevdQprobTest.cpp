@@ -102,12 +102,12 @@ TEST_F(TevdQprobTest, MixedArgumentsSerialiseAsTypedSlots) {
                  none);
   ASSERT_EQ(1u, wire_.sent.size());
   const Bytes &m = wire_.sent[0];
-  EXPECT_EQ(15u, U32At(m, 64));   // "kos.clear.x.y" + NUL
+  EXPECT_EQ(14u, U32At(m, 64));   // "kos.clear.x.y" + NUL
   EXPECT_EQ(6u, U32At(m, 60));
-  const size_t b = 68 + 15;
+  const size_t b = 68 + 14;
   // Six slots (96 bytes) then "a\"b\0" (4 bytes); the null string has no bytes.
-  ASSERT_EQ(72u + 15u + 100u, U32At(m, 56));
-  ASSERT_EQ(72u + 15u + 100u, m.size());
+  ASSERT_EQ(72u + 14u + 100u, U32At(m, 56));
+  ASSERT_EQ(72u + 14u + 100u, m.size());
   const uint32_t types[6] = {1, 3, 2, 4, 6, 6};
   const uint32_t lengths[6] = {0, 0, 0, 0, 3, 0xFFFFFFFFu};
   const uint64_t values[6] = {0xFFFFFFFFFFFFFFFDull, 7, 0xFFFFFFFFFFFFFFFBull, 9, 96, 0};

@@ -1,0 +1,50 @@
+// Helpers shared by the platform sources only (never included by the daemon):
+// the raw view of an argument block and of a record, the descriptor-to-name
+// registry of open contexts, and a printf-style wrapper of the log sink.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "MsgFmt.h"
+
+namespace platform_internal {
+
+// One argument of a validated, swizzled block; strings point into the block.
+struct RawArg {
+  uint32_t type = 0;
+  uint64_t bits = 0;
+  const char *str = nullptr;   // nullptr for a null string (and non-strings)
+};
+
+// Validates a swizzled block of exactly `size` bytes holding `numArgs` slots.
+bool ParseBlock(const uint8_t *block, size_t size, uint32_t numArgs, std::vector<RawArg> *out,
+                std::string *why);
+
+// A validated record: every pointer points into the record's own bytes.
+struct RawRecord {
+  uint64_t timestampUs = 0;
+  const char *id = nullptr;
+  const char *message = nullptr;
+  std::vector<RawArg> args;
+};
+bool ParseRecord(const uint8_t *record, size_t length, RawRecord *out, std::string *why);
+
+// Names of the descriptors TevLib opened, for diagnostics ("async-03", "user").
+void RegisterFdName(int fd, const std::string &name);
+void ForgetFd(int fd);
+std::string FdName(int fd);
+
+void Syslog(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Reads a whole file; false when it cannot be opened.
+bool ReadFile(const std::string &path, std::string *content);
+// Drops trailing newlines (and carriage returns) of a host-model value.
+std::string TrimValue(const std::string &value);
+// Strict decimal parsing of a host-model value (surrounding blanks allowed).
+bool ParseInt64(const std::string &text, int64_t *value);
+bool ParseUint64(const std::string &text, uint64_t *value);
+
+}  // namespace platform_internal

@@ -1,0 +1,268 @@
+// The root prefix (TEVD_ROOT), host-model file access and the log sink. Every
+// path of the emulated platform is built here so that daemons with different
+// roots never meet. Nothing here caches: the host model is read at each call.
+#include "PlatformRoot.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "PlatformInternal.h"
+#include "TevClock.h"
+
+namespace {
+
+std::string RootDir() {
+  const char *root = getenv("TEVD_ROOT");
+  if (root == nullptr || root[0] == '\0') {
+    return "";
+  }
+  std::string r(root);
+  while (r.size() > 1 && r.back() == '/') {
+    r.pop_back();
+  }
+  return r == "/" ? "" : r;
+}
+
+}  // namespace
+
+std::string PlatformRoot_Path(const std::string &absolute) {
+  std::string root = RootDir();
+  if (root.empty()) {
+    return absolute;
+  }
+  if (absolute.empty() || absolute[0] != '/') {
+    return root + "/" + absolute;
+  }
+  return root + absolute;
+}
+
+int PlatformRoot_MakeDirs(const std::string &path) {
+  if (path.empty()) {
+    return EINVAL;
+  }
+  std::string partial;
+  size_t pos = 0;
+  while (pos <= path.size()) {
+    size_t slash = path.find('/', pos);
+    if (slash == std::string::npos) {
+      slash = path.size();
+    }
+    partial = path.substr(0, slash);
+    pos = slash + 1;
+    if (partial.empty()) {
+      continue;
+    }
+    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) {
+      return errno;
+    }
+  }
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    return errno;
+  }
+  return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+}
+
+std::string PlatformModel_EscapeName(const std::string &name) {
+  // "." and ".." would leave the model's directory: spell their dots out too.
+  if (name == "." || name == "..") {
+    std::string out;
+    for (size_t i = 0; i < name.size(); i++) {
+      out += "%2E";
+    }
+    return out;
+  }
+  std::string out;
+  for (char c : name) {
+    if (c == '/') {
+      out += "%2F";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+std::string PlatformModel_Path(const std::string &relative) {
+  return PlatformRoot_Path("/platform/" + relative);
+}
+
+bool PlatformModel_Read(const std::string &relative, std::string *value) {
+  std::string content;
+  if (!platform_internal::ReadFile(PlatformModel_Path(relative), &content)) {
+    return false;
+  }
+  if (value != nullptr) {
+    *value = platform_internal::TrimValue(content);
+  }
+  return true;
+}
+
+bool PlatformModel_Write(const std::string &relative, const std::string &value) {
+  // No directory is created: writing into an absent node is the call's failure.
+  std::string path = PlatformModel_Path(relative);
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    return false;
+  }
+  std::string line = value + "\n";
+  size_t done = 0;
+  while (done < line.size()) {
+    ssize_t n = write(fd, line.data() + done, line.size() - done);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      close(fd);
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return close(fd) == 0;
+}
+
+void PlatformLog_Vsyslog(const char *format, va_list ap) {
+  if (RootDir().empty()) {
+    vsyslog(LOG_INFO, format, ap);
+    return;
+  }
+  static const char *const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  struct timespec now;
+  TevClock_GetRealtime(&now);
+  time_t secs = now.tv_sec;
+  struct tm tm;
+  localtime_r(&secs, &tm);
+  char head[64];
+  snprintf(head, sizeof head, "<14>%s %2d %02d:%02d:%02d tevd: ", kMonths[tm.tm_mon % 12],
+           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+  va_list copy;
+  va_copy(copy, ap);
+  int n = vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  if (n < 0) {
+    return;
+  }
+  std::string datagram(head);
+  size_t headLen = datagram.size();
+  datagram.resize(headLen + static_cast<size_t>(n) + 1);
+  vsnprintf(&datagram[headLen], static_cast<size_t>(n) + 1, format, ap);
+  datagram.resize(headLen + static_cast<size_t>(n));
+
+  // One socket per line keeps this free of shared state, hence thread-safe.
+  std::string path = PlatformRoot_Path("/dev/log");
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path) {
+    return;
+  }
+  memcpy(addr.sun_path, path.c_str(), path.size());
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    return;
+  }
+  (void)sendto(fd, datagram.data(), datagram.size(), MSG_DONTWAIT,
+               reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
+  close(fd);
+}
+
+namespace platform_internal {
+
+void Syslog(const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  PlatformLog_Vsyslog(format, ap);
+  va_end(ap);
+}
+
+bool ReadFile(const std::string &path, std::string *content) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    close(fd);
+    return false;
+  }
+  std::string out;
+  char chunk[4096];
+  for (;;) {
+    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n < 0) {
+      close(fd);
+      return false;
+    }
+    if (n == 0) {
+      break;
+    }
+    out.append(chunk, static_cast<size_t>(n));
+  }
+  close(fd);
+  *content = out;
+  return true;
+}
+
+std::string TrimValue(const std::string &value) {
+  size_t end = value.size();
+  while (end > 0 && (value[end - 1] == '\n' || value[end - 1] == '\r')) {
+    end--;
+  }
+  return value.substr(0, end);
+}
+
+namespace {
+std::string StripBlanks(const std::string &text) {
+  size_t b = 0;
+  size_t e = text.size();
+  while (b < e && isspace(static_cast<unsigned char>(text[b]))) b++;
+  while (e > b && isspace(static_cast<unsigned char>(text[e - 1]))) e--;
+  return text.substr(b, e - b);
+}
+}  // namespace
+
+bool ParseInt64(const std::string &text, int64_t *value) {
+  std::string t = StripBlanks(text);
+  if (t.empty()) {
+    return false;
+  }
+  errno = 0;
+  char *end = nullptr;
+  long long v = strtoll(t.c_str(), &end, 10);
+  if (errno != 0 || end == nullptr || *end != '\0') {
+    return false;
+  }
+  *value = v;
+  return true;
+}
+
+bool ParseUint64(const std::string &text, uint64_t *value) {
+  std::string t = StripBlanks(text);
+  if (t.empty() || t[0] == '-') {
+    return false;
+  }
+  errno = 0;
+  char *end = nullptr;
+  unsigned long long v = strtoull(t.c_str(), &end, 10);
+  if (errno != 0 || end == nullptr || *end != '\0') {
+    return false;
+  }
+  *value = v;
+  return true;
+}
+
+}  // namespace platform_internal

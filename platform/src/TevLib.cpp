@@ -1,0 +1,252 @@
+// Observation contexts over UNIX sockets under the root: one datagram socket
+// per asynchronous domain, one SOCK_SEQPACKET listener for user processes.
+// TevLib_ReadFromFd is called by the daemon's single poll thread; it peeks at
+// each pending record's size before taking it, so nothing is consumed when
+// the first record does not fit. Malformed records never leave this file.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+
+#include "PlatformInternal.h"
+#include "PlatformRoot.h"
+#include "TevClock.h"
+#include "TevLib.h"
+
+struct TevLibContext {
+  uint32_t domain = 0;
+  bool user = false;
+  int fd = -1;
+  std::string name;
+};
+
+namespace {
+
+std::mutex gNamesMutex;
+std::map<int, std::string> gNames;   // guarded by gNamesMutex
+std::atomic<uint64_t> gDropped{0};
+std::atomic<int64_t> gLastDropLogSec{INT64_MIN};
+
+std::string SocketPath(uint32_t domain) {
+  char rel[64];
+  if (domain == TEVLIB_USER_DOMAIN) {
+    snprintf(rel, sizeof rel, "/var/run/orlan/tevd-user.sock");
+  } else {
+    snprintf(rel, sizeof rel, "/var/run/orlan/tev/async-%02u.sock", domain);
+  }
+  return PlatformRoot_Path(rel);
+}
+
+int OpenContext(uint32_t domain, bool user, TevLib_Handle *handle) {
+  if (handle == nullptr) return TEVLIB_ERR_INVAL;
+  *handle = nullptr;
+  std::string path = SocketPath(domain);
+  size_t slash = path.rfind('/');
+  if (slash != std::string::npos && slash > 0) {
+    int err = PlatformRoot_MakeDirs(path.substr(0, slash));
+    if (err != 0) return err;
+  }
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path) return ENAMETOOLONG;
+  memcpy(addr.sun_path, path.c_str(), path.size());
+  unlink(path.c_str());
+  int type = user ? SOCK_SEQPACKET : SOCK_DGRAM;
+  int fd = socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) return errno;
+  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
+      (user && listen(fd, 16) != 0)) {
+    int err = errno;
+    close(fd);
+    return err;
+  }
+  TevLibContext *ctx = new TevLibContext;
+  ctx->domain = domain;
+  ctx->user = user;
+  ctx->fd = fd;
+  char name[TEVLIB_NAME_MAX];
+  if (user) {
+    snprintf(name, sizeof name, "user");
+  } else {
+    snprintf(name, sizeof name, "async-%02u", domain);
+  }
+  ctx->name = name;
+  platform_internal::RegisterFdName(fd, ctx->name);
+  *handle = ctx;
+  return TEVLIB_OK;
+}
+
+void NoteDropped(int fd, const std::string &why) {
+  uint64_t total = gDropped.fetch_add(1) + 1;
+  int64_t now = static_cast<int64_t>(TevClock_Time());
+  int64_t last = gLastDropLogSec.load();
+  if (now != last && gLastDropLogSec.compare_exchange_strong(last, now)) {
+    platform_internal::Syslog("TevLib: dropped a malformed record on %s: %s (%llu dropped so far)\n",
+                              platform_internal::FdName(fd).c_str(), why.c_str(),
+                              static_cast<unsigned long long>(total));
+  }
+}
+
+// Takes the pending record off the socket without keeping it.
+void Discard(int fd) {
+  char dummy;
+  while (recv(fd, &dummy, sizeof dummy, MSG_DONTWAIT | MSG_TRUNC) < 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace
+
+namespace platform_internal {
+void RegisterFdName(int fd, const std::string &name) {
+  std::lock_guard<std::mutex> lock(gNamesMutex);
+  gNames[fd] = name;
+}
+void ForgetFd(int fd) {
+  std::lock_guard<std::mutex> lock(gNamesMutex);
+  gNames.erase(fd);
+}
+std::string FdName(int fd) {
+  std::lock_guard<std::mutex> lock(gNamesMutex);
+  auto it = gNames.find(fd);
+  return it != gNames.end() ? it->second : "fd " + std::to_string(fd);
+}
+}  // namespace platform_internal
+
+int TevLib_AsyncContextOpen(uint32_t domain, TevLib_Handle *handle) {
+  if (domain >= TEVLIB_NUM_ASYNC_DOMAINS) {
+    if (handle != nullptr) *handle = nullptr;
+    return TEVLIB_ERR_INVAL;
+  }
+  return OpenContext(domain, false, handle);
+}
+
+int TevLib_UserContextOpen(uint32_t domain, TevLib_Handle *handle) {
+  if (domain != TEVLIB_USER_DOMAIN) {
+    if (handle != nullptr) *handle = nullptr;
+    return TEVLIB_ERR_INVAL;
+  }
+  return OpenContext(domain, true, handle);
+}
+
+int TevLib_HandleToFd(TevLib_Handle handle, int *fd) {
+  if (handle == nullptr || fd == nullptr) return TEVLIB_ERR_INVAL;
+  *fd = handle->fd;
+  return TEVLIB_OK;
+}
+
+int TevLib_HandleToName(TevLib_Handle handle, char *name) {
+  if (handle == nullptr || name == nullptr) return TEVLIB_ERR_INVAL;
+  snprintf(name, TEVLIB_NAME_MAX, "%s", handle->name.c_str());
+  return TEVLIB_OK;
+}
+
+int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length) {
+  if (length == nullptr || (buf == nullptr && size > 0)) return TEVLIB_ERR_INVAL;
+  *length = 0;
+  int type = 0;
+  socklen_t typeLen = sizeof type;
+  if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &typeLen) != 0) return TEVLIB_ERR_IO;
+  const bool seq = type == SOCK_SEQPACKET;
+  uint8_t *out = static_cast<uint8_t *>(buf);
+  size_t used = 0;
+  for (;;) {
+    char probe;
+    ssize_t n = recv(fd, &probe, sizeof probe, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+      if (used > 0) break;   // report the error on the next call
+      return seq && (errno == ECONNRESET || errno == EPIPE) ? TEVLIB_ERR_CLOSED : TEVLIB_ERR_IO;
+    }
+    if (n == 0 && seq) {
+      // End of stream (a user connection's peer closed). What was copied goes
+      // out first; the next call reports the close.
+      if (used > 0) break;
+      return TEVLIB_ERR_CLOSED;
+    }
+    size_t len = static_cast<size_t>(n);
+    std::string why;
+    if (len > TEV_RECORD_MAX_SIZE) {
+      Discard(fd);
+      NoteDropped(fd, "record of " + std::to_string(len) + " bytes is larger than 1 MiB");
+      continue;
+    }
+    if (len > size - used) {
+      // Does not fit. A malformed record must not block the context, so it is
+      // inspected in a scratch buffer first.
+      uint8_t *scratch = static_cast<uint8_t *>(malloc(len > 0 ? len : 1));
+      if (scratch == nullptr) return used > 0 ? TEVLIB_OK : TEVLIB_ERR_NOMEM;
+      ssize_t got = recv(fd, scratch, len, MSG_PEEK | MSG_DONTWAIT);
+      bool good = got == n && platform_internal::ParseRecord(scratch, len, nullptr, &why);
+      free(scratch);
+      if (got >= 0 && !good) {
+        Discard(fd);
+        NoteDropped(fd, why.empty() ? "short read" : why);
+        continue;
+      }
+      if (used == 0) return TEVLIB_BUFFER_TOO_SMALL;
+      break;
+    }
+    ssize_t got = recv(fd, out + used, len, MSG_DONTWAIT);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    if (static_cast<size_t>(got) != len) {
+      NoteDropped(fd, "record changed size while being read");
+      continue;
+    }
+    if (!platform_internal::ParseRecord(out + used, len, nullptr, &why)) {
+      NoteDropped(fd, why);
+      continue;
+    }
+    used += len;
+  }
+  *length = used;
+  return TEVLIB_OK;
+}
+
+int TevLib_Reset(TevLib_Handle handle) {
+  if (handle == nullptr) return TEVLIB_ERR_INVAL;
+  if (handle->user) return TEVLIB_OK;
+  char dummy;
+  for (;;) {
+    ssize_t n = recv(handle->fd, &dummy, sizeof dummy, MSG_DONTWAIT | MSG_TRUNC);
+    if (n >= 0 || errno == EINTR) continue;
+    return errno == EAGAIN || errno == EWOULDBLOCK ? TEVLIB_OK : TEVLIB_ERR_IO;
+  }
+}
+
+int TevLib_UserContextNewCnx(TevLib_Handle handle, int *fd) {
+  if (handle == nullptr || fd == nullptr || !handle->user) return TEVLIB_ERR_INVAL;
+  int c = accept4(handle->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (c < 0) return errno;
+  platform_internal::RegisterFdName(c, handle->name);
+  *fd = c;
+  return TEVLIB_OK;
+}
+
+int TevLib_UserContextCloseCnx(int fd) {
+  if (fd < 0) return -1;
+  platform_internal::ForgetFd(fd);
+  return close(fd) == 0 ? 0 : -1;
+}
+
+int TevLib_Close(TevLib_Handle handle) {
+  if (handle == nullptr) return TEVLIB_ERR_INVAL;
+  platform_internal::ForgetFd(handle->fd);
+  int rc = close(handle->fd) == 0 ? TEVLIB_OK : TEVLIB_ERR_IO;
+  delete handle;
+  return rc;
+}
+
+uint64_t TevLib_DroppedRecords(void) { return gDropped.load(); }

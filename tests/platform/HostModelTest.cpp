@@ -1,0 +1,257 @@
+// The host model: HostCtl/MtlCtl reads and writes over platform/ files, the
+// throw on absent entries, KNO nodes (UUID record bytes, options, threshold,
+// group names, link flapping), the build check, the KFS look-up, the kernel
+// time-stamp call and the log datagram.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "HostCtl.h"
+#include "KNO.h"
+#include "MtlCtl.h"
+#include "PlatformRoot.h"
+#include "TevClock.h"
+#include "TevdTestSupport.h"
+
+namespace {
+
+using HostCtl::Lib::HostCtlException;
+
+class HostModel : public ::testing::Test {
+ protected:
+  tevdtest::ScratchRoot root_;
+};
+
+TEST_F(HostModel, StorageReadsFollowTheFiles) {
+  root_.Write("platform/storage/paths/vmhba1:C0:T0:L0", "naa.600\n");
+  root_.Write("platform/storage/devices/naa.600/status", "2\n");
+  root_.Write("platform/storage/devices/naa.600/partitions/3", "datastore3");
+  root_.Write("platform/storage/devices/naa.600/partitions/1", "datastore1\n");
+  root_.Write("platform/storage/devices/naa.600/partitions/10", "");
+  root_.MakeDir("platform/storage/devices/mpx.cd");
+  auto storage = HostCtl::HostFactory::GetHost()->GetStorageInfo();
+  EXPECT_EQ("naa.600", storage->GetPath("vmhba1:C0:T0:L0")->GetDeviceName());
+  std::unique_ptr<HostCtl::Storage::Lun> lun = storage->GetLun("naa.600");
+  EXPECT_EQ(2u, lun->GetPathRedundancyStatus());
+  auto *disk = dynamic_cast<HostCtl::Storage::DiskLun *>(lun.get());
+  ASSERT_NE(nullptr, disk);
+  auto parts = disk->GetPartitions();
+  ASSERT_EQ(3u, parts.size());
+  EXPECT_EQ(1, parts[0]->GetPartitionNumber());
+  EXPECT_EQ(3, parts[1]->GetPartitionNumber());
+  EXPECT_EQ(10, parts[2]->GetPartitionNumber());
+  EXPECT_EQ("naa.600", parts[2]->GetDeviceName());
+  std::unique_ptr<HostCtl::Storage::Lun> cd = storage->GetLun("mpx.cd");
+  EXPECT_EQ(nullptr, dynamic_cast<HostCtl::Storage::DiskLun *>(cd.get()));
+  // Changing a file changes the host: nothing is cached.
+  root_.Write("platform/storage/devices/naa.600/status", "1");
+  EXPECT_EQ(1u, lun->GetPathRedundancyStatus());
+}
+
+TEST_F(HostModel, AbsentEntriesThrowHostCtlException) {
+  auto storage = HostCtl::HostFactory::GetHost()->GetStorageInfo();
+  EXPECT_THROW(storage->GetPath("vmhba9:C0:T0:L0"), HostCtlException);
+  EXPECT_THROW(storage->GetLun("naa.none"), HostCtlException);
+  EXPECT_THROW(HostCtl::Storage::Lun("naa.none").GetPathRedundancyStatus(), HostCtlException);
+  EXPECT_THROW(HostCtl::Storage::DiskLun("naa.none").GetPartitions(), HostCtlException);
+  EXPECT_THROW(HostCtl::Network::NetworkFactory::GetPortGroupByName("VM Network"), HostCtlException);
+  EXPECT_THROW(MtlCtl::Adv::AdvancedIntegerOptionImpl("Net", "LinkFlappingThreshold").GetValue(),
+               HostCtlException);
+  MtlCtl::Resource::ResourceInfoImpl res;
+  EXPECT_THROW(res.GetVirtualMachineByWorldId(1234), HostCtlException);
+  EXPECT_THROW(MtlCtl::Resource::VirtualMachine(1234).Kill(0), HostCtlException);
+  root_.Write("platform/storage/devices/naa.bad/status", "two");
+  EXPECT_THROW(HostCtl::Storage::Lun("naa.bad").GetPathRedundancyStatus(), HostCtlException);
+}
+
+TEST_F(HostModel, NameWithSlashIsStoredWithPercent2F) {
+  EXPECT_EQ("a%2Fb%2Fc", PlatformModel_EscapeName("a/b/c"));
+  EXPECT_EQ("%2E%2E", PlatformModel_EscapeName(".."));
+  root_.Write("platform/network/portgroups/Mgmt%2FVLAN 10", "vSwitch0\n");
+  auto pg = HostCtl::Network::NetworkFactory::GetPortGroupByName("Mgmt/VLAN 10");
+  EXPECT_EQ("Mgmt/VLAN 10", pg->GetName());
+  EXPECT_EQ("vSwitch0", pg->GetVirtualSwitchName());
+}
+
+TEST_F(HostModel, OptionsAndVirtualMachines) {
+  root_.Write("platform/options/Net/LinkFlappingThreshold", "3\n");
+  EXPECT_EQ(3, MtlCtl::Adv::AdvancedIntegerOptionImpl("Net", "LinkFlappingThreshold").GetValue());
+  root_.Write("platform/vms/4321/name", "web-01\n");
+  auto vm = MtlCtl::Resource::ResourceInfoImpl().GetVirtualMachineByWorldId(4321);
+  EXPECT_EQ(4321, vm->GetWorldId());
+  EXPECT_EQ("web-01", vm->GetName());
+  vm->Kill(0);
+  std::string killed;
+  ASSERT_TRUE(root_.Read("platform/vms/4321/killed", &killed));
+  EXPECT_EQ("0\n", killed);
+}
+
+TEST_F(HostModel, LinkFlappingNodeIsWrittenOnlyIntoAnExistingNicDirectory) {
+  MtlCtl::Util::Sysinfo node(KNO_NODE_net_pNics_linkFlapping);
+  node.AddInstancePath("vmnic2");
+  node.AddInput(1);
+  EXPECT_THROW(node.Set(), HostCtlException);
+  root_.MakeDir("platform/nodes/net/pNics/vmnic2");
+  node.Set();
+  std::string value;
+  ASSERT_TRUE(root_.Read("platform/nodes/net/pNics/vmnic2/linkFlapping", &value));
+  EXPECT_EQ("1\n", value);
+}
+
+TEST_F(HostModel, IntegerOptionIsSetAndReadThroughKno) {
+  root_.MakeDir("platform/options/Misc");
+  KNO_ParamList *inst = KNO_ParamListCreate();
+  KNO_ParamList *vals = KNO_ParamListCreate();
+  ASSERT_EQ(0, KNO_ParamListAddString(inst, "Misc"));
+  ASSERT_EQ(0, KNO_ParamListAddString(inst, "TevAsyncEnable"));
+  ASSERT_EQ(0, KNO_ParamListAddInt(vals, 1));
+  EXPECT_EQ(2, KNO_ParamListNumInstances(inst));
+  EXPECT_EQ(0, MTL_ReturnStatusToErrno(KNO_Set(KNO_NODE_config_intOpts, inst, vals)));
+  std::string value;
+  ASSERT_TRUE(root_.Read("platform/options/Misc/TevAsyncEnable", &value));
+  EXPECT_EQ("1\n", value);
+  KNO_IntOptRecord rec;
+  ASSERT_EQ(0, KNO_Get(KNO_NODE_config_intOpts, inst, &rec, sizeof rec));
+  EXPECT_EQ(1, rec.curValue);
+  EXPECT_STREQ("TevAsyncEnable", rec.name);
+  ASSERT_EQ(0, KNO_ParamListRemoveLastParam(inst));
+  ASSERT_EQ(0, KNO_ParamListAddString(inst, "Absent"));
+  EXPECT_EQ(ENOENT, MTL_ReturnStatusToErrno(KNO_Get(KNO_NODE_config_intOpts, inst, &rec, sizeof rec)));
+  KNO_ParamList *other = KNO_ParamListCreate();
+  KNO_ParamListAddString(other, "NoSuchGroup");
+  KNO_ParamListAddString(other, "X");
+  EXPECT_EQ(ENOENT, MTL_ReturnStatusToErrno(KNO_Set(KNO_NODE_config_intOpts, other, vals)));
+  KNO_ParamListDestroy(other);
+  KNO_ParamListDestroy(inst);
+  KNO_ParamListDestroy(vals);
+}
+
+TEST_F(HostModel, SystemUuidRecordBytes) {
+  root_.Write("platform/nodes/system/systemUuid", "4C4C4544-0031-3510-8052-B4C04F4E3232\n");
+  uint8_t rec[KNO_SYSTEM_UUID_SIZE];
+  memset(rec, 0xEE, sizeof rec);
+  ASSERT_EQ(0, KNO_Get(KNO_NODE_system_systemUuid, nullptr, rec, sizeof rec));
+  const uint8_t binary[16] = {0x4c, 0x4c, 0x45, 0x44, 0x00, 0x31, 0x35, 0x10,
+                              0x80, 0x52, 0xb4, 0xc0, 0x4f, 0x4e, 0x32, 0x32};
+  EXPECT_EQ(0, memcmp(binary, rec, 16));
+  EXPECT_STREQ("4c4c4544-0031-3510-8052-b4c04f4e3232", reinterpret_cast<const char *>(rec + 16));
+  EXPECT_EQ(0, rec[52]);
+  EXPECT_EQ(0, rec[53]);
+  EXPECT_EQ(0, rec[54]);
+  EXPECT_EQ(0, rec[55]);
+}
+
+TEST_F(HostModel, AbsentSystemUuidGivesZeroRecordAndFailure) {
+  uint8_t rec[KNO_SYSTEM_UUID_SIZE];
+  memset(rec, 0xEE, sizeof rec);
+  EXPECT_NE(0, KNO_Get(KNO_NODE_system_systemUuid, nullptr, rec, sizeof rec));
+  uint8_t zero[KNO_SYSTEM_UUID_SIZE] = {};
+  EXPECT_EQ(0, memcmp(zero, rec, sizeof rec));
+}
+
+TEST_F(HostModel, ThresholdAndGroupNameNodes) {
+  root_.Write("platform/nodes/system/pageRetire/threshold", "18446744073709551615\n");
+  MtlCtl::Util::Sysinfo threshold(KNO_NODE_system_pageRetire_threshold);
+  uint64_t t = 0;
+  threshold.Get(&t, sizeof t);
+  EXPECT_EQ(UINT64_MAX, t);
+  root_.Write("platform/nodes/vm/vmmGroupInfo/77", "db-server\n");
+  MtlCtl::Util::Sysinfo group(KNO_NODE_vm_vmmGroupInfo);
+  group.SetInstance(77);
+  std::vector<uint8_t> info(KNO_VMM_GROUP_INFO_SIZE, 0xEE);
+  group.Get(info.data(), info.size());
+  EXPECT_STREQ("db-server", reinterpret_cast<const char *>(info.data() + 260));
+  EXPECT_EQ(0, info[0]);
+  group.SetInstance(78);
+  EXPECT_THROW(group.Get(info.data(), info.size()), HostCtlException);
+}
+
+TEST_F(HostModel, BuildSignatureCheck) {
+  char kernel[64] = "unset";
+  char mine[64] = "unset";
+  EXPECT_EQ(0, KNO_CheckSig(21, kernel, sizeof kernel, mine, sizeof mine));   // absent: match
+  root_.Write("platform/kernel-build", std::string(KNO_BUILD_SIGNATURE) + " Jan  1 2024\n");
+  EXPECT_EQ(0, KNO_CheckSig(21, kernel, sizeof kernel, mine, sizeof mine));
+  root_.Write("platform/kernel-build", "other-sig Mar  3 2021 10:00:00\nsecond line\n");
+  EXPECT_EQ(1, KNO_CheckSig(21, kernel, sizeof kernel, mine, sizeof mine));
+  EXPECT_STREQ("Mar  3 2021 10:00:00", kernel);
+  EXPECT_STREQ(KNO_BUILD_DATE, mine);
+  char tiny[4];
+  EXPECT_EQ(1, KNO_CheckSig(21, tiny, sizeof tiny, mine, sizeof mine));
+  EXPECT_STREQ("Mar", tiny);
+}
+
+TEST_F(HostModel, KfsPartitionLookup) {
+  EXPECT_EQ(-1, KfsVolumes_Open());   // no kfs/volumes/ yet
+  root_.MakeDir("kfs/volumes");
+  root_.Write("platform/storage/devices/naa.600/partitions/1", "datastore1\n");
+  root_.Write("platform/storage/devices/naa.600/partitions/2", "");
+  int dir = KfsVolumes_Open();
+  ASSERT_GE(dir, 0);
+  KfsPartitionVolumeQuery q;
+  memset(&q, 0, sizeof q);
+  snprintf(q.partition, sizeof q.partition, "naa.600:1");
+  ASSERT_EQ(0, KfsVolumes_Ioctl(dir, KFS_IOCTL_PARTITION_VOLUME, &q));
+  EXPECT_STREQ("datastore1", q.volume);
+  snprintf(q.partition, sizeof q.partition, "naa.600:2");
+  EXPECT_EQ(-1, KfsVolumes_Ioctl(dir, KFS_IOCTL_PARTITION_VOLUME, &q));
+  EXPECT_EQ(ENOENT, errno);
+  snprintf(q.partition, sizeof q.partition, "naa.600:3");
+  EXPECT_EQ(-1, KfsVolumes_Ioctl(dir, KFS_IOCTL_PARTITION_VOLUME, &q));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(-1, KfsVolumes_Ioctl(dir, 3039, &q));
+  EXPECT_EQ(EINVAL, errno);
+  close(dir);
+}
+
+TEST(PlatformClock, KernelTimestampCallReadsTheFakeClock) {
+  tevdtest::FakeClock clock(1700000000);
+  clock.AdvanceUs(250);
+  uint8_t buf[16];
+  memset(buf, 0xEE, sizeof buf);
+  ASSERT_EQ(0, MtlSyscall(MTL_SYSCALL_EVENT_TIMESTAMP, buf));
+  uint64_t us;
+  memcpy(&us, buf, sizeof us);
+  EXPECT_EQ(1700000000000250ull, us);
+  EXPECT_EQ(0xEE, buf[8]);
+  EXPECT_EQ(1700000000, TevClock_Time());
+  EXPECT_EQ(-ENOSYS, MtlSyscall(1, buf));
+}
+
+TEST_F(HostModel, LogLineGoesToDevLogAsOneSyslogDatagram) {
+  tevdtest::FakeClock clock(1700000000);   // 2023-11-14 22:13:20 UTC
+  std::string oldTz = getenv("TZ") != nullptr ? getenv("TZ") : "";
+  bool hadTz = getenv("TZ") != nullptr;
+  setenv("TZ", "UTC", 1);
+  tzset();
+  root_.MakeDir("dev");
+  int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", root_.Abs("dev/log").c_str());
+  ASSERT_EQ(0, bind(log, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
+  auto logf = [](const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    PlatformLog_Vsyslog(format, ap);
+    va_end(ap);
+  };
+  logf("Exiting. rc:%d\n", 0);
+  char line[256];
+  ssize_t n = recv(log, line, sizeof line, 0);
+  ASSERT_GT(n, 0);
+  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: Exiting. rc:0\n", std::string(line, static_cast<size_t>(n)));
+  close(log);
+  root_.Remove("dev/log");
+  logf("dropped %s", "silently");   // no collector: nothing happens
+  if (hadTz) setenv("TZ", oldTz.c_str(), 1); else unsetenv("TZ");
+  tzset();
+}
+
+}  // namespace

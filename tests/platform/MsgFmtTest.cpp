@@ -1,0 +1,355 @@
+// Argument blocks: printf conversions to type codes, the bytes of a block,
+// the round trip format -> block -> decode, text formatting, and a decoder
+// that refuses every malformed block. Also the qprob message decoder.
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstring>
+
+#include "MsgFmt.h"
+#include "Qprob.h"
+#include "TevdTestSupport.h"
+
+namespace {
+
+using tevdtest::ArgsText;
+
+// Serialises like the poster does, into a buffer of `capacity` bytes that
+// starts one byte off alignment (blocks sit right after the identifier).
+struct Serialized {
+  bool ok = false;
+  std::vector<uint8_t> storage;
+  MsgFmt_Arg *args = nullptr;
+  int count = 0;
+  size_t used = 0;
+  uint8_t *block() { return storage.data() + 1; }
+};
+
+Serialized Serialize(size_t capacity, const char *format, ...) {
+  Serialized s;
+  s.storage.assign(capacity + 1, 0xAA);
+  s.used = capacity;
+  char *error = nullptr;
+  va_list ap;
+  va_start(ap, format);
+  s.ok = MsgFmt_GetArgsWithBuf(format, ap, &s.args, &s.count, &error, s.block(), &s.used);
+  va_end(ap);
+  return s;
+}
+
+struct TypeRow {
+  const char *format;
+  std::vector<uint32_t> types;
+};
+
+TEST(MsgFmtTypes, ConversionsMapToTheirTypeCodes) {
+  const TypeRow rows[] = {
+      {"%d %i %c %hd %hhd %hi", {1, 1, 1, 1, 1, 1}},
+      {"%ld %lld %li %zd", {2, 2, 2, 2}},
+      {"%u %x %X %o %hu %hhx", {3, 3, 3, 3, 3, 3}},
+      {"%lu %lx %llu %llx %zu %zx", {4, 4, 4, 4, 4, 4}},
+      {"%f %e %g %Lf %lg", {5, 5, 5, 5, 5}},
+      {"%s", {6}},
+      {"%p", {4}},
+      {"100%% done %-8s|%08.3f", {6, 5}},
+      {"no conversions", {}},
+  };
+  for (const TypeRow &row : rows) {
+    std::vector<uint32_t> types;
+    std::string why;
+    ASSERT_TRUE(MsgFmt_TypesOfFormat(row.format, &types, &why)) << row.format << ": " << why;
+    EXPECT_EQ(row.types, types) << row.format;
+  }
+}
+
+TEST(MsgFmtTypes, UnsupportedConversionsAreRefused) {
+  for (const char *bad : {"%n", "%q", "%*d", "%.*s", "%ls", "trailing %", "%l"}) {
+    std::string why;
+    EXPECT_FALSE(MsgFmt_TypesOfFormat(bad, nullptr, &why)) << bad;
+    EXPECT_FALSE(why.empty()) << bad;
+  }
+}
+
+TEST(MsgFmtBlock, BytesOfIntAndStringBlockAreExact) {
+  Serialized s = Serialize(256, "%d %s", -3, "ab");
+  ASSERT_TRUE(s.ok);
+  ASSERT_EQ(2, s.count);
+  ASSERT_EQ(35u, s.used);   // 2 slots + "ab\0"
+  MsgFmt_SwizzleArgs(s.args, s.count);
+  const uint8_t expected[35] = {
+      1, 0, 0, 0, 0, 0, 0, 0, 0xFD, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,   // int32 -3
+      6, 0, 0, 0, 2, 0, 0, 0, 32, 0, 0, 0, 0, 0, 0, 0,                           // "ab" at 32
+      'a', 'b', 0};
+  EXPECT_EQ(0, memcmp(expected, s.block(), sizeof expected));
+}
+
+TEST(MsgFmtBlock, NullStringIsMarkedAndTakesNoBytes) {
+  const char *none = nullptr;
+  Serialized s = Serialize(64, "%s", none);
+  ASSERT_TRUE(s.ok);
+  EXPECT_EQ(16u, s.used);
+  MsgFmt_SwizzleArgs(s.args, s.count);
+  MsgFmt_Arg slot = MsgFmt_ReadSlot(s.block(), 0);
+  EXPECT_EQ(6u, slot.type);
+  EXPECT_EQ(0xFFFFFFFFu, slot.length);
+  EXPECT_EQ(0u, slot.value);
+}
+
+TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {
+  const char *none = nullptr;
+  Serialized s = Serialize(512, "%d %ld %u %lu %f %s %s %p %hhd %hx", -2147483647 - 1,
+                           static_cast<long>(INT64_MIN), 4294967295u,
+                           static_cast<unsigned long>(UINT64_MAX), 2.5, "vmnic1", none,
+                           reinterpret_cast<void *>(0x1234), 300, 0x12345);
+  ASSERT_TRUE(s.ok);
+  MsgFmt_SwizzleArgs(s.args, s.count);
+  std::vector<MsgFmt_Value> values;
+  std::string why;
+  ASSERT_TRUE(MsgFmt_DecodeBlock(s.block(), s.used, static_cast<uint32_t>(s.count), &values, &why))
+      << why;
+  std::vector<std::string> expected = {"I:-2147483648",
+                                       "L:-9223372036854775808",
+                                       "U:4294967295",
+                                       "UL:18446744073709551615",
+                                       "D:2.5",
+                                       "S:vmnic1",
+                                       "S:(null)",
+                                       "UL:4660",
+                                       "I:44",
+                                       "U:9029"};
+  EXPECT_EQ(expected, ArgsText(values));
+  EXPECT_TRUE(values[6].isNull);
+  EXPECT_FALSE(values[5].isNull);
+}
+
+TEST(MsgFmtBlock, BlockThatDoesNotFitReportsFailureWithoutError) {
+  char *error = reinterpret_cast<char *>(1);
+  MsgFmt_Arg *args = nullptr;
+  int count = 0;
+  std::vector<uint8_t> buf(20);
+  size_t size = buf.size();
+  auto call = [&](const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    bool ok = MsgFmt_GetArgsWithBuf(format, ap, &args, &count, &error, buf.data(), &size);
+    va_end(ap);
+    return ok;
+  };
+  EXPECT_FALSE(call("%s", "four"));   // 16 + 5 > 20
+  EXPECT_EQ(nullptr, error);
+  size = buf.size();
+  EXPECT_TRUE(call("%s", "thr"));     // 16 + 4 fits exactly
+  EXPECT_EQ(20u, size);
+}
+
+TEST(MsgFmtBlock, BadFormatNamesTheProblem) {
+  char *error = nullptr;
+  MsgFmt_Arg *args = nullptr;
+  int count = 0;
+  uint8_t buf[64];
+  size_t size = sizeof buf;
+  auto call = [&](const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    bool ok = MsgFmt_GetArgsWithBuf(format, ap, &args, &count, &error, buf, &size);
+    va_end(ap);
+    return ok;
+  };
+  EXPECT_FALSE(call("%n", nullptr));
+  ASSERT_NE(nullptr, error);
+  EXPECT_NE(nullptr, strstr(error, "%n"));
+}
+
+TEST(MsgFmtText, AsprintfFormatsFromUnswizzledSlots) {
+  Serialized s = Serialize(256, "Physical NIC %s linkstate is down (%d/%lu) %5.1f%% %p %x", "vmnic1",
+                           -4, 18446744073709551615ul, 99.25, reinterpret_cast<void *>(0xbeef),
+                           255u);
+  ASSERT_TRUE(s.ok);
+  size_t len = 0;
+  char *text = MsgFmt_Asprintf(&len, "Physical NIC %s linkstate is down (%d/%lu) %5.1f%% %p %x",
+                               s.args, s.count);
+  ASSERT_NE(nullptr, text);
+  EXPECT_STREQ("Physical NIC vmnic1 linkstate is down (-4/18446744073709551615)  99.2% 0xbeef ff",
+               text);
+  EXPECT_EQ(strlen(text), len);
+  free(text);
+}
+
+TEST(MsgFmtText, NullStringPrintsAsNull) {
+  const char *none = nullptr;
+  Serialized s = Serialize(64, "[%s]", none);
+  ASSERT_TRUE(s.ok);
+  char *text = MsgFmt_Asprintf(nullptr, "[%s]", s.args, s.count);
+  EXPECT_STREQ("[(null)]", text);
+  free(text);
+}
+
+TEST(MsgFmtText, FormatValuesUsesDecodedValues) {
+  EXPECT_EQ("dev naa.1 has 2 paths of 3",
+            MsgFmt_FormatValues("dev %s has %d paths of %lu",
+                                {MsgFmt_Value::Str("naa.1"), MsgFmt_Value::I32(2),
+                                 MsgFmt_Value::U64(3)}));
+  // A conversion that does not suit the value prints the value as it is.
+  EXPECT_EQ("n=7", MsgFmt_FormatValues("n=%s", {MsgFmt_Value::I32(7)}));
+  // Missing arguments print nothing.
+  EXPECT_EQ("a= b=", MsgFmt_FormatValues("a=%d b=%s", {}));
+}
+
+TEST(MsgFmtSwizzled, GetSwizzledStringChecksBounds) {
+  std::vector<uint8_t> block = MsgFmt_EncodeBlock(
+      {MsgFmt_Value::Str("abc"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(1)});
+  const char *str = nullptr;
+  ASSERT_EQ(0, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 0, &str));
+  EXPECT_STREQ("abc", str);
+  ASSERT_EQ(0, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 1, &str));
+  EXPECT_EQ(nullptr, str);
+  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 2, &str));   // an int
+  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 3, &str));   // past n
+  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size() - 1, 3, 0, &str));
+  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), 40, 3, 0, &str));   // slots do not fit
+}
+
+// ---- malformed blocks ----------------------------------------------------------
+
+void SetSlot(std::vector<uint8_t> *b, int index, size_t field, uint64_t v, size_t width) {
+  memcpy(b->data() + index * 16 + field, &v, width);
+}
+
+struct BadBlock {
+  const char *fault;
+  void (*corrupt)(std::vector<uint8_t> *block, uint32_t *count);
+};
+
+TEST(MsgFmtDecode, MalformedBlocksAreRefused) {
+  const BadBlock rows[] = {
+      {"UnknownTypeCode", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 0, 7, 4); }},
+      {"TypeCodeZero", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 0, 0, 4); }},
+      {"StringOffsetOutside", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 8, 4096, 8); }},
+      {"StringOffsetIntoSlots", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 8, 8, 8); }},
+      {"StringLengthPastEnd", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 4, 200, 4); }},
+      {"StringWithoutNul", [](std::vector<uint8_t> *b, uint32_t *) { b->back() = 'x'; }},
+      {"StringShorterThanLength", [](std::vector<uint8_t> *b, uint32_t *) { (*b)[49] = 0; }},
+      {"CountLargerThanBlock", [](std::vector<uint8_t> *, uint32_t *n) { *n = 0x10000000; }},
+      {"CountSmallerThanBlock", [](std::vector<uint8_t> *, uint32_t *n) { *n = 1; }},
+      {"TrailingBytes", [](std::vector<uint8_t> *b, uint32_t *) { b->push_back(0); }},
+      {"Int32NotSignExtended", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 8, 0xFFFFFFFFull, 8); }},
+      {"LengthOnInteger", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 4, 1, 4); }},
+      {"NullStringWithOffset", [](std::vector<uint8_t> *b, uint32_t *) {
+         SetSlot(b, 2, 4, 0xFFFFFFFFu, 4);
+         SetSlot(b, 2, 8, 48, 8);
+       }},
+      {"Uint32NotZeroExtended", [](std::vector<uint8_t> *b, uint32_t *) {
+         SetSlot(b, 0, 0, 3, 4);
+         SetSlot(b, 0, 8, 0x100000000ull, 8);
+       }},
+  };
+  for (const BadBlock &row : rows) {
+    std::vector<uint8_t> block = MsgFmt_EncodeBlock(
+        {MsgFmt_Value::I32(-1), MsgFmt_Value::Str("vmhba1"), MsgFmt_Value::NullStr()});
+    uint32_t count = 3;
+    std::vector<MsgFmt_Value> values;
+    std::string why;
+    ASSERT_TRUE(MsgFmt_DecodeBlock(block.data(), block.size(), count, &values, &why)) << why;
+    row.corrupt(&block, &count);
+    EXPECT_FALSE(MsgFmt_DecodeBlock(block.data(), block.size(), count, &values, &why)) << row.fault;
+    EXPECT_FALSE(why.empty()) << row.fault;
+  }
+}
+
+// ---- qprob message -------------------------------------------------------------
+
+std::vector<uint8_t> BuildQprob(const std::string &id, const std::vector<MsgFmt_Value> &args,
+                                const char *uuid) {
+  std::vector<uint8_t> block = MsgFmt_EncodeBlock(args);
+  uint32_t idLen = static_cast<uint32_t>(id.size() + 1);
+  uint32_t total = 72 + idLen + static_cast<uint32_t>(block.size());
+  std::vector<uint8_t> m(total, 0);
+  uint64_t ts = 1700000000123456ull;
+  memcpy(m.data(), &ts, 8);
+  if (uuid != nullptr) memcpy(m.data() + 16, uuid, strlen(uuid));
+  uint32_t count = static_cast<uint32_t>(args.size());
+  memcpy(m.data() + 56, &total, 4);
+  memcpy(m.data() + 60, &count, 4);
+  memcpy(m.data() + 64, &idLen, 4);
+  memcpy(m.data() + 68, id.c_str(), idLen);
+  if (!block.empty()) memcpy(m.data() + 68 + idLen, block.data(), block.size());
+  return m;
+}
+
+TEST(QprobDecode, DecodesHeaderIdentifierAndArguments) {
+  std::vector<uint8_t> m =
+      BuildQprob("kos.problem.net.hwnic.linkstate.down",
+                 {MsgFmt_Value::Str("vmnic1"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(-5)},
+                 "4c4c4544-0031-3510-8052-b4c04f4e3232");
+  QprobMessage q;
+  std::string why;
+  ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), &q, &why)) << why;
+  EXPECT_EQ(1700000000123456ull, q.timestampUs);
+  EXPECT_EQ("4c4c4544-0031-3510-8052-b4c04f4e3232", q.hostUuid);
+  EXPECT_EQ("kos.problem.net.hwnic.linkstate.down", q.id);
+  EXPECT_EQ(37u, q.idLength);
+  EXPECT_EQ("problem", q.className);
+  EXPECT_EQ((std::vector<std::string>{"S:vmnic1", "S:(null)", "I:-5"}), ArgsText(q.args));
+  EXPECT_EQ(
+      "{\"ts\":1700000000123456,\"class\":\"problem\",\"id\":\"kos.problem.net.hwnic.linkstate.down\","
+      "\"host\":\"4c4c4544-0031-3510-8052-b4c04f4e3232\",\"args\":[{\"type\":\"string\",\"value\":"
+      "\"vmnic1\"},{\"type\":\"string\",\"value\":null},{\"type\":\"int32\",\"value\":-5}]}",
+      Qprob_ToJson(q));
+}
+
+TEST(QprobDecode, ClassComesFromTheIdentifierPrefix) {
+  const std::pair<const char *, const char *> rows[] = {
+      {"kos.audit.x", "audit"}, {"kos.clear.x", "clear"}, {"kos.other.x", ""}};
+  for (const auto &row : rows) {
+    std::vector<uint8_t> m = BuildQprob(row.first, {}, nullptr);
+    QprobMessage q;
+    ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), &q, nullptr)) << row.first;
+    EXPECT_EQ(row.second, q.className);
+    EXPECT_EQ("", q.hostUuid);
+  }
+}
+
+TEST(QprobDecode, JsonEscapesQuotesAndControls) {
+  std::vector<uint8_t> m = BuildQprob("kos.audit.a", {MsgFmt_Value::Str("a\"b\\c\n\x01"),
+                                                     MsgFmt_Value::U64(7), MsgFmt_Value::Dbl(0.5)},
+                                      nullptr);
+  QprobMessage q;
+  ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), &q, nullptr));
+  EXPECT_EQ(
+      "{\"ts\":1700000000123456,\"class\":\"audit\",\"id\":\"kos.audit.a\",\"host\":\"\",\"args\":["
+      "{\"type\":\"string\",\"value\":\"a\\\"b\\\\c\\n\\u0001\"},{\"type\":\"uint64\",\"value\":7},"
+      "{\"type\":\"double\",\"value\":0.5}]}",
+      Qprob_ToJson(q));
+}
+
+TEST(QprobDecode, MalformedMessagesAreRefused) {
+  struct Row {
+    const char *fault;
+    void (*corrupt)(std::vector<uint8_t> *m);
+  };
+  const Row rows[] = {
+      {"LengthMismatch", [](std::vector<uint8_t> *m) { m->push_back(0); }},
+      {"Truncated", [](std::vector<uint8_t> *m) { m->resize(60); }},
+      {"IdentifierLengthZero", [](std::vector<uint8_t> *m) { memset(m->data() + 64, 0, 4); }},
+      {"IdentifierLengthAbove129", [](std::vector<uint8_t> *m) {
+         uint32_t v = 130;
+         memcpy(m->data() + 64, &v, 4);
+       }},
+      {"IdentifierWithoutNul", [](std::vector<uint8_t> *m) { (*m)[68 + 11] = 'x'; }},
+      {"HostIdentityUnterminated", [](std::vector<uint8_t> *m) { memset(m->data() + 16, 'a', 38); }},
+      {"ArgumentCountTooLarge", [](std::vector<uint8_t> *m) {
+         uint32_t v = 9;
+         memcpy(m->data() + 60, &v, 4);
+       }},
+  };
+  for (const Row &row : rows) {
+    std::vector<uint8_t> m = BuildQprob("kos.clear.x", {MsgFmt_Value::Str("s")}, nullptr);
+    ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), nullptr, nullptr));
+    row.corrupt(&m);
+    std::string why;
+    EXPECT_FALSE(Qprob_Decode(m.data(), m.size(), nullptr, &why)) << row.fault;
+    EXPECT_FALSE(why.empty()) << row.fault;
+  }
+}
+
+}  // namespace

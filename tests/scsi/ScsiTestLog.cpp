@@ -73,6 +73,8 @@ std::vector<std::string> LogSink::Take() {
   return lines;
 }
 
+void LogSink::Pump() { seen_ = Take(); }
+
 bool LogSink::Saw(const std::string &message) {
   std::vector<std::string> lines = Take();
   bool found = false;

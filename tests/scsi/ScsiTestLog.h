@@ -15,6 +15,10 @@ class LogSink {
   // Every line received since the last call, without the syslog header, the
   // time prefix and the trailing newline.
   std::vector<std::string> Take();
+  // Moves pending datagrams into the taken-later list; call it after each
+  // observation, as the socket queues only a few datagrams and the daemon
+  // drops lines that do not fit.
+  void Pump();
   // True when one of the lines taken or pending equals `message` (compared
   // without its trailing newline).
   bool Saw(const std::string &message);

@@ -30,10 +30,12 @@ class StorageTranslationTest : public ::testing::Test {
   void Apd(const std::string &id, const std::vector<MsgFmt_Value> &args) {
     tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
     TevdCorrelator_Dispatch(TevdApdCorrelatorDoDefault, apdMap_, tev.get());
+    log_.Pump();
   }
   void Iscsi(const std::string &id, const std::vector<MsgFmt_Value> &args) {
     tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
     TevdCorrelator_Dispatch(TevdIscsiCorrelatorDoDefault, iscsiMap_, tev.get());
+    log_.Pump();
   }
   void Check(const Case &c, const std::vector<QprobMessage> &events) {
     ASSERT_EQ(events.size(), 1u);

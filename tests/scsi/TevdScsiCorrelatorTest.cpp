@@ -31,6 +31,7 @@ class ScsiTranslationTest : public ::testing::Test {
   void Dispatch(const std::string &id, const std::vector<MsgFmt_Value> &args) {
     tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
     TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
+    log_.Pump();
   }
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;

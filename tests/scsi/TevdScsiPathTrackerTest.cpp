@@ -45,6 +45,7 @@ class ScsiPathTest : public ::testing::Test {
   void Obs(const std::string &id, const std::vector<MsgFmt_Value> &args) {
     tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
     TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
+    log_.Pump();
   }
   void Down(const std::string &path, const std::string &left) {
     Obs("tev.scsi.scsipath.pathstate.dead", {S(path), S(left)});

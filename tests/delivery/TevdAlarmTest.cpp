@@ -148,8 +148,10 @@ TEST_F(TevdAlarmTest, PeriodicAlarmCountsNextFiringFromWhenItWasNoticed) {
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
   clock_.Advance(63);                        // late: noticed at 185
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  clock_.Advance(58);                        // 245 = 187 (after handler) + 58
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());   // due at 185 + 60 = 245
+  clock_.Advance(57);                        // 244: not yet, 180 + 60 would be due
+  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
+  clock_.Advance(1);                         // 245 = 185 + 60
+  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
   EXPECT_EQ(4u, fired.size());
 }
 

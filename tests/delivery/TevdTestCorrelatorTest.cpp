@@ -301,6 +301,24 @@ TEST_F(TevdTestCorrelatorTest, EachObservationRestartsTheTimeout) {
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());   // 8 s after start, 4 s after the last one
 }
 
+TEST_F(TevdTestCorrelatorTest, ObservationDroppedInCorruptWindowStillArmsTimeout) {
+  Feed("tev.tests.marker.start");
+  Feed("tev.tests.marker.corruptions.start");   // disarms and leaves it disarmed
+  clock_.Advance(60);
+  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
+  Feed("tev.tests.async.noData", "this is an observation with no data");
+  clock_.Advance(4);
+  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
+  EXPECT_EXIT(
+      {
+        StdoutToStderr();
+        clock_.Advance(1);
+        TevdAlarm_RunDueForTest();
+      },
+      ::testing::ExitedWithCode(2),
+      HasSubstr("FAIL: Timeout.  Waited 5 seconds, but got no tevs.\n"));
+}
+
 TEST_F(TevdTestCorrelatorTest, FailedAlarmRegistrationEndsTheRun) {
   for (int i = 0; i < TEVD_ALARM_MAX; i++) {
     ASSERT_EQ(i, TevdAlarm_Register(nullptr));

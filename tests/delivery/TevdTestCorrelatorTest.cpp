@@ -183,11 +183,12 @@ TEST_F(TevdTestCorrelatorTest, MismatchesAreCountedAndTheRowIsStillConsumed) {
   Feed("tev.tests.async.withLog", "this is an observation with a complicated "
                                   "/a/fake/path${path} path.");   // row 1: id, no string
   std::string out = ::testing::internal::GetCapturedStdout();
-  EXPECT_NE(std::string::npos, out.find("FAIL: Expected msg = 'this is an observation with no data'; Got "
-                             "'other text'\n"));
+  EXPECT_NE(std::string::npos,
+            out.find("FAIL: Expected msg = 'this is an observation with no data'; Got "
+                     "'other text'\n"));
   EXPECT_NE(std::string::npos, out.find("FAIL: Tev_GetIntArg(tev.tests.async.noData) failed: 0\n"));
   EXPECT_NE(std::string::npos, out.find("FAIL: Expected tevId = 'tev.tests.async.withPath'; Got "
-                             "'tev.tests.async.withLog'\n"));
+                                        "'tev.tests.async.withLog'\n"));
   EXPECT_NE(std::string::npos, out.find("FAIL: Tev_GetStringArg returned 22 @ i = 0\n"));
   EXPECT_EQ(std::string::npos, out.find("PASS"));
   EXPECT_EQ(4, TevdTestCorrelator_FailuresForTest());
@@ -234,7 +235,8 @@ TEST_F(TevdTestCorrelatorTest, DuplicateStartCountsOneFailure) {
   ::testing::internal::CaptureStdout();
   Feed("tev.tests.marker.start");
   std::string out = ::testing::internal::GetCapturedStdout();
-  EXPECT_NE(std::string::npos, out.find("FAILURE: Duplicate test start tevs?!\nINFO: Alarm handler ready\n"));
+  EXPECT_NE(std::string::npos,
+            out.find("FAILURE: Duplicate test start tevs?!\nINFO: Alarm handler ready\n"));
   EXPECT_EQ(1, TevdTestCorrelator_FailuresForTest());
 }
 

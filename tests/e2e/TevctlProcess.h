@@ -180,7 +180,8 @@ class Child {
     return true;
   }
   // Exit status (0..255), 128+signal, or -1 when still running after
-  // `timeoutMs` (the child is then killed). Output is collected to the end.
+  // `timeoutMs` (the child is then stopped: SIGTERM, then SIGKILL after 1 s).
+  // Output is collected to the end.
   int Wait(int timeoutMs) {
     long long end = NowMs() + timeoutMs;
     int status = 0;
@@ -189,9 +190,20 @@ class Child {
       pid_t r = waitpid(pid_, &status, WNOHANG);
       if (r == pid_) break;
       if (NowMs() >= end) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+        // SIGTERM first: a daemon that stops cleanly flushes the output that
+        // explains why it was still running.
+        kill(pid_, SIGTERM);
+        long long grace = NowMs() + 1000;
+        while (waitpid(pid_, nullptr, WNOHANG) != pid_) {
+          if (NowMs() >= grace) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+            break;
+          }
+          Pump(10);
+        }
         reaped_ = true;
+        while (outFd_ >= 0 || errFd_ >= 0) Pump(100);
         return -1;
       }
     }

@@ -19,12 +19,14 @@ namespace tevctl {
 namespace {
 
 const char kUsage[] =
-    "Usage: tevctl selftest [--delay-ms MS] [--wait SEC]\n"
+    "Usage: tevctl selftest [--delay-ms MS] [--wait SEC] [--settle-ms MS]\n"
     "Posts the self-test sequence to the user-level context of the daemon\n"
     "(start tevd with TEVD_EXTRA_AGENTS=1; it prints PASS/FAIL lines and exits\n"
     "with the number of failures).\n"
     "  --delay-ms MS  pause between two posts\n"
-    "  --wait SEC     retry connecting for up to SEC seconds while tevd starts\n";
+    "  --wait SEC     retry connecting for up to SEC seconds while tevd starts\n"
+    "  --settle-ms MS with --wait, pause MS (default 300) after connecting so\n"
+    "                 that a starting daemon's agents subscribe first\n";
 
 struct Row {
   const char *id;
@@ -110,13 +112,18 @@ std::vector<Row> Sequence(size_t rows, bool injectCorrupt) {
   return seq;
 }
 
+void PauseMs(uint64_t ms) {
+  struct timespec pause = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+  nanosleep(&pause, nullptr);
+}
+
+// Connects, retrying for up to `waitMs` while the daemon is not yet listening.
 int ConnectWithRetry(const std::string &path, int64_t waitMs) {
   int64_t deadline = NowMs() + waitMs;
   for (;;) {
     int fd = ConnectUnix(path, SOCK_SEQPACKET);
     if (fd >= 0 || (errno != ENOENT && errno != ECONNREFUSED) || NowMs() >= deadline) return fd;
-    struct timespec pause = {0, 20 * 1000 * 1000};
-    nanosleep(&pause, nullptr);
+    PauseMs(20);
   }
 }
 
@@ -127,7 +134,11 @@ int CmdSelftest(const std::vector<std::string> &args) {
   ParsedArgs pa;
   std::string why;
   if (!ParseArgs(args,
-                 {{"delay-ms", true}, {"wait", true}, {"rows", true}, {"inject-corrupt", false}},
+                 {{"delay-ms", true},
+                  {"wait", true},
+                  {"settle-ms", true},
+                  {"rows", true},
+                  {"inject-corrupt", false}},
                  &pa, &why)) {
     return Fail(cmd, "%s", why.c_str());
   }
@@ -136,12 +147,15 @@ int CmdSelftest(const std::vector<std::string> &args) {
     return 0;
   }
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
-  uint64_t delayMs = 0, waitSec = 0, rows = 21;
+  uint64_t delayMs = 0, waitSec = 0, rows = 21, settleMs = 300;
   if (pa.Has("delay-ms") && !ParseU64(pa.Get("delay-ms"), 31, &delayMs)) {
     return Fail(cmd, "--delay-ms needs milliseconds, not \"%s\"", pa.Get("delay-ms").c_str());
   }
   if (pa.Has("wait") && !ParseU64(pa.Get("wait"), 20, &waitSec)) {
     return Fail(cmd, "--wait needs seconds, not \"%s\"", pa.Get("wait").c_str());
+  }
+  if (pa.Has("settle-ms") && !ParseU64(pa.Get("settle-ms"), 31, &settleMs)) {
+    return Fail(cmd, "--settle-ms needs milliseconds, not \"%s\"", pa.Get("settle-ms").c_str());
   }
   if (pa.Has("rows") && (!ParseU64(pa.Get("rows"), 32, &rows) || rows > 21)) {
     return Fail(cmd, "--rows must be 0..21, not \"%s\"", pa.Get("rows").c_str());
@@ -153,14 +167,14 @@ int CmdSelftest(const std::vector<std::string> &args) {
     return Fail(cmd, "cannot connect to %s: %s (is tevd running under this root?)", path.c_str(),
                 strerror(errno));
   }
+  // The daemon listens before its agents have subscribed, and a record read
+  // before the self-test agent subscribes reaches nobody. --wait says the
+  // daemon may be starting, so give its agents a moment.
+  if (pa.Has("wait")) PauseMs(settleMs);
   int status = 0;
   std::vector<Row> seq = Sequence(static_cast<size_t>(rows), pa.Has("inject-corrupt"));
   for (size_t i = 0; i < seq.size(); ++i) {
-    if (i > 0 && delayMs > 0) {
-      struct timespec pause = {static_cast<time_t>(delayMs / 1000),
-                               static_cast<long>(delayMs % 1000) * 1000000L};
-      nanosleep(&pause, nullptr);
-    }
+    if (i > 0 && delayMs > 0) PauseMs(delayMs);
     const Row &r = seq[i];
     std::vector<uint8_t> rec = TevRecord_Encode(r.id, r.message, NowUs(), r.args);
     ssize_t n;

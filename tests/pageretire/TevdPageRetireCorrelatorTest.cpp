@@ -71,7 +71,10 @@ class PageRetireTest : public ::testing::Test {
   }
   std::string Killed(int32_t vm) {
     std::string v;
-    return root.Read("platform/vms/" + std::to_string(vm) + "/killed", &v) ? v : "<absent>";
+    if (!root.Read("platform/vms/" + std::to_string(vm) + "/killed", &v)) {
+      return "<absent>";
+    }
+    return v.substr(0, v.find('\n'));
   }
 
   tevdtest::ScratchRoot root;
@@ -293,7 +296,8 @@ TEST_F(PageRetireTest, AbsentVirtualMachineIsNotKilledAndIsTriedAgain) {
   Inject(0x30, 9);
   auto got = events.Take();
   ASSERT_EQ(1u, got.size());
-  EXPECT_EQ((std::vector<std::string>{"S:db02", "I:51", "U:48"}), ArgsText(got[0].args));
+  // The walk acts at the first entry that qualifies: the 50th again.
+  EXPECT_EQ((std::vector<std::string>{"S:db02", "I:50", "U:48"}), ArgsText(got[0].args));
   EXPECT_EQ("0", Killed(9));
   EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(9));
 }

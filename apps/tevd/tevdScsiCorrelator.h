@@ -1,6 +1,7 @@
 // SCSI correlator: the "scsi" agent's handler table, its direct translations
-// (tevdScsiCorrelator.cpp) and its stateful path/device tracking
-// (tevdScsiPathTracker.cpp). Everything here runs on the "scsi" agent thread
+// (tevdScsiCorrelator.cpp), its stateful path/device tracking
+// (tevdScsiPathTracker.cpp) and its host-model look-ups
+// (tevdScsiStorageQuery.cpp). Everything here runs on the "scsi" agent thread
 // only; the tracking tables carry no lock for that reason.
 #pragma once
 
@@ -27,7 +28,7 @@ int TevdScsiCorrelatorDoPowerOnReset(Tev *tev);
 int TevdScsiCorrelatorDoPermanentLoss(Tev *tev);
 int TevdScsiCorrelatorDoThinProvAtQuota(Tev *tev);
 
-// Host-model queries. Each returns false when the entry is absent (the
+// Host-model queries (tevdScsiStorageQuery.cpp). Each returns false when the entry is absent (the
 // host-control exception is swallowed).
 bool TevdScsiCorrelator_GetPathDevice(const std::string &path, std::string *device);
 bool TevdScsiCorrelator_GetDeviceStatus(const std::string &device, uint32_t *status);

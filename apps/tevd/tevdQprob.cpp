@@ -71,7 +71,7 @@ uint8_t hostIdentity[KNO_SYSTEM_UUID_SIZE];
 // The agent's socket path under TEVD_ROOT, resolved once rather than on every
 // post; tests forget it when they switch roots.
 pthread_mutex_t pathMutex = PTHREAD_MUTEX_INITIALIZER;
-std::string socketPath;
+std::string &socketPath = *new std::string;   // never destroyed: posts may race exit()
 bool socketPathResolved = false;
 
 pthread_mutex_t hookMutex = PTHREAD_MUTEX_INITIALIZER;

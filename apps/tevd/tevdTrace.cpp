@@ -40,9 +40,11 @@ struct Listener {
 
 pthread_mutex_t traceMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t traceUpdated = PTHREAD_COND_INITIALIZER;
-std::deque<std::string> history;            // guarded by traceMutex
-uint64_t historySize = 0;                   // guarded by traceMutex
-std::map<int, Listener> listeners;          // guarded by traceMutex
+// Never destroyed: the process may exit() (self-test) while client threads
+// and producers still run, and they must not meet destructed containers.
+std::deque<std::string> &history = *new std::deque<std::string>;   // guarded by traceMutex
+uint64_t historySize = 0;                                          // guarded by traceMutex
+std::map<int, Listener> &listeners = *new std::map<int, Listener>;  // guarded by traceMutex
 
 constexpr socklen_t kSockAddrLength = 110;
 constexpr int kBacklog = 128;

@@ -140,14 +140,22 @@ TEST_F(AgentTest, FailingPipeWriteStopsTheBufferAndReturnsErrno) {
   TevdAgent_Cleanup(agent);
 }
 
-TEST_F(AgentTest, BrokenPipeWhileWaitingPanics) {
+TEST_F(AgentTest, PipeClosedInsideARecordPanics) {
+  // A header that announces 100 bytes, then the writer goes away: the body
+  // read finds end of file.
   EXPECT_DEATH(
       {
         TevdAgent *agent = nullptr;
         TevdAgent_InitOne("eofAgent", "eof", &agent);
+        std::vector<uint8_t> rec = Record("tev.eof.x");
+        uint32_t total = 100;
+        memcpy(rec.data() + 16, &total, 4);
+        if (write(agent->stream->writeFd, rec.data(), 32) != 32) {
+          return;
+        }
         close(agent->stream->writeFd);
         Tev *t = nullptr;
         TevdAgent_WaitTev(agent, &t);
       },
-      "Tevd - Panic: EOF trying to read 32 bytes from stream 0x");
+      "Tevd - Panic: EOF trying to read 68 bytes from stream 0x");
 }

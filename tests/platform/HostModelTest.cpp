@@ -10,11 +10,13 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <thread>
 
 #include "HostCtl.h"
 #include "KNO.h"
 #include "MtlCtl.h"
 #include "PlatformRoot.h"
+#include "Str.h"
 #include "TevClock.h"
 #include "TevdTestSupport.h"
 
@@ -252,6 +254,46 @@ TEST_F(HostModel, LogLineGoesToDevLogAsOneSyslogDatagram) {
   logf("dropped %s", "silently");   // no collector: nothing happens
   if (hadTz) setenv("TZ", oldTz.c_str(), 1); else unsetenv("TZ");
   tzset();
+}
+
+TEST(PlatformClock, FakeClockIsReadSafelyWhileAnotherThreadAdvancesIt) {
+  tevdtest::FakeClock clock(1000);
+  std::thread mover([&clock] {
+    for (int i = 0; i < 1000; i++) clock.AdvanceUs(1000);
+  });
+  int64_t last = 0;
+  for (int i = 0; i < 1000; i++) {
+    struct timeval tv;
+    TevClock_GetTimeOfDay(&tv);
+    int64_t now = static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
+    EXPECT_GE(now, last);
+    last = now;
+  }
+  mover.join();
+  EXPECT_EQ(1001, TevClock_Time());
+}
+
+TEST(PlatformStr, ThreadNamesAreKeptInFullPerThread) {
+  VThreadBase_SetName("main-of-this-test-with-a-long-name");
+  std::string other;
+  std::thread t([&other] {
+    VThreadBase_SetName("scsi-correlator-agent");
+    other = VThreadBase_CurName();
+  });
+  t.join();
+  EXPECT_EQ("scsi-correlator-agent", other);
+  EXPECT_STREQ("main-of-this-test-with-a-long-name", VThreadBase_CurName());
+  char kernelName[32];
+  ASSERT_EQ(0, pthread_getname_np(pthread_self(), kernelName, sizeof kernelName));
+  EXPECT_STREQ("main-of-this-te", kernelName);
+  size_t len = 0;
+  char *s = Str_Asprintf(&len, "%s-%d", "x", 42);
+  EXPECT_STREQ("x-42", s);
+  EXPECT_EQ(4u, len);
+  free(s);
+  char small[4];
+  EXPECT_EQ(6, Str_Sprintf(small, sizeof small, "%s", "abcdef"));
+  EXPECT_STREQ("abc", small);
 }
 
 }  // namespace

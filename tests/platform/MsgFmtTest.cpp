@@ -353,3 +353,36 @@ TEST(QprobDecode, MalformedMessagesAreRefused) {
 }
 
 }  // namespace
+
+namespace {
+
+// Damaged messages are refused or decode to something the JSON writer can
+// render; the decoder never reads outside the message (ASan watches).
+TEST(QprobDecode, RandomDamageNeverReadsOutside) {
+  std::vector<uint8_t> base = BuildQprob(
+      "kos.problem.storage.path.dead",
+      {MsgFmt_Value::Str("vmhba1"), MsgFmt_Value::NullStr(), MsgFmt_Value::Dbl(1.5)},
+      "4c4c4544-0031-3510-8052-b4c04f4e3232");
+  uint32_t state = 777;
+  auto next = [&state]() {
+    state = state * 1103515245u + 12345u;
+    return state >> 8;
+  };
+  int accepted = 0;
+  for (int round = 0; round < 20000; round++) {
+    std::vector<uint8_t> m = base;
+    int flips = 1 + static_cast<int>(next() % 3);
+    for (int i = 0; i < flips; i++) m[next() % m.size()] = static_cast<uint8_t>(next());
+    if (next() % 8 == 0) m.resize(next() % (m.size() + 8));
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[m.size() + 1]);
+    if (!m.empty()) memcpy(exact.get(), m.data(), m.size());
+    QprobMessage q;
+    if (Qprob_Decode(exact.get(), m.size(), &q, nullptr)) {
+      accepted++;
+      EXPECT_EQ('{', Qprob_ToJson(q).front());
+    }
+  }
+  EXPECT_GT(accepted, 0);
+}
+
+}  // namespace

@@ -199,3 +199,47 @@ TEST(TevMakeTev, MalformedRecordIsRefusedAndFreed) {
 }
 
 }  // namespace
+
+namespace {
+
+// Random byte and length damage must never make the validator read outside
+// the record (ASan watches), and whatever it accepts must decode and build a
+// Tev whose accessors agree with the decoded view.
+TEST(TevRecordValidate, RandomDamageIsRefusedOrDecodesConsistently) {
+  std::vector<uint8_t> base = TevRecord_Encode(
+      "tev.scsi.path.dead", "Path vmhba1 is dead", 5,
+      {S("vmhba1:C0:T0:L0"), MsgFmt_Value::NullStr(), I(-2), L(-3), U(4), UL(5), S("")});
+  uint32_t state = 12345;
+  auto next = [&state]() {
+    state = state * 1103515245u + 12345u;
+    return state >> 8;
+  };
+  int accepted = 0;
+  for (int round = 0; round < 20000; round++) {
+    std::vector<uint8_t> r = base;
+    int flips = 1 + static_cast<int>(next() % 4);
+    for (int i = 0; i < flips; i++) r[next() % r.size()] = static_cast<uint8_t>(next());
+    if (next() % 8 == 0) r.resize(next() % (r.size() + 16));
+    // Copy to an exactly sized heap block so any overread is caught.
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[r.size() + 1]);
+    if (!r.empty()) memcpy(exact.get(), r.data(), r.size());
+    TevRecordView view;
+    bool ok = TevRecord_IsWellFormed(exact.get(), r.size());
+    ASSERT_EQ(ok, TevRecord_Decode(exact.get(), r.size(), &view));
+    if (!ok) continue;
+    accepted++;
+    tevdtest::TevPtr tev = MakeTev(view.id, view.args, view.message, view.timestampUs);
+    ASSERT_TRUE(tev);
+    for (size_t i = 0; i < view.args.size(); i++) {
+      const char *str = nullptr;
+      bool isString = view.args[i].type == MSGFMT_TYPE_STRING && !view.args[i].isNull;
+      ASSERT_EQ(isString ? 0 : 22, Tev_GetStringArg(tev.get(), static_cast<int>(i), &str));
+      if (isString) {
+        EXPECT_EQ(view.args[i].str, str);
+      }
+    }
+  }
+  EXPECT_GT(accepted, 0);   // damage to padding or values keeps the record well formed
+}
+
+}  // namespace

@@ -31,7 +31,7 @@ int Fail(const char *cmd, const char *format, ...) {
     if (*p == '\n' || *p == '\r') *p = ' ';
   }
   fflush(stdout);
-  fprintf(stderr, "tevctl %s: %s\n", cmd, text);
+  fprintf(stderr, "tevctl%s%s: %s\n", *cmd ? " " : "", cmd, text);
   return 1;
 }
 

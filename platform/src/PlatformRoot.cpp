@@ -175,7 +175,7 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) {
   // A collector that falls behind fills its queue (ten datagrams by default):
   // wait a little for it rather than lose lines, but never hang the daemon
   // on one that stopped reading.
-  struct timeval timeout = {1, 0};
+  struct timeval timeout = {0, 250000};
   (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
   (void)sendto(fd, datagram.data(), datagram.size(), MSG_NOSIGNAL,
                reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);

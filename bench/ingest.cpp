@@ -43,6 +43,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+std::vector<std::string> roots;   // removed at the end of the run
+
 struct Options {
   long n = 1000000;
   int contexts = 4;
@@ -70,6 +72,7 @@ std::string MakeRoot(const char *tag) {
   if (mkdtemp(buf.data()) == nullptr) {
     Die("mkdtemp failed");
   }
+  roots.push_back(buf.data());
   return buf.data();
 }
 
@@ -672,5 +675,11 @@ int main(int argc, char **argv) {
   Result("contexts", o.contexts);
   if (ingest) MeasureIngestAndFloor(o);
   if (latency) MeasureLatency(o);
+  for (const std::string &r : roots) {
+    std::string cmd = "rm -rf '" + r + "'";
+    if (system(cmd.c_str()) != 0) {
+      fprintf(stderr, "ingest: could not remove %s\n", r.c_str());
+    }
+  }
   return 0;
 }

@@ -1,0 +1,78 @@
+#!/bin/sh
+# Builds the benchmarks (Release, build-bench/) and runs them all, then prints
+# a table and writes docs/performance.md.
+#   bench/run.sh [N]        N observations for the ingest run (default 1000000)
+# Environment: LATENCY_RUNS (default 10 daemon runs of 1000 events each),
+# CONTEXTS (default 4), BUILD (default build-bench).
+set -eu
+cd "$(dirname "$0")/.."
+N=${1:-1000000}
+BUILD=${BUILD:-build-bench}
+LATENCY_RUNS=${LATENCY_RUNS:-10}
+CONTEXTS=${CONTEXTS:-4}
+# -O3 brings out two truncation warnings in the daemon's sources; they stay
+# warnings in this build only.
+cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DTEVD_BUILD_BENCH=ON -DTEVD_BUILD_TESTS=OFF \
+  "-DCMAKE_CXX_FLAGS=-Wno-error=stringop-truncation -Wno-error=format-truncation" >/dev/null
+cmake --build "$BUILD" -j2 --target tevd tevctl tevd_micro_bench tevd_ingest_bench >/dev/null
+
+OUT=$(mktemp -d /tmp/tevd-bench-run-XXXXXX)
+"$BUILD/bench/tevd_micro_bench" --benchmark_min_time=0.5 --benchmark_format=csv \
+  >"$OUT/micro.csv" 2>"$OUT/micro.err"
+"$BUILD/bench/tevd_ingest_bench" --n "$N" --contexts "$CONTEXTS" --latency-runs "$LATENCY_RUNS" \
+  --tevd "$BUILD/apps/tevd/tevd" --tevctl "$BUILD/tools/tevctl/tevctl" | tee "$OUT/ingest.txt"
+
+r() { awk -v k="$1" '$1=="RESULT" && $2==k {print $3}' "$OUT/ingest.txt"; }
+calc() { awk "BEGIN {printf \"$1\", $2}"; }
+
+CPU=$(lscpu | sed -n 's/^Model name: *//p' | head -1)
+CORES=$(nproc)
+KERNEL=$(uname -r)
+DATE=$(date -u +%Y-%m-%d)
+COMMIT=$(git rev-parse --short HEAD)
+
+{
+echo "# Performance"
+echo
+echo "Measured by \`bench/run.sh $N\` on $DATE (commit $COMMIT), Release build."
+echo "Machine: $CPU, $CORES cores (shared with other work while measuring), Linux $KERNEL."
+echo "Figures that matter are the ratios, measured side by side in the same run;"
+echo "absolute numbers are context for this machine only."
+echo
+echo "## End to end"
+echo
+echo "| measure | tevd | floor | tevd ÷ floor |"
+echo "|---|---|---|---|"
+echo "| observations/s, $(calc %.0f "$(r n)") observations over $(r contexts) asynchronous contexts | $(calc %.0f "$(r tevd_obs_per_s)") | $(calc %.0f "$(r floor_obs_per_s)") | $(calc %.3f "$(r tevd_obs_per_s)/$(r floor_obs_per_s)") |"
+echo "| CPU µs per observation (process utime+stime) | $(calc %.2f "$(r tevd_cpu_us_per_obs)") | $(calc %.2f "$(r floor_cpu_us_per_obs)") | $(calc %.2f "$(r tevd_cpu_us_per_obs)/$(r floor_cpu_us_per_obs)") |"
+echo "| observations logged / sent | $(calc %.0f "$(r tevd_handled)") / $(calc %.0f "$(r n)") | $(calc %.0f "$(r floor_handled)") / $(calc %.0f "$(r n)") | |"
+echo
+echo "Mean record size $(calc %.0f "$(r corpus_mean_record_bytes)") bytes; identifiers in hardware, cpu, vm, uw, swap"
+echo "and migrate (log-only correlators), 1 to 4 arguments of int32, uint32, int64 and string."
+echo
+echo "| latency, observation sent → qprob event received | µs |"
+echo "|---|---|"
+echo "| p50 | $(calc %.0f "$(r latency_p50_us)") |"
+echo "| p99 | $(calc %.0f "$(r latency_p99_us)") |"
+echo "| max | $(calc %.0f "$(r latency_max_us)") |"
+echo
+echo "$(r latency_events) events (tev.net.mtlnic.ip.duplicate → kos.problem.net.mtlnic.ip.duplicate) over"
+echo "$(r latency_runs) daemon runs of at most 1000 each; lost: $(r latency_lost), wrong identifier: $(r latency_wrong_id)."
+echo
+echo "| tevd resident size (VmRSS) | KiB |"
+echo "|---|---|"
+echo "| idle, every correlator started | $(r rss_idle_kib) |"
+echo "| under load, highest sample in the first quarter of the run | $(r rss_load_first_quarter_max_kib) |"
+echo "| under load, highest sample | $(r rss_load_max_kib) |"
+echo "| after the ingest run | $(r rss_after_kib) |"
+echo "| with a trace client attached (history replayed: $(r trace_history_bytes) bytes) | $(r rss_trace_client_kib) |"
+echo
+echo "## Pieces (Google Benchmark, CPU ns per call)"
+echo
+echo "| benchmark | ns |"
+echo "|---|---|"
+grep '^"BM_' "$OUT/micro.csv" | awk -F, '{gsub(/"/,"",$1); printf "| %s | %.0f |\n", $1, $4}'
+} >"$OUT/performance.md"
+sed -n '/^## End to end/,$p' "$OUT/performance.md"
+cat "$OUT/performance.md" bench/method.md >docs/performance.md
+echo "written: docs/performance.md (raw output in $OUT)"

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "PlatformRoot.h"
+#include "tevctlScenario.h"
 
 namespace tevctl {
 
@@ -343,6 +344,7 @@ const Command kCommands[] = {
     {"log", "collect the daemon's log datagrams from dev/log under the root", tevctl::CmdLog},
     {"host", "create and edit the host model under the root", tevctl::CmdHost},
     {"selftest", "post the self-test observation sequence", tevctl::CmdSelftest},
+    {"scenario", "play scenario files against a fresh tevd and check the events", tevctl::CmdScenario},
 };
 
 void Usage(FILE *to) {

@@ -48,6 +48,9 @@ typedef void (*TevdAgentFn)(void);
 void TevdAgent_Start(TevdAgentFn fn);
 void TevdAgent_StopAll(void);
 int TevdAgent_NumStarted(void);
+// Waits (at most `seconds`) until every started agent has subscribed or
+// ended; true when all have.
+bool TevdAgent_WaitSettled(unsigned seconds);
 int TevdAgent_InitStreamList(void);   // 0 or the pthread_mutex_init result
 // Hands a buffer of packed records to every matching stream; 0 or errno.
 int TevdAgent_Distribute(const uint8_t *buf, size_t length);

@@ -280,6 +280,7 @@ int main(int argc, char **argv) {
   if (rc == 0) {
     const char *extra = getenv("TEVD_EXTRA_AGENTS");
     TevdCorrelator_StartAll(extra != nullptr && strcmp(extra, "1") == 0);
+    TevdAgent_WaitSettled(5);
     tevBuffer = static_cast<uint8_t *>(malloc(kBufferInitial));
     if (tevBuffer == nullptr) {
       TevdLog("Error allocating space for tev buffer. Out of memory\n");

@@ -14,6 +14,10 @@ enum class State { Text, Percent, Width, Precision, Length };
 }
 
 int TevdUtil_CompactFormat(const char *format, char *out, size_t outSize) {
+  // Even an empty list needs room for its terminator.
+  if (format == nullptr || out == nullptr || outSize == 0) {
+    return 22;
+  }
   size_t n = 0;
   auto put = [&](char c) -> bool {
     if (n + 1 >= outSize) {

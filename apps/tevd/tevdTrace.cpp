@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -142,8 +143,12 @@ int TevdTrace_Open(const char *path) {
   if (fd < 0) {
     return -1;
   }
+  // Trace clients see every observation: the daemon's user and group only.
+  // The unbound socket's mode becomes the file's (Linux), so no moment passes
+  // with the umask's default; chmod then states it.
+  (void)fchmod(fd, 0660);
   if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), kSockAddrLength) != 0 ||
-      listen(fd, kBacklog) != 0) {
+      chmod(resolved.c_str(), 0660) != 0 || listen(fd, kBacklog) != 0) {
     int saved = errno;
     close(fd);
     errno = saved;

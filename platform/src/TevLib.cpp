@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -63,8 +64,14 @@ int OpenContext(uint32_t domain, bool user, TevLib_Handle *handle) {
   int type = user ? SOCK_SEQPACKET : SOCK_DGRAM;
   int fd = socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) return errno;
+  // Only the daemon's user and group may reach the user-level context; only
+  // the daemon's own user (the kernel side) the asynchronous ones. Linux
+  // takes the new socket file's mode from the unbound socket's, so setting it
+  // first leaves no moment with the umask's default; chmod then states it.
+  const mode_t mode = user ? 0660 : 0600;
+  (void)fchmod(fd, mode);
   if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
-      (user && listen(fd, 16) != 0)) {
+      chmod(path.c_str(), mode) != 0 || (user && listen(fd, 16) != 0)) {
     int err = errno;
     close(fd);
     return err;
@@ -230,6 +237,16 @@ int TevLib_UserContextNewCnx(TevLib_Handle handle, int *fd) {
   if (handle == nullptr || fd == nullptr || !handle->user) return TEVLIB_ERR_INVAL;
   int c = accept4(handle->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (c < 0) return errno;
+  // Who connected, for the record: the kernel's view of the peer at connect().
+  struct ucred cred;
+  socklen_t credLen = sizeof cred;
+  if (getsockopt(c, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) == 0 && credLen == sizeof cred) {
+    platform_internal::Syslog("User-level connection from pid %d uid %u gid %u\n",
+                              static_cast<int>(cred.pid), static_cast<unsigned>(cred.uid),
+                              static_cast<unsigned>(cred.gid));
+  } else {
+    platform_internal::Syslog("User-level connection from an unknown peer\n");
+  }
   platform_internal::RegisterFdName(c, handle->name);
   *fd = c;
   return TEVLIB_OK;

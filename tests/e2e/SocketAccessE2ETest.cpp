@@ -1,0 +1,62 @@
+// The real daemon's sockets under a private root: modes of the user-level,
+// trace and asynchronous context sockets, and the peer credentials logged for
+// a user-level connection.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "DaemonProcess.h"
+#include "LogCapture.h"
+#include "TevdTestSupport.h"
+
+using namespace tevdtest;
+
+namespace {
+
+int ModeOf(const std::string &path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) return -1;
+  return static_cast<int>(st.st_mode & 07777);
+}
+
+}  // namespace
+
+TEST(SocketAccessE2ETest, DaemonSocketsAreNeverWorldWritable) {
+  ScratchRoot root;
+  root.Write("platform/nodes/system/systemUuid", "6f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0");
+  root.Write("platform/options/Net/LinkFlappingThreshold", "3");
+  root.Write("platform/options/PageRetire/ThresholdInterval", "10");
+  root.Write("platform/options/PageRetire/ApeiLoggingEnabled", "1");
+  root.Write("platform/options/Misc/TevAsyncEnable", "0");
+  root.Write("platform/nodes/system/pageRetire/threshold", "1000");
+  root.MakeDir("kfs/volumes");
+  LogCapture log(root);
+  DaemonProcess d(root);
+  ASSERT_TRUE(d.WaitReady());
+  EXPECT_EQ(0660, ModeOf(root.Abs("var/run/orlan/tevd-user.sock")));
+  EXPECT_EQ(0660, ModeOf(root.Abs("var/run/orlan/tevd-trace.sock")));
+  EXPECT_EQ(0600, ModeOf(root.Abs("var/run/orlan/tev/async-00.sock")));
+
+  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  ASSERT_GE(fd, 0);
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s",
+           root.Abs("var/run/orlan/tevd-user.sock").c_str());
+  ASSERT_EQ(0, connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
+  char expected[128];
+  snprintf(expected, sizeof expected, "User-level connection from pid %d uid %u gid %u",
+           static_cast<int>(getpid()), static_cast<unsigned>(getuid()),
+           static_cast<unsigned>(getgid()));
+  std::string line = log.WaitFor("User-level connection from");
+  EXPECT_NE(std::string::npos, line.find(expected)) << "got: " << line;
+  close(fd);
+  d.Signal(SIGTERM);
+  ASSERT_TRUE(d.Wait(5000));
+}

@@ -1,0 +1,102 @@
+// Bad input on user-level connections of the real daemon: garbage, half a
+// record and an oversized record each cost only themselves; the connection
+// (or, for the oversized record, the other connections) stay served.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "DaemonProcess.h"
+#include "LogCapture.h"
+#include "TevdTestSupport.h"
+
+using namespace tevdtest;
+
+namespace {
+
+void MakeHost(const ScratchRoot &root) {
+  root.Write("platform/nodes/system/systemUuid", "6f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0");
+  root.Write("platform/options/Net/LinkFlappingThreshold", "3");
+  root.Write("platform/options/PageRetire/ThresholdInterval", "10");
+  root.Write("platform/options/PageRetire/ApeiLoggingEnabled", "1");
+  root.Write("platform/options/Misc/TevAsyncEnable", "0");
+  root.Write("platform/nodes/system/pageRetire/threshold", "1000");
+  root.MakeDir("kfs/volumes");
+}
+
+int Connect(const ScratchRoot &root) {
+  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s",
+           root.Abs("var/run/orlan/tevd-user.sock").c_str());
+  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool Send(int fd, const std::vector<uint8_t> &b) {
+  return send(fd, b.data(), b.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(b.size());
+}
+
+std::vector<uint8_t> Good(const std::string &id, const std::string &msg) {
+  return TevRecord_Encode(id, msg, 1, {MsgFmt_Value::Str("x")});
+}
+
+}  // namespace
+
+TEST(UserFaultsE2ETest, GarbageAndHalfRecordAreDroppedAndTheConnectionStaysServed) {
+  ScratchRoot root;
+  MakeHost(root);
+  LogCapture log(root);
+  DaemonProcess d(root);
+  ASSERT_TRUE(d.WaitReady());
+  int fd = Connect(root);
+  ASSERT_GE(fd, 0);
+  std::string garbage = "this is not a record at all, not even close to one";
+  ASSERT_TRUE(Send(fd, std::vector<uint8_t>(garbage.begin(), garbage.end())));
+  EXPECT_NE("", log.WaitFor("dropped a malformed record on user"));
+  std::vector<uint8_t> whole = Good("tev.vm.half", "half");
+  ASSERT_TRUE(Send(fd, std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2)));
+  ASSERT_TRUE(Send(fd, Good("tev.vm.after", "after the bad ones")));
+  EXPECT_NE("", log.WaitFor("[tev.vm.after] after the bad ones"));
+  close(fd);
+  d.Signal(SIGTERM);
+  ASSERT_TRUE(d.Wait(5000));
+  ASSERT_TRUE(WIFEXITED(d.status()));
+  EXPECT_EQ(0, WEXITSTATUS(d.status()));
+}
+
+TEST(UserFaultsE2ETest, OversizedRecordOnOneConnectionLeavesTheOthersServed) {
+  ScratchRoot root;
+  MakeHost(root);
+  LogCapture log(root);
+  DaemonProcess d(root);
+  ASSERT_TRUE(d.WaitReady());
+  int big = Connect(root);
+  ASSERT_GE(big, 0);
+  int sndbuf = 1 << 20;
+  setsockopt(big, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
+  std::vector<uint8_t> huge =
+      TevRecord_Encode("tev.vm.huge", "h", 1, {MsgFmt_Value::Str(std::string(131200, 'b'))});
+  ASSERT_GT(huge.size(), 131072u);
+  ASSERT_TRUE(Send(big, huge));
+  int other = Connect(root);
+  ASSERT_GE(other, 0);
+  ASSERT_TRUE(Send(other, Good("tev.vm.other", "other connection")));
+  EXPECT_NE("", log.WaitFor("[tev.vm.other] other connection"));
+  EXPECT_TRUE(d.Running());
+  close(big);
+  close(other);
+  d.Signal(SIGTERM);
+  ASSERT_TRUE(d.Wait(5000));
+  ASSERT_TRUE(WIFEXITED(d.status()));
+  EXPECT_EQ(0, WEXITSTATUS(d.status()));
+}

@@ -21,7 +21,7 @@
 
 #include "TevClock.h"
 
-std::map<int32_t, TevdAlarmState> tevdAlarmMap;
+std::map<int32_t, TevdAlarmState> &tevdAlarmMap = *new std::map<int32_t, TevdAlarmState>;
 pthread_mutex_t tevdAlarmMutex = PTHREAD_MUTEX_INITIALIZER;
 // Statically initialised condition variables use CLOCK_REALTIME.
 pthread_cond_t tevdAlarmMapUpdated = PTHREAD_COND_INITIALIZER;

@@ -17,7 +17,8 @@ struct TevdAlarmState {
   TevdAlarmHandler handler = nullptr;
 };
 
-extern std::map<int32_t, TevdAlarmState> tevdAlarmMap;
+// Never destroyed: the alarm thread runs until the process has ended.
+extern std::map<int32_t, TevdAlarmState> &tevdAlarmMap;
 extern pthread_mutex_t tevdAlarmMutex;
 extern pthread_cond_t tevdAlarmMapUpdated;
 

@@ -16,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -139,7 +140,8 @@ int SendOverSocket(const void *message, size_t length) {
   memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
   std::string path = SocketPath();
-  strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path);
+  // A bounded copy of at most the 108 bytes of the field, as strncpy would.
+  memcpy(addr.sun_path, path.c_str(), std::min(path.size(), sizeof addr.sun_path));
   if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), kSockAddrLength) != 0) {
     close(fd);
     return -1;
@@ -239,7 +241,11 @@ void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *forma
   uint32_t idLen = static_cast<uint32_t>(idLen64);
   PutU32(buf, kOffIdLength, idLen);
   char *id = reinterpret_cast<char *>(buf + TEVD_QPROB_HEADER_SIZE);
-  snprintf(id, idLen, "%s%s", prefix, idSuffix);
+  // "%s%s" within the identifier length; both lengths are known here.
+  size_t prefixLen = strlen(prefix);
+  memcpy(id, prefix, prefixLen);
+  memcpy(id + prefixLen, idSuffix, idLen - 1 - prefixLen);
+  id[idLen - 1] = '\0';
   PutU32(buf, kOffArgCount, 0);
   memcpy(buf + kOffHostIdentity, hostIdentity + kOffHostIdentity, kHostIdentityBytes);
   uint32_t total = idLen + kLengthOverhead;

@@ -19,6 +19,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -129,7 +130,8 @@ int TevdTrace_Open(const char *path) {
   struct sockaddr_un addr;
   memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, resolved.c_str(), sizeof addr.sun_path);
+  // A bounded copy of at most the 108 bytes of the field, as strncpy would.
+  memcpy(addr.sun_path, resolved.c_str(), std::min(resolved.size(), sizeof addr.sun_path));
   if (addr.sun_path[sizeof addr.sun_path - 1] != '\0') {
     errno = ENAMETOOLONG;
     return -1;

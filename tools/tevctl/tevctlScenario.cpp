@@ -2,6 +2,8 @@
 // run before a daemon starts), then plays them one after another, each under
 // its own private root. Exit status: 0 all passed, 1 an expectation or the
 // run failed, 2 a scenario could not be parsed or tevd was not found.
+// `scenario check` only parses; `scenario record` is in
+// tevctlScenarioRecord.cpp.
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -18,11 +20,15 @@ namespace {
 
 const char kUsage[] =
     "Usage: tevctl scenario run [--tevd PATH] [--keep] FILE...\n"
+    "       tevctl scenario check FILE...\n"
+    "       tevctl scenario record [--from-trace FILE] [-o FILE] ... (record --help)\n"
     "Plays each scenario file against a fresh tevd under a private root and\n"
     "prints each expectation PASS/FAIL and the timeline of observations in and\n"
     "events out. Exits 1 when anything failed, 2 on a bad scenario.\n"
     "  --tevd PATH  the daemon (default: tevd built next to tevctl)\n"
     "  --keep       leave each root in place for inspection\n"
+    "check parses the files and reports mistakes without running anything;\n"
+    "record turns a daemon's trace into a scenario.\n"
     "The format is described in docs/scenarios.md.\n";
 
 bool Executable(const std::string &p) {
@@ -54,6 +60,24 @@ int CmdScenario(const std::vector<std::string> &args) {
   if (lead.Has("help") || lead.positional.empty()) {
     fputs(kUsage, lead.Has("help") ? stdout : stderr);
     return lead.Has("help") ? 0 : 2;
+  }
+  if (lead.positional[0] == "record") {
+    return CmdScenarioRecord(std::vector<std::string>(lead.positional.begin() + 1, lead.positional.end()));
+  }
+  if (lead.positional[0] == "check") {
+    if (lead.positional.size() < 2) return Fail(cmd, "check needs at least one FILE (try --help)");
+    std::vector<std::string> errors;
+    for (size_t i = 1; i < lead.positional.size(); ++i) {
+      scenario::Scenario sc;
+      size_t before = errors.size();
+      if (scenario::Parse(lead.positional[i], &sc, &errors) && errors.size() == before) {
+        printf("%s: ok (%zu steps, %zu expectations, ends at %.3f s)\n", sc.file.c_str(),
+               sc.steps.size(), sc.expects.size(), sc.end);
+      }
+    }
+    fflush(stdout);
+    for (const std::string &e : errors) fprintf(stderr, "%s\n", e.c_str());
+    return errors.empty() ? 0 : 2;
   }
   if (lead.positional[0] != "run") {
     return Fail(cmd, "unknown sub-command \"%s\" (try --help)", lead.positional[0].c_str());

@@ -6,6 +6,8 @@
 // format.
 #pragma once
 
+#include <cstdint>
+#include <istream>
 #include <string>
 #include <vector>
 
@@ -67,6 +69,35 @@ struct RunOptions {
 // Plays one scenario and prints its report. True when every expectation held.
 bool Run(const Scenario &sc, const RunOptions &opts);
 
+// Trace lines ("SECONDS.NANOSECONDS,IN|OUT,STAMP,ID,{,ARG}") as the
+// recorder reads them. Integers keep their decimal text; "???" (a type the
+// trace does not print) is Unknown.
+struct TraceArg {
+  enum Kind { Integer, String, Unknown } kind = Integer;
+  std::string text;
+};
+struct TraceLine {
+  int64_t wallNs = 0;   // the wall-clock time the daemon traced it
+  bool in = true;
+  uint64_t stamp = 0;
+  std::string id;
+  std::vector<TraceArg> args;
+};
+enum class TraceParse { Ok, More, Bad };
+// More: a quoted argument is still open (a newline inside a string).
+TraceParse ParseTraceLine(const std::string &line, TraceLine *out, std::string *why);
+
+struct RecordOptions {
+  double early = 1.0;   // an event's window opens this long before its traced moment
+  double late = 1.5;    // and closes this long after it
+  std::string setup;    // text put at the head of the scenario (host, tevd lines)
+};
+// Writes the scenario for the trace read from `in` into `text`. Skipped
+// lines and a summary go to `notes`. False when no trace line was read.
+bool Record(std::istream &in, const std::string &source, const RecordOptions &opts, std::string *text,
+            std::vector<std::string> *notes);
+
 }  // namespace scenario
+int CmdScenarioRecord(const std::vector<std::string> &args);
 int CmdScenario(const std::vector<std::string> &args);
 }  // namespace tevctl

@@ -2,7 +2,10 @@
 # Builds tevd and tevctl, starts the daemon on an emulated host under a
 # private root, plays the small scenarios of demo/*.sh and shows what went in
 # (the daemon's log) and what came out (events as the management agent's
-# stand-in decodes them). Stops by itself; Ctrl-C stops it cleanly too.
+# stand-in decodes them). Then plays a few scenarios of scenarios/ with
+# `tevctl scenario run`, each against a fresh daemon, whose reports show every
+# expectation PASS or FAIL and the timeline. Stops by itself; Ctrl-C stops it
+# cleanly too. DEMO_SCENARIOS="a.scn b.scn" picks other scenarios ("" none).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake -S . -B build -DTEVD_BUILD_TESTS=OFF >/dev/null
@@ -38,3 +41,12 @@ for scenario in demo/user.sh demo/net.sh demo/storage.sh demo/pageretire.sh; do
   fi
 done
 sleep "${DEMO_LINGER:-3}"
+cleanup
+trap - EXIT
+
+scenarios=${DEMO_SCENARIOS-scenarios/user-audits.scn scenarios/net-redundancy.scn scenarios/storage-path-dead.scn}
+if [ -n "$scenarios" ]; then
+  echo; echo "== scenarios played by tevctl scenario run (docs/scenarios.md)"
+  # shellcheck disable=SC2086
+  tevctl scenario run --tevd "$bin/apps/tevd/tevd" $scenarios || echo "   (some scenario failed: $?)"
+fi

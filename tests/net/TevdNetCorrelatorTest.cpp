@@ -123,6 +123,9 @@ TEST_F(NetCorrelatorTest, EveryDirectTranslationPostsItsEventWithTypedArgs) {
     std::vector<QprobMessage> events = capture_.Take();
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].id, c.eventId);
+    // The class posted must be the one the event's name carries.
+    std::string id = c.eventId;
+    EXPECT_EQ(events[0].className, id.substr(4, id.find('.', 4) - 4));
     EXPECT_EQ(tevdtest::ArgsText(events[0].args), c.out);
   }
 }

@@ -68,6 +68,7 @@ class UplinkTrackerTest : public ::testing::Test {
       }
       for (const QprobMessage &m : capture_.Take()) {
         seen_.push_back({now_, m.id, tevdtest::ArgsText(m.args)});
+        classes_.push_back(m.className);
       }
     }
   }
@@ -88,6 +89,7 @@ class UplinkTrackerTest : public ::testing::Test {
   int pipeFd_ = -1;
   int now_ = 0;
   std::vector<Seen> seen_;
+  std::vector<std::string> classes_;
 };
 
 TEST_F(UplinkTrackerTest, LossWithZeroOneAndThreeUplinksGivesThreeClassesInOrderAtTwoSeconds) {
@@ -287,6 +289,101 @@ TEST_F(UplinkTrackerTest, ScheduleRearmsOnlyForShorterUnsignedDistance) {
   EXPECT_EQ(alarmArmedAt, t0 + 1);
   EXPECT_EQ(hwnicAlarms["vmnicX"].size(), 2u);
   EXPECT_EQ(hwnicAlarms["vmnicY"].size(), 1u);
+}
+
+TEST_F(UplinkTrackerTest, NegativeUplinkCountsAreInNoLossOrRestoreList) {
+  PgDown("vmnic11", "VM Network", -1);
+  PgDown("vmnic11", "Mgmt", 0);
+  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic12"), S("dvs-A"), S("1"), I(-3), I(0)});
+  RunFor(2);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic11", "S:\"Mgmt\""}));
+  EXPECT_EQ(dvPortDownInfo.count("vmnic12"), 0u);
+
+  PgUp("vmnic11", "VM Network", -2);
+  PgUp("vmnic11", "Mgmt", 2);
+  RunFor(2);
+  seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].id, "kos.clear.net.redundancy.restored");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:\"Mgmt\"", "S:vmnic11"}));
+}
+
+TEST_F(UplinkTrackerTest, OnlyFirstPortGroupNamesTheSwitchForTheWholeEpisode) {
+  root_.Write("platform/network/portgroups/Other", "vSwitch9");
+  PgDown("vmnic13", "Other", 0);
+  PgDown("vmnic13", "VM Network", 0);
+  RunFor(2);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
+  EXPECT_EQ(seen[0].args,
+            (std::vector<std::string>{"S:vSwitch9", "S:vmnic13", "S:\"Other\", \"VM Network\""}));
+}
+
+TEST_F(UplinkTrackerTest, LossAndRestoreEventsCarryTheirClasses) {
+  PgDown("vmnic14", "VM Network", 0);
+  RunFor(2);
+  PgUp("vmnic14", "VM Network", 1);
+  RunFor(2);
+  ASSERT_EQ(classes_.size(), 2u);
+  EXPECT_EQ(classes_[0], "problem");
+  EXPECT_EQ(classes_[1], "clear");
+}
+
+TEST_F(UplinkTrackerTest, WatchdogExpiryWithPendingBareLinkDownReportsItOnce) {
+  // Both entries expire at 7 s; the watchdog's, scheduled first, is handled
+  // first and reports the link; the link-down entry then sees the watchdog.
+  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic15")});
+  RunFor(6);
+  Feed("tev.net.hwnic.linkstate.down", {S("vmnic15")});
+  RunFor(1);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].second, 7);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.linkstate.down");
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vmnic15"}));
+  EXPECT_EQ(Bits("vmnic15"), static_cast<HwnicStateType>(HWNIC_WATCHDOG));
+}
+
+TEST_F(UplinkTrackerTest, WatchdogFoldsDistributedPortDownAndUpIntoOneReset) {
+  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic16")});
+  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic16"), S("dvs-A"), S("5"), I(0), I(0)});
+  RunFor(3);
+  Feed("tev.net.dvport.uplink.transition.up", {S("vmnic16"), S("dvs-A"), S("5"), I(1)});
+  RunFor(4);
+  std::vector<Seen> seen = TakeSeen();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].second, 7);
+  EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.watchdog.reset");
+  EXPECT_EQ(dvPortDownInfo.count("vmnic16"), 0u);
+  EXPECT_EQ(dvPortUpInfo.count("vmnic16"), 0u);
+  EXPECT_EQ(Bits("vmnic16"), 0u);
+}
+
+TEST_F(UplinkTrackerTest, ScheduleDistanceWrapsAsUnsigned32BitWhenClockStepsBack) {
+  TevdNetCorrelatorSchedule(7, "vmnicX", HWNIC_WATCHDOG);
+  uint64_t t0 = alarmArmedAt;
+  clock_.Advance(-10);
+  // d = 2 - t0 + (t0 - 10) wraps to 4294967288: not shorter, left alone.
+  TevdNetCorrelatorSchedule(2, "vmnicY", HWNIC_PG_DOWN);
+  EXPECT_EQ(alarmDuration, 7u);
+  EXPECT_EQ(alarmArmedAt, t0);
+}
+
+TEST_F(UplinkTrackerTest, TimeoutPassRearmsForNearestRemainingEntry) {
+  TevdNetCorrelatorSchedule(7, "vmnicX", HWNIC_WATCHDOG);
+  uint64_t t0 = alarmArmedAt;
+  TevdNetCorrelatorSchedule(1, "vmnicY", HWNIC_LINK_UP);
+  EXPECT_EQ(alarmDuration, 1u);
+  clock_.Advance(1);
+  TevdNetCorrelator_ProcessTimeouts();
+  EXPECT_EQ(alarmDuration, 6u);
+  EXPECT_EQ(alarmArmedAt, t0 + 1);
+  EXPECT_EQ(hwnicAlarms.count("vmnicY"), 0u);
+  ASSERT_EQ(hwnicAlarms.count("vmnicX"), 1u);
 }
 
 TEST_F(UplinkTrackerTest, TrackerHandlerWithMissingArgumentRecordsNothing) {

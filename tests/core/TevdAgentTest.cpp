@@ -2,11 +2,16 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <poll.h>
+
 #include <cstring>
+#include <thread>
 #include <vector>
 
+#include "LogCapture.h"
 #include "TevdTestSupport.h"
 #include "tevdAgent.h"
+#include "tevdLog.h"
 
 using namespace tevdtest;
 
@@ -158,4 +163,51 @@ TEST_F(AgentTest, PipeClosedInsideARecordPanics) {
         TevdAgent_WaitTev(agent, &t);
       },
       "Tevd - Panic: EOF trying to read 68 bytes from stream 0x");
+}
+
+TEST_F(AgentTest, PipeClosedBeforeAnyByteOfARecordPanicsInTheHeaderRead) {
+  EXPECT_DEATH(
+      {
+        TevdAgent *agent = nullptr;
+        TevdAgent_InitOne("eofHeaderAgent", "eof", &agent);
+        close(agent->stream->writeFd);
+        Tev *t = nullptr;
+        TevdAgent_ReassembleStep(agent->stream, &t);
+      },
+      "Tevd - Panic: EOF trying to read 32 bytes from stream 0x");
+}
+
+TEST_F(AgentTest, StorageApdObservationReachesTheApdWordAndNotTheScsiWord) {
+  ScratchRoot root;
+  LogCapture log(root);
+  TevdAgent *apd = nullptr;
+  TevdAgent *scsi = nullptr;
+  ASSERT_EQ(0, TevdAgent_InitOne("apdWordAgent", "storage.apd", &apd));
+  ASSERT_EQ(0, TevdAgent_InitOne("scsiWordAgent", "scsi", &scsi));
+  std::vector<uint8_t> r = Record("tev.storage.apd.start");
+  ASSERT_EQ(0, TevdAgent_Distribute(r.data(), r.size()));
+  struct pollfd pfd = {scsi->pollFd, POLLIN, 0};
+  EXPECT_EQ(0, poll(&pfd, 1, 0));   // nothing written to the scsi pipe
+  Tev *t = nullptr;
+  ASSERT_EQ(0, TevdAgent_WaitTev(apd, &t));
+  const char *id = nullptr;
+  Tev_GetID(t, &id);
+  EXPECT_STREQ("tev.storage.apd.start", id);
+  Tev_Free(t);
+  TevdAgent_Cleanup(apd);
+  EXPECT_NE("", log.WaitFor("Done cleaning up agent.\n"));
+  TevdAgent_Cleanup(scsi);
+}
+
+TEST_F(AgentTest, LoggerWithElevenWordsFailsInitialisationWithCode1AndTheTrailingBlank) {
+  ScratchRoot root;
+  LogCapture log(root);
+  // On a thread of its own: initialisation renames the calling thread.
+  std::thread logger(TevdLogger_Start);
+  logger.join();
+  std::string line = log.WaitFor("Failed to initialize agent");
+  ASSERT_NE("", line);
+  const std::string tail = "Z: Failed to initialize agent LogAllLogger (error code: 1) \n";
+  ASSERT_GE(line.size(), tail.size()) << line;
+  EXPECT_EQ(tail, line.substr(line.size() - tail.size())) << line;
 }

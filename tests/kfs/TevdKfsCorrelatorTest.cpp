@@ -110,6 +110,18 @@ TEST_F(KfsCorrelatorTest, EveryRegisteredIdPostsItsEventWithArgumentsInOrder) {
   }
 }
 
+TEST_F(KfsCorrelatorTest, OnlyMountAndUnmountAreAuditsOnTheWire) {
+  for (const KfsCase &c : AllKfsCases()) {
+    SCOPED_TRACE(c.tevId);
+    Dispatch(c.tevId, c.in);
+    std::vector<QprobMessage> got = events_.Take();
+    ASSERT_EQ(got.size(), 1u);
+    const std::string id = c.tevId;
+    const bool audit = id == "tev.kfs.volume.mounted" || id == "tev.kfs.volume.umounted";
+    EXPECT_EQ(got[0].className, audit ? "audit" : "problem");
+  }
+}
+
 TEST_F(KfsCorrelatorTest, RecoveredAndRestoredArePostedAsProblemsNotClears) {
   Dispatch("tev.kfs.heartbeat.recovered", Cat(Uuid123(), {S("x")}));
   Dispatch("tev.kfs.nfs.server.restored", Cat(Cat({S("a"), S("b")}, Uuid123()), {S("c")}));

@@ -326,6 +326,58 @@ TEST_F(PageRetireTest, KilledRecordAgesOutAndALaterRunKillsAgain) {
   EXPECT_EQ(1u, events.Take().size());
 }
 
+TEST_F(PageRetireTest, PendingKillsAreRetriedOnAnyInjectionInVirtualMachineIdOrder) {
+  // Two records qualify while their machines cannot be looked up.
+  for (int32_t vm : {9, 5}) {
+    Inject(0x60, vm);
+  }
+  clock.Advance(2);
+  Inject(0x60, 9, 49);
+  Inject(0x60, 5, 49);
+  EXPECT_EQ(0u, events.Count());
+  root.Write("platform/vms/9/name", "nine");
+  root.Write("platform/vms/5/name", "five");
+  // An injection into a third machine evaluates every record, lowest id first.
+  Inject(0x61, 3);
+  auto got = events.Take();
+  ASSERT_EQ(2u, got.size());
+  EXPECT_EQ((std::vector<std::string>{"S:five", "I:50", "U:96"}), ArgsText(got[0].args));
+  EXPECT_EQ((std::vector<std::string>{"S:nine", "I:50", "U:96"}), ArgsText(got[1].args));
+  EXPECT_EQ("0", Killed(5));
+  EXPECT_EQ("0", Killed(9));
+}
+
+TEST_F(PageRetireTest, UnreadableInjectionPrunesButEndsBeforeEvaluating) {
+  Inject(0x70, 9);
+  clock.Advance(2);
+  Inject(0x70, 9, 49);   // qualifies, but the machine is not there yet
+  EXPECT_EQ(0u, events.Count());
+  Inject(0x71, 4);
+  clock.Advance(61);
+  root.Write("platform/vms/9/name", "late");
+  auto unreadable = MakeTev(kMceId, {S("0x70"), I(9)});
+  TevdPageRetireCorrelatorMceInjected(unreadable.get());
+  // Pruning ran (every record emptied), so nothing is left to act on.
+  EXPECT_EQ(-1, TevdPageRetireCorrelator_EntriesForTest(9));
+  EXPECT_EQ(-1, TevdPageRetireCorrelator_EntriesForTest(4));
+  EXPECT_EQ(0u, events.Count());
+
+  // Within the window, an unreadable injection neither adds nor evaluates.
+  Inject(0x70, 9);
+  clock.Advance(2);
+  root.Remove("platform/vms/9");
+  Inject(0x70, 9, 49);
+  root.Write("platform/vms/9/name", "late");
+  TevdPageRetireCorrelatorMceInjected(unreadable.get());
+  EXPECT_EQ(50, TevdPageRetireCorrelator_EntriesForTest(9));
+  EXPECT_EQ(0u, events.Count());
+  EXPECT_FALSE(TevdPageRetireCorrelator_KilledForTest(9));
+  // The next readable one acts.
+  Inject(0x72, 9);
+  EXPECT_EQ(1u, events.Take().size());
+  EXPECT_EQ("0", Killed(9));
+}
+
 // ---- dispatch -------------------------------------------------------------------
 
 TEST_F(PageRetireTest, MapRoutesEachIdentifierToItsHandler) {

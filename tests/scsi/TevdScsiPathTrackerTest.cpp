@@ -138,6 +138,81 @@ TEST_F(ScsiPathTest, SinglePathLeftOnReturnPostsConnectivityRestored) {
   EXPECT_EQ(tevdtest::ArgsText(up[0].args), (Args{"S:naa.1", "S:\"ds1\"", "S:p1"}));
 }
 
+struct PathTextCase {
+  int status;
+  const char *eventId;
+  const char *text;
+};
+
+TEST_F(ScsiPathTest, PathDownTextsNameDeviceThenPathThenDatastores) {
+  const std::vector<PathTextCase> cases = {
+      {1, "kos.problem.storage.connectivity.lost",
+       "Lost connectivity to storage device naa.1. Path p1 is down. Affected datastores: "
+       "\"ds1\"."},
+      {2, "kos.problem.storage.redundancy.lost",
+       "Lost path redundancy to storage device naa.1. Path p1 is down. Affected datastores: "
+       "\"ds1\"."},
+      {3, "kos.problem.storage.redundancy.degraded",
+       "Path redundancy to storage device naa.1 degraded. Path p1 is down. Affected datastores: "
+       "\"ds1\"."},
+  };
+  AddPath("p1", "naa.1");
+  for (const PathTextCase &c : cases) {
+    SCOPED_TRACE(c.status);
+    TevdScsiCorrelator_ResetForTest();
+    AddDevice("naa.1", c.status, {{1, "ds1"}});
+    Down("p1", "standby");
+    std::vector<QprobMessage> events = Events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].id, c.eventId);
+    EXPECT_EQ(events[0].className, "problem");
+    EXPECT_TRUE(log_.SawEnding(std::string("[") + c.eventId + "] " + c.text));
+    log_.Take();
+  }
+}
+
+TEST_F(ScsiPathTest, PathUpTextsNameDeviceThenDatastoresThenPath) {
+  const std::vector<PathTextCase> cases = {
+      {2, "kos.clear.storage.connectivity.restored",
+       "Connectivity to storage device naa.1 (Datastores: \"ds1\") restored. Path p1 is active "
+       "again."},
+      {3, "kos.clear.storage.redundancy.restored",
+       "Path redundancy to storage device naa.1 (Datastores: \"ds1\") restored. Path p1 is "
+       "active again."},
+  };
+  AddPath("p1", "naa.1");
+  for (const PathTextCase &c : cases) {
+    SCOPED_TRACE(c.status);
+    TevdScsiCorrelator_ResetForTest();
+    AddDevice("naa.1", 1, {{1, "ds1"}});
+    Down("p1", "on");
+    ASSERT_EQ(Events().size(), 1u);
+    SetStatus("naa.1", c.status);
+    Obs("tev.scsi.scsipath.pathstate.standby", {S("p1"), S("off")});
+    std::vector<QprobMessage> events = Events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].id, c.eventId);
+    EXPECT_EQ(events[0].className, "clear");
+    EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:naa.1", "S:\"ds1\"", "S:p1"}));
+    EXPECT_TRUE(log_.SawEnding(std::string("[") + c.eventId + "] " + c.text));
+    log_.Take();
+  }
+}
+
+TEST_F(ScsiPathTest, PathUpWithStatusZeroForgetsTheDeviceWithoutAClear) {
+  AddPath("p1", "naa.1");
+  AddDevice("naa.1", 3);
+  Down("p1", "on");
+  ASSERT_EQ(Events().size(), 1u);
+  SetStatus("naa.1", 0);
+  Up("p1", "off");
+  EXPECT_TRUE(Events().empty());
+  EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
+  SetStatus("naa.1", 3);
+  Up("p1", "dead");   // the entry went with the first path up
+  EXPECT_TRUE(Events().empty());
+}
+
 TEST_F(ScsiPathTest, PathUpWithoutEarlierPathDownPostsNoClear) {
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 3);
@@ -252,6 +327,16 @@ TEST_F(ScsiPathTest, DeviceLossEventsCarryTheDatastoreList) {
   EXPECT_TRUE(log_.SawEnding(
       "[kos.problem.scsi.device.thinprov.atquota] Space utilization on thin-provisioned device "
       "naa.1 exceeded configured threshold. Affected datastores (if any): \"ds1\", \"ds2\"."));
+}
+
+TEST_F(ScsiPathTest, ReservationHeldLossTextIsExact) {
+  AddDevice("naa.1", 2, {{1, "ds1"}});
+  Obs("tev.scsi.device.state.permanentloss.withreservationheld", {S("naa.1")});
+  ASSERT_EQ(Events().size(), 1u);
+  EXPECT_TRUE(log_.SawEnding(
+      "[kos.problem.scsi.device.state.permanentloss.withreservationheld] Device: naa.1 has been "
+      "removed or is permanently inaccessible while holding a reservation. Affected datastores "
+      "(if any): \"ds1\"."));
 }
 
 TEST_F(ScsiPathTest, DeviceLossOfAnUnknownDevicePrintsUnknown) {
@@ -425,6 +510,23 @@ TEST_F(ScsiPathTest, TenPowerOnResetsOfADeviceReportDevicePor) {
       "[kos.problem.storage.connectivity.devicepor] Frequent PowerOn Reset Unit Attentions are "
       "occurring on device naa.1. This may indicate a storage problem. Affected datastores: "
       "\"ds1\"."));
+}
+
+TEST_F(ScsiPathTest, PathPowerOnResetTextAndStatusZeroPrintsUnknown) {
+  AddPath("p1", "naa.1");
+  AddDevice("naa.1", 0, {{1, "ds1"}});   // status 0: no datastore look-up
+  StartCountingInterval();
+  for (int i = 0; i < 10; ++i) {
+    Obs("tev.scsi.scsipath.por", {S("p1")});
+  }
+  std::vector<QprobMessage> events = Events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].id, "kos.problem.storage.connectivity.pathpor");
+  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:p1", "S:naa.1", "S:Unknown"}));
+  EXPECT_TRUE(log_.SawEnding(
+      "[kos.problem.storage.connectivity.pathpor] Frequent PowerOn Reset Unit Attentions are "
+      "occurring on path p1. This may indicate a storage problem. Affected device: naa.1. "
+      "Affected datastores: Unknown."));
 }
 
 TEST_F(ScsiPathTest, PowerOnResetsOfAnUnknownNamePostNothing) {

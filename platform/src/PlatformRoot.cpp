@@ -131,9 +131,48 @@ bool PlatformModel_Write(const std::string &relative, const std::string &value) 
   return close(fd) == 0;
 }
 
+namespace {
+
+enum class LogSink { Syslog, Socket, None };
+
+// Where log lines go: the system log without a root (or with "/"), else
+// $TEVD_ROOT/dev/log in `addr`, or nowhere when that path does not fit.
+// Plain C on purpose, like its caller below.
+LogSink LogSocketAddr(struct sockaddr_un *addr) {
+  const char *root = getenv("TEVD_ROOT");
+  if (root == nullptr || root[0] == '\0') {
+    return LogSink::Syslog;
+  }
+  size_t len = strlen(root);
+  while (len > 1 && root[len - 1] == '/') {
+    --len;
+  }
+  if (len == 1 && root[0] == '/') {
+    return LogSink::Syslog;
+  }
+  memset(addr, 0, sizeof *addr);
+  addr->sun_family = AF_UNIX;
+  int n = snprintf(addr->sun_path, sizeof addr->sun_path, "%.*s/dev/log", static_cast<int>(len), root);
+  return n > 0 && static_cast<size_t>(n) < sizeof addr->sun_path ? LogSink::Socket : LogSink::None;
+}
+
+}  // namespace
+
+// The daemon's agents are cancelled asynchronously at exit, so one may be
+// stopped anywhere in here (it is where a busy agent spends its time). If
+// this frame had C++ clean-ups, a cancellation inside socket() or
+// setsockopt(), which the C library declares as never throwing, would make
+// the unwinder call std::terminate and the daemon would abort instead of
+// exiting 0. So this function holds no object with a destructor: plain
+// buffers and malloc only.
 void PlatformLog_Vsyslog(const char *format, va_list ap) {
-  if (RootDir().empty()) {
+  struct sockaddr_un addr;
+  LogSink sink = LogSocketAddr(&addr);
+  if (sink == LogSink::Syslog) {
     vsyslog(LOG_INFO, format, ap);
+    return;
+  }
+  if (sink == LogSink::None) {
     return;
   }
   static const char *const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -144,32 +183,27 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) {
   struct tm tm;
   localtime_r(&secs, &tm);
   char head[64];
-  snprintf(head, sizeof head, "<14>%s %2d %02d:%02d:%02d tevd: ", kMonths[tm.tm_mon % 12],
-           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+  int headLen = snprintf(head, sizeof head, "<14>%s %2d %02d:%02d:%02d tevd: ", kMonths[tm.tm_mon % 12],
+                         tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
   va_list copy;
   va_copy(copy, ap);
   int n = vsnprintf(nullptr, 0, format, copy);
   va_end(copy);
-  if (n < 0) {
+  if (n < 0 || headLen < 0) {
     return;
   }
-  std::string datagram(head);
-  size_t headLen = datagram.size();
-  datagram.resize(headLen + static_cast<size_t>(n) + 1);
-  vsnprintf(&datagram[headLen], static_cast<size_t>(n) + 1, format, ap);
-  datagram.resize(headLen + static_cast<size_t>(n));
+  size_t size = static_cast<size_t>(headLen) + static_cast<size_t>(n);
+  char *datagram = static_cast<char *>(malloc(size + 1));
+  if (datagram == nullptr) {
+    return;
+  }
+  memcpy(datagram, head, static_cast<size_t>(headLen));
+  vsnprintf(datagram + headLen, static_cast<size_t>(n) + 1, format, ap);
 
   // One socket per line keeps this free of shared state, hence thread-safe.
-  std::string path = PlatformRoot_Path("/dev/log");
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) {
-    return;
-  }
-  memcpy(addr.sun_path, path.c_str(), path.size());
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
+    free(datagram);
     return;
   }
   // A collector that falls behind fills its queue (ten datagrams by default):
@@ -177,9 +211,10 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) {
   // on one that stopped reading.
   struct timeval timeout = {0, 250000};
   (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  (void)sendto(fd, datagram.data(), datagram.size(), MSG_NOSIGNAL,
-               reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
+  (void)sendto(fd, datagram, size, MSG_NOSIGNAL, reinterpret_cast<struct sockaddr *>(&addr),
+               sizeof addr);
   close(fd);
+  free(datagram);
 }
 
 namespace platform_internal {

@@ -66,8 +66,15 @@ unsigned AddrLow32(TevdAgentFn fn) {
 // the null-reference check misreads; the rethrow below is the required idiom.
 __attribute__((no_sanitize("null"))) void *AgentThreadMain(void *arg) {
   TevdAgentFn fn = reinterpret_cast<TevdAgentFn>(arg);
-  // Asynchronous on purpose: an agent may be stopped while blocked anywhere.
-  if (pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr) != 0) {
+  // An agent must stop wherever it blocks: in its poll, a pipe read, a
+  // connect or send to the management agent, a log write. Every one of those
+  // is a cancellation point, so deferred cancellation stops it there. An
+  // asynchronous cancel could also land between two instructions of C++
+  // code, or inside a C library call declared not to throw (the unwinder
+  // then terminates the process), or while the C library holds an internal
+  // lock that the exiting main thread needs: a signal during a burst of
+  // observations would then abort or hang the daemon instead of exiting 0.
+  if (pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr) != 0) {
     TevdLog("Failed to set thread cancel type for agent function(%#x).\n", AddrLow32(fn));
   }
   try {

@@ -214,7 +214,10 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
       } else {
         // A connection, or the listener itself when only the fixed set exists.
         int rc = ReadTevs(contexts[kUserListener].handle, set[i].fd);
-        if (rc != 0 && (rev & kErrorBits) != 0 && i >= kFixedEntries) {
+        // A record above the ceiling can never be read and would stay
+        // pending, making every poll return at once: drop that connection.
+        bool stuck = rc == TEVLIB_BUFFER_TOO_SMALL;
+        if (rc != 0 && ((rev & kErrorBits) != 0 || stuck) && i >= kFixedEntries) {
           CloseConnection(set, &count, &i);
           continue;
         }

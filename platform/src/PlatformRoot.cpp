@@ -158,6 +158,114 @@ LogSink LogSocketAddr(struct sockaddr_un *addr) {
 
 }  // namespace
 
+namespace {
+
+// "<14>Mmm dd hh:mm:ss tevd: " of one second of local time, kept per thread
+// so that only the first line of a second pays for localtime_r and glibc's
+// time-zone lock. The zone globals are part of the key: a tzset() to another
+// zone shows at once.
+struct LogHead {
+  bool valid;
+  time_t secs;
+  long zone;
+  int daylight;
+  const char *names[2];
+  int len;
+  char text[48];
+};
+
+thread_local LogHead lastHead;
+
+int LogHeadText(char *out, size_t size) {
+  static const char *const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  struct timespec now;
+  TevClock_GetRealtime(&now);
+  LogHead &h = lastHead;
+  if (!h.valid || h.secs != now.tv_sec || h.zone != timezone || h.daylight != daylight ||
+      h.names[0] != tzname[0] || h.names[1] != tzname[1]) {
+    h.valid = false;
+    time_t secs = now.tv_sec;
+    struct tm tm;
+    localtime_r(&secs, &tm);
+    h.len = snprintf(h.text, sizeof h.text, "<14>%s %2d %02d:%02d:%02d tevd: ",
+                     kMonths[tm.tm_mon % 12], tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    if (h.len < 0 || static_cast<size_t>(h.len) >= sizeof h.text) {
+      return -1;
+    }
+    h.secs = now.tv_sec;
+    h.zone = timezone;
+    h.daylight = daylight;
+    h.names[0] = tzname[0];
+    h.names[1] = tzname[1];
+    h.valid = true;
+  }
+  if (static_cast<size_t>(h.len) >= size) {
+    return -1;
+  }
+  memcpy(out, h.text, static_cast<size_t>(h.len));
+  return h.len;
+}
+
+// One unconnected datagram socket for the whole process, made on first use
+// and shared by every thread: concurrent sendto() calls on it are atomic per
+// datagram, and the address given with each line keeps the old behaviour
+// exactly (the collector is looked up anew per line, one that went away or
+// was replaced is simply found or missed). A plain int with atomic builtins,
+// not a C++ object, for the reason given below.
+int logFd = -1;
+
+int LogSocket() {
+  int fd = __atomic_load_n(&logFd, __ATOMIC_ACQUIRE);
+  if (fd >= 0) {
+    return fd;
+  }
+  fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    return -1;
+  }
+  // A collector that falls behind fills its queue (ten datagrams by default):
+  // wait a little for it rather than lose lines, but never hang the daemon
+  // on one that stopped reading.
+  struct timeval timeout = {0, 250000};
+  (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+  int expected = -1;
+  if (!__atomic_compare_exchange_n(&logFd, &expected, fd, false, __ATOMIC_ACQ_REL,
+                                   __ATOMIC_ACQUIRE)) {
+    close(fd);   // another thread made one first
+    return expected;
+  }
+  return fd;
+}
+
+// Forgets a shared socket that is no longer ours (closed behind our back).
+void DropLogSocket(int fd) {
+  int expected = fd;
+  if (__atomic_compare_exchange_n(&logFd, &expected, -1, false, __ATOMIC_ACQ_REL,
+                                  __ATOMIC_ACQUIRE)) {
+    close(fd);
+  }
+}
+
+void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    int fd = LogSocket();
+    if (fd < 0) {
+      return;
+    }
+    if (sendto(fd, datagram, size, MSG_NOSIGNAL, reinterpret_cast<const struct sockaddr *>(addr),
+               sizeof *addr) >= 0) {
+      return;
+    }
+    if (errno != EBADF && errno != ENOTSOCK) {
+      return;   // no collector, a full one after the wait, ...: dropped silently
+    }
+    DropLogSocket(fd);
+  }
+}
+
+}  // namespace
+
 // The daemon's agents are cancelled asynchronously at exit, so one may be
 // stopped anywhere in here (it is where a busy agent spends its time). If
 // this frame had C++ clean-ups, a cancellation inside socket() or
@@ -165,6 +273,10 @@ LogSink LogSocketAddr(struct sockaddr_un *addr) {
 // the unwinder call std::terminate and the daemon would abort instead of
 // exiting 0. So this function holds no object with a destructor: plain
 // buffers and malloc only.
+//
+// Cost per line in the common case: the formatting into a stack buffer and
+// one sendto(); a line too long for the stack buffer is formatted again into
+// a malloc'd one.
 void PlatformLog_Vsyslog(const char *format, va_list ap) {
   struct sockaddr_un addr;
   LogSink sink = LogSocketAddr(&addr);
@@ -175,45 +287,31 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) {
   if (sink == LogSink::None) {
     return;
   }
-  static const char *const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-  struct timespec now;
-  TevClock_GetRealtime(&now);
-  time_t secs = now.tv_sec;
-  struct tm tm;
-  localtime_r(&secs, &tm);
-  char head[64];
-  int headLen = snprintf(head, sizeof head, "<14>%s %2d %02d:%02d:%02d tevd: ", kMonths[tm.tm_mon % 12],
-                         tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+  char stackBuf[2048];
+  int headLen = LogHeadText(stackBuf, sizeof stackBuf);
+  if (headLen < 0) {
+    return;
+  }
+  size_t room = sizeof stackBuf - static_cast<size_t>(headLen);
   va_list copy;
   va_copy(copy, ap);
-  int n = vsnprintf(nullptr, 0, format, copy);
+  int n = vsnprintf(stackBuf + headLen, room, format, copy);
   va_end(copy);
-  if (n < 0 || headLen < 0) {
+  if (n < 0) {
     return;
   }
   size_t size = static_cast<size_t>(headLen) + static_cast<size_t>(n);
+  if (static_cast<size_t>(n) < room) {
+    SendLine(stackBuf, size, &addr);
+    return;
+  }
   char *datagram = static_cast<char *>(malloc(size + 1));
   if (datagram == nullptr) {
     return;
   }
-  memcpy(datagram, head, static_cast<size_t>(headLen));
+  memcpy(datagram, stackBuf, static_cast<size_t>(headLen));
   vsnprintf(datagram + headLen, static_cast<size_t>(n) + 1, format, ap);
-
-  // One socket per line keeps this free of shared state, hence thread-safe.
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    free(datagram);
-    return;
-  }
-  // A collector that falls behind fills its queue (ten datagrams by default):
-  // wait a little for it rather than lose lines, but never hang the daemon
-  // on one that stopped reading.
-  struct timeval timeout = {0, 250000};
-  (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  (void)sendto(fd, datagram, size, MSG_NOSIGNAL, reinterpret_cast<struct sockaddr *>(&addr),
-               sizeof addr);
-  close(fd);
+  SendLine(datagram, size, &addr);
   free(datagram);
 }
 

@@ -1,6 +1,12 @@
-// Log output and panic. TevdLog keeps no state: the time prefix lives on the
-// caller's stack and the sink (PlatformLog_Vsyslog) is thread-safe, so every
-// thread logs at once without a lock of ours.
+// Log output and panic. TevdLog keeps no shared state: the time prefix and
+// the line live on the caller's stack and the sink (PlatformLog_Vsyslog) is
+// thread-safe, so every thread logs at once without a lock of ours. The only
+// memory is a per-thread copy of the last second's formatted local time,
+// which spares localtime_r (and glibc's time-zone lock) on all but the first
+// line of each second.
+//
+// Agents are cancelled asynchronously at exit, so the formatting path holds
+// no object with a destructor: plain buffers only.
 #include "tevdLog.h"
 
 #include <cstdio>
@@ -11,14 +17,32 @@
 #include "PlatformRoot.h"
 #include "TevClock.h"
 
-int TevdLog_TimePrefix(char *buf, size_t size, bool withMillis) {
-  struct timeval tv;
-  TevClock_GetTimeOfDay(&tv);
+namespace {
+
+// "YYYY-MM-DDThh:mm:ssZ: " of one second of local time. The time-zone
+// globals are part of the key so that a tzset() to another zone is seen at
+// once rather than a second later.
+struct SecondText {
+  bool valid;
+  time_t secs;
+  long zone;
+  int daylight;
+  const char *names[2];
+  size_t len;
+  char text[32];
+};
+
+thread_local SecondText lastSecond;
+
+bool SameZone(const SecondText &c) {
+  return c.zone == timezone && c.daylight == daylight && c.names[0] == tzname[0] &&
+         c.names[1] == tzname[1];
+}
+
+// The uncached form: any buffer size, any clock value.
+int FormatPrefix(char *buf, size_t size, const struct timeval &tv, bool withMillis) {
   struct tm tmv;
   time_t secs = tv.tv_sec;
-  if (size == 0) {
-    return 0;
-  }
   buf[0] = '\0';
   if (localtime_r(&secs, &tmv) == nullptr) {
     return 0;
@@ -37,9 +61,17 @@ int TevdLog_TimePrefix(char *buf, size_t size, bool withMillis) {
   return static_cast<int>(len);
 }
 
-void TevdLogV(const char *format, va_list ap) {
-  char prefix[32];
-  TevdLog_TimePrefix(prefix, sizeof prefix, true);
+// Hands a finished line to the sink as a "%s" argument.
+void LogText(const char *format, ...) TEV_PRINTF(1, 2);
+void LogText(const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  PlatformLog_Vsyslog(format, ap);
+  va_end(ap);
+}
+
+// The joined-format path: prefix + caller's format, formatted by the sink.
+void LogJoined(const char *prefix, const char *format, va_list ap) {
   char *joined = Str_Asprintf(nullptr, "%s%s", prefix, format);
   if (joined != nullptr) {
 #pragma GCC diagnostic push
@@ -50,6 +82,70 @@ void TevdLogV(const char *format, va_list ap) {
   } else {
     PlatformLog_Vsyslog(format, ap);
   }
+}
+
+}  // namespace
+
+int TevdLog_TimePrefix(char *buf, size_t size, bool withMillis) {
+  struct timeval tv;
+  TevClock_GetTimeOfDay(&tv);
+  if (size == 0) {
+    return 0;
+  }
+  long millis = static_cast<long>(tv.tv_usec / 1000);
+  if (size < sizeof lastSecond.text || millis < 0 || millis > 999) {
+    return FormatPrefix(buf, size, tv, withMillis);
+  }
+  SecondText &c = lastSecond;
+  if (!c.valid || c.secs != tv.tv_sec || !SameZone(c)) {
+    c.valid = false;
+    int n = FormatPrefix(c.text, sizeof c.text, tv, false);
+    if (n < 3) {
+      return FormatPrefix(buf, size, tv, withMillis);
+    }
+    c.len = static_cast<size_t>(n);
+    c.secs = tv.tv_sec;
+    c.zone = timezone;
+    c.daylight = daylight;
+    c.names[0] = tzname[0];
+    c.names[1] = tzname[1];
+    c.valid = true;
+  }
+  size_t len = c.len;
+  if (withMillis && len + 4 >= size) {
+    return FormatPrefix(buf, size, tv, withMillis);
+  }
+  memcpy(buf, c.text, len + 1);
+  if (withMillis) {
+    // ".mmmZ: " over the trailing "Z: ", as snprintf(".%03dZ: ") would write.
+    char *p = buf + len - 3;
+    p[0] = '.';
+    p[1] = static_cast<char>('0' + millis / 100);
+    p[2] = static_cast<char>('0' + millis / 10 % 10);
+    p[3] = static_cast<char>('0' + millis % 10);
+    memcpy(p + 4, "Z: ", 4);
+    len += 4;
+  }
+  return static_cast<int>(len);
+}
+
+void TevdLogV(const char *format, va_list ap) {
+  // Most lines fit here: formatted once, on the stack, and passed on whole.
+  char line[1024];
+  int prefixLen = TevdLog_TimePrefix(line, 32, true);
+  va_list copy;
+  va_copy(copy, ap);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  int n = vsnprintf(line + prefixLen, sizeof line - static_cast<size_t>(prefixLen), format, copy);
+#pragma GCC diagnostic pop
+  va_end(copy);
+  if (n >= 0 && static_cast<size_t>(n) < sizeof line - static_cast<size_t>(prefixLen)) {
+    LogText("%s", line);
+    return;
+  }
+  line[prefixLen] = '\0';
+  LogJoined(line, format, ap);
 }
 
 void TevdLog(const char *format, ...) {

@@ -1,0 +1,179 @@
+// The log path's shortcuts must not show: the per-second caches of the local
+// time, the stack buffers with their long-line fallback and the one shared
+// log socket. Each test names what would go wrong if a shortcut leaked.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogCapture.h"
+#include "TevClock.h"
+#include "TevdTestSupport.h"
+#include "tevdLog.h"
+
+using namespace tevdtest;
+
+namespace {
+
+// Sets TZ for the test's duration, restoring the old value afterwards.
+class ZoneGuard {
+ public:
+  ZoneGuard() : had_(getenv("TZ") != nullptr), old_(had_ ? getenv("TZ") : "") {}
+  ~ZoneGuard() {
+    if (had_) {
+      setenv("TZ", old_.c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+  }
+  void Set(const char *zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+
+ private:
+  bool had_;
+  std::string old_;
+};
+
+int BindCollector(const ScratchRoot &root) {
+  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", root.Abs("dev/log").c_str());
+  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return -1;
+  }
+  struct timeval tv = {2, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  return fd;
+}
+
+std::string Receive(int fd) {
+  static char buf[65536];
+  ssize_t n = recv(fd, buf, sizeof buf, 0);
+  return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+}
+
+}  // namespace
+
+TEST(TevdLogFastPathTest, ZoneChangeWithinOneSecondShowsInTheVeryNextPrefix) {
+  ZoneGuard zone;
+  FakeClock clock(1700000000);   // 2023-11-14 22:13:20 UTC
+  char buf[32];
+  zone.Set("UTC0");
+  TevdLog_TimePrefix(buf, sizeof buf, true);
+  EXPECT_STREQ("2023-11-14T22:13:20.000Z: ", buf);
+  zone.Set("XST-3");   // three hours east, same second
+  TevdLog_TimePrefix(buf, sizeof buf, true);
+  EXPECT_STREQ("2023-11-15T01:13:20.000Z: ", buf);
+  TevdLog_TimePrefix(buf, sizeof buf, false);
+  EXPECT_STREQ("2023-11-15T01:13:20Z: ", buf);
+}
+
+TEST(TevdLogFastPathTest, ZoneChangeWithinOneSecondShowsInTheSyslogHeader) {
+  ZoneGuard zone;
+  ScratchRoot root;
+  root.MakeDir("dev");
+  int log = BindCollector(root);
+  ASSERT_GE(log, 0);
+  FakeClock clock(1700000000);
+  zone.Set("UTC0");
+  TevdLog("a\n");
+  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: a\n", Receive(log));
+  zone.Set("XST-3");
+  TevdLog("b\n");
+  EXPECT_EQ("<14>Nov 15 01:13:20 tevd: 2023-11-15T01:13:20.000Z: b\n", Receive(log));
+  close(log);
+}
+
+TEST(TevdLogFastPathTest, NextSecondIsNotServedFromTheCache) {
+  ZoneGuard zone;
+  zone.Set("UTC0");
+  ScratchRoot root;
+  root.MakeDir("dev");
+  int log = BindCollector(root);
+  ASSERT_GE(log, 0);
+  FakeClock clock(1700000000);
+  clock.AdvanceUs(999999);
+  TevdLog("x\n");
+  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.999Z: x\n", Receive(log));
+  clock.AdvanceUs(1);
+  TevdLog("y\n");
+  EXPECT_EQ("<14>Nov 14 22:13:21 tevd: 2023-11-14T22:13:21.000Z: y\n", Receive(log));
+  close(log);
+}
+
+// Lines around both stack buffers (1024 bytes in TevdLog, 2048 in the sink)
+// must arrive whole, as one datagram, byte for byte.
+TEST(TevdLogFastPathTest, LinesLongerThanTheStackBuffersArriveWhole) {
+  ZoneGuard zone;
+  zone.Set("UTC0");
+  ScratchRoot root;
+  root.MakeDir("dev");
+  int log = BindCollector(root);
+  ASSERT_GE(log, 0);
+  FakeClock clock(1700000000);
+  for (size_t size : {0u, 990u, 1000u, 1100u, 1990u, 2020u, 2100u, 9000u}) {
+    std::string body(size, 'q');
+    TevdLog("%s|%d\n", body.c_str(), 7);
+    EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: " + body + "|7\n", Receive(log))
+        << "body of " << size;
+  }
+  close(log);
+}
+
+TEST(TevdLogFastPathTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
+  ScratchRoot root;
+  root.MakeDir("dev");
+  int first = BindCollector(root);
+  ASSERT_GE(first, 0);
+  TevdLog("to the first\n");
+  EXPECT_NE(std::string::npos, Receive(first).find("Z: to the first\n"));
+  close(first);
+  root.Remove("dev/log");
+  TevdLog("to nobody\n");   // dropped silently
+  int second = BindCollector(root);
+  ASSERT_GE(second, 0);
+  TevdLog("to the second\n");
+  EXPECT_NE(std::string::npos, Receive(second).find("Z: to the second\n"));
+  close(second);
+}
+
+TEST(TevdLogFastPathTest, ConcurrentLinesArriveWholeAndEachOnce) {
+  ScratchRoot root;
+  LogCapture log(root);
+  const int threads = 6;
+  const int perThread = 200;
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t) {
+    workers.emplace_back([t] {
+      for (int i = 0; i < perThread; ++i) {
+        TevdLog("worker %d line %d end\n", t, i);
+      }
+    });
+  }
+  for (auto &w : workers) {
+    w.join();
+  }
+  std::set<std::string> seen;
+  for (int i = 0; i < threads * perThread; ++i) {
+    std::string line = log.Next();
+    ASSERT_FALSE(line.empty()) << "after " << i << " lines";
+    size_t at = line.find("Z: worker ");
+    ASSERT_NE(std::string::npos, at) << line;
+    std::string text = line.substr(at + 3);
+    ASSERT_EQ("\n", text.substr(text.size() - 1)) << line;
+    EXPECT_TRUE(seen.insert(text).second) << "twice: " << text;
+  }
+  EXPECT_EQ(static_cast<size_t>(threads * perThread), seen.size());
+}

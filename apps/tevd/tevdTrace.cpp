@@ -21,12 +21,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <deque>
-#include <iomanip>
 #include <map>
-#include <sstream>
 
 #include "PlatformRoot.h"
 #include "TevClock.h"
@@ -58,28 +59,61 @@ const char *ErrorText(int err, char *buf, size_t size) {
 int FdOf(void *arg) { return static_cast<int>(reinterpret_cast<intptr_t>(arg)); }
 void *ArgOf(int fd) { return reinterpret_cast<void *>(static_cast<intptr_t>(fd)); }
 
-// One trace line, or false when a string argument cannot be read.
+void AppendNumber(std::string *line, const char *format, ...) TEV_PRINTF(2, 3);
+void AppendNumber(std::string *line, const char *format, ...) {
+  char num[32];
+  va_list ap;
+  va_start(ap, format);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  int n = vsnprintf(num, sizeof num, format, ap);
+#pragma GCC diagnostic pop
+  va_end(ap);
+  if (n > 0) {
+    line->append(num, static_cast<size_t>(n) < sizeof num ? static_cast<size_t>(n) : sizeof num - 1);
+  }
+}
+
+// One trace line, or false when a string argument cannot be read. Built by
+// appending into one string sized up front (formerly an ostringstream, which
+// cost several allocations and locale look-ups per line); the bytes are the
+// same: "secs.nnnnnnnnn,DIR,stamp,id," then ",value" per argument, strings
+// quoted with inner quotes doubled.
 bool BuildLine(const char *direction, uint64_t timeStamp, const char *id, const void *args,
                size_t argsSize, int numArgs, std::string *line) {
   struct timespec now;
   TevClock_GetRealtime(&now);
-  std::ostringstream os;
-  os << now.tv_sec << '.' << std::setw(9) << std::setfill('0') << now.tv_nsec << std::setfill(' ')
-     << ',' << direction << ',' << timeStamp << ',' << id << ',';
+  size_t idLen = strlen(id);
+  line->clear();
+  line->reserve(48 + idLen + 24 * static_cast<size_t>(numArgs > 0 ? numArgs : 0));
+  AppendNumber(line, "%lld.", static_cast<long long>(now.tv_sec));
+  // Nanoseconds right-aligned in nine places with zeros in front, also for
+  // the odd value out of range (a stream's setw/setfill did the same).
+  char nsec[32];
+  int n = snprintf(nsec, sizeof nsec, "%ld", static_cast<long>(now.tv_nsec));
+  for (int i = n; i < 9; i++) {
+    line->push_back('0');
+  }
+  line->append(nsec, static_cast<size_t>(n));
+  line->push_back(',');
+  line->append(direction);
+  AppendNumber(line, ",%" PRIu64 ",", timeStamp);
+  line->append(id, idLen);
+  line->push_back(',');
   for (int i = 0; i < numArgs; i++) {
     MsgFmt_Arg slot = MsgFmt_ReadSlot(args, i);
     switch (slot.type) {
       case MSGFMT_TYPE_INT32:
-        os << ',' << static_cast<int32_t>(slot.value);
+        AppendNumber(line, ",%" PRId32, static_cast<int32_t>(slot.value));
         break;
       case MSGFMT_TYPE_INT64:
-        os << ',' << static_cast<int64_t>(slot.value);
+        AppendNumber(line, ",%" PRId64, static_cast<int64_t>(slot.value));
         break;
       case MSGFMT_TYPE_UINT32:
-        os << ',' << static_cast<uint32_t>(slot.value);
+        AppendNumber(line, ",%" PRIu32, static_cast<uint32_t>(slot.value));
         break;
       case MSGFMT_TYPE_UINT64:
-        os << ',' << slot.value;
+        AppendNumber(line, ",%" PRIu64, slot.value);
         break;
       case MSGFMT_TYPE_STRING: {
         const char *str = nullptr;
@@ -87,23 +121,27 @@ bool BuildLine(const char *direction, uint64_t timeStamp, const char *id, const 
           TevdLog("Invalid argument in tev with ID %s", id);
           return false;
         }
-        os << ",\"";
-        for (const char *p = str != nullptr ? str : "(null)"; *p != '\0'; p++) {
-          if (*p == '"') {
-            os << '"';
+        line->append(",\"");
+        const char *p = str != nullptr ? str : "(null)";
+        for (;;) {
+          const char *quote = strchr(p, '"');
+          if (quote == nullptr) {
+            line->append(p);
+            break;
           }
-          os << *p;
+          line->append(p, static_cast<size_t>(quote - p) + 1);
+          line->push_back('"');
+          p = quote + 1;
         }
-        os << '"';
+        line->push_back('"');
         break;
       }
       default:
-        os << ",???";
+        line->append(",???");
         break;
     }
   }
-  os << '\n';
-  *line = os.str();
+  line->push_back('\n');
   return true;
 }
 
@@ -185,15 +223,15 @@ void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id,
     return;
   }
   pthread_mutex_lock(&traceMutex);
-  history.push_back(line);
+  for (auto &entry : listeners) {
+    entry.second.pending.push_back(line);
+  }
   historySize += line.size();
+  history.push_back(std::move(line));   // the history keeps the one built
   // Keep at most 128 KiB, but never drop the newest line.
   while (historySize > TEVD_TRACE_HISTORY_MAX && history.size() > 1) {
     historySize -= history.front().size();
     history.pop_front();
-  }
-  for (auto &entry : listeners) {
-    entry.second.pending.push_back(line);
   }
   pthread_mutex_unlock(&traceMutex);
   pthread_cond_broadcast(&traceUpdated);

@@ -235,6 +235,8 @@ int main(int argc, char **argv) {
   memcpy(contexts, kContextTable, sizeof contexts);
   ParseOptions(argc, argv);
 
+  // The library's own diagnostics carry the daemon's time prefix too.
+  TevLib_SetLogFunction(TevdLogV);
   int rc = InstallSignals();
   struct pollfd *fixedSet = nullptr;
   struct pollfd *set = nullptr;

@@ -45,6 +45,11 @@ int TevLib_HandleToName(TevLib_Handle handle, char *name);
 int TevLib_UserContextNewCnx(TevLib_Handle handle, int *fd);
 int TevLib_UserContextCloseCnx(int fd);   // negative on failure
 int TevLib_Close(TevLib_Handle handle);
+// Where the library's own diagnostics go (a dropped record, a new user-level
+// connection): by default the platform log; a program that formats its log
+// lines itself (the daemon's time prefix) installs its routine here.
+typedef void (*TevLib_LogFn)(const char *format, va_list ap);
+void TevLib_SetLogFunction(TevLib_LogFn fn);
 // Malformed records dropped so far by this process (for tests and tools).
 uint64_t TevLib_DroppedRecords(void);
 

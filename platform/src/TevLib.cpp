@@ -31,6 +31,26 @@ struct TevLibContext {
 
 namespace {
 
+std::atomic<TevLib_LogFn> logFunction{nullptr};
+
+__attribute__((format(printf, 1, 2))) void LibLog(const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  TevLib_LogFn fn = logFunction.load();
+  if (fn != nullptr) {
+    fn(format, ap);
+  } else {
+    PlatformLog_Vsyslog(format, ap);
+  }
+  va_end(ap);
+}
+
+}  // namespace
+
+void TevLib_SetLogFunction(TevLib_LogFn fn) { logFunction.store(fn); }
+
+namespace {
+
 std::mutex gNamesMutex;
 std::map<int, std::string> gNames;   // guarded by gNamesMutex
 std::atomic<uint64_t> gDropped{0};
@@ -97,7 +117,7 @@ void NoteDropped(int fd, const std::string &why) {
   int64_t now = static_cast<int64_t>(TevClock_Time());
   int64_t last = gLastDropLogSec.load();
   if (now != last && gLastDropLogSec.compare_exchange_strong(last, now)) {
-    platform_internal::Syslog("TevLib: dropped a malformed record on %s: %s (%llu dropped so far)\n",
+    LibLog("TevLib: dropped a malformed record on %s: %s (%llu dropped so far)\n",
                               platform_internal::FdName(fd).c_str(), why.c_str(),
                               static_cast<unsigned long long>(total));
   }
@@ -241,11 +261,11 @@ int TevLib_UserContextNewCnx(TevLib_Handle handle, int *fd) {
   struct ucred cred;
   socklen_t credLen = sizeof cred;
   if (getsockopt(c, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) == 0 && credLen == sizeof cred) {
-    platform_internal::Syslog("User-level connection from pid %d uid %u gid %u\n",
+    LibLog("User-level connection from pid %d uid %u gid %u\n",
                               static_cast<int>(cred.pid), static_cast<unsigned>(cred.uid),
                               static_cast<unsigned>(cred.gid));
   } else {
-    platform_internal::Syslog("User-level connection from an unknown peer\n");
+    LibLog("User-level connection from an unknown peer\n");
   }
   platform_internal::RegisterFdName(c, handle->name);
   *fd = c;

@@ -328,6 +328,9 @@ int ConnectDgram(const std::string &path) {
   return fd;
 }
 
+// Sends that found their context's queue full, over the last SendAll.
+std::atomic<long> fullQueueSends{0};
+
 // K sender threads, thread t sending records t, t+K, ... with blocking sends.
 void SendAll(const std::string &root, const Options &o,
              const std::vector<std::vector<uint8_t>> &corpus) {
@@ -337,6 +340,14 @@ void SendAll(const std::string &root, const Options &o,
       int fd = ConnectDgram(AsyncPath(root, t));
       for (long i = t; i < o.n; i += o.contexts) {
         const std::vector<uint8_t> &r = corpus[static_cast<size_t>(i) % corpus.size()];
+        // A first try without waiting tells whether the context's queue was
+        // full (the daemon behind); the send then waits as before.
+        if (send(fd, r.data(), r.size(), MSG_DONTWAIT) >= 0) {
+          continue;
+        }
+        if (errno == EAGAIN) {
+          fullQueueSends.fetch_add(1, std::memory_order_relaxed);
+        }
         while (send(fd, r.data(), r.size(), 0) < 0) {
           if (errno != EINTR && errno != EAGAIN) {
             Die(std::string("send failed: ") + strerror(errno));
@@ -355,7 +366,20 @@ struct IngestFigures {
   double seconds = 0;
   long handled = 0;
   double cpuSeconds = 0;
+  long fullQueueSends = 0;
+  long readerSamples = 0;        // samples of the reading thread's kernel wait
+  long readerInPipeWrite = 0;    // ... blocked writing to an agent's full pipe
+  long readerInPoll = 0;         // ... waiting for input
 };
+
+// Where a thread sleeps in the kernel ("pipe_write", "do_sys_poll", ...); ""
+// while it runs.
+std::string WaitChannel(pid_t pid, pid_t tid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/wchan");
+  std::string w;
+  std::getline(in, w);
+  return w == "0" ? "" : w;
+}
 
 IngestFigures MeasureIngest(const std::string &root, pid_t pid, LogCounter &log, const Options &o,
                             const std::vector<std::vector<uint8_t>> &corpus,
@@ -369,13 +393,33 @@ IngestFigures MeasureIngest(const std::string &root, pid_t pid, LogCounter &log,
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   });
+  // The reading thread (the process's first) is sampled every millisecond:
+  // in a burst it should wait on full pipes, not on its input.
+  std::atomic<bool> watching{true};
+  long readerSamples = 0, inPipeWrite = 0, inPoll = 0;
+  std::thread watcher([&] {
+    while (watching) {
+      std::string w = WaitChannel(pid, pid);
+      ++readerSamples;
+      if (w == "pipe_write") ++inPipeWrite;
+      if (w.find("poll") != std::string::npos) ++inPoll;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  fullQueueSends = 0;
   Clock::time_point t0 = Clock::now();
   SendAll(root, o, corpus);
   Clock::time_point last;
   bool all = log.WaitFor(before + o.n, 10, &last);
+  watching = false;
+  watcher.join();
   sampling = false;
   sampler.join();
   IngestFigures f;
+  f.fullQueueSends = fullQueueSends.load();
+  f.readerSamples = readerSamples;
+  f.readerInPipeWrite = inPipeWrite;
+  f.readerInPoll = inPoll;
   f.handled = log.Observations() - before;
   f.seconds = Seconds(t0, last);
   f.cpuSeconds = CpuSeconds(pid) - cpu0;
@@ -590,6 +634,7 @@ void MeasureIngestAndFloor(const Options &o) {
     Result("floor_seconds", f.seconds);
     Result("floor_obs_per_s", static_cast<double>(f.handled) / f.seconds);
     Result("floor_cpu_us_per_obs", f.cpuSeconds * 1e6 / static_cast<double>(f.handled));
+    Result("floor_full_queue_sends", static_cast<double>(f.fullQueueSends));
   }
 
   std::string root = MakeRoot("ingest");
@@ -606,6 +651,10 @@ void MeasureIngestAndFloor(const Options &o) {
   Result("tevd_seconds", f.seconds);
   Result("tevd_obs_per_s", static_cast<double>(f.handled) / f.seconds);
   Result("tevd_cpu_us_per_obs", f.cpuSeconds * 1e6 / static_cast<double>(f.handled));
+  Result("tevd_full_queue_sends", static_cast<double>(f.fullQueueSends));
+  Result("tevd_reader_samples", static_cast<double>(f.readerSamples));
+  Result("tevd_reader_in_pipe_write", static_cast<double>(f.readerInPipeWrite));
+  Result("tevd_reader_in_poll", static_cast<double>(f.readerInPoll));
   if (!samples.empty()) {
     size_t q = samples.size() / 4;
     Result("rss_load_first_quarter_max_kib",

@@ -3,13 +3,15 @@
 # a table and writes docs/performance.md.
 #   bench/run.sh [N]        N observations for the ingest run (default 1000000)
 # Environment: LATENCY_RUNS (default 10 daemon runs of 1000 events each),
-# CONTEXTS (default 4), BUILD (default build-bench).
+# CONTEXTS (default 4), BUILD (default build-bench), CALLGRIND (default 1:
+# also run bench/callgrind.sh, a few minutes; 0 skips it).
 set -eu
 cd "$(dirname "$0")/.."
 N=${1:-1000000}
 BUILD=${BUILD:-build-bench}
 LATENCY_RUNS=${LATENCY_RUNS:-10}
 CONTEXTS=${CONTEXTS:-4}
+CALLGRIND=${CALLGRIND:-1}
 # -O3 brings out two truncation warnings in the daemon's sources; they stay
 # warnings in this build only.
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DTEVD_BUILD_BENCH=ON -DTEVD_BUILD_TESTS=OFF \
@@ -21,8 +23,13 @@ OUT=$(mktemp -d /tmp/tevd-bench-run-XXXXXX)
   >"$OUT/micro.csv" 2>"$OUT/micro.err"
 "$BUILD/bench/tevd_ingest_bench" --n "$N" --contexts "$CONTEXTS" --latency-runs "$LATENCY_RUNS" \
   --tevd "$BUILD/apps/tevd/tevd" --tevctl "$BUILD/tools/tevctl/tevctl" | tee "$OUT/ingest.txt"
+if [ "$CALLGRIND" != 0 ]; then
+  BUILD=$BUILD bench/callgrind.sh | tee "$OUT/callgrind.txt"
+else
+  : >"$OUT/callgrind.txt"
+fi
 
-r() { awk -v k="$1" '$1=="RESULT" && $2==k {print $3}' "$OUT/ingest.txt"; }
+r() { awk -v k="$1" '$1=="RESULT" && $2==k {print $3}' "$OUT/ingest.txt" "$OUT/callgrind.txt"; }
 calc() { awk "BEGIN {printf \"$1\", $2}"; }
 
 CPU=$(lscpu | sed -n 's/^Model name: *//p' | head -1)
@@ -39,6 +46,26 @@ echo "Machine: $CPU, $CORES cores (shared with other work while measuring), Linu
 echo "Figures that matter are the ratios, measured side by side in the same run;"
 echo "absolute numbers are context for this machine only."
 echo
+RATIO=$(calc %.3f "$(r tevd_obs_per_s)/$(r floor_obs_per_s)")
+verdict() { awk "BEGIN {print ($1) ? \"met\" : \"not met\"}"; }
+echo "## Targets"
+echo
+echo "| target | figure | verdict |"
+echo "|---|---|---|"
+echo "| tevd CPU per observation ≤ ¼ of SEC's on the same corpus | not measured (no SEC comparison yet) | open |"
+echo "| tevd ≥ 50% of the floor's throughput | $RATIO | $(verdict "$RATIO >= 0.5") |"
+echo "| p99 latency < 1 ms | $(calc %.0f "$(r latency_p99_us)") µs | $(verdict "$(r latency_p99_us) < 1000") |"
+echo "| idle resident size < 8 MiB | $(calc %.1f "$(r rss_idle_kib)/1024") MiB | $(verdict "$(r rss_idle_kib) < 8192") |"
+echo
+BUSY=$(calc %.0f "100*($(r tevd_reader_samples)-$(r tevd_reader_in_pipe_write)-$(r tevd_reader_in_poll))/$(r tevd_reader_samples)")
+echo "Where tevd's throughput goes: its single reading thread was found running (not"
+echo "waiting for input, not blocked on a pipe) in $BUSY% of the samples during the ingest"
+echo "and blocked on a full agent pipe in $(r tevd_reader_in_pipe_write) of $(r tevd_reader_samples)."
+if [ "$BUSY" -ge 80 ]; then
+  echo "The reader, not the agents, sets the pace: its stages (read, distribute with the trace"
+  echo "line) are in the callgrind table below."
+fi
+echo
 echo "## End to end"
 echo
 echo "| measure | tevd | floor | tevd ÷ floor |"
@@ -49,6 +76,11 @@ echo "| observations logged / sent | $(calc %.0f "$(r tevd_handled)") / $(calc %
 echo
 echo "Mean record size $(calc %.0f "$(r corpus_mean_record_bytes)") bytes; identifiers in hardware, cpu, vm, uw, swap"
 echo "and migrate (log-only correlators), 1 to 4 arguments of int32, uint32, int64 and string."
+echo
+echo "Bursts: every send above found its context's queue full (the daemon behind) in"
+echo "$(r tevd_full_queue_sends) cases for tevd and $(r floor_full_queue_sends) for the floor; the sender then waited. Of"
+echo "$(r tevd_reader_samples) samples of tevd's reading thread (every 1 ms), $(r tevd_reader_in_pipe_write) found it blocked writing to a"
+echo "full agent pipe and $(r tevd_reader_in_poll) waiting in poll for input; the rest it was running."
 echo
 echo "| latency, observation sent → qprob event received | µs |"
 echo "|---|---|"
@@ -67,6 +99,32 @@ echo "| under load, highest sample | $(r rss_load_max_kib) |"
 echo "| after the ingest run | $(r rss_after_kib) |"
 echo "| with a trace client attached (history replayed: $(r trace_history_bytes) bytes) | $(r rss_trace_client_kib) |"
 echo
+if [ -s "$OUT/callgrind.txt" ]; then
+echo "## Instructions per observation (callgrind, user space)"
+echo
+echo "\`bench/callgrind.sh\`: difference of two runs under callgrind (start-up and shutdown cancel out)."
+echo "Inclusive instructions per observation of the stages (the kernel's work in system calls is not counted):"
+echo
+echo "| stage | ingest corpus (log-only) | direct translation with post |"
+echo "|---|---|---|"
+echo "| whole daemon | $(r ingest_instructions_per_obs) | $(r post_instructions_per_obs) |"
+for k in TevLib_ReadFromFd TevdAgent_Distribute TevdTrace_Record TevdAgent_WaitTev TevdCorrelator_Dispatch TevdLog_Tev TevdQprob_Post PlatformLog_Vsyslog; do
+  echo "| $k | $(r ingest_incl_$k) | $(r post_incl_$k) |"
+done
+echo
+echo "Top functions by own instructions per observation, ingest corpus:"
+echo
+echo "| instructions | function |"
+echo "|---|---|"
+awk '$1=="TOP" && $2=="ingest" {n=$3; $1=$2=$3=""; sub(/^ +/, ""); gsub(/\|/, "\\|"); printf "| %s | %s |\n", n, $0}' "$OUT/callgrind.txt" | head -15
+echo
+echo "Top functions, direct translation with post:"
+echo
+echo "| instructions | function |"
+echo "|---|---|"
+awk '$1=="TOP" && $2=="post" {n=$3; $1=$2=$3=""; sub(/^ +/, ""); gsub(/\|/, "\\|"); printf "| %s | %s |\n", n, $0}' "$OUT/callgrind.txt" | head -15
+echo
+fi
 echo "## Pieces (Google Benchmark, CPU ns per call)"
 echo
 echo "| benchmark | ns |"

@@ -21,10 +21,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
-#include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -59,19 +56,26 @@ const char *ErrorText(int err, char *buf, size_t size) {
 int FdOf(void *arg) { return static_cast<int>(reinterpret_cast<intptr_t>(arg)); }
 void *ArgOf(int fd) { return reinterpret_cast<void *>(static_cast<intptr_t>(fd)); }
 
-void AppendNumber(std::string *line, const char *format, ...) TEV_PRINTF(2, 3);
-void AppendNumber(std::string *line, const char *format, ...) {
-  char num[32];
-  va_list ap;
-  va_start(ap, format);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  int n = vsnprintf(num, sizeof num, format, ap);
-#pragma GCC diagnostic pop
-  va_end(ap);
-  if (n > 0) {
-    line->append(num, static_cast<size_t>(n) < sizeof num ? static_cast<size_t>(n) : sizeof num - 1);
+// Decimal digits of `magnitude`, after a '-' when `negative`: what
+// printf's %d/%u family writes, without its format parsing.
+void AppendDecimal(std::string *line, uint64_t magnitude, bool negative) {
+  char digits[24];
+  char *end = digits + sizeof digits;
+  char *p = end;
+  do {
+    *--p = static_cast<char>('0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (negative) {
+    *--p = '-';
   }
+  line->append(p, static_cast<size_t>(end - p));
+}
+
+void AppendSigned(std::string *line, int64_t value) {
+  // The magnitude in unsigned arithmetic, so that INT64_MIN is exact too.
+  uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  AppendDecimal(line, magnitude, value < 0);
 }
 
 // One trace line, or false when a string argument cannot be read. Built by
@@ -86,34 +90,41 @@ bool BuildLine(const char *direction, uint64_t timeStamp, const char *id, const 
   size_t idLen = strlen(id);
   line->clear();
   line->reserve(48 + idLen + 24 * static_cast<size_t>(numArgs > 0 ? numArgs : 0));
-  AppendNumber(line, "%lld.", static_cast<long long>(now.tv_sec));
+  AppendSigned(line, static_cast<int64_t>(now.tv_sec));
+  line->push_back('.');
   // Nanoseconds right-aligned in nine places with zeros in front, also for
   // the odd value out of range (a stream's setw/setfill did the same).
-  char nsec[32];
-  int n = snprintf(nsec, sizeof nsec, "%ld", static_cast<long>(now.tv_nsec));
-  for (int i = n; i < 9; i++) {
+  std::string nsec;
+  AppendSigned(&nsec, static_cast<int64_t>(now.tv_nsec));
+  for (size_t i = nsec.size(); i < 9; i++) {
     line->push_back('0');
   }
-  line->append(nsec, static_cast<size_t>(n));
+  line->append(nsec);
   line->push_back(',');
   line->append(direction);
-  AppendNumber(line, ",%" PRIu64 ",", timeStamp);
+  line->push_back(',');
+  AppendDecimal(line, timeStamp, false);
+  line->push_back(',');
   line->append(id, idLen);
   line->push_back(',');
   for (int i = 0; i < numArgs; i++) {
     MsgFmt_Arg slot = MsgFmt_ReadSlot(args, i);
     switch (slot.type) {
       case MSGFMT_TYPE_INT32:
-        AppendNumber(line, ",%" PRId32, static_cast<int32_t>(slot.value));
+        line->push_back(',');
+        AppendSigned(line, static_cast<int32_t>(slot.value));
         break;
       case MSGFMT_TYPE_INT64:
-        AppendNumber(line, ",%" PRId64, static_cast<int64_t>(slot.value));
+        line->push_back(',');
+        AppendSigned(line, static_cast<int64_t>(slot.value));
         break;
       case MSGFMT_TYPE_UINT32:
-        AppendNumber(line, ",%" PRIu32, static_cast<uint32_t>(slot.value));
+        line->push_back(',');
+        AppendDecimal(line, static_cast<uint32_t>(slot.value), false);
         break;
       case MSGFMT_TYPE_UINT64:
-        AppendNumber(line, ",%" PRIu64, slot.value);
+        line->push_back(',');
+        AppendDecimal(line, slot.value, false);
         break;
       case MSGFMT_TYPE_STRING: {
         const char *str = nullptr;

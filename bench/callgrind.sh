@@ -33,12 +33,26 @@ TEVCTL=$BUILD/tools/tevctl/tevctl
 run() {
   tag=$1
   shift
+  # The benchmark gives a stopped daemon 5 s before SIGKILL, which a daemon
+  # under valgrind on a busy machine may need for its exit; so the wrapper
+  # passes SIGTERM on and valgrind, its child, survives a SIGKILL of the
+  # wrapper and still writes its profile, which is awaited below.
   cat >"$OUT/tevd-$tag.sh" <<EOF
 #!/bin/sh
-exec valgrind --tool=callgrind --callgrind-out-file=$OUT/callgrind.$tag.out "$TEVD" "\$@" 2>>$OUT/valgrind.$tag.err
+valgrind --tool=callgrind --callgrind-out-file=$OUT/callgrind.$tag.out "$TEVD" "\$@" 2>>$OUT/valgrind.$tag.err &
+echo \$! >$OUT/valgrind.$tag.pid
+trap 'kill -TERM \$(cat $OUT/valgrind.$tag.pid)' TERM INT
+wait
+wait
 EOF
   chmod +x "$OUT/tevd-$tag.sh"
   "$BENCH" --tevd "$OUT/tevd-$tag.sh" --tevctl "$TEVCTL" "$@" >"$OUT/ingest.$tag.txt"
+  vpid=$(cat "$OUT/valgrind.$tag.pid")
+  i=0
+  while kill -0 "$vpid" 2>/dev/null && [ $i -lt 600 ]; do
+    sleep 0.1
+    i=$((i + 1))
+  done
   callgrind_annotate --inclusive=no --threshold=100 "$OUT/callgrind.$tag.out" >"$OUT/self.$tag.txt"
   callgrind_annotate --inclusive=yes --threshold=100 "$OUT/callgrind.$tag.out" >"$OUT/incl.$tag.txt"
 }
@@ -57,7 +71,7 @@ for path in ingest post; do
   if [ $path = ingest ]; then a=n1; b=n2; n=$((N2 - N1)); else a=p1; b=p2; n=$((P2 - P1)); fi
   echo "RESULT ${path}_instructions_per_obs $(per "$(total "$OUT/self.$a.txt")" "$(total "$OUT/self.$b.txt")" $n)"
   for stage in "TevLib_ReadFromFd(" "TevdAgent_Distribute(" "TevdTrace_Record(" \
-               "TevdAgent_WaitTev(" "TevdCorrelator_Dispatch(" "TevdLog_Tev(" "TevdQprob_Post(" \
+               "TevdAgent_WaitTev(" "TevdAgent_ReassembleStep(" "TevdCorrelator_Dispatch(" "TevdLog_Tev(" "TevdQprob_Post(" \
                "PlatformLog_Vsyslog("; do
     key=$(echo "$stage" | tr -d '( ')
     echo "RESULT ${path}_incl_$key $(per "$(cost "$OUT/incl.$a.txt" "$stage")" "$(cost "$OUT/incl.$b.txt" "$stage")" $n)"

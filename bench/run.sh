@@ -77,8 +77,8 @@ echo
 echo "Mean record size $(calc %.0f "$(r corpus_mean_record_bytes)") bytes; identifiers in hardware, cpu, vm, uw, swap"
 echo "and migrate (log-only correlators), 1 to 4 arguments of int32, uint32, int64 and string."
 echo
-echo "Bursts: every send above found its context's queue full (the daemon behind) in"
-echo "$(r tevd_full_queue_sends) cases for tevd and $(r floor_full_queue_sends) for the floor; the sender then waited. Of"
+echo "Bursts: of the $(calc %.0f "$(r n)") sends, $(r tevd_full_queue_sends) found their context's queue full (the daemon behind)"
+echo "with tevd and $(r floor_full_queue_sends) with the floor; the sender then waited and nothing was lost. Of"
 echo "$(r tevd_reader_samples) samples of tevd's reading thread (every 1 ms), $(r tevd_reader_in_pipe_write) found it blocked writing to a"
 echo "full agent pipe and $(r tevd_reader_in_poll) waiting in poll for input; the rest it was running."
 echo
@@ -108,7 +108,7 @@ echo
 echo "| stage | ingest corpus (log-only) | direct translation with post |"
 echo "|---|---|---|"
 echo "| whole daemon | $(r ingest_instructions_per_obs) | $(r post_instructions_per_obs) |"
-for k in TevLib_ReadFromFd TevdAgent_Distribute TevdTrace_Record TevdAgent_WaitTev TevdCorrelator_Dispatch TevdLog_Tev TevdQprob_Post PlatformLog_Vsyslog; do
+for k in TevLib_ReadFromFd TevdAgent_Distribute TevdTrace_Record TevdAgent_WaitTev TevdAgent_ReassembleStep TevdCorrelator_Dispatch TevdLog_Tev TevdQprob_Post PlatformLog_Vsyslog; do
   echo "| $k | $(r ingest_incl_$k) | $(r post_incl_$k) |"
 done
 echo

@@ -200,9 +200,9 @@ bool ReadWithGetArgs(Tev *tev, const char *fmt, NetArg *a, int *n) {
 }
 
 // Accessor reads: "s0 i1" = Tev_GetStringArg(0), then Tev_GetIntArg(1).
-bool ReadWithAccessors(Tev *tev, const char *spec, NetArg *a, int *n) {
+bool ReadWithAccessors(Tev *tev, const char *layout, NetArg *a, int *n) {
   *n = 0;
-  for (const char *p = spec; *p != '\0'; p++) {
+  for (const char *p = layout; *p != '\0'; p++) {
     if (*p == ' ') {
       continue;
     }

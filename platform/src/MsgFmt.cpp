@@ -243,17 +243,17 @@ void WriteSlot(void *block, size_t index, uint32_t type, uint32_t length, uint64
 
 // ---- printing ----------------------------------------------------------------
 
-void AppendV(std::string *out, const char *spec, ...) {
+void AppendV(std::string *out, const char *conv, ...) {
   va_list ap;
-  va_start(ap, spec);
+  va_start(ap, conv);
   va_list copy;
   va_copy(copy, ap);
-  int n = vsnprintf(nullptr, 0, spec, copy);
+  int n = vsnprintf(nullptr, 0, conv, copy);
   va_end(copy);
   if (n > 0) {
     size_t old = out->size();
     out->resize(old + static_cast<size_t>(n) + 1);
-    vsnprintf(&(*out)[old], static_cast<size_t>(n) + 1, spec, ap);
+    vsnprintf(&(*out)[old], static_cast<size_t>(n) + 1, conv, ap);
     out->resize(old + static_cast<size_t>(n));
   }
   va_end(ap);
@@ -263,7 +263,7 @@ void AppendV(std::string *out, const char *spec, ...) {
 // handed to snprintf; a conversion that does not suit the type prints the
 // value in its natural form instead of reading a wrong type.
 void PrintArg(std::string *out, const Conv &c, const RawArg &a) {
-  std::string spec = "%" + c.flagsWidthPrec;
+  std::string conv = "%" + c.flagsWidthPrec;
   bool integer = a.type >= MSGFMT_TYPE_INT32 && a.type <= MSGFMT_TYPE_UINT64 &&
                  a.type != MSGFMT_TYPE_DOUBLE;
   bool wide = a.type == MSGFMT_TYPE_INT64 || a.type == MSGFMT_TYPE_UINT64;
@@ -277,27 +277,27 @@ void PrintArg(std::string *out, const Conv &c, const RawArg &a) {
     case 'c':
       if (!integer) break;
       if (c.letter == 'c') {
-        AppendV(out, (spec + "c").c_str(), static_cast<int>(a.bits));
+        AppendV(out, (conv + "c").c_str(), static_cast<int>(a.bits));
       } else if (wide) {
-        AppendV(out, (spec + "ll" + c.letter).c_str(), static_cast<unsigned long long>(a.bits));
+        AppendV(out, (conv + "ll" + c.letter).c_str(), static_cast<unsigned long long>(a.bits));
       } else {
         std::string len = (c.len == "hh" || c.len == "h") ? c.len : "";
-        AppendV(out, (spec + len + c.letter).c_str(), static_cast<unsigned>(a.bits));
+        AppendV(out, (conv + len + c.letter).c_str(), static_cast<unsigned>(a.bits));
       }
       return;
     case 'p':
       if (!integer) break;
-      AppendV(out, (spec + "p").c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.bits)));
+      AppendV(out, (conv + "p").c_str(), reinterpret_cast<void *>(static_cast<uintptr_t>(a.bits)));
       return;
     case 's':
       if (a.type != MSGFMT_TYPE_STRING) break;
-      AppendV(out, (spec + "s").c_str(), a.str != nullptr ? a.str : "(null)");
+      AppendV(out, (conv + "s").c_str(), a.str != nullptr ? a.str : "(null)");
       return;
     default:
       if (a.type != MSGFMT_TYPE_DOUBLE) break;
       double d;
       memcpy(&d, &a.bits, sizeof d);
-      AppendV(out, (spec + c.letter).c_str(), d);
+      AppendV(out, (conv + c.letter).c_str(), d);
       return;
   }
   switch (a.type) {

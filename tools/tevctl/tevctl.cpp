@@ -41,9 +41,9 @@ std::string ParsedArgs::Get(const std::string &name, const std::string &dflt) co
   return it == opts.end() ? dflt : it->second;
 }
 
-bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptSpec> &specs,
+bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptionDef> &options,
                ParsedArgs *out, std::string *why) {
-  std::vector<OptSpec> all = specs;
+  std::vector<OptionDef> all = options;
   all.push_back({"root", true});
   all.push_back({"help", false});
   size_t i = 0;
@@ -63,21 +63,21 @@ bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptSpec> 
       name = name.substr(0, eq);
       inlineValue = true;
     }
-    const OptSpec *spec = nullptr;
-    for (const OptSpec &s : all) {
-      if (name == s.name) spec = &s;
+    const OptionDef *opt = nullptr;
+    for (const OptionDef &s : all) {
+      if (name == s.name) opt = &s;
     }
-    if (spec == nullptr) {
+    if (opt == nullptr) {
       *why = "unknown option --" + name + " (try --help)";
       return false;
     }
-    if (spec->takesValue && !inlineValue) {
+    if (opt->takesValue && !inlineValue) {
       if (i + 1 >= args.size()) {
         *why = "option --" + name + " needs a value";
         return false;
       }
       value = args[++i];
-    } else if (!spec->takesValue && inlineValue) {
+    } else if (!opt->takesValue && inlineValue) {
       *why = "option --" + name + " takes no value";
       return false;
     }

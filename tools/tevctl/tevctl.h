@@ -25,7 +25,7 @@ int Fail(const char *cmd, const char *format, ...) __attribute__((format(printf,
 // first word that is not an option (or after "--"), so values such as "-5" can
 // follow an identifier. "--name=value" and "--name value" are both accepted.
 // "--root DIR" is known to every command and sets TEVD_ROOT. "-h" is "--help".
-struct OptSpec {
+struct OptionDef {
   const char *name;     // without the leading "--"
   bool takesValue;
 };
@@ -36,7 +36,7 @@ struct ParsedArgs {
   std::string Get(const std::string &name, const std::string &dflt = "") const;
 };
 // False with `why` on an unknown option or a missing value.
-bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptSpec> &specs,
+bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptionDef> &options,
                ParsedArgs *out, std::string *why);
 
 // Strict number parsing of a whole word: decimal (signed types may carry '-')

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "DaemonProcess.h"
+#include "DaemonSockets.h"
 #include "LogCapture.h"
 #include "TevdTestSupport.h"
 
@@ -29,13 +30,7 @@ int ModeOf(const std::string &path) {
 
 TEST(SocketAccessE2ETest, DaemonSocketsAreNeverWorldWritable) {
   ScratchRoot root;
-  root.Write("platform/nodes/system/systemUuid", "6f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0");
-  root.Write("platform/options/Net/LinkFlappingThreshold", "3");
-  root.Write("platform/options/PageRetire/ThresholdInterval", "10");
-  root.Write("platform/options/PageRetire/ApeiLoggingEnabled", "1");
-  root.Write("platform/options/Misc/TevAsyncEnable", "0");
-  root.Write("platform/nodes/system/pageRetire/threshold", "1000");
-  root.MakeDir("kfs/volumes");
+  MakeHost(root);
   LogCapture log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());

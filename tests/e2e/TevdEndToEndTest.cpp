@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "DaemonProcess.h"
+#include "DaemonSockets.h"
 #include "LogCapture.h"
 #include "TevdTestSupport.h"
 
@@ -17,35 +18,18 @@ using namespace tevdtest;
 
 namespace {
 
-int ConnectUser(const ScratchRoot &root) {
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  std::string p = root.Abs("var/run/orlan/tevd-user.sock");
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", p.c_str());
-  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return -1;
-  }
+// A user-level connection whose reads give up after two seconds.
+int ConnectUserTimed(const ScratchRoot &root) {
+  int fd = ConnectUser(root);
   struct timeval tv = {2, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  if (fd >= 0) {
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  }
   return fd;
 }
 
-bool SendRecord(int fd, const std::string &id, const std::string &msg) {
-  std::vector<uint8_t> r = TevRecord_Encode(id, msg, 1234, {MsgFmt_Value::Str("x")});
-  return send(fd, r.data(), r.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(r.size());
-}
-
-// A root with a host model the daemon accepts.
-void MakeHost(const ScratchRoot &root) {
-  root.Write("platform/nodes/system/systemUuid", "6f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0");
-  root.Write("platform/options/Net/LinkFlappingThreshold", "3");
-  root.Write("platform/options/PageRetire/ThresholdInterval", "10");
-  root.Write("platform/options/PageRetire/ApeiLoggingEnabled", "1");
-  root.Write("platform/options/Misc/TevAsyncEnable", "0");
-  root.Write("platform/nodes/system/pageRetire/threshold", "1000");
-  root.MakeDir("kfs/volumes");
+bool SendText(int fd, const std::string &id, const std::string &msg) {
+  return SendRecord(fd, TevRecord_Encode(id, msg, 1234, {MsgFmt_Value::Str("x")}));
 }
 
 }  // namespace
@@ -96,9 +80,9 @@ TEST(TevdEndToEndTest, AsyncAndUserObservationsReachTheirCorrelator) {
   std::vector<uint8_t> r = TevRecord_Encode("tev.hardware.ipmi.sel", "sel entry", 1234, {MsgFmt_Value::I32(3)});
   ASSERT_EQ(0, TevRecord_Post(5, r));
   EXPECT_NE("", log.WaitFor("[HardwareCorrelator] 1234us: [tev.hardware.ipmi.sel] sel entry"));
-  int fd = ConnectUser(root);
+  int fd = ConnectUserTimed(root);
   ASSERT_GE(fd, 0);
-  ASSERT_TRUE(SendRecord(fd, "tev.cpu.mce.logged", "over the user context"));
+  ASSERT_TRUE(SendText(fd, "tev.cpu.mce.logged", "over the user context"));
   EXPECT_NE("", log.WaitFor("[cpuCorrelator] 1234us: [tev.cpu.mce.logged] over the user context"));
   close(fd);
   d.Signal(SIGTERM);
@@ -113,14 +97,14 @@ TEST(TevdEndToEndTest, NinthUserConnectionIsClosedAndMovedConnectionStaysServed)
   ASSERT_TRUE(d.WaitReady());
   std::vector<int> fds;
   for (int i = 0; i < 8; ++i) {
-    int fd = ConnectUser(root);
+    int fd = ConnectUserTimed(root);
     ASSERT_GE(fd, 0);
     fds.push_back(fd);
     // Make sure the daemon accepted it before the next one.
-    ASSERT_TRUE(SendRecord(fd, "tev.vm.conn." + std::to_string(i), "hello " + std::to_string(i)));
+    ASSERT_TRUE(SendText(fd, "tev.vm.conn." + std::to_string(i), "hello " + std::to_string(i)));
     ASSERT_NE("", log.WaitFor("hello " + std::to_string(i)));
   }
-  int ninth = ConnectUser(root);
+  int ninth = ConnectUserTimed(root);
   ASSERT_GE(ninth, 0);
   char c;
   EXPECT_EQ(0, recv(ninth, &c, 1, 0));  // closed at once by the daemon
@@ -128,11 +112,11 @@ TEST(TevdEndToEndTest, NinthUserConnectionIsClosedAndMovedConnectionStaysServed)
   // Close a middle one: the last connection moves into its slot and is served.
   close(fds[3]);
   usleep(100000);
-  ASSERT_TRUE(SendRecord(fds[7], "tev.vm.moved", "moved connection"));
+  ASSERT_TRUE(SendText(fds[7], "tev.vm.moved", "moved connection"));
   EXPECT_NE("", log.WaitFor("[tev.vm.moved] moved connection"));
   // A slot is free again: a new client is accepted and served.
-  int again = ConnectUser(root);
-  ASSERT_TRUE(SendRecord(again, "tev.vm.again", "new client"));
+  int again = ConnectUserTimed(root);
+  ASSERT_TRUE(SendText(again, "tev.vm.again", "new client"));
   EXPECT_NE("", log.WaitFor("[tev.vm.again] new client"));
   for (int fd : fds) {
     close(fd);

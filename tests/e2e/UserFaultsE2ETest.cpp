@@ -15,39 +15,13 @@
 #include <vector>
 
 #include "DaemonProcess.h"
+#include "DaemonSockets.h"
 #include "LogCapture.h"
 #include "TevdTestSupport.h"
 
 using namespace tevdtest;
 
 namespace {
-
-void MakeHost(const ScratchRoot &root) {
-  root.Write("platform/nodes/system/systemUuid", "6f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0");
-  root.Write("platform/options/Net/LinkFlappingThreshold", "3");
-  root.Write("platform/options/PageRetire/ThresholdInterval", "10");
-  root.Write("platform/options/PageRetire/ApeiLoggingEnabled", "1");
-  root.Write("platform/options/Misc/TevAsyncEnable", "0");
-  root.Write("platform/nodes/system/pageRetire/threshold", "1000");
-  root.MakeDir("kfs/volumes");
-}
-
-int Connect(const ScratchRoot &root) {
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s",
-           root.Abs("var/run/orlan/tevd-user.sock").c_str());
-  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
-bool Send(int fd, const std::vector<uint8_t> &b) {
-  return send(fd, b.data(), b.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(b.size());
-}
 
 std::vector<uint8_t> Good(const std::string &id, const std::string &msg) {
   return TevRecord_Encode(id, msg, 1, {MsgFmt_Value::Str("x")});
@@ -61,14 +35,14 @@ TEST(UserFaultsE2ETest, GarbageAndHalfRecordAreDroppedAndTheConnectionStaysServe
   LogCapture log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());
-  int fd = Connect(root);
+  int fd = ConnectUser(root);
   ASSERT_GE(fd, 0);
   std::string garbage = "this is not a record at all, not even close to one";
-  ASSERT_TRUE(Send(fd, std::vector<uint8_t>(garbage.begin(), garbage.end())));
+  ASSERT_TRUE(SendRecord(fd, std::vector<uint8_t>(garbage.begin(), garbage.end())));
   EXPECT_NE("", log.WaitFor("dropped a malformed record on user"));
   std::vector<uint8_t> whole = Good("tev.vm.half", "half");
-  ASSERT_TRUE(Send(fd, std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2)));
-  ASSERT_TRUE(Send(fd, Good("tev.vm.after", "after the bad ones")));
+  ASSERT_TRUE(SendRecord(fd, std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2)));
+  ASSERT_TRUE(SendRecord(fd, Good("tev.vm.after", "after the bad ones")));
   EXPECT_NE("", log.WaitFor("[tev.vm.after] after the bad ones"));
   close(fd);
   d.Signal(SIGTERM);
@@ -83,17 +57,17 @@ TEST(UserFaultsE2ETest, OversizedRecordOnOneConnectionLeavesTheOthersServed) {
   LogCapture log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());
-  int big = Connect(root);
+  int big = ConnectUser(root);
   ASSERT_GE(big, 0);
   int sndbuf = 1 << 20;
   setsockopt(big, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
   std::vector<uint8_t> huge =
       TevRecord_Encode("tev.vm.huge", "h", 1, {MsgFmt_Value::Str(std::string(131200, 'b'))});
   ASSERT_GT(huge.size(), 131072u);
-  ASSERT_TRUE(Send(big, huge));
-  int other = Connect(root);
+  ASSERT_TRUE(SendRecord(big, huge));
+  int other = ConnectUser(root);
   ASSERT_GE(other, 0);
-  ASSERT_TRUE(Send(other, Good("tev.vm.other", "other connection")));
+  ASSERT_TRUE(SendRecord(other, Good("tev.vm.other", "other connection")));
   EXPECT_NE("", log.WaitFor("[tev.vm.other] other connection"));
   EXPECT_TRUE(d.Running());
   // The connection that can never be read is closed instead of spinning.

@@ -327,6 +327,18 @@ void PrintLine(const std::string &line) {
   fflush(stdout);
 }
 
+int CountAndTimeout(const char *cmd, const ParsedArgs &pa, uint64_t *count, uint64_t *timeout) {
+  *count = 0;
+  *timeout = 0;
+  if (pa.Has("count") && (!ParseU64(pa.Get("count"), 32, count) || *count == 0)) {
+    return Fail(cmd, "--count needs a positive number, not \"%s\"", pa.Get("count").c_str());
+  }
+  if (pa.Has("timeout") && !ParseU64(pa.Get("timeout"), 31, timeout)) {
+    return Fail(cmd, "--timeout needs seconds, not \"%s\"", pa.Get("timeout").c_str());
+  }
+  return 0;
+}
+
 }  // namespace tevctl
 
 namespace {

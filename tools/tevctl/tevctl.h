@@ -42,6 +42,10 @@ bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptionDef
 // Strict number parsing of a whole word: decimal (signed types may carry '-')
 // or "0x" hexadecimal, which gives the bit pattern of the width (so
 // "0xdeadbeef" is a valid int32). False on junk, emptiness or overflow.
+// Reads the optional --count (positive) and --timeout (seconds) of a
+// listening command; 0 when both are sound, else Fail's status. Absent
+// options leave 0.
+int CountAndTimeout(const char *cmd, const ParsedArgs &pa, uint64_t *count, uint64_t *timeout);
 bool ParseI64(const std::string &s, int bits, int64_t *out);
 bool ParseU64(const std::string &s, int bits, uint64_t *out);
 bool ParseDouble(const std::string &s, double *out);

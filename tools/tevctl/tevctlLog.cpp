@@ -49,11 +49,8 @@ int CmdLog(const std::vector<std::string> &args) {
   }
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   uint64_t count = 0, timeout = 0;
-  if (pa.Has("count") && (!ParseU64(pa.Get("count"), 32, &count) || count == 0)) {
-    return Fail(cmd, "--count needs a positive number, not \"%s\"", pa.Get("count").c_str());
-  }
-  if (pa.Has("timeout") && !ParseU64(pa.Get("timeout"), 31, &timeout)) {
-    return Fail(cmd, "--timeout needs seconds, not \"%s\"", pa.Get("timeout").c_str());
+  if (int rc = CountAndTimeout(cmd, pa, &count, &timeout)) {
+    return rc;
   }
   if (!HaveRoot()) {
     return Fail(cmd, "needs a root (--root DIR or TEVD_ROOT); will not bind the system's /dev/log");

@@ -4,7 +4,8 @@
 #   bench/run.sh [N]        N observations for the ingest run (default 1000000)
 # Environment: LATENCY_RUNS (default 10 daemon runs of 1000 events each),
 # CONTEXTS (default 4), BUILD (default build-bench), CALLGRIND (default 1:
-# also run bench/callgrind.sh, a few minutes; 0 skips it).
+# also run bench/callgrind.sh, a few minutes; 0 skips it), SEC (default 1: also
+# run bench/sec.sh, the comparison with SEC, when `sec` is installed; 0 skips it).
 set -eu
 cd "$(dirname "$0")/.."
 N=${1:-1000000}
@@ -12,6 +13,7 @@ BUILD=${BUILD:-build-bench}
 LATENCY_RUNS=${LATENCY_RUNS:-10}
 CONTEXTS=${CONTEXTS:-4}
 CALLGRIND=${CALLGRIND:-1}
+SEC=${SEC:-1}
 # -O3 brings out two truncation warnings in the daemon's sources; they stay
 # warnings in this build only.
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DTEVD_BUILD_BENCH=ON -DTEVD_BUILD_TESTS=OFF \
@@ -29,7 +31,15 @@ else
   : >"$OUT/callgrind.txt"
 fi
 
+: >"$OUT/sec.txt"
+if [ "$SEC" != 0 ] && command -v sec >/dev/null; then
+  # Writes docs/performance-sec.md, which goes into docs/performance.md below.
+  BUILD=$BUILD CALLGRIND=$CALLGRIND bench/sec.sh | tee "$OUT/sec.txt" || true
+fi
+
 r() { awk -v k="$1" '$1=="RESULT" && $2==k {print $3}' "$OUT/ingest.txt" "$OUT/callgrind.txt"; }
+# The comparison's keys overlap the ingest's (tevd_cpu_us_per_obs): read apart.
+rs() { awk -v k="$1" '$1=="RESULT" && $2==k {print $3}' "$OUT/sec.txt"; }
 calc() { awk "BEGIN {printf \"$1\", $2}"; }
 
 CPU=$(lscpu | sed -n 's/^Model name: *//p' | head -1)
@@ -52,7 +62,11 @@ echo "## Targets"
 echo
 echo "| target | figure | verdict |"
 echo "|---|---|---|"
-echo "| tevd CPU per observation ≤ ¼ of SEC's on the same corpus | not measured (no SEC comparison yet) | open |"
+if [ "$(rs events_equal)" = yes ]; then
+  echo "| tevd CPU per observation ≤ ¼ of SEC's on the same corpus | $(rs tevd_over_sec) (see tevd against SEC) | $(verdict "$(rs tevd_over_sec) <= 0.25") |"
+else
+  echo "| tevd CPU per observation ≤ ¼ of SEC's on the same corpus | not measured this run (bench/sec.sh) | open |"
+fi
 echo "| tevd ≥ 50% of the floor's throughput | $RATIO | $(verdict "$RATIO >= 0.5") |"
 echo "| p99 latency < 1 ms | $(calc %.0f "$(r latency_p99_us)") µs | $(verdict "$(r latency_p99_us) < 1000") |"
 echo "| idle resident size < 8 MiB | $(calc %.1f "$(r rss_idle_kib)/1024") MiB | $(verdict "$(r rss_idle_kib) < 8192") |"
@@ -132,5 +146,7 @@ echo "|---|---|"
 grep '^"BM_' "$OUT/micro.csv" | awk -F, '{gsub(/"/,"",$1); printf "| %s | %.0f |\n", $1, $4}'
 } >"$OUT/performance.md"
 sed -n '/^## End to end/,$p' "$OUT/performance.md"
-cat "$OUT/performance.md" bench/method.md >docs/performance.md
+SECTION=""
+[ "$(rs events_equal)" = yes ] && SECTION=docs/performance-sec.md
+cat "$OUT/performance.md" $SECTION bench/method.md >docs/performance.md
 echo "written: docs/performance.md (raw output in $OUT)"

@@ -5,8 +5,8 @@
 // which spares localtime_r (and glibc's time-zone lock) on all but the first
 // line of each second.
 //
-// Agents are cancelled asynchronously at exit, so the formatting path holds
-// no object with a destructor: plain buffers only.
+// Agents may be cancelled at exit inside the sink's send, so the formatting
+// path holds no object with a destructor: plain buffers only.
 #include "tevdLog.h"
 
 #include <cstdio>

@@ -266,13 +266,11 @@ void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr)
 
 }  // namespace
 
-// The daemon's agents are cancelled asynchronously at exit, so one may be
-// stopped anywhere in here (it is where a busy agent spends its time). If
-// this frame had C++ clean-ups, a cancellation inside socket() or
-// setsockopt(), which the C library declares as never throwing, would make
-// the unwinder call std::terminate and the daemon would abort instead of
-// exiting 0. So this function holds no object with a destructor: plain
-// buffers and malloc only.
+// The daemon cancels its agents at exit, and sendto() here is a
+// cancellation point where a busy agent is often stopped. The function holds
+// no object with a destructor (plain buffers and malloc only), so such a
+// stop unwinds nothing of ours and stays cheap and safe, whichever way the
+// program that links this library cancels its threads.
 //
 // Cost per line in the common case: the formatting into a stack buffer and
 // one sendto(); a line too long for the stack buffer is formatted again into

@@ -15,10 +15,18 @@
 #include "KNO.h"
 #include "tevdScsiCorrelator.h"
 
+namespace {
+
+// The host's storage information; each query takes its own and releases it.
+std::unique_ptr<HostCtl::Storage::StorageInfo> HostStorage() {
+  return HostCtl::HostFactory::GetHost()->GetStorageInfo();
+}
+
+}  // namespace
+
 bool TevdScsiCorrelator_GetPathDevice(const std::string &path, std::string *device) {
   try {
-    std::unique_ptr<HostCtl::Host> host = HostCtl::HostFactory::GetHost();
-    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = host->GetStorageInfo();
+    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = HostStorage();
     std::unique_ptr<HostCtl::Storage::Path> p = storage->GetPath(path);
     if (!p) {
       return false;
@@ -34,8 +42,7 @@ bool TevdScsiCorrelator_GetPathDevice(const std::string &path, std::string *devi
 
 bool TevdScsiCorrelator_GetDeviceStatus(const std::string &device, uint32_t *status) {
   try {
-    std::unique_ptr<HostCtl::Host> host = HostCtl::HostFactory::GetHost();
-    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = host->GetStorageInfo();
+    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = HostStorage();
     std::unique_ptr<HostCtl::Storage::Lun> lun = storage->GetLun(device);
     if (!lun) {
       return false;
@@ -57,8 +64,7 @@ bool TevdScsiCorrelator_GetDatastores(const std::string &device, std::string *te
   }
   std::vector<std::unique_ptr<HostCtl::Storage::DiskLunPartition>> partitions;
   try {
-    std::unique_ptr<HostCtl::Host> host = HostCtl::HostFactory::GetHost();
-    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = host->GetStorageInfo();
+    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = HostStorage();
     std::unique_ptr<HostCtl::Storage::Lun> lun = storage->GetLun(device);
     const auto *disk = dynamic_cast<const HostCtl::Storage::DiskLun *>(lun.get());
     if (disk != nullptr) {

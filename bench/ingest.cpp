@@ -573,7 +573,7 @@ void MeasureLatency(const Options &o) {
       std::string n = std::to_string(i);
       std::vector<uint8_t> rec = TevRecord_Encode(
           "tev.net.mtlnic.ip.duplicate", "Duplicate IP %s on %s, owner %s", 1700000000000000ull + i,
-          {MsgFmt_Value::Str("10.0." + n), MsgFmt_Value::Str("vmk1"), MsgFmt_Value::Str("owner-" + n)});
+          {MsgFmt_Value::Str("10.0." + n), MsgFmt_Value::Str("mtlnic1"), MsgFmt_Value::Str("owner-" + n)});
       Clock::time_point t0 = Clock::now();
       if (send(fd, rec.data(), rec.size(), 0) != static_cast<ssize_t>(rec.size())) {
         Die("latency send failed");

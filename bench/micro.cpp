@@ -25,8 +25,8 @@ namespace {
 std::vector<uint8_t> SampleRecord() {
   return TevRecord_Encode("tev.net.mtlnic.ip.duplicate",
                           "Duplicate IP address %s on %s owned by %s", 1700000000123456ull,
-                          {MsgFmt_Value::Str("10.0.0.7"), MsgFmt_Value::Str("vmk1"),
-                           MsgFmt_Value::Str("00:50:56:aa:bb:cc")});
+                          {MsgFmt_Value::Str("10.0.0.7"), MsgFmt_Value::Str("mtlnic1"),
+                           MsgFmt_Value::Str("02:00:00:aa:bb:cc")});
 }
 
 std::vector<uint8_t> MixedRecord() {
@@ -149,8 +149,8 @@ void BM_MsgFmtSerialise(benchmark::State &state) {
     size_t size = sizeof buf;
     MsgFmt_Arg *args = nullptr;
     int num = 0;
-    if (!Serialise(buf, &size, &args, &num, "%s on %s owned by %s, %d tries", "10.0.0.7", "vmk1",
-                   "00:50:56:aa:bb:cc", 3)) {
+    if (!Serialise(buf, &size, &args, &num, "%s on %s owned by %s, %d tries", "10.0.0.7", "mtlnic1",
+                   "02:00:00:aa:bb:cc", 3)) {
       state.SkipWithError("serialisation failed");
       break;
     }
@@ -179,7 +179,7 @@ void BM_QprobPost(benchmark::State &state) {
     TevdQprob_Post(0, Problem,
                    "@&!*@*@(kos.problem.net.mtlnic.ip.duplicate)Duplicate IP address detected "
                    "for %s on interface %s, current owner being %s.",
-                   "10.0.0.7", "vmk1", "00:50:56:aa:bb:cc");
+                   "10.0.0.7", "mtlnic1", "02:00:00:aa:bb:cc");
     if (++n == 500) {
       state.PauseTiming();
       TevdQprob_ResetForTest();
@@ -196,7 +196,7 @@ void BM_QprobPost(benchmark::State &state) {
 BENCHMARK(BM_QprobPost);
 
 void BM_TraceRecord(benchmark::State &state) {
-  std::vector<MsgFmt_Value> values = {MsgFmt_Value::Str("10.0.0.7"), MsgFmt_Value::Str("vmk1"),
+  std::vector<MsgFmt_Value> values = {MsgFmt_Value::Str("10.0.0.7"), MsgFmt_Value::Str("mtlnic1"),
                                       MsgFmt_Value::I32(-3), MsgFmt_Value::U64(42)};
   std::vector<uint8_t> block = MsgFmt_EncodeBlock(values);
   for (auto _ : state) {

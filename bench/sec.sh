@@ -42,7 +42,7 @@ mkroot() {
   root=$(mktemp -d /tmp/tevd-sec-root-XXXXXX)
   TEVD_ROOT=$root "$TEVCTL" host init >/dev/null
   j=0
-  while [ "$j" -lt "$NICS" ]; do TEVD_ROOT=$root "$TEVCTL" host nic "vmnic$j" >/dev/null; j=$((j + 1)); done
+  while [ "$j" -lt "$NICS" ]; do TEVD_ROOT=$root "$TEVCTL" host nic "hwnic$j" >/dev/null; j=$((j + 1)); done
   mkdir -p "$root/dev" "$root/var/run/orlan"
   echo "$root"
 }

@@ -8,9 +8,9 @@
 # cleanly too. DEMO_SCENARIOS="a.scn b.scn" picks other scenarios ("" none).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-cmake -S . -B build -DTEVD_BUILD_TESTS=OFF >/dev/null
-cmake --build build -j2 --target tevd tevctl >/dev/null
-bin=$PWD/build
+cmake -S . -B build-demo -DTEVD_BUILD_TESTS=OFF >/dev/null
+cmake --build build-demo -j2 --target tevd tevctl >/dev/null
+bin=$PWD/build-demo
 root=$(mktemp -d /tmp/tevd-demo.XXXXXX)
 export TEVD_ROOT=$root PATH=$bin/tools/tevctl:$PATH
 pids=()

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Storage scenario: device naa.600a0b80 has three paths and holds the
 # datastores "ds1" (partitions 1 and 3) and "ds2" (partition 2); partition 0
-# is the whole disk and never listed. The path vmhba1:C0:T0:L1 goes dead
+# is the whole disk and never listed. The path hba1:C0:T0:L1 goes dead
 # while it was "on"; the host reports the device degraded (status 3), so the
 # "scsi" correlator posts kos.problem.storage.redundancy.degraded with the
 # affected datastores "ds1", "ds2". When the path comes back the clear
@@ -15,9 +15,9 @@ set -euo pipefail
 : "${TEVD_ROOT:?set TEVD_ROOT to the root of a running tevd}"
 
 dev=naa.600a0b80
-p1=vmhba1:C0:T0:L1
-p2=vmhba2:C0:T0:L1
-p3=vmhba3:C0:T0:L1
+p1=hba1:C0:T0:L1
+p2=hba2:C0:T0:L1
+p3=hba3:C0:T0:L1
 
 mkdir -p "$TEVD_ROOT/kfs/volumes"
 tevctl host path "$p1" "$dev"

@@ -13,5 +13,5 @@ tevctl post --user tev.user.host.boot 'Host has booted.'
 echo "   console: tev.user.kcon.reboot.host -> expect kos.audit.kcon.host.reboot"
 tevctl post --user tev.user.kcon.reboot.host 'Host reboot requested from the console.'
 
-echo "   DHCP client: tev.user.dhclient.lease.none vmk0 -> expect kos.problem.dhclient.lease.none"
-tevctl post --user tev.user.dhclient.lease.none 'No DHCP lease on %s.' vmk0
+echo "   DHCP client: tev.user.dhclient.lease.none mtlnic0 -> expect kos.problem.dhclient.lease.none"
+tevctl post --user tev.user.dhclient.lease.none 'No DHCP lease on %s.' mtlnic0

@@ -12,11 +12,11 @@ case "$variant" in
   tsan) dir=build-tsan; flags=(-DTEVD_SANITIZE=tsan -DCMAKE_BUILD_TYPE=Debug) ;;
   *) echo "usage: $0 [asan|tsan]" >&2; exit 2 ;;
 esac
-cmake -S . -B "$dir" "${flags[@]}" >/dev/null
+cmake -S . -B "$dir" -DTEVD_BUILD_TESTS=ON "${flags[@]}" >/dev/null
 cmake --build "$dir" -j2
 export ASAN_OPTIONS=detect_leaks=0:abort_on_error=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # Agents that end early (the logger by design) are joined only at shutdown,
 # and the self-test ends the process from an agent: not leaks worth a report.
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 report_thread_leaks=0"
-ctest --test-dir "$dir" --output-on-failure -j2 --timeout 600
+ctest --test-dir "$dir" --output-on-failure --no-tests=error -j2 --timeout 600

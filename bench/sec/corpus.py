@@ -23,10 +23,10 @@ for i in range(n):
     ts = 1700000000000000 + i
     kind = slots.get(i)
     if kind == "dup":
-        out.write(f"{ts} tev.net.mtlnic.ip.duplicate 10.0.{d // 250}.{d % 250} vmk{d % 4} owner-{d}\n")
+        out.write(f"{ts} tev.net.mtlnic.ip.duplicate 10.0.{d // 250}.{d % 250} mtlnic{d % 4} owner-{d}\n")
         d += 1
     elif kind == "down":
-        out.write(f"{ts} tev.net.hwnic.linkstate.down vmnic{k % nics}\n")
+        out.write(f"{ts} tev.net.hwnic.linkstate.down hwnic{k % nics}\n")
         k += 1
     elif i % 2:
         cid = clock_ids[c % 5]

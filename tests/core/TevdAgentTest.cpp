@@ -72,7 +72,7 @@ TEST_F(AgentTest, ElevenWordsOrIdsFailInitialisationWithCode1) {
 TEST_F(AgentTest, RecordWrittenInTwoPiecesReassemblesIntoOneObservation) {
   TevdAgent *agent = nullptr;
   ASSERT_EQ(0, TevdAgent_InitOne("splitAgent", "net", &agent));
-  std::vector<uint8_t> rec = Record("tev.net.split.record", {S("vmnic3"), I(-5)});
+  std::vector<uint8_t> rec = Record("tev.net.split.record", {S("hwnic3"), I(-5)});
   // Split inside the header, then inside the body.
   size_t cuts[] = {10, 40};
   size_t from = 0;
@@ -93,7 +93,7 @@ TEST_F(AgentTest, RecordWrittenInTwoPiecesReassemblesIntoOneObservation) {
   Tev_GetID(tev, &id);
   EXPECT_STREQ("tev.net.split.record", id);
   ASSERT_EQ(0, Tev_GetStringArg(tev, 0, &nic));
-  EXPECT_STREQ("vmnic3", nic);
+  EXPECT_STREQ("hwnic3", nic);
   ASSERT_EQ(0, Tev_GetIntArg(tev, 1, &v));
   EXPECT_EQ(-5, v);
   Tev_Free(tev);

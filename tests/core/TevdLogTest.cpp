@@ -60,7 +60,7 @@ TEST(TevdLogTest, ObservationLineCarriesThreadNameStampIdAndMessage) {
   ScratchRoot root;
   LogCapture log(root);
   VThreadBase_SetName("netCorrelator");
-  TevPtr tev = MakeTev("tev.net.hwnic.linkstate.down", {S("vmnic1")}, "m", 1234);
+  TevPtr tev = MakeTev("tev.net.hwnic.linkstate.down", {S("hwnic1")}, "m", 1234);
   TevdLog_Tev(tev.get());
   std::string line = log.Next();
   EXPECT_NE(std::string::npos, line.find("Z: [netCorrelator] 1234us: [tev.net.hwnic.linkstate.down] m"))

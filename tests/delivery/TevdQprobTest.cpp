@@ -78,10 +78,10 @@ class TevdQprobTest : public ::testing::Test {
 TEST_F(TevdQprobTest, OneStringEventHasExactHeaderIdentifierAndBlock) {
   TevdQprob_Post(0, Problem,
                  "@&!*@*@(kos.problem.net.hwnic.linkstate.down)Physical NIC %s linkstate is down",
-                 "vmnic1");
+                 "hwnic1");
   ASSERT_EQ(1u, wire_.sent.size());
   const Bytes &m = wire_.sent[0];
-  // 68 header + 37 identifier (36 + NUL) + 23 block (16 slot + "vmnic1\0") + 4.
+  // 68 header + 37 identifier (36 + NUL) + 23 block (16 slot + "hwnic1\0") + 4.
   ASSERT_EQ(132u, m.size());
   EXPECT_NE(0u, U64At(m, 0));
   EXPECT_EQ(0u, U64At(m, 8));
@@ -91,7 +91,7 @@ TEST_F(TevdQprobTest, OneStringEventHasExactHeaderIdentifierAndBlock) {
   EXPECT_EQ(std::string("kos.problem.net.hwnic.linkstate.down") + '\0',
             std::string(reinterpret_cast<const char *>(&m[68]), 37));
   const uint8_t block[23] = {6, 0, 0, 0, 6, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0,
-                             'v', 'm', 'n', 'i', 'c', '1', 0};
+                             'h', 'w', 'n', 'i', 'c', '1', 0};
   EXPECT_EQ(Bytes(block, block + 23), Bytes(m.begin() + 105, m.begin() + 128));
   EXPECT_EQ(Bytes(4, 0), Bytes(m.begin() + 128, m.end()));
 }
@@ -146,10 +146,10 @@ TEST_F(TevdQprobTest, ClassPrefixAndSuffixAreCutAtTheRightPlace) {
 TEST_F(TevdQprobTest, LocalLogLineCarriesThreadStampIdentifierAndText) {
   TevdQprob_Post(0, Problem,
                  "@&!*@*@(kos.problem.net.hwnic.linkstate.down)Physical NIC %s linkstate is down",
-                 "vmnic1");
+                 "hwnic1");
   ASSERT_EQ(1u, wire_.sent.size());
   std::string expected = "[qprobTest] " + std::to_string(U64At(wire_.sent[0], 0)) +
-                         "us: [kos.problem.net.hwnic.linkstate.down] Physical NIC vmnic1 "
+                         "us: [kos.problem.net.hwnic.linkstate.down] Physical NIC hwnic1 "
                          "linkstate is down\n";
   EXPECT_EQ(std::vector<std::string>({expected}), log_.Take());
 }

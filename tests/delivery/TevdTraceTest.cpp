@@ -78,10 +78,10 @@ class TevdTraceTest : public ::testing::Test {
 TEST_F(TevdTraceTest, LineCarriesTimeDirectionStampIdentifierAndTypedArguments) {
   Record("IN", 42, "tev.net.x.y",
          Block().Int(1, 0xFFFFFFFFFFFFFFFDull).Int(3, 7).Int(2, 0xFFFFFFFFFFFFFFFBull)
-             .Int(4, 18446744073709551615ull).Str("vmnic0"));
+             .Int(4, 18446744073709551615ull).Str("hwnic0"));
   EXPECT_EQ(std::vector<std::string>(
                 {"1700000000.000005000,IN,42,tev.net.x.y,,-3,7,-5,18446744073709551615,"
-                 "\"vmnic0\"\n"}),
+                 "\"hwnic0\"\n"}),
             TevdTrace_HistoryForTest());
 }
 

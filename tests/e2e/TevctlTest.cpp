@@ -93,7 +93,7 @@ TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
   ASSERT_GE(fd, 0);
   RunResult r = RunTevctl(root.path(),
                           {"post", "--ts", "1700000000123456", "tev.net.test.typed",
-                           "nic %s speed %d big %ld u %u ul %lu hex %x f %f", "vmnic0", "-5",
+                           "nic %s speed %d big %ld u %u ul %lu hex %x f %f", "hwnic0", "-5",
                            "-9000000000", "7", "18446744073709551615", "0xdeadbeef", "1.5"});
   EXPECT_EQ(r.status, 0) << r.err;
   std::vector<uint8_t> rec = Receive(fd, 2000);
@@ -104,10 +104,10 @@ TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
   EXPECT_EQ(v.id, "tev.net.test.typed");
   EXPECT_EQ(v.timestampUs, 1700000000123456u);
   EXPECT_EQ(v.message,
-            "nic vmnic0 speed -5 big -9000000000 u 7 ul 18446744073709551615 hex deadbeef f "
+            "nic hwnic0 speed -5 big -9000000000 u 7 ul 18446744073709551615 hex deadbeef f "
             "1.500000");
   std::vector<MsgFmt_Value> want = {
-      MsgFmt_Value::Str("vmnic0"), MsgFmt_Value::I32(-5), MsgFmt_Value::I64(-9000000000ll),
+      MsgFmt_Value::Str("hwnic0"), MsgFmt_Value::I32(-5), MsgFmt_Value::I64(-9000000000ll),
       MsgFmt_Value::U32(7), MsgFmt_Value::U64(18446744073709551615ull),
       MsgFmt_Value::U32(0xdeadbeefu), MsgFmt_Value::Dbl(1.5)};
   ASSERT_EQ(v.args.size(), want.size());
@@ -355,9 +355,9 @@ TEST(TevctlHost, InitKeepsExistingValuesUnlessForced) {
 TEST(TevctlHost, EntryCommandsWriteModelFiles) {
   TempRoot root;
   const std::vector<std::vector<std::string>> cmds = {
-      {"host", "nic", "vmnic3"},
-      {"host", "portgroup", "VM Network/2", "vSwitch1"},
-      {"host", "path", "vmhba1:C0:T0:L4", "naa.600a"},
+      {"host", "nic", "hwnic3"},
+      {"host", "portgroup", "pg guests/2", "ksw1"},
+      {"host", "path", "hba1:C0:T0:L4", "naa.600a"},
       {"host", "device", "naa.600a", "2", "1=datastore1", "2="},
       {"host", "vm", "--group", "77", "1234", "web01"},
       {"host", "set", "platform/kernel-build", "abc 2024-01-01"},
@@ -367,10 +367,10 @@ TEST(TevctlHost, EntryCommandsWriteModelFiles) {
     EXPECT_EQ(r.status, 0) << c[1] << ": " << r.err;
   }
   struct stat st;
-  EXPECT_TRUE(stat(root.Abs("platform/nodes/net/pNics/vmnic3").c_str(), &st) == 0 &&
+  EXPECT_TRUE(stat(root.Abs("platform/nodes/net/pNics/hwnic3").c_str(), &st) == 0 &&
               S_ISDIR(st.st_mode));
-  EXPECT_EQ(ReadFileText(root.Abs("platform/network/portgroups/VM Network%2F2")), "vSwitch1\n");
-  EXPECT_EQ(ReadFileText(root.Abs("platform/storage/paths/vmhba1:C0:T0:L4")), "naa.600a\n");
+  EXPECT_EQ(ReadFileText(root.Abs("platform/network/portgroups/pg guests%2F2")), "ksw1\n");
+  EXPECT_EQ(ReadFileText(root.Abs("platform/storage/paths/hba1:C0:T0:L4")), "naa.600a\n");
   EXPECT_EQ(ReadFileText(root.Abs("platform/storage/devices/naa.600a/status")), "2\n");
   EXPECT_EQ(ReadFileText(root.Abs("platform/storage/devices/naa.600a/partitions/1")), "datastore1\n");
   EXPECT_EQ(ReadFileText(root.Abs("platform/storage/devices/naa.600a/partitions/2")), "\n");

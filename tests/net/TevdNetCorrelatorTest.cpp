@@ -58,8 +58,8 @@ TEST_F(NetCorrelatorTest, EveryDirectTranslationPostsItsEventWithTypedArgs) {
       {"tev.net.migrate.bindtomtl.failed", {S("mtl9")}, "kos.problem.net.migrate.bindtomtl", {"S:mtl9"}},
       {"tev.net.migrate.unsupported.latency", {U(150), S("hostA"), S("hostB")},
        "kos.problem.net.migrate.unsupported.latency", {"U:150", "S:hostA", "S:hostB"}},
-      {"tev.net.uplink.mtu.failed", {I(9000), S("vmnic2")}, "kos.problem.net.uplink.mtu.failed",
-       {"I:9000", "S:vmnic2"}},
+      {"tev.net.uplink.mtu.failed", {I(9000), S("hwnic2")}, "kos.problem.net.uplink.mtu.failed",
+       {"I:9000", "S:hwnic2"}},
       {"tev.net.mtlnic.ip.duplicate", {S("10.0.0.5"), S("mtl0"), S("00:11:22:33:44:55")},
        "kos.problem.net.mtlnic.ip.duplicate", {"S:10.0.0.5", "S:mtl0", "S:00:11:22:33:44:55"}},
       {"tev.net.firewall.config.changed", {S("add"), S("sshServer")},
@@ -192,7 +192,7 @@ TEST_F(NetCorrelatorTest, DuplicateIpWithOnlyTwoStringsPostsNothing) {
 
 TEST_F(NetCorrelatorTest, MissingOrMistypedArgumentEndsHandlerSilently) {
   const std::vector<std::pair<const char *, std::vector<MsgFmt_Value>>> bad = {
-      {"tev.net.uplink.mtu.failed", {S("9000"), S("vmnic2")}},
+      {"tev.net.uplink.mtu.failed", {S("9000"), S("hwnic2")}},
       {"tev.net.uplink.mtu.failed", {I(9000)}},
       {"tev.net.migrate.unsupported.latency", {S("150"), S("a"), S("b")}},
       {"tev.net.migrate.unsupported.latency", {U(150), S("a")}},
@@ -249,7 +249,7 @@ TEST_F(NetCorrelatorTest, RegisteredAlarmWakesThePipeWhenTrackerTimeoutIsDue) {
   tevdtest::FakeClock clock;
   int fd = -1;
   ASSERT_TRUE(TevdNetCorrelator_Prepare(&fd));
-  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic0")});
+  Feed("tev.net.uplink.watchdog.timeout", {S("hwnic0")});
   char buf[16];
   clock.Advance(6);
   EXPECT_EQ(TevdAlarm_RunDueForTest(), 0);

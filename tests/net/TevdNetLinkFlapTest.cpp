@@ -16,7 +16,7 @@ using tevdtest::S;
 namespace {
 
 const char kThreshold[] = "platform/options/Net/LinkFlappingThreshold";
-const char kNode[] = "platform/nodes/net/pNics/vmnic0/linkFlapping";
+const char kNode[] = "platform/nodes/net/pNics/hwnic0/linkFlapping";
 
 class LinkFlapTest : public ::testing::Test {
  protected:
@@ -24,7 +24,7 @@ class LinkFlapTest : public ::testing::Test {
     TevdAlarm_ResetForTest();
     TevdNetCorrelator_ResetForTest();
     root_.Write(kThreshold, "3");
-    root_.MakeDir("platform/nodes/net/pNics/vmnic0");
+    root_.MakeDir("platform/nodes/net/pNics/hwnic0");
   }
   void TearDown() override {
     TevdNetCorrelator_ResetForTest();
@@ -35,10 +35,10 @@ class LinkFlapTest : public ::testing::Test {
     for (int s : seconds) {
       clock_.Advance(s - now_);
       now_ = s;
-      TevdNetCorrelatorNoteLinkDown("vmnic0");
+      TevdNetCorrelatorNoteLinkDown("hwnic0");
     }
   }
-  size_t History() { return hwnicFlapHistory["vmnic0"].size(); }
+  size_t History() { return hwnicFlapHistory["hwnic0"].size(); }
   bool NodeWritten(std::string *value) { return root_.Read(kNode, value); }
 
   tevdtest::ScratchRoot root_;
@@ -56,7 +56,7 @@ TEST_F(LinkFlapTest, FourthLinkDownWithinWindowTakesNicDownAndEmptiesHistory) {
   std::vector<QprobMessage> events = capture_.Take();
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].id, "kos.problem.net.hwnic.linkstate.flapping");
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (std::vector<std::string>{"S:vmnic0"}));
+  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (std::vector<std::string>{"S:hwnic0"}));
   ASSERT_TRUE(NodeWritten(&value));
   EXPECT_EQ(value.substr(0, 1), "1");
   EXPECT_EQ(History(), 0u);
@@ -120,13 +120,13 @@ TEST_F(LinkFlapTest, KeepsFlappingNicTakenDownAgainAfterAnotherFourLinkDowns) {
 }
 
 TEST_F(LinkFlapTest, HistoriesAreKeptPerNic) {
-  root_.MakeDir("platform/nodes/net/pNics/vmnic1");
+  root_.MakeDir("platform/nodes/net/pNics/hwnic1");
   DownsAt({0, 1});
-  TevdNetCorrelatorNoteLinkDown("vmnic1");
-  TevdNetCorrelatorNoteLinkDown("vmnic1");
+  TevdNetCorrelatorNoteLinkDown("hwnic1");
+  TevdNetCorrelatorNoteLinkDown("hwnic1");
   DownsAt({2});
   EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_EQ(hwnicFlapHistory["vmnic1"].size(), 2u);
+  EXPECT_EQ(hwnicFlapHistory["hwnic1"].size(), 2u);
   EXPECT_EQ(History(), 3u);
 }
 
@@ -135,7 +135,7 @@ TEST_F(LinkFlapTest, LinkDownObservationFeedsTheDetector) {
   int fd = -1;
   ASSERT_TRUE(TevdNetCorrelator_Prepare(&fd));
   for (int i = 0; i < 4; i++) {
-    tevdtest::TevPtr tev = tevdtest::MakeTev("tev.net.hwnic.linkstate.down", {S("vmnic0")});
+    tevdtest::TevPtr tev = tevdtest::MakeTev("tev.net.hwnic.linkstate.down", {S("hwnic0")});
     TevdCorrelator_Dispatch(TevdNetCorrelatorIgnore, map, tev.get());
   }
   std::vector<QprobMessage> events = capture_.Take();

@@ -33,9 +33,9 @@ class UplinkTrackerTest : public ::testing::Test {
     TevdNetCorrelator_ResetForTest();
     map_ = TevdNetCorrelator_BuildMap();
     ASSERT_TRUE(TevdNetCorrelator_Prepare(&pipeFd_));
-    root_.Write("platform/network/portgroups/VM Network", "vSwitch0");
-    root_.Write("platform/network/portgroups/Mgmt", "vSwitch0");
-    root_.Write("platform/network/portgroups/Storage", "vSwitch0");
+    root_.Write("platform/network/portgroups/pg guests", "ksw0");
+    root_.Write("platform/network/portgroups/pg-mgmt", "ksw0");
+    root_.Write("platform/network/portgroups/pg-storage", "ksw0");
   }
   void TearDown() override {
     TevdNetCorrelator_ResetForTest();
@@ -93,69 +93,69 @@ class UplinkTrackerTest : public ::testing::Test {
 };
 
 TEST_F(UplinkTrackerTest, LossWithZeroOneAndThreeUplinksGivesThreeClassesInOrderAtTwoSeconds) {
-  PgDown("vmnic1", "VM Network", 0);
-  PgDown("vmnic1", "Mgmt", 1);
-  PgDown("vmnic1", "Storage", 3);
+  PgDown("hwnic1", "pg guests", 0);
+  PgDown("hwnic1", "pg-mgmt", 1);
+  PgDown("hwnic1", "pg-storage", 3);
   RunFor(1);
   EXPECT_TRUE(TakeSeen().empty());
   RunFor(1);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 3u);
   EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic1", "S:\"VM Network\""}));
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:ksw0", "S:hwnic1", "S:\"pg guests\""}));
   EXPECT_EQ(seen[1].id, "kos.problem.net.redundancy.lost");
-  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic1", "S:\"Mgmt\""}));
+  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:ksw0", "S:hwnic1", "S:\"pg-mgmt\""}));
   EXPECT_EQ(seen[2].id, "kos.problem.net.redundancy.degraded");
-  EXPECT_EQ(seen[2].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic1", "S:\"Storage\""}));
-  EXPECT_EQ(Bits("vmnic1") & HWNIC_PG_DOWN, 0u);
-  EXPECT_EQ(pgDownInfo.count("vmnic1"), 0u);
+  EXPECT_EQ(seen[2].args, (std::vector<std::string>{"S:ksw0", "S:hwnic1", "S:\"pg-storage\""}));
+  EXPECT_EQ(Bits("hwnic1") & HWNIC_PG_DOWN, 0u);
+  EXPECT_EQ(pgDownInfo.count("hwnic1"), 0u);
   RunFor(10);
   EXPECT_TRUE(TakeSeen().empty());
 }
 
 TEST_F(UplinkTrackerTest, ThreePortGroupsOfOneClassShareOneQuotedCommaList) {
-  PgDown("vmnic2", "VM Network", 0);
-  PgDown("vmnic2", "Mgmt", 0);
-  PgDown("vmnic2", "Storage", 0);
+  PgDown("hwnic2", "pg guests", 0);
+  PgDown("hwnic2", "pg-mgmt", 0);
+  PgDown("hwnic2", "pg-storage", 0);
   RunFor(2);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].second, 2);
   EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic2",
-                                                    "S:\"VM Network\", \"Mgmt\", \"Storage\""}));
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:ksw0", "S:hwnic2",
+                                                    "S:\"pg guests\", \"pg-mgmt\", \"pg-storage\""}));
 }
 
 TEST_F(UplinkTrackerTest, RestoreUsesOneForConnectivityAndTwoForRedundancyAndSkipsZero) {
-  PgUp("vmnic3", "VM Network", 1);
-  PgUp("vmnic3", "Mgmt", 0);
-  PgUp("vmnic3", "Storage", 2);
+  PgUp("hwnic3", "pg guests", 1);
+  PgUp("hwnic3", "pg-mgmt", 0);
+  PgUp("hwnic3", "pg-storage", 2);
   RunFor(2);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 2u);
   EXPECT_EQ(seen[0].id, "kos.clear.net.connectivity.restored");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:\"VM Network\"", "S:vmnic3"}));
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:ksw0", "S:\"pg guests\"", "S:hwnic3"}));
   EXPECT_EQ(seen[1].id, "kos.clear.net.redundancy.restored");
-  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:vSwitch0", "S:\"Storage\"", "S:vmnic3"}));
-  EXPECT_EQ(pgUpInfo.count("vmnic3"), 0u);
+  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:ksw0", "S:\"pg-storage\"", "S:hwnic3"}));
+  EXPECT_EQ(pgUpInfo.count("hwnic3"), 0u);
 }
 
 TEST_F(UplinkTrackerTest, RestoreWithOnlyZeroUplinksPostsNothing) {
-  PgUp("vmnic3", "Mgmt", 0);
+  PgUp("hwnic3", "pg-mgmt", 0);
   RunFor(5);
   EXPECT_TRUE(TakeSeen().empty());
 }
 
 TEST_F(UplinkTrackerTest, UnknownSwitchNamePostsNothingAndKeepsRecords) {
-  PgDown("vmnic4", "Orphan PG", 0);
+  PgDown("hwnic4", "Orphan PG", 0);
   RunFor(3);
   EXPECT_TRUE(TakeSeen().empty());
-  ASSERT_EQ(pgDownInfo.count("vmnic4"), 1u);
-  EXPECT_EQ(pgDownInfo["vmnic4"].size(), 1u);
-  EXPECT_EQ(Bits("vmnic4") & HWNIC_PG_DOWN, 0u);
+  ASSERT_EQ(pgDownInfo.count("hwnic4"), 1u);
+  EXPECT_EQ(pgDownInfo["hwnic4"].size(), 1u);
+  EXPECT_EQ(Bits("hwnic4") & HWNIC_PG_DOWN, 0u);
   // The kept entry means the next loss is appended and schedules nothing.
-  PgDown("vmnic4", "VM Network", 1);
-  EXPECT_EQ(pgDownInfo["vmnic4"].size(), 2u);
+  PgDown("hwnic4", "pg guests", 1);
+  EXPECT_EQ(pgDownInfo["hwnic4"].size(), 2u);
   EXPECT_TRUE(hwnicAlarms.empty());
   RunFor(5);
   EXPECT_TRUE(TakeSeen().empty());
@@ -163,15 +163,15 @@ TEST_F(UplinkTrackerTest, UnknownSwitchNamePostsNothingAndKeepsRecords) {
 
 TEST_F(UplinkTrackerTest, EmptySwitchNameFilePostsNothing) {
   root_.Write("platform/network/portgroups/Blank", "");
-  PgDown("vmnic4", "Blank", 0);
+  PgDown("hwnic4", "Blank", 0);
   RunFor(3);
   EXPECT_TRUE(TakeSeen().empty());
-  EXPECT_EQ(pgDownInfo.count("vmnic4"), 1u);
+  EXPECT_EQ(pgDownInfo.count("hwnic4"), 1u);
 }
 
 TEST_F(UplinkTrackerTest, LinkDownAfterPortGroupLossSchedulesNoBareReport) {
-  PgDown("vmnic5", "VM Network", 0);
-  Feed("tev.net.hwnic.linkstate.down", {S("vmnic5")});
+  PgDown("hwnic5", "pg guests", 0);
+  Feed("tev.net.hwnic.linkstate.down", {S("hwnic5")});
   RunFor(10);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
@@ -179,45 +179,45 @@ TEST_F(UplinkTrackerTest, LinkDownAfterPortGroupLossSchedulesNoBareReport) {
 }
 
 TEST_F(UplinkTrackerTest, BareLinkDownAndUpReportedAfterOneSecond) {
-  Feed("tev.net.hwnic.linkstate.down", {S("vmnic6")});
+  Feed("tev.net.hwnic.linkstate.down", {S("hwnic6")});
   RunFor(1);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.linkstate.down");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vmnic6"}));
-  Feed("tev.net.hwnic.linkstate.up", {S("vmnic6")});
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:hwnic6"}));
+  Feed("tev.net.hwnic.linkstate.up", {S("hwnic6")});
   RunFor(1);
   seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].id, "kos.clear.net.hwnic.linkstate.up");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vmnic6"}));
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:hwnic6"}));
 }
 
 TEST_F(UplinkTrackerTest, DistributedPortsAreLabelledFirstSlashSecond) {
-  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic7"), S("dvs-A"), S("101"), I(0), I(5)});
-  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic7"), S("dvs-A"), S("102"), I(0), I(5)});
-  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic7"), S("dvs-B"), S("7"), I(1), I(5)});
+  Feed("tev.net.dvport.uplink.transition.down", {S("hwnic7"), S("dvs-A"), S("101"), I(0), I(5)});
+  Feed("tev.net.dvport.uplink.transition.down", {S("hwnic7"), S("dvs-A"), S("102"), I(0), I(5)});
+  Feed("tev.net.dvport.uplink.transition.down", {S("hwnic7"), S("dvs-B"), S("7"), I(1), I(5)});
   RunFor(2);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 2u);
   EXPECT_EQ(seen[0].id, "kos.problem.net.dvport.connectivity.lost");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:\"dvs-A/101\", \"dvs-A/102\"", "S:vmnic7"}));
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:\"dvs-A/101\", \"dvs-A/102\"", "S:hwnic7"}));
   EXPECT_EQ(seen[1].id, "kos.problem.net.dvport.redundancy.lost");
-  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:\"dvs-B/7\"", "S:vmnic7"}));
+  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:\"dvs-B/7\"", "S:hwnic7"}));
 
-  Feed("tev.net.dvport.uplink.transition.up", {S("vmnic7"), S("dvs-A"), S("101"), I(2)});
-  Feed("tev.net.dvport.uplink.transition.up", {S("vmnic7"), S("dvs-B"), S("7"), I(1)});
+  Feed("tev.net.dvport.uplink.transition.up", {S("hwnic7"), S("dvs-A"), S("101"), I(2)});
+  Feed("tev.net.dvport.uplink.transition.up", {S("hwnic7"), S("dvs-B"), S("7"), I(1)});
   RunFor(2);
   seen = TakeSeen();
   ASSERT_EQ(seen.size(), 2u);
   EXPECT_EQ(seen[0].id, "kos.clear.net.dvport.connectivity.restored");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:\"dvs-B/7\"", "S:vmnic7"}));
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:\"dvs-B/7\"", "S:hwnic7"}));
   EXPECT_EQ(seen[1].id, "kos.clear.net.dvport.redundancy.restored");
-  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:\"dvs-A/101\"", "S:vmnic7"}));
+  EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:\"dvs-A/101\"", "S:hwnic7"}));
 }
 
 TEST_F(UplinkTrackerTest, DistributedPortWithTwoUplinksLeftIsDegraded) {
-  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic7"), S("dvs-A"), S("9"), I(2), I(0)});
+  Feed("tev.net.dvport.uplink.transition.down", {S("hwnic7"), S("dvs-A"), S("9"), I(2), I(0)});
   RunFor(2);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
@@ -225,11 +225,11 @@ TEST_F(UplinkTrackerTest, DistributedPortWithTwoUplinksLeftIsDegraded) {
 }
 
 TEST_F(UplinkTrackerTest, WatchdogWithDownAndUpIsOneTransientFailureAndClearsAllBits) {
-  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic8")});
+  Feed("tev.net.uplink.watchdog.timeout", {S("hwnic8")});
   RunFor(1);
-  PgDown("vmnic8", "VM Network", 0);
+  PgDown("hwnic8", "pg guests", 0);
   RunFor(2);
-  PgUp("vmnic8", "VM Network", 1);
+  PgUp("hwnic8", "pg guests", 1);
   RunFor(3);
   EXPECT_TRUE(TakeSeen().empty());
   RunFor(1);   // second 7: the watchdog's expiry
@@ -237,18 +237,18 @@ TEST_F(UplinkTrackerTest, WatchdogWithDownAndUpIsOneTransientFailureAndClearsAll
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].second, 7);
   EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.watchdog.reset");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vmnic8"}));
-  EXPECT_EQ(Bits("vmnic8"), 0u);
-  EXPECT_EQ(pgDownInfo.count("vmnic8"), 0u);
-  EXPECT_EQ(pgUpInfo.count("vmnic8"), 0u);
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:hwnic8"}));
+  EXPECT_EQ(Bits("hwnic8"), 0u);
+  EXPECT_EQ(pgDownInfo.count("hwnic8"), 0u);
+  EXPECT_EQ(pgUpInfo.count("hwnic8"), 0u);
   RunFor(10);
   EXPECT_TRUE(TakeSeen().empty());
 }
 
 TEST_F(UplinkTrackerTest, WatchdogHoldsLossUntilItsExpiryAndStaysSet) {
-  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic9")});
+  Feed("tev.net.uplink.watchdog.timeout", {S("hwnic9")});
   RunFor(1);
-  PgDown("vmnic9", "VM Network", 1);
+  PgDown("hwnic9", "pg guests", 1);
   RunFor(5);
   EXPECT_TRUE(TakeSeen().empty());
   RunFor(1);
@@ -256,16 +256,16 @@ TEST_F(UplinkTrackerTest, WatchdogHoldsLossUntilItsExpiryAndStaysSet) {
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].second, 7);
   EXPECT_EQ(seen[0].id, "kos.problem.net.redundancy.lost");
-  EXPECT_EQ(Bits("vmnic9"), static_cast<HwnicStateType>(HWNIC_WATCHDOG));
+  EXPECT_EQ(Bits("hwnic9"), static_cast<HwnicStateType>(HWNIC_WATCHDOG));
   // The sticky watchdog bit suppresses a later bare link-up report.
-  Feed("tev.net.hwnic.linkstate.up", {S("vmnic9")});
+  Feed("tev.net.hwnic.linkstate.up", {S("hwnic9")});
   RunFor(5);
   EXPECT_TRUE(TakeSeen().empty());
 }
 
 TEST_F(UplinkTrackerTest, BareLinkDownDuringWatchdogIsNeverReported) {
-  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic10")});
-  Feed("tev.net.hwnic.linkstate.down", {S("vmnic10")});
+  Feed("tev.net.uplink.watchdog.timeout", {S("hwnic10")});
+  Feed("tev.net.hwnic.linkstate.down", {S("hwnic10")});
   RunFor(6);
   EXPECT_TRUE(TakeSeen().empty());
   RunFor(1);
@@ -275,58 +275,58 @@ TEST_F(UplinkTrackerTest, BareLinkDownDuringWatchdogIsNeverReported) {
 
 TEST_F(UplinkTrackerTest, ScheduleRearmsOnlyForShorterUnsignedDistance) {
   ASSERT_GE(tevdNetAlarmId, 0);
-  TevdNetCorrelatorSchedule(7, "vmnicX", HWNIC_WATCHDOG);
+  TevdNetCorrelatorSchedule(7, "hwnicX", HWNIC_WATCHDOG);
   uint64_t t0 = alarmArmedAt;
   EXPECT_EQ(alarmDuration, 7u);
   RunFor(1);
   // d = 2 - armedAt + now = 3 < 7: re-armed.
-  TevdNetCorrelatorSchedule(2, "vmnicX", HWNIC_PG_DOWN);
+  TevdNetCorrelatorSchedule(2, "hwnicX", HWNIC_PG_DOWN);
   EXPECT_EQ(alarmDuration, 3u);
   EXPECT_EQ(alarmArmedAt, t0 + 1);
   // d = 7 - armedAt + now = 7, not < 3: left alone.
-  TevdNetCorrelatorSchedule(7, "vmnicY", HWNIC_WATCHDOG);
+  TevdNetCorrelatorSchedule(7, "hwnicY", HWNIC_WATCHDOG);
   EXPECT_EQ(alarmDuration, 3u);
   EXPECT_EQ(alarmArmedAt, t0 + 1);
-  EXPECT_EQ(hwnicAlarms["vmnicX"].size(), 2u);
-  EXPECT_EQ(hwnicAlarms["vmnicY"].size(), 1u);
+  EXPECT_EQ(hwnicAlarms["hwnicX"].size(), 2u);
+  EXPECT_EQ(hwnicAlarms["hwnicY"].size(), 1u);
 }
 
 TEST_F(UplinkTrackerTest, NegativeUplinkCountsAreInNoLossOrRestoreList) {
-  PgDown("vmnic11", "VM Network", -1);
-  PgDown("vmnic11", "Mgmt", 0);
-  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic12"), S("dvs-A"), S("1"), I(-3), I(0)});
+  PgDown("hwnic11", "pg guests", -1);
+  PgDown("hwnic11", "pg-mgmt", 0);
+  Feed("tev.net.dvport.uplink.transition.down", {S("hwnic12"), S("dvs-A"), S("1"), I(-3), I(0)});
   RunFor(2);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:vmnic11", "S:\"Mgmt\""}));
-  EXPECT_EQ(dvPortDownInfo.count("vmnic12"), 0u);
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:ksw0", "S:hwnic11", "S:\"pg-mgmt\""}));
+  EXPECT_EQ(dvPortDownInfo.count("hwnic12"), 0u);
 
-  PgUp("vmnic11", "VM Network", -2);
-  PgUp("vmnic11", "Mgmt", 2);
+  PgUp("hwnic11", "pg guests", -2);
+  PgUp("hwnic11", "pg-mgmt", 2);
   RunFor(2);
   seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].id, "kos.clear.net.redundancy.restored");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vSwitch0", "S:\"Mgmt\"", "S:vmnic11"}));
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:ksw0", "S:\"pg-mgmt\"", "S:hwnic11"}));
 }
 
 TEST_F(UplinkTrackerTest, OnlyFirstPortGroupNamesTheSwitchForTheWholeEpisode) {
-  root_.Write("platform/network/portgroups/Other", "vSwitch9");
-  PgDown("vmnic13", "Other", 0);
-  PgDown("vmnic13", "VM Network", 0);
+  root_.Write("platform/network/portgroups/Other", "ksw9");
+  PgDown("hwnic13", "Other", 0);
+  PgDown("hwnic13", "pg guests", 0);
   RunFor(2);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
   EXPECT_EQ(seen[0].args,
-            (std::vector<std::string>{"S:vSwitch9", "S:vmnic13", "S:\"Other\", \"VM Network\""}));
+            (std::vector<std::string>{"S:ksw9", "S:hwnic13", "S:\"Other\", \"pg guests\""}));
 }
 
 TEST_F(UplinkTrackerTest, LossAndRestoreEventsCarryTheirClasses) {
-  PgDown("vmnic14", "VM Network", 0);
+  PgDown("hwnic14", "pg guests", 0);
   RunFor(2);
-  PgUp("vmnic14", "VM Network", 1);
+  PgUp("hwnic14", "pg guests", 1);
   RunFor(2);
   ASSERT_EQ(classes_.size(), 2u);
   EXPECT_EQ(classes_[0], "problem");
@@ -336,59 +336,59 @@ TEST_F(UplinkTrackerTest, LossAndRestoreEventsCarryTheirClasses) {
 TEST_F(UplinkTrackerTest, WatchdogExpiryWithPendingBareLinkDownReportsItOnce) {
   // Both entries expire at 7 s; the watchdog's, scheduled first, is handled
   // first and reports the link; the link-down entry then sees the watchdog.
-  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic15")});
+  Feed("tev.net.uplink.watchdog.timeout", {S("hwnic15")});
   RunFor(6);
-  Feed("tev.net.hwnic.linkstate.down", {S("vmnic15")});
+  Feed("tev.net.hwnic.linkstate.down", {S("hwnic15")});
   RunFor(1);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].second, 7);
   EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.linkstate.down");
-  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:vmnic15"}));
-  EXPECT_EQ(Bits("vmnic15"), static_cast<HwnicStateType>(HWNIC_WATCHDOG));
+  EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:hwnic15"}));
+  EXPECT_EQ(Bits("hwnic15"), static_cast<HwnicStateType>(HWNIC_WATCHDOG));
 }
 
 TEST_F(UplinkTrackerTest, WatchdogFoldsDistributedPortDownAndUpIntoOneReset) {
-  Feed("tev.net.uplink.watchdog.timeout", {S("vmnic16")});
-  Feed("tev.net.dvport.uplink.transition.down", {S("vmnic16"), S("dvs-A"), S("5"), I(0), I(0)});
+  Feed("tev.net.uplink.watchdog.timeout", {S("hwnic16")});
+  Feed("tev.net.dvport.uplink.transition.down", {S("hwnic16"), S("dvs-A"), S("5"), I(0), I(0)});
   RunFor(3);
-  Feed("tev.net.dvport.uplink.transition.up", {S("vmnic16"), S("dvs-A"), S("5"), I(1)});
+  Feed("tev.net.dvport.uplink.transition.up", {S("hwnic16"), S("dvs-A"), S("5"), I(1)});
   RunFor(4);
   std::vector<Seen> seen = TakeSeen();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].second, 7);
   EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.watchdog.reset");
-  EXPECT_EQ(dvPortDownInfo.count("vmnic16"), 0u);
-  EXPECT_EQ(dvPortUpInfo.count("vmnic16"), 0u);
-  EXPECT_EQ(Bits("vmnic16"), 0u);
+  EXPECT_EQ(dvPortDownInfo.count("hwnic16"), 0u);
+  EXPECT_EQ(dvPortUpInfo.count("hwnic16"), 0u);
+  EXPECT_EQ(Bits("hwnic16"), 0u);
 }
 
 TEST_F(UplinkTrackerTest, ScheduleDistanceWrapsAsUnsigned32BitWhenClockStepsBack) {
-  TevdNetCorrelatorSchedule(7, "vmnicX", HWNIC_WATCHDOG);
+  TevdNetCorrelatorSchedule(7, "hwnicX", HWNIC_WATCHDOG);
   uint64_t t0 = alarmArmedAt;
   clock_.Advance(-10);
   // d = 2 - t0 + (t0 - 10) wraps to 4294967288: not shorter, left alone.
-  TevdNetCorrelatorSchedule(2, "vmnicY", HWNIC_PG_DOWN);
+  TevdNetCorrelatorSchedule(2, "hwnicY", HWNIC_PG_DOWN);
   EXPECT_EQ(alarmDuration, 7u);
   EXPECT_EQ(alarmArmedAt, t0);
 }
 
 TEST_F(UplinkTrackerTest, TimeoutPassRearmsForNearestRemainingEntry) {
-  TevdNetCorrelatorSchedule(7, "vmnicX", HWNIC_WATCHDOG);
+  TevdNetCorrelatorSchedule(7, "hwnicX", HWNIC_WATCHDOG);
   uint64_t t0 = alarmArmedAt;
-  TevdNetCorrelatorSchedule(1, "vmnicY", HWNIC_LINK_UP);
+  TevdNetCorrelatorSchedule(1, "hwnicY", HWNIC_LINK_UP);
   EXPECT_EQ(alarmDuration, 1u);
   clock_.Advance(1);
   TevdNetCorrelator_ProcessTimeouts();
   EXPECT_EQ(alarmDuration, 6u);
   EXPECT_EQ(alarmArmedAt, t0 + 1);
-  EXPECT_EQ(hwnicAlarms.count("vmnicY"), 0u);
-  ASSERT_EQ(hwnicAlarms.count("vmnicX"), 1u);
+  EXPECT_EQ(hwnicAlarms.count("hwnicY"), 0u);
+  ASSERT_EQ(hwnicAlarms.count("hwnicX"), 1u);
 }
 
 TEST_F(UplinkTrackerTest, TrackerHandlerWithMissingArgumentRecordsNothing) {
-  Feed("tev.net.pg.uplink.transition.down", {S("vmnic1"), S("VM Network"), I(0)});
-  Feed("tev.net.dvport.uplink.transition.up", {S("vmnic1"), S("dvs"), I(3), I(1)});
+  Feed("tev.net.pg.uplink.transition.down", {S("hwnic1"), S("pg guests"), I(0)});
+  Feed("tev.net.dvport.uplink.transition.up", {S("hwnic1"), S("dvs"), I(3), I(1)});
   Feed("tev.net.uplink.watchdog.timeout", {I(1)});
   EXPECT_TRUE(pgDownInfo.empty());
   EXPECT_TRUE(dvPortUpInfo.empty());

@@ -30,14 +30,14 @@ class HostModel : public ::testing::Test {
 };
 
 TEST_F(HostModel, StorageReadsFollowTheFiles) {
-  root_.Write("platform/storage/paths/vmhba1:C0:T0:L0", "naa.600\n");
+  root_.Write("platform/storage/paths/hba1:C0:T0:L0", "naa.600\n");
   root_.Write("platform/storage/devices/naa.600/status", "2\n");
   root_.Write("platform/storage/devices/naa.600/partitions/3", "datastore3");
   root_.Write("platform/storage/devices/naa.600/partitions/1", "datastore1\n");
   root_.Write("platform/storage/devices/naa.600/partitions/10", "");
   root_.MakeDir("platform/storage/devices/mpx.cd");
   auto storage = HostCtl::HostFactory::GetHost()->GetStorageInfo();
-  EXPECT_EQ("naa.600", storage->GetPath("vmhba1:C0:T0:L0")->GetDeviceName());
+  EXPECT_EQ("naa.600", storage->GetPath("hba1:C0:T0:L0")->GetDeviceName());
   std::unique_ptr<HostCtl::Storage::Lun> lun = storage->GetLun("naa.600");
   EXPECT_EQ(2u, lun->GetPathRedundancyStatus());
   auto *disk = dynamic_cast<HostCtl::Storage::DiskLun *>(lun.get());
@@ -57,11 +57,11 @@ TEST_F(HostModel, StorageReadsFollowTheFiles) {
 
 TEST_F(HostModel, AbsentEntriesThrowHostCtlException) {
   auto storage = HostCtl::HostFactory::GetHost()->GetStorageInfo();
-  EXPECT_THROW(storage->GetPath("vmhba9:C0:T0:L0"), HostCtlException);
+  EXPECT_THROW(storage->GetPath("hba9:C0:T0:L0"), HostCtlException);
   EXPECT_THROW(storage->GetLun("naa.none"), HostCtlException);
   EXPECT_THROW(HostCtl::Storage::Lun("naa.none").GetPathRedundancyStatus(), HostCtlException);
   EXPECT_THROW(HostCtl::Storage::DiskLun("naa.none").GetPartitions(), HostCtlException);
-  EXPECT_THROW(HostCtl::Network::NetworkFactory::GetPortGroupByName("VM Network"), HostCtlException);
+  EXPECT_THROW(HostCtl::Network::NetworkFactory::GetPortGroupByName("pg-guests"), HostCtlException);
   EXPECT_THROW(MtlCtl::Adv::AdvancedIntegerOptionImpl("Net", "LinkFlappingThreshold").GetValue(),
                HostCtlException);
   MtlCtl::Resource::ResourceInfoImpl res;
@@ -74,10 +74,10 @@ TEST_F(HostModel, AbsentEntriesThrowHostCtlException) {
 TEST_F(HostModel, NameWithSlashIsStoredWithPercent2F) {
   EXPECT_EQ("a%2Fb%2Fc", PlatformModel_EscapeName("a/b/c"));
   EXPECT_EQ("%2E%2E", PlatformModel_EscapeName(".."));
-  root_.Write("platform/network/portgroups/Mgmt%2FVLAN 10", "vSwitch0\n");
-  auto pg = HostCtl::Network::NetworkFactory::GetPortGroupByName("Mgmt/VLAN 10");
-  EXPECT_EQ("Mgmt/VLAN 10", pg->GetName());
-  EXPECT_EQ("vSwitch0", pg->GetVirtualSwitchName());
+  root_.Write("platform/network/portgroups/pg-mgmt \"vlan 10\"%2Fa", "ksw0\n");
+  auto pg = HostCtl::Network::NetworkFactory::GetPortGroupByName("pg-mgmt \"vlan 10\"/a");
+  EXPECT_EQ("pg-mgmt \"vlan 10\"/a", pg->GetName());
+  EXPECT_EQ("ksw0", pg->GetVirtualSwitchName());
 }
 
 TEST_F(HostModel, OptionsAndVirtualMachines) {
@@ -95,13 +95,13 @@ TEST_F(HostModel, OptionsAndVirtualMachines) {
 
 TEST_F(HostModel, LinkFlappingNodeIsWrittenOnlyIntoAnExistingNicDirectory) {
   MtlCtl::Util::Sysinfo node(KNO_NODE_net_pNics_linkFlapping);
-  node.AddInstancePath("vmnic2");
+  node.AddInstancePath("hwnic2");
   node.AddInput(1);
   EXPECT_THROW(node.Set(), HostCtlException);
-  root_.MakeDir("platform/nodes/net/pNics/vmnic2");
+  root_.MakeDir("platform/nodes/net/pNics/hwnic2");
   node.Set();
   std::string value;
-  ASSERT_TRUE(root_.Read("platform/nodes/net/pNics/vmnic2/linkFlapping", &value));
+  ASSERT_TRUE(root_.Read("platform/nodes/net/pNics/hwnic2/linkFlapping", &value));
   EXPECT_EQ("1\n", value);
 }
 

@@ -99,7 +99,7 @@ TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {
   const char *none = nullptr;
   Serialized s = Serialize(512, "%d %ld %u %lu %f %s %s %p %hhd %hx", -2147483647 - 1,
                            static_cast<long>(INT64_MIN), 4294967295u,
-                           static_cast<unsigned long>(UINT64_MAX), 2.5, "vmnic1", none,
+                           static_cast<unsigned long>(UINT64_MAX), 2.5, "hwnic1", none,
                            reinterpret_cast<void *>(0x1234), 300, 0x12345);
   ASSERT_TRUE(s.ok);
   MsgFmt_SwizzleArgs(s.args, s.count);
@@ -112,7 +112,7 @@ TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {
                                        "U:4294967295",
                                        "UL:18446744073709551615",
                                        "D:2.5",
-                                       "S:vmnic1",
+                                       "S:hwnic1",
                                        "S:(null)",
                                        "UL:4660",
                                        "I:44",
@@ -161,7 +161,7 @@ TEST(MsgFmtBlock, BadFormatNamesTheProblem) {
 }
 
 TEST(MsgFmtText, AsprintfFormatsFromUnswizzledSlots) {
-  Serialized s = Serialize(256, "Physical NIC %s linkstate is down (%d/%lu) %5.1f%% %p %x", "vmnic1",
+  Serialized s = Serialize(256, "Physical NIC %s linkstate is down (%d/%lu) %5.1f%% %p %x", "hwnic1",
                            -4, 18446744073709551615ul, 99.25, reinterpret_cast<void *>(0xbeef),
                            255u);
   ASSERT_TRUE(s.ok);
@@ -169,7 +169,7 @@ TEST(MsgFmtText, AsprintfFormatsFromUnswizzledSlots) {
   char *text = MsgFmt_Asprintf(&len, "Physical NIC %s linkstate is down (%d/%lu) %5.1f%% %p %x",
                                s.args, s.count);
   ASSERT_NE(nullptr, text);
-  EXPECT_STREQ("Physical NIC vmnic1 linkstate is down (-4/18446744073709551615)  99.2% 0xbeef ff",
+  EXPECT_STREQ("Physical NIC hwnic1 linkstate is down (-4/18446744073709551615)  99.2% 0xbeef ff",
                text);
   EXPECT_EQ(strlen(text), len);
   free(text);
@@ -245,7 +245,7 @@ TEST(MsgFmtDecode, MalformedBlocksAreRefused) {
   };
   for (const BadBlock &row : rows) {
     std::vector<uint8_t> block = MsgFmt_EncodeBlock(
-        {MsgFmt_Value::I32(-1), MsgFmt_Value::Str("vmhba1"), MsgFmt_Value::NullStr()});
+        {MsgFmt_Value::I32(-1), MsgFmt_Value::Str("hba1"), MsgFmt_Value::NullStr()});
     uint32_t count = 3;
     std::vector<MsgFmt_Value> values;
     std::string why;
@@ -279,7 +279,7 @@ std::vector<uint8_t> BuildQprob(const std::string &id, const std::vector<MsgFmt_
 TEST(QprobDecode, DecodesHeaderIdentifierAndArguments) {
   std::vector<uint8_t> m =
       BuildQprob("kos.problem.net.hwnic.linkstate.down",
-                 {MsgFmt_Value::Str("vmnic1"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(-5)},
+                 {MsgFmt_Value::Str("hwnic1"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(-5)},
                  "4c4c4544-0031-3510-8052-b4c04f4e3232");
   QprobMessage q;
   std::string why;
@@ -289,11 +289,11 @@ TEST(QprobDecode, DecodesHeaderIdentifierAndArguments) {
   EXPECT_EQ("kos.problem.net.hwnic.linkstate.down", q.id);
   EXPECT_EQ(37u, q.idLength);
   EXPECT_EQ("problem", q.className);
-  EXPECT_EQ((std::vector<std::string>{"S:vmnic1", "S:(null)", "I:-5"}), ArgsText(q.args));
+  EXPECT_EQ((std::vector<std::string>{"S:hwnic1", "S:(null)", "I:-5"}), ArgsText(q.args));
   EXPECT_EQ(
       "{\"ts\":1700000000123456,\"class\":\"problem\",\"id\":\"kos.problem.net.hwnic.linkstate.down\","
       "\"host\":\"4c4c4544-0031-3510-8052-b4c04f4e3232\",\"args\":[{\"type\":\"string\",\"value\":"
-      "\"vmnic1\"},{\"type\":\"string\",\"value\":null},{\"type\":\"int32\",\"value\":-5}]}",
+      "\"hwnic1\"},{\"type\":\"string\",\"value\":null},{\"type\":\"int32\",\"value\":-5}]}",
       Qprob_ToJson(q));
 }
 
@@ -361,7 +361,7 @@ namespace {
 TEST(QprobDecode, RandomDamageNeverReadsOutside) {
   std::vector<uint8_t> base = BuildQprob(
       "kos.problem.storage.path.dead",
-      {MsgFmt_Value::Str("vmhba1"), MsgFmt_Value::NullStr(), MsgFmt_Value::Dbl(1.5)},
+      {MsgFmt_Value::Str("hba1"), MsgFmt_Value::NullStr(), MsgFmt_Value::Dbl(1.5)},
       "4c4c4544-0031-3510-8052-b4c04f4e3232");
   uint32_t state = 777;
   auto next = [&state]() {

@@ -44,7 +44,7 @@ TEST(TevRecordEncode, HeaderFieldsAndLayoutAreExact) {
 }
 
 TEST(TevRecordDecode, RoundTripKeepsEveryField) {
-  std::vector<MsgFmt_Value> args = {S("vmnic1"), MsgFmt_Value::NullStr(), I(-1), L(INT64_MIN),
+  std::vector<MsgFmt_Value> args = {S("hwnic1"), MsgFmt_Value::NullStr(), I(-1), L(INT64_MIN),
                                     U(4000000000u), UL(UINT64_MAX), MsgFmt_Value::Dbl(-0.25)};
   std::vector<uint8_t> r = TevRecord_Encode("tev.scsi.path.dead", "Path is dead", 99, args);
   TevRecordView view;
@@ -52,14 +52,14 @@ TEST(TevRecordDecode, RoundTripKeepsEveryField) {
   EXPECT_EQ(99u, view.timestampUs);
   EXPECT_EQ("tev.scsi.path.dead", view.id);
   EXPECT_EQ("Path is dead", view.message);
-  EXPECT_EQ((std::vector<std::string>{"S:vmnic1", "S:(null)", "I:-1", "L:-9223372036854775808",
+  EXPECT_EQ((std::vector<std::string>{"S:hwnic1", "S:(null)", "I:-1", "L:-9223372036854775808",
                                       "U:4000000000", "UL:18446744073709551615", "D:-0.25"}),
             tevdtest::ArgsText(view.args));
 }
 
 TEST(TevAccessors, IdentifierMessageAndTimestamp) {
-  tevdtest::TevPtr tev = MakeTev("tev.net.hwnic.linkstate.down", {S("vmnic1")},
-                                 "Physical NIC vmnic1 linkstate is down", 1700000000000001ull);
+  tevdtest::TevPtr tev = MakeTev("tev.net.hwnic.linkstate.down", {S("hwnic1")},
+                                 "Physical NIC hwnic1 linkstate is down", 1700000000000001ull);
   ASSERT_TRUE(tev);
   const char *id = nullptr;
   ASSERT_EQ(0, Tev_GetID(tev.get(), &id));
@@ -67,7 +67,7 @@ TEST(TevAccessors, IdentifierMessageAndTimestamp) {
   char *msg = nullptr;
   size_t len = 0;
   ASSERT_EQ(0, Tev_GetMsg(tev.get(), &msg, &len));
-  EXPECT_STREQ("Physical NIC vmnic1 linkstate is down", msg);
+  EXPECT_STREQ("Physical NIC hwnic1 linkstate is down", msg);
   EXPECT_EQ(37u, len);
   free(msg);
   uint64_t ts = 0;
@@ -112,7 +112,7 @@ TEST(TevAccessors, NullStringFailsBothStringAccessors) {
 }
 
 TEST(TevGetArgs, PointerAndIntegerConversions) {
-  tevdtest::TevPtr tev = MakeTev("tev.scsi.x", {S("naa.1"), S("vmhba1:C0:T0:L0"), I(3), U(0xabc)});
+  tevdtest::TevPtr tev = MakeTev("tev.scsi.x", {S("naa.1"), S("hba1:C0:T0:L0"), I(3), U(0xabc)});
   ASSERT_TRUE(tev);
   const char *dev = nullptr;
   const char *path = nullptr;
@@ -120,12 +120,12 @@ TEST(TevGetArgs, PointerAndIntegerConversions) {
   unsigned b = 0;
   ASSERT_EQ(0, Tev_GetArgs(tev.get(), 0, "%p %p %d %x", &dev, &path, &a, &b));
   EXPECT_STREQ("naa.1", dev);
-  EXPECT_STREQ("vmhba1:C0:T0:L0", path);
+  EXPECT_STREQ("hba1:C0:T0:L0", path);
   EXPECT_EQ(3, a);
   EXPECT_EQ(0xabcu, b);
   // The first index skips leading arguments; text between conversions is ignored.
   ASSERT_EQ(0, Tev_GetArgs(tev.get(), 1, "path=%s n=%10d", &path, &a));
-  EXPECT_STREQ("vmhba1:C0:T0:L0", path);
+  EXPECT_STREQ("hba1:C0:T0:L0", path);
   EXPECT_EQ(3, a);
 }
 
@@ -207,8 +207,8 @@ namespace {
 // Tev whose accessors agree with the decoded view.
 TEST(TevRecordValidate, RandomDamageIsRefusedOrDecodesConsistently) {
   std::vector<uint8_t> base = TevRecord_Encode(
-      "tev.scsi.path.dead", "Path vmhba1 is dead", 5,
-      {S("vmhba1:C0:T0:L0"), MsgFmt_Value::NullStr(), I(-2), L(-3), U(4), UL(5), S("")});
+      "tev.scsi.path.dead", "Path hba1 is dead", 5,
+      {S("hba1:C0:T0:L0"), MsgFmt_Value::NullStr(), I(-2), L(-3), U(4), UL(5), S("")});
   uint32_t state = 12345;
   auto next = [&state]() {
     state = state * 1103515245u + 12345u;

@@ -32,12 +32,12 @@ std::vector<std::string> Statements(const std::string &text) {
 }
 
 const char kTrace[] =
-    "1700000000.100000000,IN,1700000000099000,tev.net.pg.uplink.transition.down,,\"vmnic1\",\"VM "
+    "1700000000.100000000,IN,1700000000099000,tev.net.pg.uplink.transition.down,,\"hwnic1\",\"VM "
     "\"\"Prod\"\" Net\",1,-7\n"
     "1700000000.250000000,IN,1700000000250000,tev.user.host.boot,\n"
     "\n"
-    "1700000002.150000001,OUT,1700000002150000,kos.problem.net.redundancy.lost,,\"vSwitch0\","
-    "\"vmnic1\",\"\"\"VM \"\"Prod\"\" Net\"\"\"\n"
+    "1700000002.150000001,OUT,1700000002150000,kos.problem.net.redundancy.lost,,\"ksw0\","
+    "\"hwnic1\",\"\"\"VM \"\"Prod\"\" Net\"\"\"\n"
     "1700000002.400000000,IN,1700000002400000,tev.x.wide,,4294967295,-3000000000,"
     "18446744073709551615,2147483647\n"
     "1700000003.100000000,OUT,1700000003100000,kos.audit.host.boot,\n"
@@ -50,10 +50,10 @@ TEST(ScenarioRecord, SavedTraceBecomesTimedPostsAndEventWindows) {
                                         "-o", root.Abs("rec.scn")});
   ASSERT_EQ(r.status, 0) << r.err;
   std::vector<std::string> want = {
-      "at 0.000 post tev.net.pg.uplink.transition.down \"%s %s %d %d\" \"vmnic1\" \"VM \\\"Prod\\\" "
+      "at 0.000 post tev.net.pg.uplink.transition.down \"%s %s %d %d\" \"hwnic1\" \"VM \\\"Prod\\\" "
       "Net\" 1 -7",
       "at 0.150 post --user tev.user.host.boot \"\"",
-      "expect event problem kos.problem.net.redundancy.lost \"vSwitch0\" \"vmnic1\" \"\\\"VM "
+      "expect event problem kos.problem.net.redundancy.lost \"ksw0\" \"hwnic1\" \"\\\"VM "
       "\\\"Prod\\\" Net\\\"\" within 1.050..3.550",
       "at 2.300 post tev.x.wide \"%u %ld %lu %d\" 4294967295 -3000000000 18446744073709551615 "
       "2147483647",
@@ -148,7 +148,7 @@ TEST(ScenarioRecord, LiveRecordingOfRunningDaemonReplaysAndPasses) {
   ASSERT_EQ(RunTevctl(root.path(), {"post", "tev.clock.parameter.set.maxLargeCorrections",
                                     "maxLargeCorrections set to %d", "5"}).status, 0);
   ASSERT_EQ(RunTevctl(root.path(), {"post", "tev.net.hwnic.linkstate.down",
-                                    "Physical NIC %s linkstate is down", "vmnic1"}).status, 0);
+                                    "Physical NIC %s linkstate is down", "hwnic1"}).status, 0);
   ASSERT_TRUE(sink.WaitForOutput("kos.problem.net.hwnic.linkstate.down", 10000)) << sink.out();
 
   // Stopping at the end of the history needs no daemon exit.
@@ -164,8 +164,8 @@ TEST(ScenarioRecord, LiveRecordingOfRunningDaemonReplaysAndPasses) {
   ASSERT_EQ(lines.size(), 6u) << text;
   EXPECT_EQ(lines[0], "at 0.000 post --user tev.user.host.boot \"\"");
   EXPECT_NE(text.find(" post tev.clock.parameter.set.maxLargeCorrections \"%d\" 5\n"), std::string::npos);
-  EXPECT_NE(text.find(" post tev.net.hwnic.linkstate.down \"%s\" \"vmnic1\"\n"), std::string::npos);
-  EXPECT_NE(text.find("expect event problem kos.problem.net.hwnic.linkstate.down \"vmnic1\" within "),
+  EXPECT_NE(text.find(" post tev.net.hwnic.linkstate.down \"%s\" \"hwnic1\"\n"), std::string::npos);
+  EXPECT_NE(text.find("expect event problem kos.problem.net.hwnic.linkstate.down \"hwnic1\" within "),
             std::string::npos);
   EXPECT_NE(text.find("expect event audit kos.audit.host.boot - within 0.000.."), std::string::npos);
 

@@ -87,28 +87,28 @@ TEST_F(StorageTranslationTest, UnknownApdIdentifierIsLoggedByTheFallback) {
 
 TEST_F(StorageTranslationTest, IscsiTranslationsKeepTheirArgumentOrder) {
   const std::vector<Case> cases = {
-      {"tev.iscsi.target.connect.error", {S("vmhba64"), S("iqn.t1")},
-       "kos.problem.storage.iscsi.target.connect.error", {"S:iqn.t1", "S:vmhba64"},
-       "Login to iSCSI target iqn.t1 on vmhba64 failed. The iSCSI initiator could not establish "
+      {"tev.iscsi.target.connect.error", {S("hba64"), S("iqn.t1")},
+       "kos.problem.storage.iscsi.target.connect.error", {"S:iqn.t1", "S:hba64"},
+       "Login to iSCSI target iqn.t1 on hba64 failed. The iSCSI initiator could not establish "
        "a network connection to the target."},
-      {"tev.iscsi.target.login.error", {S("vmhba64"), S("iqn.t1"), U(0x201)},
-       "kos.problem.storage.iscsi.target.login.error", {"S:iqn.t1", "S:vmhba64", "S:0201"},
-       "Login to iSCSI target iqn.t1 on vmhba64 failed. Target returned login error of: 0201."},
-      {"tev.iscsi.target.permanently.removed", {S("iqn.t1"), S("vmhba64")},
-       "kos.problem.storage.iscsi.target.permanently.removed", {"S:iqn.t1", "S:vmhba64"},
-       "The target iqn.t1 was permanently removed from vmhba64."},
-      {"tev.iscsi.discovery.connect.error", {S("vmhba64"), S("10.0.0.5:3260")},
-       "kos.problem.storage.iscsi.discovery.connect.error", {"S:10.0.0.5:3260", "S:vmhba64"},
-       "iSCSI discovery to 10.0.0.5:3260 on vmhba64 failed. The iSCSI Initiator could not "
+      {"tev.iscsi.target.login.error", {S("hba64"), S("iqn.t1"), U(0x201)},
+       "kos.problem.storage.iscsi.target.login.error", {"S:iqn.t1", "S:hba64", "S:0201"},
+       "Login to iSCSI target iqn.t1 on hba64 failed. Target returned login error of: 0201."},
+      {"tev.iscsi.target.permanently.removed", {S("iqn.t1"), S("hba64")},
+       "kos.problem.storage.iscsi.target.permanently.removed", {"S:iqn.t1", "S:hba64"},
+       "The target iqn.t1 was permanently removed from hba64."},
+      {"tev.iscsi.discovery.connect.error", {S("hba64"), S("10.0.0.5:3260")},
+       "kos.problem.storage.iscsi.discovery.connect.error", {"S:10.0.0.5:3260", "S:hba64"},
+       "iSCSI discovery to 10.0.0.5:3260 on hba64 failed. The iSCSI Initiator could not "
        "establish a network connection to the discovery address."},
-      {"tev.iscsi.discovery.login.error", {S("vmhba64"), S("10.0.0.5:3260"), U(0x0300)},
+      {"tev.iscsi.discovery.login.error", {S("hba64"), S("10.0.0.5:3260"), U(0x0300)},
        "kos.problem.storage.iscsi.discovery.login.error",
-       {"S:10.0.0.5:3260", "S:vmhba64", "S:0300"},
-       "iSCSI discovery to 10.0.0.5:3260 on vmhba64 failed. The Discovery target returned a login "
+       {"S:10.0.0.5:3260", "S:hba64", "S:0300"},
+       "iSCSI discovery to 10.0.0.5:3260 on hba64 failed. The Discovery target returned a login "
        "error of: 0300."},
-      {"tev.iscsi.isns.discovery.error", {S("vmhba64"), S("isns1"), S("c"), S("d")},
-       "kos.problem.storage.iscsi.isns.discovery.error", {"S:isns1", "S:vmhba64", "S:c", "S:d"},
-       "iSns discovery to isns1 on vmhba64 failed. (c : d)."},
+      {"tev.iscsi.isns.discovery.error", {S("hba64"), S("isns1"), S("c"), S("d")},
+       "kos.problem.storage.iscsi.isns.discovery.error", {"S:isns1", "S:hba64", "S:c", "S:d"},
+       "iSns discovery to isns1 on hba64 failed. (c : d)."},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.tevId);
@@ -130,7 +130,7 @@ TEST_F(StorageTranslationTest, IgnoredIscsiObservationsProduceNoEventAndNoLogLin
                          "tev.iscsi.target.async.event"}) {
     SCOPED_TRACE(id);
     ASSERT_NE(iscsiMap_.find(id), iscsiMap_.end());
-    Iscsi(id, {S("vmhba64"), S("iqn.t1")});
+    Iscsi(id, {S("hba64"), S("iqn.t1")});
   }
   EXPECT_EQ(capture_.Count(), 0u);
   EXPECT_TRUE(log_.TakeDiagnostics().empty());
@@ -138,7 +138,7 @@ TEST_F(StorageTranslationTest, IgnoredIscsiObservationsProduceNoEventAndNoLogLin
 }
 
 TEST_F(StorageTranslationTest, UnreadableIscsiArgumentsAndUnknownIdsAreDroppedSilently) {
-  Iscsi("tev.iscsi.target.login.error", {S("vmhba64"), S("iqn.t1")});
+  Iscsi("tev.iscsi.target.login.error", {S("hba64"), S("iqn.t1")});
   Iscsi("tev.iscsi.isns.discovery.error", {S("a"), S("b"), S("c")});
   Iscsi("tev.iscsi.target.connect.error", {S("a"), I(2)});
   EXPECT_EQ(capture_.Count(), 0u);

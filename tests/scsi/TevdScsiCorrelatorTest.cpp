@@ -46,9 +46,9 @@ TEST_F(ScsiTranslationTest, EachDirectTranslationPostsItsEventWithArgumentsInOrd
        {"I:512", "S:NMP"},
        "The maximum number of supported devices of 512 has been reached. A device from plugin NMP "
        "could not be created."},
-      {"tev.scsi.scsipath.limitreached", {I(1024), S("vmhba1:C0:T0:L5")},
-       "kos.problem.scsi.scsipath.limitreached", {"I:1024", "S:vmhba1:C0:T0:L5"},
-       "The maximum number of supported paths of 1024 has been reached. Path vmhba1:C0:T0:L5 "
+      {"tev.scsi.scsipath.limitreached", {I(1024), S("hba1:C0:T0:L5")},
+       "kos.problem.scsi.scsipath.limitreached", {"I:1024", "S:hba1:C0:T0:L5"},
+       "The maximum number of supported paths of 1024 has been reached. Path hba1:C0:T0:L5 "
        "could not be added."},
       {"tev.scsi.scsipath.badpath.unsafepe", {S("p1")}, "kos.problem.scsi.scsipath.badpath.unsafepe",
        {"S:p1"},

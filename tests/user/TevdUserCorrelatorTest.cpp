@@ -30,8 +30,8 @@ const std::vector<UserCase> &AllUserCases() {
       {"tev.user.iorm.nonhvworkload", {S("ds1")}, "kos.problem.iorm.nonhvworkload", {"S:ds1"}},
       {"tev.user.iorm.badversion", {S("h1"), S("ds2"), I(3), I(4)}, "kos.problem.iorm.badversion",
        {"S:h1", "S:ds2", "I:3", "I:4"}},
-      {"tev.user.dhclient.lease.offered.noexpiry", {S("vmk0")},
-       "kos.problem.dhclient.lease.offered.noexpiry", {"S:vmk0"}},
+      {"tev.user.dhclient.lease.offered.noexpiry", {S("mtlnic0")},
+       "kos.problem.dhclient.lease.offered.noexpiry", {"S:mtlnic0"}},
       {"tev.user.hsyslogd.storage.logdir.invalid", {S("/scratch/log"), S("read-only")},
        "kos.problem.hsyslogd.storage.logdir.invalid", {"S:/scratch/log", "S:read-only"}},
       {"tev.user.test.test0", {}, "kos.problem.test.test0", {}},
@@ -46,8 +46,8 @@ const std::vector<UserCase> &AllUserCases() {
        "kos.problem.kosimage.install.stage.error", {"S:img", "S:no space"}},
       {"tev.user.kosimage.install.error", {S("bad depot")}, "kos.problem.kosimage.install.error",
        {"S:bad depot"}},
-      {"tev.user.dhclient.lease.none", {S("vmk1")}, "kos.problem.dhclient.lease.none",
-       {"S:vmk1"}},
+      {"tev.user.dhclient.lease.none", {S("mtlnic1")}, "kos.problem.dhclient.lease.none",
+       {"S:mtlnic1"}},
       {"tev.user.ntpd.clock.correction.error", {I(-700), I(500)},
        "kos.problem.ntpd.clock.correction.error", {"I:-700", "I:500"}},
       {"tev.user.host.coredump", {}, "kos.problem.host.coredump", {}},
@@ -58,8 +58,8 @@ const std::vector<UserCase> &AllUserCases() {
       {"tev.user.coredump.capacity.insufficient", {I(3000)},
        "kos.problem.coredump.capacity.insufficient", {"UL:3000"}},
       {"tev.user.coredump.copyspace", {I(17)}, "kos.problem.coredump.copyspace", {"I:17"}},
-      {"tev.user.scratch.partition.size.small", {S("mpx.vmhba0"), I(4096)},
-       "kos.problem.scratch.partition.size.small", {"S:mpx.vmhba0", "UL:4096"}},
+      {"tev.user.scratch.partition.size.small", {S("mpx.hba0"), I(4096)},
+       "kos.problem.scratch.partition.size.small", {"S:mpx.hba0", "UL:4096"}},
       {"tev.user.scratch.partition.unconfigured", {I(4000)},
        "kos.problem.scratch.partition.unconfigured", {"UL:4000"}},
       {"tev.user.iofilter.disabled", {S("flt"), S("expired")}, "kos.problem.iofilter.disabled",
@@ -72,8 +72,8 @@ const std::vector<UserCase> &AllUserCases() {
       {"tev.user.kcon.login.failed", {S("admin")}, "kos.audit.kcon.login.failed", {"S:admin"}},
       {"tev.user.kcon.factory.network.restored", {}, "kos.audit.kcon.network.factoryrestore", {}},
       {"tev.user.kcon.restarting.hostagents", {}, "kos.audit.kcon.hostagents.restart", {}},
-      {"tev.user.kcon.network.restart", {S("vmk0")}, "kos.audit.kcon.network.restart",
-       {"S:vmk0"}},
+      {"tev.user.kcon.network.restart", {S("mtlnic0")}, "kos.audit.kcon.network.restart",
+       {"S:mtlnic0"}},
       {"tev.user.kcon.restore.factory.defaults", {}, "kos.audit.kcon.defaults.factoryrestore", {}},
       {"tev.user.kcon.reboot.host", {}, "kos.audit.kcon.host.reboot", {}},
       {"tev.user.kcon.shutdown.host", {}, "kos.audit.kcon.host.shutdown", {}},
@@ -233,9 +233,9 @@ TEST_F(UserCorrelatorTest, QuotedTemplatesReachTheLogLineUnchanged) {
   EXPECT_NE(log.WaitFor("[kos.audit.maintenancemode.entered]")
                 .find("The host has entered maintenance mode."),
             std::string::npos);
-  Dispatch("tev.user.dhclient.lease.none", {S("vmk2")});
+  Dispatch("tev.user.dhclient.lease.none", {S("mtlnic2")});
   EXPECT_NE(log.WaitFor("[kos.problem.dhclient.lease.none]")
-                .find("Unable to obtain a DHCP lease on interface vmk2."),
+                .find("Unable to obtain a DHCP lease on interface mtlnic2."),
             std::string::npos);
   events_.Take();
 }

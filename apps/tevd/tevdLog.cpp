@@ -14,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "MsgFmt.h"
 #include "PlatformRoot.h"
 #include "TevClock.h"
 
@@ -159,17 +160,17 @@ void Panic(const char *format, ...) {
   va_list ap;
   va_start(ap, format);
   fwrite("Tevd - Panic: ", 1, 14, stderr);
-  va_list copy;
-  va_copy(copy, ap);
-  vfprintf(stderr, format, copy);
-  va_end(copy);
+  vfprintf(stderr, format, ap);
   fflush(stderr);
-  TevdLog("%s", "Tevd - Panic: ");
-  // The log copy carries the caller's format with the va_list object as its
-  // only argument, so its values are not the real ones; standard error is the
-  // faithful copy. Formatting through the va_list keeps that well defined.
-  TevdLogV(format, ap);
   va_end(ap);
+  TevdLog("%s", "Tevd - Panic: ");
+  // The log copy does not carry the caller's values: standard error is the
+  // faithful copy. The format is printed with every conversion left empty
+  // ("x %d" logs "x "), which is what a format without its values can say
+  // without reading arguments that were never passed.
+  char *bare = MsgFmt_Asprintf(nullptr, format, nullptr, 0);
+  TevdLog("%s", bare != nullptr ? bare : "");
+  free(bare);
   abort();
 }
 

@@ -23,6 +23,10 @@
 #include "tevdQprob.h"
 #include "tevdTrace.h"
 
+#ifndef TEVD_SELFTEST_AGENTS
+#define TEVD_SELFTEST_AGENTS 0
+#endif
+
 namespace {
 
 constexpr int kNumContexts = 23;
@@ -283,8 +287,9 @@ int main(int argc, char **argv) {
     rc = TevdAgent_InitStreamList();
   }
   if (rc == 0) {
-    const char *extra = getenv("TEVD_EXTRA_AGENTS");
-    TevdCorrelator_StartAll(extra != nullptr && strcmp(extra, "1") == 0);
+    // Only the self-test build (tevd-selftest) runs the logger and the
+    // self-test agents; nothing in a production daemon's surroundings can.
+    TevdCorrelator_StartAll(TEVD_SELFTEST_AGENTS != 0);
     TevdAgent_WaitSettled(5);
     tevBuffer = static_cast<uint8_t *>(malloc(kBufferInitial));
     if (tevBuffer == nullptr) {

@@ -29,6 +29,7 @@
 #include "tevdLog.h"
 #include "tevdNetCorrelator.h"
 #include "tevdQprob.h"
+#include "tevdUtil.h"
 
 std::map<std::string, HwnicStateType> hwnicStates;
 std::map<std::string, std::vector<HwnicAlarmInfo>> hwnicAlarms;
@@ -381,7 +382,7 @@ int TevdNetCorrelatorPgUplinkDown(Tev *tev) {
   const char *pg = nullptr;
   int32_t uplinks = 0;
   int32_t extra = 0;
-  if (Tev_GetStringArg(tev, 0, &nic) != 0 || Tev_GetStringArg(tev, 1, &pg) != 0 ||
+  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0 || TevdUtil_GetNameArg(tev, 1, &pg) != 0 ||
       Tev_GetIntArg(tev, 2, &uplinks) != 0 || Tev_GetIntArg(tev, 3, &extra) != 0) {
     return 0;
   }
@@ -396,7 +397,7 @@ int TevdNetCorrelatorPgUplinkUp(Tev *tev) {
   const char *nic = nullptr;
   const char *pg = nullptr;
   int32_t uplinks = 0;
-  if (Tev_GetStringArg(tev, 0, &nic) != 0 || Tev_GetStringArg(tev, 1, &pg) != 0 ||
+  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0 || TevdUtil_GetNameArg(tev, 1, &pg) != 0 ||
       Tev_GetIntArg(tev, 2, &uplinks) != 0) {
     return 0;
   }
@@ -413,8 +414,8 @@ int TevdNetCorrelatorDvportUplinkDown(Tev *tev) {
   const char *second = nullptr;
   int32_t uplinks = 0;
   int32_t extra = 0;
-  if (Tev_GetStringArg(tev, 0, &nic) != 0 || Tev_GetStringArg(tev, 1, &first) != 0 ||
-      Tev_GetStringArg(tev, 2, &second) != 0 || Tev_GetIntArg(tev, 3, &uplinks) != 0 ||
+  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0 || TevdUtil_GetNameArg(tev, 1, &first) != 0 ||
+      TevdUtil_GetNameArg(tev, 2, &second) != 0 || Tev_GetIntArg(tev, 3, &uplinks) != 0 ||
       Tev_GetIntArg(tev, 4, &extra) != 0) {
     return 0;
   }
@@ -430,8 +431,8 @@ int TevdNetCorrelatorDvportUplinkUp(Tev *tev) {
   const char *first = nullptr;
   const char *second = nullptr;
   int32_t uplinks = 0;
-  if (Tev_GetStringArg(tev, 0, &nic) != 0 || Tev_GetStringArg(tev, 1, &first) != 0 ||
-      Tev_GetStringArg(tev, 2, &second) != 0 || Tev_GetIntArg(tev, 3, &uplinks) != 0) {
+  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0 || TevdUtil_GetNameArg(tev, 1, &first) != 0 ||
+      TevdUtil_GetNameArg(tev, 2, &second) != 0 || Tev_GetIntArg(tev, 3, &uplinks) != 0) {
     return 0;
   }
   if (dvPortUpInfo.find(nic) == dvPortUpInfo.end()) {
@@ -443,7 +444,7 @@ int TevdNetCorrelatorDvportUplinkUp(Tev *tev) {
 
 int TevdNetCorrelatorLinkDown(Tev *tev) {
   const char *nic = nullptr;
-  if (Tev_GetStringArg(tev, 0, &nic) != 0) {
+  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0) {
     return 0;
   }
   TevdNetCorrelatorNoteLinkDown(nic);
@@ -457,7 +458,7 @@ int TevdNetCorrelatorLinkDown(Tev *tev) {
 
 int TevdNetCorrelatorLinkUp(Tev *tev) {
   const char *nic = nullptr;
-  if (Tev_GetStringArg(tev, 0, &nic) != 0) {
+  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0) {
     return 0;
   }
   if (HasAny(nic, HWNIC_PG_UP | HWNIC_DVPORT_UP)) {
@@ -469,7 +470,7 @@ int TevdNetCorrelatorLinkUp(Tev *tev) {
 
 int TevdNetCorrelatorWatchdog(Tev *tev) {
   const char *nic = nullptr;
-  if (Tev_GetStringArg(tev, 0, &nic) != 0) {
+  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0) {
     return 0;
   }
   TevdNetCorrelatorSchedule(7, nic, HWNIC_WATCHDOG);

@@ -225,8 +225,8 @@ const ScsiMapRow kScsiMap[] = {
     {"tev.scsi.scsipath.pathstate.on", TevdScsiCorrelatorDoPathUp},
     {"tev.scsi.scsipath.pathstate.standby", TevdScsiCorrelatorDoPathUp},
     {"tev.scsi.device.thinprov.atquota", TevdScsiCorrelatorDoThinProvAtQuota},
-    {"tev.scsi.device.limitreached", TevdScsiCorrelatorDoTranslation},
-    {"tev.scsi.scsipath.limitreached", TevdScsiCorrelatorDoTranslation},
+    {"tev.scsi.device.limitreached", TevdScsiCorrelatorDoDeviceLimit},
+    {"tev.scsi.scsipath.limitreached", TevdScsiCorrelatorDoPathLimit},
     {"tev.scsi.scsipath.badpath.unsafepe", TevdScsiCorrelatorDoBadPePath},
     {"tev.scsi.scsipath.badpath.unreachpe", TevdScsiCorrelatorDoBadPePath},
     {"tev.scsi.scsipath.add", TevdScsiCorrelatorDoPathAddRemove},
@@ -235,10 +235,10 @@ const ScsiMapRow kScsiMap[] = {
     {"tev.scsi.device.state.permanentloss.noopens", TevdScsiCorrelatorDoPermanentLoss},
     {"tev.scsi.device.state.permanentloss", TevdScsiCorrelatorDoPermanentLoss},
     {"tev.scsi.device.state.permanentloss.withreservationheld", TevdScsiCorrelatorDoPermanentLoss},
-    {"tev.scsi.device.state.permanentloss.pluggedback", TevdScsiCorrelatorDoTranslation},
-    {"tev.scsi.device.state.permanentloss.deviceonline", TevdScsiCorrelatorDoTranslation},
-    {"tev.scsi.device.state.off", TevdScsiCorrelatorDoTranslation},
-    {"tev.scsi.device.state.on", TevdScsiCorrelatorDoTranslation},
+    {"tev.scsi.device.state.permanentloss.pluggedback", TevdScsiCorrelatorDoPluggedBack},
+    {"tev.scsi.device.state.permanentloss.deviceonline", TevdScsiCorrelatorDoDeviceOnline},
+    {"tev.scsi.device.state.off", TevdScsiCorrelatorDoDeviceOff},
+    {"tev.scsi.device.state.on", TevdScsiCorrelatorDoDeviceOn},
     {"tev.scsi.device.io.qerr.change.config", TevdScsiCorrelatorDoTranslation},
     {"tev.scsi.device.io.qerr.changed", TevdScsiCorrelatorDoTranslation},
     {"tev.scsi.device.io.bad.plugin.type", TevdScsiCorrelatorDoTranslation},
@@ -270,6 +270,30 @@ int TevdScsiCorrelatorDoTranslation(Tev *tev) {
   }
   return PostTranslation(tev, id, *row);
 }
+
+// The device-state and limit handlers read no identifier: each serves one
+// observation, so its row is fixed and a record without an identifier is
+// translated all the same.
+namespace {
+int PostFixedRow(Tev *tev, const char *id) {
+  const ScsiTranslation *row = FindTranslation(id);
+  if (row == nullptr) {
+    Panic("NOT_REACHED %s:%d\n", "apps/tevd/tevdScsiCorrelator", __LINE__);
+  }
+  return PostTranslation(tev, id, *row);
+}
+}  // namespace
+
+int TevdScsiCorrelatorDoDeviceOn(Tev *tev) { return PostFixedRow(tev, "tev.scsi.device.state.on"); }
+int TevdScsiCorrelatorDoDeviceOff(Tev *tev) { return PostFixedRow(tev, "tev.scsi.device.state.off"); }
+int TevdScsiCorrelatorDoDeviceOnline(Tev *tev) {
+  return PostFixedRow(tev, "tev.scsi.device.state.permanentloss.deviceonline");
+}
+int TevdScsiCorrelatorDoPluggedBack(Tev *tev) {
+  return PostFixedRow(tev, "tev.scsi.device.state.permanentloss.pluggedback");
+}
+int TevdScsiCorrelatorDoPathLimit(Tev *tev) { return PostFixedRow(tev, "tev.scsi.scsipath.limitreached"); }
+int TevdScsiCorrelatorDoDeviceLimit(Tev *tev) { return PostFixedRow(tev, "tev.scsi.device.limitreached"); }
 
 int TevdScsiCorrelatorDoBadPePath(Tev *tev) {
   const char *id = nullptr;

@@ -18,6 +18,13 @@ int TevdScsiCorrelatorDoDefault(Tev *tev);
 // ---- direct translations (tevdScsiCorrelator.cpp) ----------------------------
 // One row-driven handler serves every stateless translation.
 int TevdScsiCorrelatorDoTranslation(Tev *tev);
+// One observation each; they read no identifier.
+int TevdScsiCorrelatorDoDeviceOn(Tev *tev);
+int TevdScsiCorrelatorDoDeviceOff(Tev *tev);
+int TevdScsiCorrelatorDoDeviceOnline(Tev *tev);
+int TevdScsiCorrelatorDoPluggedBack(Tev *tev);
+int TevdScsiCorrelatorDoPathLimit(Tev *tev);
+int TevdScsiCorrelatorDoDeviceLimit(Tev *tev);
 int TevdScsiCorrelatorDoBadPePath(Tev *tev);
 
 // ---- stateful handlers (tevdScsiPathTracker.cpp) -----------------------------

@@ -20,6 +20,7 @@
 #include "tevdLog.h"
 #include "tevdQprob.h"
 #include "tevdScsiCorrelator.h"
+#include "tevdUtil.h"
 
 namespace {
 
@@ -117,7 +118,7 @@ void CountPathStateChange(const std::string &path, bool add, bool remove) {
 
 // Path name and the state it left; false when either is missing.
 bool GetPathTransition(Tev *tev, const char **path, const char **state) {
-  return Tev_GetStringArg(tev, 0, path) == 0 && Tev_GetStringArg(tev, 1, state) == 0;
+  return TevdUtil_GetNameArg(tev, 0, path) == 0 && TevdUtil_GetNameArg(tev, 1, state) == 0;
 }
 
 }  // namespace
@@ -214,7 +215,7 @@ int TevdScsiCorrelatorDoPathUp(Tev *tev) {
 
 int TevdScsiCorrelatorDoPathAddRemove(Tev *tev) {
   const char *path = nullptr;
-  int rc = Tev_GetStringArg(tev, 0, &path);
+  int rc = TevdUtil_GetNameArg(tev, 0, &path);
   if (rc != 0) {
     TevdLog("Failed to get path add remove path name: %d\n", rc);
     return rc;
@@ -236,7 +237,7 @@ int TevdScsiCorrelatorDoPathAddRemove(Tev *tev) {
 
 int TevdScsiCorrelatorDoPowerOnReset(Tev *tev) {
   const char *name = nullptr;
-  if (Tev_GetStringArg(tev, 0, &name) != 0) {
+  if (TevdUtil_GetNameArg(tev, 0, &name) != 0) {
     return 0;
   }
   if (CountChange(&gPorCounters, name, false, false) != TEVD_SCSI_REPORT_COUNT) {
@@ -276,7 +277,7 @@ int TevdScsiCorrelatorDoPermanentLoss(Tev *tev) {
     return -1;
   }
   const char *device = nullptr;
-  int rc = Tev_GetStringArg(tev, 0, &device);
+  int rc = TevdUtil_GetNameArg(tev, 0, &device);
   if (rc != 0) {
     TevdLog("Failed to get device name: %d\n", rc);
     return rc;
@@ -305,7 +306,7 @@ int TevdScsiCorrelatorDoPermanentLoss(Tev *tev) {
 
 int TevdScsiCorrelatorDoThinProvAtQuota(Tev *tev) {
   const char *device = nullptr;
-  int rc = Tev_GetStringArg(tev, 0, &device);
+  int rc = TevdUtil_GetNameArg(tev, 0, &device);
   if (rc != 0) {
     TevdLog("Failed to get thin provisioned device name: %d\n", rc);
     return rc;

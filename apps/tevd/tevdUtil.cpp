@@ -103,3 +103,11 @@ int TevdUtil_GetArgs(Tev *tev, const char *format, ...) {
   va_end(ap);
   return rc;
 }
+
+int TevdUtil_GetNameArg(Tev *tev, int index, const char **name) {
+  int rc = Tev_GetStringArg(tev, index, name);
+  if (rc == 0 && *name == nullptr) {
+    return 22;
+  }
+  return rc;
+}

@@ -65,13 +65,14 @@ int Tev_GetMsg(Tev *tev, char **msg, size_t *length);      // malloc'd; caller f
 int Tev_GetTimestamp(Tev *tev, uint64_t *usec);
 bool Tev_IsID(const char *id, const char *other);
 int Tev_GetArgCount(Tev *tev, uint32_t *count);
-// A null string argument is not a string: both string accessors fail with 22,
-// so no handler ever receives a null pointer from them.
+// A null string argument (type 6, length 0xFFFFFFFF) is a string: both string
+// accessors succeed and deliver a null pointer.
 int Tev_GetStringArg(Tev *tev, int index, const char **str); // points into the Tev
 int Tev_GetIntArg(Tev *tev, int index, int32_t *value);
 // scanf-like: each conversion takes the next argument from `first` on. %p and
-// %s store a `const char *`; integer conversions accept any integer argument
-// and store it at their own width (hh, h, none, l, ll). Fails with 22.
+// %s store a `const char *` (null for a null string); integer conversions
+// accept any integer argument and store it at their own width (hh, h, none,
+// l, ll). Fails with 22.
 int Tev_GetArgs(Tev *tev, int first, const char *format, ...);
 int Tev_GetArgsVA(Tev *tev, int first, const char *format, va_list ap);
 // The record's raw bytes (header included) and its argument block.

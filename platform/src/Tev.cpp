@@ -1,7 +1,8 @@
 // One observation (`Tev`): a validated record plus a parsed view whose strings
 // point into the record's own bytes, so accessors hand out pointers that live
-// exactly as long as the Tev. A null string argument fails the string
-// accessors, so no handler ever receives a null pointer from them.
+// exactly as long as the Tev. A null string argument is a string: the string
+// accessors deliver it as a null pointer, and each handler decides what a
+// null means for it.
 #include <cstdlib>
 #include <cstring>
 
@@ -92,8 +93,8 @@ int Tev_GetStringArg(Tev *tev, int index, const char **str) {
     return TEVLIB_ERR_INVAL;
   }
   const platform_internal::RawArg &a = tev->view.args[static_cast<size_t>(index)];
-  if (a.type != MSGFMT_TYPE_STRING || a.str == nullptr) return TEVLIB_ERR_INVAL;
-  *str = a.str;
+  if (a.type != MSGFMT_TYPE_STRING) return TEVLIB_ERR_INVAL;
+  *str = a.str;   // null for a null string
   return TEVLIB_OK;
 }
 
@@ -158,7 +159,7 @@ int Tev_GetArgsVA(Tev *tev, int first, const char *format, va_list ap) {
     }
     const platform_internal::RawArg &a = args[next++];
     if (letter == 'p' || letter == 's') {
-      if (a.type != MSGFMT_TYPE_STRING || a.str == nullptr || !len.empty()) {
+      if (a.type != MSGFMT_TYPE_STRING || !len.empty()) {
         rc = TEVLIB_ERR_INVAL;
       } else if (!suppress) {
         *va_arg(va, const char **) = a.str;

@@ -74,5 +74,6 @@ TEST(TevdLogDeathTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
   std::string first = log.Next();
   std::string second = log.Next();
   EXPECT_NE(std::string::npos, first.find("Z: Tevd - Panic: ")) << first;
-  EXPECT_NE(std::string::npos, second.find("Z: x ")) << second;
+  // The log copy leaves the value out; standard error alone carries it.
+  EXPECT_EQ("x ", second.substr(second.find("Z: ") + 3)) << second;
 }

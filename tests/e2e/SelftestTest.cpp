@@ -1,7 +1,8 @@
-// The self-test end to end: a real tevd with the self-test correlator
-// (TEVD_EXTRA_AGENTS=1) under a root made by `tevctl host init`, fed by
+// The self-test end to end: tevd-selftest (the daemon built with the
+// self-test correlator) under a root made by `tevctl host init`, fed by
 // `tevctl selftest`. The daemon prints PASS/FAIL lines on stdout and exits
-// with the number of failures, which is what these tests read.
+// with the number of failures, which is what these tests read. The
+// production tevd must not run the self-test whatever its environment says.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -21,12 +22,14 @@ struct SelftestRun {
 
 // Starts tevd, runs `tevctl selftest EXTRA...` against it and waits for the
 // daemon to end the run.
-SelftestRun RunSelftest(const std::vector<std::string> &extra) {
+SelftestRun RunSelftest(const std::vector<std::string> &extra,
+                        const std::string &bin = TevdSelftestBin(), int waitMs = 8000) {
   SelftestRun run;
   TempRoot root;
   RunResult init = RunTevctl(root.path(), {"host", "init"});
   EXPECT_EQ(init.status, 0) << init.err;
-  Child tevd({TevdBin()}, {{"TEVD_ROOT", root.path()}, {"TEVD_EXTRA_AGENTS", "1"}});
+  // The variable once switched the agents on; it must stay without effect.
+  Child tevd({bin}, {{"TEVD_ROOT", root.path()}, {"TEVD_EXTRA_AGENTS", "1"}});
   EXPECT_TRUE(tevd.started());
   std::vector<std::string> args = {"selftest", "--wait", "5"};
   args.insert(args.end(), extra.begin(), extra.end());
@@ -36,7 +39,7 @@ SelftestRun RunSelftest(const std::vector<std::string> &extra) {
   run.tevctlErr = post.err;
   // The correlator ends the process at the end marker; its own time-out
   // would end it after 5 s of silence.
-  run.tevdStatus = tevd.Wait(8000);
+  run.tevdStatus = tevd.Wait(waitMs);
   run.tevdOut = tevd.out();
   run.tevdErr = tevd.err();
   return run;
@@ -79,4 +82,13 @@ TEST(Selftest, ObservationInsideCorruptWindowFailsTheRun) {
   // The dropped observation consumed no row: all 21 still pass.
   EXPECT_EQ(CountOccurrences(run.tevdOut, "PASS: ["), 21u) << run.tevdOut;
   EXPECT_EQ(run.tevdStatus, 1) << run.tevdOut;
+}
+
+TEST(Selftest, ProductionDaemonIgnoresTheSequenceAndKeepsRunning) {
+  SelftestRun run = RunSelftest({}, TevdBin(), 1500);
+  ASSERT_EQ(run.tevctlStatus, 0) << run.tevctlErr;
+  EXPECT_EQ(run.tevdOut.find("PASS"), std::string::npos) << run.tevdOut;
+  EXPECT_EQ(run.tevdOut.find("Tests completed"), std::string::npos) << run.tevdOut;
+  // Still running at the end marker: the helper had to stop it.
+  EXPECT_EQ(run.tevdStatus, -1) << run.tevdOut << run.tevdErr;
 }

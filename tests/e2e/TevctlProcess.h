@@ -78,6 +78,9 @@ inline std::string BinaryPath(const char *envName, const char *rel) {
 }
 inline std::string TevctlBin() { return BinaryPath("TEVCTL_BIN", "tools/tevctl/tevctl"); }
 inline std::string TevdBin() { return BinaryPath("TEVD_BIN", "apps/tevd/tevd"); }
+inline std::string TevdSelftestBin() {
+  return BinaryPath("TEVD_SELFTEST_BIN", "apps/tevd/tevd-selftest");
+}
 
 // A private root directory, removed with everything in it at the end.
 class TempRoot {

@@ -205,15 +205,16 @@ TEST_F(KfsCorrelatorTest, AtsSupportLostKeepsItsOwnSpellingInTheLogLine) {
       << line;
 }
 
-TEST_F(KfsCorrelatorTest, ExtentOfflineWithNullDeviceIsDroppedNotPostedWithNull) {
-  // The library refuses a null string in every read, so the read fails and
-  // the event is lost; it must never reach the wire with a null device.
+TEST_F(KfsCorrelatorTest, NullDeviceOfExtentOfflineBecomesEmptyOthersStayNull) {
   Dispatch("tev.kfs.extent.offline", {MsgFmt_Value::NullStr(), S("ds1")});
-  EXPECT_EQ(events_.Count(), 0u);
-  Dispatch("tev.kfs.extent.offline", {S(""), S("ds1")});
+  // Extent online has no substitution: its null goes on as a null string.
+  Dispatch("tev.kfs.extent.online", {MsgFmt_Value::NullStr(), S("ds1")});
   std::vector<QprobMessage> got = events_.Take();
-  ASSERT_EQ(got.size(), 1u);
+  ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(tevdtest::ArgsText(got[0].args), (std::vector<std::string>{"S:", "S:ds1"}));
+  EXPECT_EQ(tevdtest::ArgsText(got[1].args), (std::vector<std::string>{"S:(null)", "S:ds1"}));
+  EXPECT_FALSE(got[0].args[0].isNull);
+  EXPECT_TRUE(got[1].args[0].isNull);
 }
 
 TEST_F(KfsCorrelatorTest, UnregisteredIdGoesToTheFallbackAndPostsNothing) {

@@ -178,6 +178,17 @@ TEST_F(UplinkTrackerTest, LinkDownAfterPortGroupLossSchedulesNoBareReport) {
   EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
 }
 
+TEST_F(UplinkTrackerTest, NullNamesAreIgnoredLikeUnreadableArguments) {
+  const MsgFmt_Value null = MsgFmt_Value::NullStr();
+  Feed("tev.net.pg.uplink.transition.down", {null, S("pg-mgmt"), I(0), I(99)});
+  Feed("tev.net.pg.uplink.transition.down", {S("hwnic1"), null, I(0), I(99)});
+  Feed("tev.net.dvport.uplink.transition.up", {S("hwnic1"), null, S("p"), I(1)});
+  Feed("tev.net.hwnic.linkstate.down", {null});
+  Feed("tev.net.uplink.watchdog.timeout", {null});
+  RunFor(10);
+  EXPECT_TRUE(TakeSeen().empty());
+}
+
 TEST_F(UplinkTrackerTest, BareLinkDownAndUpReportedAfterOneSecond) {
   Feed("tev.net.hwnic.linkstate.down", {S("hwnic6")});
   RunFor(1);

@@ -99,12 +99,21 @@ TEST(TevAccessors, IntArgAcceptsEveryIntegerTypeAndRefusesOthers) {
   EXPECT_EQ(22, Tev_GetIntArg(tev.get(), -1, &v));
 }
 
-TEST(TevAccessors, NullStringFailsBothStringAccessors) {
+TEST(TevAccessors, NullStringIsDeliveredAsANullPointer) {
   tevdtest::TevPtr tev = MakeTev("tev.t.x", {MsgFmt_Value::NullStr(), S("")});
   ASSERT_TRUE(tev);
   const char *str = reinterpret_cast<const char *>(1);
-  EXPECT_EQ(22, Tev_GetStringArg(tev.get(), 0, &str));
-  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%p", &str));
+  EXPECT_EQ(0, Tev_GetStringArg(tev.get(), 0, &str));
+  EXPECT_EQ(nullptr, str);
+  for (const char *format : {"%p %s", "%s %p"}) {
+    const char *a = reinterpret_cast<const char *>(1);
+    const char *b = nullptr;
+    EXPECT_EQ(0, Tev_GetArgs(tev.get(), 0, format, &a, &b)) << format;
+    EXPECT_EQ(nullptr, a) << format;
+    EXPECT_STREQ("", b) << format;
+  }
+  // A length modifier still makes a string conversion a mismatch.
+  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%ls", &str));
   ASSERT_EQ(0, Tev_GetStringArg(tev.get(), 1, &str));
   EXPECT_STREQ("", str);
   int32_t v;
@@ -232,10 +241,13 @@ TEST(TevRecordValidate, RandomDamageIsRefusedOrDecodesConsistently) {
     ASSERT_TRUE(tev);
     for (size_t i = 0; i < view.args.size(); i++) {
       const char *str = nullptr;
-      bool isString = view.args[i].type == MSGFMT_TYPE_STRING && !view.args[i].isNull;
+      bool isString = view.args[i].type == MSGFMT_TYPE_STRING;
       ASSERT_EQ(isString ? 0 : 22, Tev_GetStringArg(tev.get(), static_cast<int>(i), &str));
       if (isString) {
-        EXPECT_EQ(view.args[i].str, str);
+        EXPECT_EQ(view.args[i].isNull, str == nullptr);
+        if (str != nullptr) {
+          EXPECT_EQ(view.args[i].str, str);
+        }
       }
     }
   }

@@ -251,3 +251,34 @@ TEST_F(ScsiTranslationTest, MapHoldsTheThirtyThreeIdentifiers) {
 }
 
 }  // namespace
+
+namespace {
+
+// The device-state and limit handlers serve one observation each and never
+// look at the identifier: a record under another one still gets their event.
+TEST_F(ScsiTranslationTest, SingleObservationHandlersReadNoIdentifier) {
+  const struct {
+    TevHandler handler;
+    std::vector<MsgFmt_Value> args;
+    const char *eventId;
+  } cases[] = {
+      {TevdScsiCorrelatorDoDeviceOn, {S("naa.1")}, "kos.clear.scsi.device.state.on"},
+      {TevdScsiCorrelatorDoDeviceOff, {S("naa.1")}, "kos.problem.scsi.device.state.off"},
+      {TevdScsiCorrelatorDoDeviceOnline, {S("naa.1")},
+       "kos.clear.scsi.device.state.permanentloss.deviceonline"},
+      {TevdScsiCorrelatorDoPluggedBack, {S("naa.1")},
+       "kos.problem.scsi.device.state.permanentloss.pluggedback"},
+      {TevdScsiCorrelatorDoPathLimit, {I(4), S("p1")}, "kos.problem.scsi.scsipath.limitreached"},
+      {TevdScsiCorrelatorDoDeviceLimit, {I(4), S("NMP")}, "kos.problem.scsi.device.limitreached"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.eventId);
+    tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.unrelated", c.args);
+    c.handler(tev.get());
+    std::vector<QprobMessage> got = capture_.Take();
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ(c.eventId, got[0].id);
+  }
+}
+
+}  // namespace

@@ -260,6 +260,26 @@ TEST_F(ScsiPathTest, UnknownPathOrMissingArgumentsPostNothing) {
   EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.gone"));
 }
 
+// A null name cannot key a table or a host look-up: each stateful handler
+// treats it as an unreadable argument.
+TEST_F(ScsiPathTest, NullNamesAreUnreadableForTheStatefulHandlers) {
+  AddDevice("naa.1", 2);
+  AddPath("p1", "naa.1");
+  const MsgFmt_Value null = MsgFmt_Value::NullStr();
+  Obs("tev.scsi.scsipath.pathstate.dead", {null, S("on")});
+  Obs("tev.scsi.scsipath.pathstate.dead", {S("p1"), null});
+  Obs("tev.scsi.scsipath.add", {null});
+  Obs("tev.scsi.scsipath.por", {null});
+  Obs("tev.scsi.device.state.permanentloss", {null});
+  Obs("tev.scsi.device.thinprov.atquota", {null});
+  EXPECT_TRUE(Events().empty());
+  EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
+  EXPECT_EQ((std::vector<std::string>{"Failed to get path add remove path name: 22",
+                                      "Failed to get device name: 22",
+                                      "Failed to get thin provisioned device name: 22"}),
+            log_.TakeDiagnostics());
+}
+
 TEST_F(ScsiPathTest, PathUpWithStatusOutsideTheCodesIsFatal) {
   ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   AddPath("p1", "naa.1");

@@ -193,7 +193,6 @@ TEST_F(UserCorrelatorTest, MissingOrMistypedArgumentPostsNothing) {
       {"tev.user.test.test2", {S("x"), I(1)}},               // types swapped
       {"tev.user.test.test2", {}},
       {"tev.user.test.test1s", {I(5)}},                      // int for %s
-      {"tev.user.test.test1s", {MsgFmt_Value::NullStr()}},   // a null string is not a string
       {"tev.user.test.test1d", {S("5")}},                    // string for %d
       {"tev.user.dhclient.lease.none", {}},
       {"tev.user.account.locked", {S("eve"), I(5)}},         // highest index missing
@@ -207,6 +206,16 @@ TEST_F(UserCorrelatorTest, MissingOrMistypedArgumentPostsNothing) {
     Dispatch(b.tevId, b.in);
     EXPECT_EQ(events_.Count(), 0u);
   }
+}
+
+TEST_F(UserCorrelatorTest, NullStringIsPostedAsANullString) {
+  Dispatch("tev.user.test.test2", {I(4), MsgFmt_Value::NullStr()});
+  std::vector<QprobMessage> got = events_.Take();
+  ASSERT_EQ(got.size(), 1u);
+  ASSERT_EQ(got[0].args.size(), 2u);
+  EXPECT_EQ(got[0].args[0].bits, 4u);
+  EXPECT_EQ(got[0].args[1].type, static_cast<uint32_t>(MSGFMT_TYPE_STRING));
+  EXPECT_TRUE(got[0].args[1].isNull);
 }
 
 TEST_F(UserCorrelatorTest, FailedReadLogsNoLineOfItsOwn) {

@@ -21,8 +21,8 @@ namespace {
 const char kUsage[] =
     "Usage: tevctl selftest [--delay-ms MS] [--wait SEC] [--settle-ms MS]\n"
     "Posts the self-test sequence to the user-level context of the daemon\n"
-    "(start tevd with TEVD_EXTRA_AGENTS=1; it prints PASS/FAIL lines and exits\n"
-    "with the number of failures).\n"
+    "(run tevd-selftest, the daemon built with the self-test agents; it prints\n"
+    "PASS/FAIL lines and exits with the number of failures).\n"
     "  --delay-ms MS  pause between two posts\n"
     "  --wait SEC     retry connecting for up to SEC seconds while tevd starts\n"
     "  --settle-ms MS with --wait, pause MS (default 300) after connecting so\n"

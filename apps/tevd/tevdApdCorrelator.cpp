@@ -6,58 +6,31 @@
 #include "tevdApdCorrelator.h"
 
 #include "tevdLog.h"
-#include "tevdQprob.h"
+#include "tevdTranslate.h"
 
 namespace {
 
-struct ApdTranslation {
-  const char *id;
-  EventClass cls;
-  bool withSeconds;   // integer 1 = seconds spent in the all-paths-down state
-  const char *templ;
-};
-
-const ApdTranslation kApdTranslations[] = {
-    {"tev.storage.apd.start", Problem, false,
+// Registration order. String 0 is the identifier; integer 1 of the timeout
+// is the seconds spent in the all-paths-down state.
+constexpr TevdRow kApdRows[] = {
+    {"tev.storage.apd.start", TevdApdCorrelatorDoTranslation, Problem, TevdRead::ByIndex, "s", "",
      "@&!*@*@(kos.problem.storage.apd.start)Device or filesystem with identifier [%s] has "
      "entered the All Paths Down state."},
-    {"tev.storage.apd.exit", Clear, false,
+    {"tev.storage.apd.exit", TevdApdCorrelatorDoTranslation, Clear, TevdRead::ByIndex, "s", "",
      "@&!*@*@(kos.clear.storage.apd.exit)Device or filesystem with identifier [%s] has exited "
      "the All Paths Down state."},
-    {"tev.storage.apd.timeout", Problem, true,
+    {"tev.storage.apd.timeout", TevdApdCorrelatorDoTranslation, Problem, TevdRead::ByIndex, "sd",
+     "",
      "@&!*@*@(kos.problem.storage.apd.timeout)Device or filesystem with identifier [%s] has "
      "entered the All Paths Down Timeout state after being in the All Paths Down state for %d "
      "seconds. I/Os will now be fast failed."},
 };
+static_assert(TevdTranslate_FirstBadRow(kApdRows) == -1, "an APD row does not fit its template");
 
 }  // namespace
 
 int TevdApdCorrelatorDoTranslation(Tev *tev) {
-  const char *id = nullptr;
-  if (Tev_GetID(tev, &id) != 0 || id == nullptr) {
-    TevdLog("FAIL: Received NULL tevID\n");
-    return -1;
-  }
-  for (const ApdTranslation &row : kApdTranslations) {
-    if (!Tev_IsID(id, row.id)) {
-      continue;
-    }
-    const char *identifier = nullptr;
-    if (Tev_GetStringArg(tev, 0, &identifier) != 0) {
-      return 0;
-    }
-    if (!row.withSeconds) {
-      TevdQprob_Post(0, row.cls, row.templ, identifier);
-      return 0;
-    }
-    int32_t seconds = 0;
-    if (Tev_GetIntArg(tev, 1, &seconds) != 0) {
-      return 0;
-    }
-    TevdQprob_Post(0, row.cls, row.templ, identifier, seconds);
-    return 0;
-  }
-  return 0;
+  return TevdTranslate_ById(tev, kApdRows, TevdApdCorrelatorDoTranslation, true);
 }
 
 int TevdApdCorrelatorDoDefault(Tev *tev) {
@@ -70,13 +43,7 @@ int TevdApdCorrelatorDoDefault(Tev *tev) {
   return 0;
 }
 
-TevHandlerMap TevdApdCorrelator_BuildMap(void) {
-  TevHandlerMap map;
-  for (const ApdTranslation &row : kApdTranslations) {
-    map[row.id] = TevdApdCorrelatorDoTranslation;
-  }
-  return map;
-}
+TevHandlerMap TevdApdCorrelator_BuildMap(void) { return TevdTranslate_BuildMap(kApdRows); }
 
 void TevdCorrelator_StartAPD(void) {
   TevdCorrelator_Start("APD", "storage.apd", TevdApdCorrelatorDoDefault,

@@ -8,6 +8,7 @@
 #include "ScsiTestLog.h"
 #include "TevdTestSupport.h"
 #include "tevdApdCorrelator.h"
+#include "tevdIscsiCorrelator.h"
 
 using tevdtest::I;
 using tevdtest::S;

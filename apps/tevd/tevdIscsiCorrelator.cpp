@@ -45,7 +45,8 @@ constexpr TevdRow kIscsiRows[] = {
      "@&!*@*@(kos.problem.storage.iscsi.isns.discovery.error)iSns discovery to %s on %s failed. "
      "(%s : %s)."},
 };
-static_assert(TevdTranslate_FirstBadRow(kIscsiRows) == -1, "an iSCSI row does not fit its template");
+static_assert(TevdTranslate_FirstBadRow(kIscsiRows) == -1,
+              "an iSCSI row does not fit its template");
 
 }  // namespace
 

@@ -57,7 +57,9 @@ constexpr TevdRow kScsiRows[] = {
      {SCSI_DEVICE_NAME_FAILED}},
     // The two blanks after "Device: %s" belong to these two texts.
     {"tev.scsi.device.state.off", TevdScsiCorrelatorDoDeviceOff, Problem, TevdRead::ByIndex, "s",
-     "", "@&!*@*@(kos.problem.scsi.device.state.off)Device: %s  has been turned off administratively",
+     "",
+     "@&!*@*@(kos.problem.scsi.device.state.off)Device: %s  has been turned off "
+     "administratively",
      {SCSI_DEVICE_NAME_FAILED}},
     {"tev.scsi.device.state.on", TevdScsiCorrelatorDoDeviceOn, Clear, TevdRead::ByIndex, "s", "",
      "@&!*@*@(kos.clear.scsi.device.state.on)Device: %s  has been turned on administratively",

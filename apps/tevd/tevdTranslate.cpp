@@ -47,7 +47,10 @@ int ReadOneCall(Tev *tev, const char *kinds, int n, RawArg *raw) {
   void *out[TEVD_TRANSLATE_MAX_ARGS] = {};
   size_t used = 0;
   for (int i = 0; i < n; ++i) {
-    const char *conv = kinds[i] == 's' ? "%p" : kinds[i] == 'd' ? "%d" : kinds[i] == 'l' ? "%lu" : "%u";
+    const char *conv = kinds[i] == 's'   ? "%p"
+                       : kinds[i] == 'd' ? "%d"
+                       : kinds[i] == 'l' ? "%lu"
+                                         : "%u";   // u, h
     used += static_cast<size_t>(
         snprintf(format + used, sizeof format - used, i == 0 ? "%s" : " %s", conv));
     out[i] = &raw[i];
@@ -136,9 +139,12 @@ int TevdTranslate_Row(Tev *tev, const TevdRow &row, const char *id) {
   }
   PostArg args[TEVD_TRANSLATE_MAX_ARGS];
   char hexText[TEVD_TRANSLATE_MAX_ARGS][5];
+  // The conversions after the event identifier, as the compile-time check
+  // counted them; each value takes the C type its conversion reads.
   const char *text = strchr(row.templ, ')');
   int k = 0;
-  for (const char *p = text != nullptr ? text : row.templ; *p != '\0' && k < TEVD_TRANSLATE_MAX_ARGS; ++p) {
+  for (const char *p = text != nullptr ? text : row.templ;
+       *p != '\0' && k < TEVD_TRANSLATE_MAX_ARGS; ++p) {
     if (*p != '%') {
       continue;
     }

@@ -10,8 +10,11 @@
 
 namespace {
 
-#define USER_ROW(tev, cls, ev, kinds, text) \
-  { tev, TevdUserCorrelatorTranslate, cls, TevdRead::ByIndexDown, kinds, "", "@&!*@*@(" ev ")" text }
+#define USER_ROW(tev, cls, ev, kinds, text)                                  \
+  {                                                                         \
+    tev, TevdUserCorrelatorTranslate, cls, TevdRead::ByIndexDown, kinds, "", \
+        "@&!*@*@(" ev ")" text                                              \
+  }
 
 constexpr TevdRow kUserRows[] = {
     // Problems.
@@ -181,7 +184,8 @@ constexpr bool IdsAreUserLevel() {
   return true;
 }
 static_assert(IdsAreUserLevel(), "a user-level row's identifier is outside tev.user.");
-static_assert(TevdTranslate_FirstBadRow(kUserRows) == -1, "a user-level row does not fit its template");
+static_assert(TevdTranslate_FirstBadRow(kUserRows) == -1,
+              "a user-level row does not fit its template");
 
 }  // namespace
 

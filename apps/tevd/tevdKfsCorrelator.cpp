@@ -16,7 +16,6 @@
 #include "tevdQprob.h"
 
 #define KFS_UUID_FMT "%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx"
-#define KFS_SOURCE "apps/tevd/tevdKfsCorrelator"
 
 namespace {
 
@@ -240,7 +239,7 @@ int TevdKfsCorrelatorDoVolumeNameAndLabel(Tev *tev) {
     TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.heartbeat.corruptondisk)%s %s", u.text,
                    label);
   } else {
-    Panic("NOT_REACHED %s:%d\n", KFS_SOURCE, 142);
+    TevdNotReached("apps/tevd/tevdKfsCorrelator", 142);
   }
   return 0;
 }
@@ -264,7 +263,7 @@ int TevdKfsCorrelatorDoNFSVolume(Tev *tev) {
     TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.nfs.server.restored)%s %s %s %s", first,
                    second, u.text, last);
   } else {
-    Panic("NOT_REACHED %s:%d\n", KFS_SOURCE, 646);
+    TevdNotReached("apps/tevd/tevdKfsCorrelator", 646);
   }
   return 0;
 }

@@ -174,6 +174,8 @@ void Panic(const char *format, ...) {
   abort();
 }
 
+void TevdNotReached(const char *source, int line) { Panic("NOT_REACHED %s:%d\n", source, line); }
+
 void TevdLog_TevParts(const char *id, const char *msg, uint64_t timestampUs) {
   TevdLog("[%s] %luus: [%s] %s\n", VThreadBase_CurName(), static_cast<unsigned long>(timestampUs),
           id != nullptr ? id : "(null)", msg != nullptr ? msg : "(null)");

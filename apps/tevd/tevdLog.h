@@ -11,6 +11,9 @@
 void TevdLog(const char *format, ...) TEV_PRINTF(1, 2);
 void TevdLogV(const char *format, va_list ap) TEV_PRINTF(1, 0);
 [[noreturn]] void Panic(const char *format, ...) TEV_PRINTF(1, 2);
+// An internal inconsistency: Panic("NOT_REACHED %s:%d\n") with the source
+// tag ("apps/tevd/tevdKfsCorrelator") and the line number it is known by.
+[[noreturn]] void TevdNotReached(const char *source, int line);
 // Fills `buf` (32 bytes) with "YYYY-MM-DDThh:mm:ss.mmmZ: "; returns its length.
 int TevdLog_TimePrefix(char *buf, size_t size, bool withMillis);
 // "[%s] %luus: [%s] %s\n" with the thread name, time stamp, identifier, message.

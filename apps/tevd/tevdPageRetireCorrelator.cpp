@@ -23,8 +23,6 @@
 
 namespace {
 
-const char kSource[] = "apps/tevd/tevdPageRetireCorrelator";
-
 const char kIdThreshold[] = "tev.pageretire.selectedmpnthreshold.host.exceeded";
 const char kIdNotRetired[] = "tev.pageretire.selectedbutnotretired.high";
 const char kIdPlatformRequest[] = "tev.pageretire.platform.retire.request";
@@ -135,12 +133,12 @@ void TevdPageRetireCorrelator_Init(void) {
     MtlCtl::Util::Sysinfo(KNO_NODE_system_pageRetire_threshold).Get(&threshold, sizeof threshold);
     gThreshold = threshold;
   } catch (...) {
-    Panic("NOT_REACHED %s:%d\n", kSource, 178);
+    TevdNotReached("apps/tevd/tevdPageRetireCorrelator", 178);
   }
   try {
     gThresholdInterval = ReadPageRetireOption("ThresholdInterval");
   } catch (...) {
-    Panic("NOT_REACHED %s:%d\n", kSource, 189);
+    TevdNotReached("apps/tevd/tevdPageRetireCorrelator", 189);
   }
   gNotRetiredReported = false;
   // Empty at process start; cleared so that a test's run starts fresh too.
@@ -207,7 +205,7 @@ int TevdPageRetireCorrelatorPlatformRequest(Tev *tev) {
   try {
     enabled = ReadPageRetireOption("ApeiLoggingEnabled");
   } catch (const HostCtl::Lib::HostCtlException &) {
-    Panic("NOT_REACHED %s:%d\n", kSource, 126);
+    TevdNotReached("apps/tevd/tevdPageRetireCorrelator", 126);
   }
   if (enabled == 0) {
     return 0;

@@ -190,7 +190,7 @@ void TevdQprob_Post(int flags, EventClass cls, const char *templ, ...) {
       skip = 20;
       break;
     default:
-      Panic("NOT_REACHED %s:%d\n", "apps/tevd/tevdQprob", 608);
+      TevdNotReached("apps/tevd/tevdQprob", 608);
   }
   // Every template carries ")" after the identifier; the scan is unbounded.
   const char *start = templ + skip;

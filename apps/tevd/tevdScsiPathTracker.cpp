@@ -208,7 +208,7 @@ int TevdScsiCorrelatorDoPathUp(Tev *tev) {
     case 1:
       break;   // still no path: nothing to clear yet
     default:
-      Panic("NOT_REACHED %s:%d\n", "apps/tevd/tevdScsiCorrelator", 1018);
+      TevdNotReached("apps/tevd/tevdScsiCorrelator", 1018);
   }
   return 0;
 }

@@ -212,7 +212,7 @@ int TevdTranslate_Only(Tev *tev, TevdRows rows, TevHandler handler) {
       return TevdTranslate_Row(tev, row, row.tevId);
     }
   }
-  Panic("NOT_REACHED %s:%d\n", "apps/tevd/tevdTranslate", __LINE__);
+  TevdNotReached("apps/tevd/tevdTranslate", __LINE__);
 }
 
 TevHandlerMap TevdTranslate_BuildMap(TevdRows rows) {

@@ -82,7 +82,7 @@ int TevdUtil_CompactFormat(const char *format, char *out, size_t outSize) {
         state = State::Text;
         break;
       default:
-        Panic("NOT_REACHED %s:%d\n", "apps/tevd/tevdUtil", 260);
+        TevdNotReached("apps/tevd/tevdUtil", 260);
     }
   }
   if (state != State::Text) {

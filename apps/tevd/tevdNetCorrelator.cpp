@@ -251,8 +251,8 @@ void TevdNetCorrelatorAlarmFired(void) {
 }
 
 bool TevdNetCorrelator_Prepare(int *readFd) {
-  tevdNetAlarmId = TevdAlarm_Register(TevdNetCorrelatorAlarmFired);
-  if (tevdNetAlarmId == -1) {
+  tevdNet.tevdNetAlarmId = TevdAlarm_Register(TevdNetCorrelatorAlarmFired);
+  if (tevdNet.tevdNetAlarmId == -1) {
     return false;
   }
   if (pipe(netPipe) != 0) {
@@ -282,14 +282,5 @@ void TevdNetCorrelator_ResetForTest(void) {
       fd = -1;
     }
   }
-  hwnicStates.clear();
-  hwnicAlarms.clear();
-  pgDownInfo.clear();
-  pgUpInfo.clear();
-  dvPortDownInfo.clear();
-  dvPortUpInfo.clear();
-  hwnicFlapHistory.clear();
-  tevdNetAlarmId = -1;
-  alarmDuration = 0;
-  alarmArmedAt = 0;
+  tevdNet = TevdNetTracker();
 }

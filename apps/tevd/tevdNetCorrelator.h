@@ -67,15 +67,22 @@ struct DvPortInfo {
   int32_t uplinks;
 };
 
-extern std::map<std::string, HwnicStateType> hwnicStates;
-extern std::map<std::string, std::vector<HwnicAlarmInfo>> hwnicAlarms;
-extern std::map<std::string, std::vector<PortgroupInfo>> pgDownInfo;
-extern std::map<std::string, std::vector<PortgroupInfo>> pgUpInfo;
-extern std::map<std::string, std::vector<DvPortInfo>> dvPortDownInfo;
-extern std::map<std::string, std::vector<DvPortInfo>> dvPortUpInfo;
-extern int tevdNetAlarmId;          // alarm slot armed by the tracker; -1 = none
-extern uint64_t alarmDuration;      // seconds the alarm was last armed for
-extern uint64_t alarmArmedAt;       // when (wall-clock seconds)
+// The tracker's state: used on the "net" agent thread only (the alarm
+// callback only writes to the wake-up pipe), hence no lock.
+struct TevdNetTracker {
+  std::map<std::string, HwnicStateType> hwnicStates;
+  std::map<std::string, std::vector<HwnicAlarmInfo>> hwnicAlarms;
+  std::map<std::string, std::vector<PortgroupInfo>> pgDownInfo;
+  std::map<std::string, std::vector<PortgroupInfo>> pgUpInfo;
+  std::map<std::string, std::vector<DvPortInfo>> dvPortDownInfo;
+  std::map<std::string, std::vector<DvPortInfo>> dvPortUpInfo;
+  int tevdNetAlarmId = -1;          // alarm slot armed by the tracker; -1 = none
+  uint64_t alarmDuration = 0;       // seconds the alarm was last armed for
+  uint64_t alarmArmedAt = 0;        // when (wall-clock seconds)
+  // Link flapping: link-down times per NIC, oldest first.
+  std::map<std::string, std::deque<int64_t>> hwnicFlapHistory;
+};
+extern TevdNetTracker tevdNet;
 
 int TevdNetCorrelatorPgUplinkDown(Tev *tev);
 int TevdNetCorrelatorPgUplinkUp(Tev *tev);
@@ -94,7 +101,6 @@ void TevdNetCorrelatorReportDvportDown(const std::string &nic);
 std::string TevdNetCorrelatorSwitchName(const std::string &portGroup);
 
 // ---- link flapping -------------------------------------------------------------
-extern std::map<std::string, std::deque<int64_t>> hwnicFlapHistory;
 void TevdNetCorrelatorNoteLinkDown(const std::string &nic);
 
 // ---- test support ----------------------------------------------------------------

@@ -16,8 +16,6 @@
 #include "tevdNetCorrelator.h"
 #include "tevdQprob.h"
 
-std::map<std::string, std::deque<int64_t>> hwnicFlapHistory;
-
 namespace {
 
 constexpr int64_t kFlapWindowSeconds = 60;
@@ -54,7 +52,7 @@ bool TakeNicDown(const std::string &nic) {
 
 void TevdNetCorrelatorNoteLinkDown(const std::string &nic) {
   int64_t now = static_cast<int64_t>(TevClock_Time());
-  std::deque<int64_t> &history = hwnicFlapHistory[nic];
+  std::deque<int64_t> &history = tevdNet.hwnicFlapHistory[nic];
   history.push_back(now);
   // A time exactly 60 s old still counts.
   while (!history.empty() && history.front() < now - kFlapWindowSeconds) {

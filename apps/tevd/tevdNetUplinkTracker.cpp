@@ -31,15 +31,7 @@
 #include "tevdQprob.h"
 #include "tevdUtil.h"
 
-std::map<std::string, HwnicStateType> hwnicStates;
-std::map<std::string, std::vector<HwnicAlarmInfo>> hwnicAlarms;
-std::map<std::string, std::vector<PortgroupInfo>> pgDownInfo;
-std::map<std::string, std::vector<PortgroupInfo>> pgUpInfo;
-std::map<std::string, std::vector<DvPortInfo>> dvPortDownInfo;
-std::map<std::string, std::vector<DvPortInfo>> dvPortUpInfo;
-int tevdNetAlarmId = -1;
-uint64_t alarmDuration = 0;
-uint64_t alarmArmedAt = 0;
+TevdNetTracker tevdNet;
 
 namespace {
 
@@ -51,17 +43,17 @@ uint64_t NowSeconds() {
 
 // Testing a bit of an unknown NIC must not insert it.
 bool HasAny(const std::string &nic, HwnicStateType bits) {
-  auto it = hwnicStates.find(nic);
-  return it != hwnicStates.end() && (it->second & bits) != 0;
+  auto it = tevdNet.hwnicStates.find(nic);
+  return it != tevdNet.hwnicStates.end() && (it->second & bits) != 0;
 }
 
-void ClearBits(const std::string &nic, HwnicStateType bits) { hwnicStates[nic] &= ~bits; }
+void ClearBits(const std::string &nic, HwnicStateType bits) { tevdNet.hwnicStates[nic] &= ~bits; }
 
 void ArmAlarm(uint32_t seconds, uint64_t now) {
   unsigned remaining = 0;
-  TevdAlarm_Set(tevdNetAlarmId, 0, seconds, &remaining);
-  alarmDuration = seconds;
-  alarmArmedAt = now;
+  TevdAlarm_Set(tevdNet.tevdNetAlarmId, 0, seconds, &remaining);
+  tevdNet.alarmDuration = seconds;
+  tevdNet.alarmArmedAt = now;
 }
 
 // "\"A\", \"B\", \"C\""
@@ -110,8 +102,8 @@ void PostLinkDown(const std::string &nic) {
 }
 
 void ReportPortgroupUp(const std::string &nic) {
-  auto it = pgUpInfo.find(nic);
-  if (it == pgUpInfo.end()) {
+  auto it = tevdNet.pgUpInfo.find(nic);
+  if (it == tevdNet.pgUpInfo.end()) {
     return;
   }
   ClearBits(nic, HWNIC_PG_UP);
@@ -135,12 +127,12 @@ void ReportPortgroupUp(const std::string &nic) {
                    "switch %s, portgroups: %s. Physical NIC %s is up",
                    vswitch.c_str(), QuotedList(lists.redundancy).c_str(), nic.c_str());
   }
-  pgUpInfo.erase(it);
+  tevdNet.pgUpInfo.erase(it);
 }
 
 void ReportDvportUp(const std::string &nic) {
-  auto it = dvPortUpInfo.find(nic);
-  if (it == dvPortUpInfo.end()) {
+  auto it = tevdNet.dvPortUpInfo.find(nic);
+  if (it == tevdNet.dvPortUpInfo.end()) {
     return;
   }
   ClearBits(nic, HWNIC_DVPORT_UP);
@@ -160,15 +152,15 @@ void ReportDvportUp(const std::string &nic) {
                    "DVPorts: %s. Physical NIC %s is up",
                    QuotedList(lists.redundancy).c_str(), nic.c_str());
   }
-  dvPortUpInfo.erase(it);
+  tevdNet.dvPortUpInfo.erase(it);
 }
 
 // The watchdog's own expiry: report what is still held back, or fold a
 // down-and-up episode into one transient-failure event. The watchdog bit is
 // only ever cleared by that full reset.
 void HandleWatchdogExpiry(const std::string &nic) {
-  auto found = hwnicStates.find(nic);
-  HwnicStateType bits = found == hwnicStates.end() ? 0 : found->second;
+  auto found = tevdNet.hwnicStates.find(nic);
+  HwnicStateType bits = found == tevdNet.hwnicStates.end() ? 0 : found->second;
   bool down = (bits & (HWNIC_PG_DOWN | HWNIC_DVPORT_DOWN | HWNIC_LINK_DOWN)) != 0;
   bool up = (bits & (HWNIC_PG_UP | HWNIC_DVPORT_UP | HWNIC_LINK_UP)) != 0;
   if (!up && down) {
@@ -183,16 +175,16 @@ void HandleWatchdogExpiry(const std::string &nic) {
     }
   } else if (up && down) {
     if (bits & HWNIC_PG_DOWN) {
-      pgDownInfo.erase(nic);
+      tevdNet.pgDownInfo.erase(nic);
     } else if (bits & HWNIC_DVPORT_DOWN) {
-      dvPortDownInfo.erase(nic);
+      tevdNet.dvPortDownInfo.erase(nic);
     }
     if (bits & HWNIC_PG_UP) {
-      pgUpInfo.erase(nic);
+      tevdNet.pgUpInfo.erase(nic);
     } else if (bits & HWNIC_DVPORT_UP) {
-      dvPortUpInfo.erase(nic);
+      tevdNet.dvPortUpInfo.erase(nic);
     }
-    hwnicStates[nic] = 0;
+    tevdNet.hwnicStates[nic] = 0;
     TevdQprob_Post(0, Problem,
                    "@&!*@*@(kos.problem.net.hwnic.watchdog.reset)Uplink %s has recovered from a transient "
                    "failure due to watchdog timeout",
@@ -263,27 +255,27 @@ std::string TevdNetCorrelatorSwitchName(const std::string &portGroup) {
 
 void TevdNetCorrelatorSchedule(uint32_t timeout, const std::string &nic, HwnicStateType bit) {
   uint64_t now = NowSeconds();
-  hwnicStates[nic] |= bit;
-  if (hwnicAlarms.empty()) {
+  tevdNet.hwnicStates[nic] |= bit;
+  if (tevdNet.hwnicAlarms.empty()) {
     ArmAlarm(timeout, now);
   } else {
     // Unsigned 32-bit on purpose: an alarm re-armed here may fire later than
     // the new entry's expiry; the next pass then finds it expired.
-    uint32_t d = static_cast<uint32_t>(timeout - alarmArmedAt + now);
-    if (d < alarmDuration) {
+    uint32_t d = static_cast<uint32_t>(timeout - tevdNet.alarmArmedAt + now);
+    if (d < tevdNet.alarmDuration) {
       ArmAlarm(d, now);
     }
   }
-  hwnicAlarms[nic].push_back(HwnicAlarmInfo{bit, timeout, now});
+  tevdNet.hwnicAlarms[nic].push_back(HwnicAlarmInfo{bit, timeout, now});
 }
 
 void TevdNetCorrelator_ProcessTimeouts(void) {
-  if (hwnicAlarms.empty()) {
+  if (tevdNet.hwnicAlarms.empty()) {
     return;
   }
   uint64_t now = NowSeconds();
   uint64_t next = std::numeric_limits<uint64_t>::max();
-  for (auto it = hwnicAlarms.begin(); it != hwnicAlarms.end();) {
+  for (auto it = tevdNet.hwnicAlarms.begin(); it != tevdNet.hwnicAlarms.end();) {
     const std::string &nic = it->first;
     std::vector<HwnicAlarmInfo> &entries = it->second;
     for (size_t i = 0; i < entries.size();) {
@@ -298,7 +290,7 @@ void TevdNetCorrelator_ProcessTimeouts(void) {
       }
     }
     if (entries.empty()) {
-      it = hwnicAlarms.erase(it);
+      it = tevdNet.hwnicAlarms.erase(it);
     } else {
       ++it;
     }
@@ -309,8 +301,8 @@ void TevdNetCorrelator_ProcessTimeouts(void) {
 }
 
 void TevdNetCorrelatorReportPortgroupDown(const std::string &nic) {
-  auto it = pgDownInfo.find(nic);
-  if (it == pgDownInfo.end()) {
+  auto it = tevdNet.pgDownInfo.find(nic);
+  if (it == tevdNet.pgDownInfo.end()) {
     return;
   }
   ClearBits(nic, HWNIC_PG_DOWN);
@@ -341,12 +333,12 @@ void TevdNetCorrelatorReportPortgroupDown(const std::string &nic) {
                    "switch %s. Physical NIC %s is down. Affected port groups: %s",
                    vswitch.c_str(), nic.c_str(), QuotedList(lists.degraded).c_str());
   }
-  pgDownInfo.erase(it);
+  tevdNet.pgDownInfo.erase(it);
 }
 
 void TevdNetCorrelatorReportDvportDown(const std::string &nic) {
-  auto it = dvPortDownInfo.find(nic);
-  if (it == dvPortDownInfo.end()) {
+  auto it = tevdNet.dvPortDownInfo.find(nic);
+  if (it == tevdNet.dvPortDownInfo.end()) {
     return;
   }
   ClearBits(nic, HWNIC_DVPORT_DOWN);
@@ -372,7 +364,7 @@ void TevdNetCorrelatorReportDvportDown(const std::string &nic) {
                    "DVPorts: %s. Physical NIC %s is down.",
                    QuotedList(lists.degraded).c_str(), nic.c_str());
   }
-  dvPortDownInfo.erase(it);
+  tevdNet.dvPortDownInfo.erase(it);
 }
 
 // ---- handlers ----------------------------------------------------------------
@@ -386,10 +378,10 @@ int TevdNetCorrelatorPgUplinkDown(Tev *tev) {
       Tev_GetIntArg(tev, 2, &uplinks) != 0 || Tev_GetIntArg(tev, 3, &extra) != 0) {
     return 0;
   }
-  if (pgDownInfo.find(nic) == pgDownInfo.end()) {
+  if (tevdNet.pgDownInfo.find(nic) == tevdNet.pgDownInfo.end()) {
     TevdNetCorrelatorSchedule(2, nic, HWNIC_PG_DOWN);
   }
-  pgDownInfo[nic].push_back(PortgroupInfo{pg, extra, uplinks});
+  tevdNet.pgDownInfo[nic].push_back(PortgroupInfo{pg, extra, uplinks});
   return 0;
 }
 
@@ -401,10 +393,10 @@ int TevdNetCorrelatorPgUplinkUp(Tev *tev) {
       Tev_GetIntArg(tev, 2, &uplinks) != 0) {
     return 0;
   }
-  if (pgUpInfo.find(nic) == pgUpInfo.end()) {
+  if (tevdNet.pgUpInfo.find(nic) == tevdNet.pgUpInfo.end()) {
     TevdNetCorrelatorSchedule(2, nic, HWNIC_PG_UP);
   }
-  pgUpInfo[nic].push_back(PortgroupInfo{pg, 0, uplinks});
+  tevdNet.pgUpInfo[nic].push_back(PortgroupInfo{pg, 0, uplinks});
   return 0;
 }
 
@@ -419,10 +411,10 @@ int TevdNetCorrelatorDvportUplinkDown(Tev *tev) {
       Tev_GetIntArg(tev, 4, &extra) != 0) {
     return 0;
   }
-  if (dvPortDownInfo.find(nic) == dvPortDownInfo.end()) {
+  if (tevdNet.dvPortDownInfo.find(nic) == tevdNet.dvPortDownInfo.end()) {
     TevdNetCorrelatorSchedule(2, nic, HWNIC_DVPORT_DOWN);
   }
-  dvPortDownInfo[nic].push_back(DvPortInfo{first, second, extra, uplinks});
+  tevdNet.dvPortDownInfo[nic].push_back(DvPortInfo{first, second, extra, uplinks});
   return 0;
 }
 
@@ -435,10 +427,10 @@ int TevdNetCorrelatorDvportUplinkUp(Tev *tev) {
       TevdUtil_GetNameArg(tev, 2, &second) != 0 || Tev_GetIntArg(tev, 3, &uplinks) != 0) {
     return 0;
   }
-  if (dvPortUpInfo.find(nic) == dvPortUpInfo.end()) {
+  if (tevdNet.dvPortUpInfo.find(nic) == tevdNet.dvPortUpInfo.end()) {
     TevdNetCorrelatorSchedule(2, nic, HWNIC_DVPORT_UP);
   }
-  dvPortUpInfo[nic].push_back(DvPortInfo{first, second, 0, uplinks});
+  tevdNet.dvPortUpInfo[nic].push_back(DvPortInfo{first, second, 0, uplinks});
   return 0;
 }
 

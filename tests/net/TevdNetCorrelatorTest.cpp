@@ -237,7 +237,7 @@ TEST_F(NetCorrelatorTest, AlarmCallbackWritesFooAndItsNulIntoOwnPipe) {
   int fd = -1;
   ASSERT_TRUE(TevdNetCorrelator_Prepare(&fd));
   ASSERT_GE(fd, 0);
-  ASSERT_GE(tevdNetAlarmId, 0);
+  ASSERT_GE(tevdNet.tevdNetAlarmId, 0);
   char buf[16] = {};
   EXPECT_EQ(ReadPipe(fd, buf, sizeof buf), 0);
   TevdNetCorrelatorAlarmFired();
@@ -279,7 +279,7 @@ TEST_F(NetCorrelatorTest, NoFreeAlarmSlotGivesUpWithoutPipeOrAgent) {
   int fd = -7;
   EXPECT_FALSE(TevdNetCorrelator_Prepare(&fd));
   EXPECT_EQ(fd, -7);
-  EXPECT_EQ(tevdNetAlarmId, -1);
+  EXPECT_EQ(tevdNet.tevdNetAlarmId, -1);
   EXPECT_EQ(OpenFdCount(), before);
   // Returns at once instead of becoming the agent loop.
   TevdCorrelator_StartNet();

@@ -38,7 +38,7 @@ class LinkFlapTest : public ::testing::Test {
       TevdNetCorrelatorNoteLinkDown("hwnic0");
     }
   }
-  size_t History() { return hwnicFlapHistory["hwnic0"].size(); }
+  size_t History() { return tevdNet.hwnicFlapHistory["hwnic0"].size(); }
   bool NodeWritten(std::string *value) { return root_.Read(kNode, value); }
 
   tevdtest::ScratchRoot root_;
@@ -126,7 +126,7 @@ TEST_F(LinkFlapTest, HistoriesAreKeptPerNic) {
   TevdNetCorrelatorNoteLinkDown("hwnic1");
   DownsAt({2});
   EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_EQ(hwnicFlapHistory["hwnic1"].size(), 2u);
+  EXPECT_EQ(tevdNet.hwnicFlapHistory["hwnic1"].size(), 2u);
   EXPECT_EQ(History(), 3u);
 }
 

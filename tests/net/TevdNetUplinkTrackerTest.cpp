@@ -78,8 +78,8 @@ class UplinkTrackerTest : public ::testing::Test {
     return out;
   }
   HwnicStateType Bits(const std::string &nic) {
-    auto it = hwnicStates.find(nic);
-    return it == hwnicStates.end() ? 0 : it->second;
+    auto it = tevdNet.hwnicStates.find(nic);
+    return it == tevdNet.hwnicStates.end() ? 0 : it->second;
   }
 
   tevdtest::ScratchRoot root_;
@@ -108,7 +108,7 @@ TEST_F(UplinkTrackerTest, LossWithZeroOneAndThreeUplinksGivesThreeClassesInOrder
   EXPECT_EQ(seen[2].id, "kos.problem.net.redundancy.degraded");
   EXPECT_EQ(seen[2].args, (std::vector<std::string>{"S:ksw0", "S:hwnic1", "S:\"pg-storage\""}));
   EXPECT_EQ(Bits("hwnic1") & HWNIC_PG_DOWN, 0u);
-  EXPECT_EQ(pgDownInfo.count("hwnic1"), 0u);
+  EXPECT_EQ(tevdNet.pgDownInfo.count("hwnic1"), 0u);
   RunFor(10);
   EXPECT_TRUE(TakeSeen().empty());
 }
@@ -137,7 +137,7 @@ TEST_F(UplinkTrackerTest, RestoreUsesOneForConnectivityAndTwoForRedundancyAndSki
   EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:ksw0", "S:\"pg guests\"", "S:hwnic3"}));
   EXPECT_EQ(seen[1].id, "kos.clear.net.redundancy.restored");
   EXPECT_EQ(seen[1].args, (std::vector<std::string>{"S:ksw0", "S:\"pg-storage\"", "S:hwnic3"}));
-  EXPECT_EQ(pgUpInfo.count("hwnic3"), 0u);
+  EXPECT_EQ(tevdNet.pgUpInfo.count("hwnic3"), 0u);
 }
 
 TEST_F(UplinkTrackerTest, RestoreWithOnlyZeroUplinksPostsNothing) {
@@ -150,13 +150,13 @@ TEST_F(UplinkTrackerTest, UnknownSwitchNamePostsNothingAndKeepsRecords) {
   PgDown("hwnic4", "Orphan PG", 0);
   RunFor(3);
   EXPECT_TRUE(TakeSeen().empty());
-  ASSERT_EQ(pgDownInfo.count("hwnic4"), 1u);
-  EXPECT_EQ(pgDownInfo["hwnic4"].size(), 1u);
+  ASSERT_EQ(tevdNet.pgDownInfo.count("hwnic4"), 1u);
+  EXPECT_EQ(tevdNet.pgDownInfo["hwnic4"].size(), 1u);
   EXPECT_EQ(Bits("hwnic4") & HWNIC_PG_DOWN, 0u);
   // The kept entry means the next loss is appended and schedules nothing.
   PgDown("hwnic4", "pg guests", 1);
-  EXPECT_EQ(pgDownInfo["hwnic4"].size(), 2u);
-  EXPECT_TRUE(hwnicAlarms.empty());
+  EXPECT_EQ(tevdNet.pgDownInfo["hwnic4"].size(), 2u);
+  EXPECT_TRUE(tevdNet.hwnicAlarms.empty());
   RunFor(5);
   EXPECT_TRUE(TakeSeen().empty());
 }
@@ -166,7 +166,7 @@ TEST_F(UplinkTrackerTest, EmptySwitchNameFilePostsNothing) {
   PgDown("hwnic4", "Blank", 0);
   RunFor(3);
   EXPECT_TRUE(TakeSeen().empty());
-  EXPECT_EQ(pgDownInfo.count("hwnic4"), 1u);
+  EXPECT_EQ(tevdNet.pgDownInfo.count("hwnic4"), 1u);
 }
 
 TEST_F(UplinkTrackerTest, LinkDownAfterPortGroupLossSchedulesNoBareReport) {
@@ -250,8 +250,8 @@ TEST_F(UplinkTrackerTest, WatchdogWithDownAndUpIsOneTransientFailureAndClearsAll
   EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.watchdog.reset");
   EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:hwnic8"}));
   EXPECT_EQ(Bits("hwnic8"), 0u);
-  EXPECT_EQ(pgDownInfo.count("hwnic8"), 0u);
-  EXPECT_EQ(pgUpInfo.count("hwnic8"), 0u);
+  EXPECT_EQ(tevdNet.pgDownInfo.count("hwnic8"), 0u);
+  EXPECT_EQ(tevdNet.pgUpInfo.count("hwnic8"), 0u);
   RunFor(10);
   EXPECT_TRUE(TakeSeen().empty());
 }
@@ -285,21 +285,21 @@ TEST_F(UplinkTrackerTest, BareLinkDownDuringWatchdogIsNeverReported) {
 }
 
 TEST_F(UplinkTrackerTest, ScheduleRearmsOnlyForShorterUnsignedDistance) {
-  ASSERT_GE(tevdNetAlarmId, 0);
+  ASSERT_GE(tevdNet.tevdNetAlarmId, 0);
   TevdNetCorrelatorSchedule(7, "hwnicX", HWNIC_WATCHDOG);
-  uint64_t t0 = alarmArmedAt;
-  EXPECT_EQ(alarmDuration, 7u);
+  uint64_t t0 = tevdNet.alarmArmedAt;
+  EXPECT_EQ(tevdNet.alarmDuration, 7u);
   RunFor(1);
   // d = 2 - armedAt + now = 3 < 7: re-armed.
   TevdNetCorrelatorSchedule(2, "hwnicX", HWNIC_PG_DOWN);
-  EXPECT_EQ(alarmDuration, 3u);
-  EXPECT_EQ(alarmArmedAt, t0 + 1);
+  EXPECT_EQ(tevdNet.alarmDuration, 3u);
+  EXPECT_EQ(tevdNet.alarmArmedAt, t0 + 1);
   // d = 7 - armedAt + now = 7, not < 3: left alone.
   TevdNetCorrelatorSchedule(7, "hwnicY", HWNIC_WATCHDOG);
-  EXPECT_EQ(alarmDuration, 3u);
-  EXPECT_EQ(alarmArmedAt, t0 + 1);
-  EXPECT_EQ(hwnicAlarms["hwnicX"].size(), 2u);
-  EXPECT_EQ(hwnicAlarms["hwnicY"].size(), 1u);
+  EXPECT_EQ(tevdNet.alarmDuration, 3u);
+  EXPECT_EQ(tevdNet.alarmArmedAt, t0 + 1);
+  EXPECT_EQ(tevdNet.hwnicAlarms["hwnicX"].size(), 2u);
+  EXPECT_EQ(tevdNet.hwnicAlarms["hwnicY"].size(), 1u);
 }
 
 TEST_F(UplinkTrackerTest, NegativeUplinkCountsAreInNoLossOrRestoreList) {
@@ -311,7 +311,7 @@ TEST_F(UplinkTrackerTest, NegativeUplinkCountsAreInNoLossOrRestoreList) {
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].id, "kos.problem.net.connectivity.lost");
   EXPECT_EQ(seen[0].args, (std::vector<std::string>{"S:ksw0", "S:hwnic11", "S:\"pg-mgmt\""}));
-  EXPECT_EQ(dvPortDownInfo.count("hwnic12"), 0u);
+  EXPECT_EQ(tevdNet.dvPortDownInfo.count("hwnic12"), 0u);
 
   PgUp("hwnic11", "pg guests", -2);
   PgUp("hwnic11", "pg-mgmt", 2);
@@ -369,42 +369,42 @@ TEST_F(UplinkTrackerTest, WatchdogFoldsDistributedPortDownAndUpIntoOneReset) {
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].second, 7);
   EXPECT_EQ(seen[0].id, "kos.problem.net.hwnic.watchdog.reset");
-  EXPECT_EQ(dvPortDownInfo.count("hwnic16"), 0u);
-  EXPECT_EQ(dvPortUpInfo.count("hwnic16"), 0u);
+  EXPECT_EQ(tevdNet.dvPortDownInfo.count("hwnic16"), 0u);
+  EXPECT_EQ(tevdNet.dvPortUpInfo.count("hwnic16"), 0u);
   EXPECT_EQ(Bits("hwnic16"), 0u);
 }
 
 TEST_F(UplinkTrackerTest, ScheduleDistanceWrapsAsUnsigned32BitWhenClockStepsBack) {
   TevdNetCorrelatorSchedule(7, "hwnicX", HWNIC_WATCHDOG);
-  uint64_t t0 = alarmArmedAt;
+  uint64_t t0 = tevdNet.alarmArmedAt;
   clock_.Advance(-10);
   // d = 2 - t0 + (t0 - 10) wraps to 4294967288: not shorter, left alone.
   TevdNetCorrelatorSchedule(2, "hwnicY", HWNIC_PG_DOWN);
-  EXPECT_EQ(alarmDuration, 7u);
-  EXPECT_EQ(alarmArmedAt, t0);
+  EXPECT_EQ(tevdNet.alarmDuration, 7u);
+  EXPECT_EQ(tevdNet.alarmArmedAt, t0);
 }
 
 TEST_F(UplinkTrackerTest, TimeoutPassRearmsForNearestRemainingEntry) {
   TevdNetCorrelatorSchedule(7, "hwnicX", HWNIC_WATCHDOG);
-  uint64_t t0 = alarmArmedAt;
+  uint64_t t0 = tevdNet.alarmArmedAt;
   TevdNetCorrelatorSchedule(1, "hwnicY", HWNIC_LINK_UP);
-  EXPECT_EQ(alarmDuration, 1u);
+  EXPECT_EQ(tevdNet.alarmDuration, 1u);
   clock_.Advance(1);
   TevdNetCorrelator_ProcessTimeouts();
-  EXPECT_EQ(alarmDuration, 6u);
-  EXPECT_EQ(alarmArmedAt, t0 + 1);
-  EXPECT_EQ(hwnicAlarms.count("hwnicY"), 0u);
-  ASSERT_EQ(hwnicAlarms.count("hwnicX"), 1u);
+  EXPECT_EQ(tevdNet.alarmDuration, 6u);
+  EXPECT_EQ(tevdNet.alarmArmedAt, t0 + 1);
+  EXPECT_EQ(tevdNet.hwnicAlarms.count("hwnicY"), 0u);
+  ASSERT_EQ(tevdNet.hwnicAlarms.count("hwnicX"), 1u);
 }
 
 TEST_F(UplinkTrackerTest, TrackerHandlerWithMissingArgumentRecordsNothing) {
   Feed("tev.net.pg.uplink.transition.down", {S("hwnic1"), S("pg guests"), I(0)});
   Feed("tev.net.dvport.uplink.transition.up", {S("hwnic1"), S("dvs"), I(3), I(1)});
   Feed("tev.net.uplink.watchdog.timeout", {I(1)});
-  EXPECT_TRUE(pgDownInfo.empty());
-  EXPECT_TRUE(dvPortUpInfo.empty());
-  EXPECT_TRUE(hwnicAlarms.empty());
-  EXPECT_TRUE(hwnicStates.empty());
+  EXPECT_TRUE(tevdNet.pgDownInfo.empty());
+  EXPECT_TRUE(tevdNet.dvPortUpInfo.empty());
+  EXPECT_TRUE(tevdNet.hwnicAlarms.empty());
+  EXPECT_TRUE(tevdNet.hwnicStates.empty());
 }
 
 }  // namespace

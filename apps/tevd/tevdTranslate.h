@@ -168,7 +168,9 @@ constexpr bool FailLogFits(const char *line) {
 }
 
 constexpr bool RowFits(const TevdRow &row) {
-  if (row.tevId == nullptr || row.handler == nullptr) {
+  // (The handler is not compared with null: a function's address is not a
+  // constant in every build, sanitizer builds included.)
+  if (row.tevId == nullptr) {
     return false;
   }
   if (row.templ == nullptr) {

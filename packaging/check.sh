@@ -74,7 +74,7 @@ cmake -S . -B "$scratch/b" -DTEVD_BUILD_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/opt/te
 cmake --build "$scratch/b" -j2 >/dev/null
 DESTDIR="$scratch/dest" cmake --install "$scratch/b" >/dev/null
 for f in opt/tevd/sbin/tevd opt/tevd/bin/tevctl opt/tevd/lib/systemd/system/tevd.service \
-         opt/tevd/etc/default/tevfwd opt/tevd/share/man/man8/tevd.8.gz; do
+         etc/opt/tevd/default/tevfwd opt/tevd/share/man/man8/tevd.8.gz; do
   [ -e "$scratch/dest/$f" ] || bad "DESTDIR install lacks $f"
 done
 [ "$fail" -eq 0 ] && echo "packaging/check.sh: all checks passed"

@@ -42,9 +42,7 @@ got=$("$root/usr/bin/tevctl" version)
 echo "== systemd-analyze verify"
 # The units need the system's own targets beside them under the root; the
 # package's files win over any of the same name.
-mkdir -p "$scratch/sys/lib/systemd/system"
-cp -rn /lib/systemd/system/. "$scratch/sys/lib/systemd/system/"
-cp -rn "$scratch/sys/lib/systemd/system/." "$root/lib/systemd/system/"
+cp -rn /lib/systemd/system/. "$root/lib/systemd/system/"
 for unit in "$root"/lib/systemd/system/tev*.service; do
   name=$(basename "$unit")
   exe=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$unit")

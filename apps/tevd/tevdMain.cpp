@@ -20,6 +20,7 @@
 #include "tevdAlarm.h"
 #include "tevdCorrelator.h"
 #include "tevdLog.h"
+#include "tevdNotify.h"
 #include "tevdQprob.h"
 #include "tevdTrace.h"
 
@@ -173,11 +174,12 @@ void CloseConnection(struct pollfd *set, int *count, int *index) {
 int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
   int count = kFixedEntries;
   for (;;) {
+    TevdNotify_LoopPass();
     if (exitRequested) {
       TevdLog("Exiting due to signal.\n");
       return 0;
     }
-    if (poll(set, static_cast<nfds_t>(count), -1) < 0) {
+    if (poll(set, static_cast<nfds_t>(count), TevdNotify_PollTimeoutMs()) < 0) {
       if (errno == EINTR) {
         continue;
       }
@@ -291,6 +293,7 @@ int main(int argc, char **argv) {
     // self-test agents; nothing in a production daemon's surroundings can.
     TevdCorrelator_StartAll(TEVD_SELFTEST_AGENTS != 0);
     TevdAgent_WaitSettled(5);
+    TevdNotify_Ready();
     tevBuffer = static_cast<uint8_t *>(malloc(kBufferInitial));
     if (tevBuffer == nullptr) {
       TevdLog("Error allocating space for tev buffer. Out of memory\n");
@@ -311,6 +314,7 @@ int main(int argc, char **argv) {
     rc = RunLoop(contexts, set != nullptr ? set : fixedSet, capacity);
   }
 
+  TevdNotify_Stopping();
   TevdAgent_StopAll();
   free(set);
   free(fixedSet);

@@ -18,6 +18,7 @@
 
 #include "PlatformRoot.h"
 #include "tevctlScenario.h"
+#include "tevdVersion.h"
 
 namespace tevctl {
 
@@ -343,6 +344,12 @@ int CountAndTimeout(const char *cmd, const ParsedArgs &pa, uint64_t *count, uint
 
 namespace {
 
+int CmdVersion(const std::vector<std::string> &args) {
+  if (!args.empty()) return tevctl::Fail("version", "takes no arguments");
+  printf("tevctl %s\n", TEVD_VERSION);
+  return 0;
+}
+
 struct Command {
   const char *name;
   const char *summary;
@@ -357,10 +364,12 @@ const Command kCommands[] = {
     {"host", "create and edit the host model under the root", tevctl::CmdHost},
     {"selftest", "post the self-test observation sequence", tevctl::CmdSelftest},
     {"scenario", "play scenario files against a fresh tevd and check the events", tevctl::CmdScenario},
+    {"version", "print the version of tevctl and tevd", CmdVersion},
 };
 
 void Usage(FILE *to) {
   fprintf(to,
+          "tevctl " TEVD_VERSION "\n"
           "Usage: tevctl [--root DIR] COMMAND [options] [arguments]\n"
           "All paths resolve under DIR, else under $TEVD_ROOT, else under /.\n"
           "Commands:\n");

@@ -6,9 +6,16 @@
 //  - the rate window (start, count) and the retry-armed flag: plain counters
 //    whose races are tolerated by design (a lost count only shifts the limit);
 //    they are relaxed atomics so that the race is a defined one;
-//  - the retry list, guarded by retryListMutex. The retry pass runs on the
-//    alarm thread and holds the mutex across all of its connection attempts,
-//    so a correlator queueing during a pass waits for it.
+//  - the retry list and the retry-armed flag, guarded by retryListMutex. The
+//    retry pass runs on the alarm thread; it takes the whole list out under
+//    the mutex, sends with the mutex released, and puts back what stays in
+//    front of anything queued meanwhile. No network call is ever made with
+//    the mutex held, so a correlator queueing during a pass never waits for
+//    the agent, and the flag is tested and set with the list, so an entry
+//    queued while a pass ends is never left without an armed alarm.
+// Every connect and send to the agent is bounded (kSendTimeoutSeconds): an
+// agent that listens but never accepts, or stopped reading, costs a
+// correlator at most that long per event, and the event is queued for retry.
 // Message layout: docs/delivery.md.
 #include "tevdQprob.h"
 
@@ -48,6 +55,7 @@ constexpr int32_t kRateLimit = 1000;
 constexpr unsigned kRetrySeconds = 180;
 constexpr int kMaxRetries = 5;
 constexpr socklen_t kSockAddrLength = 110;
+constexpr time_t kSendTimeoutSeconds = 3;
 static_assert(sizeof(sockaddr_un) == kSockAddrLength, "sockaddr_un is 110 bytes");
 
 struct RetryEntry {
@@ -63,7 +71,7 @@ RetryEntry retryHead;            // sentinel of the circular list, oldest first
 bool retryListInitialised = false;
 
 std::atomic<int32_t> retryAlarmId{-1};
-std::atomic<bool> retryAlarmArmed{false};
+bool retryAlarmArmed = false;    // guarded by retryListMutex
 std::atomic<int64_t> rateWindowStart{0};
 std::atomic<int32_t> rateCount{0};
 
@@ -134,6 +142,13 @@ std::string SocketPath() {
 int SendOverSocket(const void *message, size_t length) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
+    return -1;
+  }
+  // For a UNIX socket the send time-out bounds a blocking connect too (a
+  // listener whose backlog is full) and each send.
+  struct timeval timeout = {kSendTimeoutSeconds, 0};
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
+    close(fd);
     return -1;
   }
   struct sockaddr_un addr;
@@ -346,27 +361,45 @@ void TevdQprob_Queue(const void *message, size_t length) {
   entry->next = &retryHead;
   retryHead.prev->next = entry;
   retryHead.prev = entry;
+  bool arm = !retryAlarmArmed;
+  retryAlarmArmed = true;
   pthread_mutex_unlock(&retryListMutex);
 
-  if (!retryAlarmArmed.load(std::memory_order_relaxed)) {
+  if (arm) {
     ArmRetryAlarm();
-    retryAlarmArmed.store(true, std::memory_order_relaxed);
   }
 }
 
 void TevdQprobAlarmHandler(void) {
+  // Take the list out; sends happen without the mutex.
+  RetryEntry pass;
   pthread_mutex_lock(&retryListMutex);
   InitRetryListLocked();
   if (retryHead.next == &retryHead) {
+    retryAlarmArmed = false;
     pthread_mutex_unlock(&retryListMutex);
-    retryAlarmArmed.store(false, std::memory_order_relaxed);
     return;
   }
-  bool anyStays = false;
+  pass.next = retryHead.next;
+  pass.prev = retryHead.prev;
+  pass.next->prev = &pass;
+  pass.prev->next = &pass;
+  retryHead.next = retryHead.prev = &retryHead;
+  pthread_mutex_unlock(&retryListMutex);
+
+  bool timedOut = false;
   RetryEntry *next;
-  for (RetryEntry *e = retryHead.next; e != &retryHead; e = next) {
+  for (RetryEntry *e = pass.next; e != &pass; e = next) {
     next = e->next;
-    int rc = TevdQprob_Send(e->message, e->length);
+    // After one time-out the agent is taken as stuck for this pass: the rest
+    // count a failure without waiting again, so a pass (and every alarm
+    // behind it) takes one time-out at most.
+    int rc = -1;
+    if (!timedOut) {
+      errno = 0;
+      rc = TevdQprob_Send(e->message, e->length);
+      timedOut = rc < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS);
+    }
     if (rc < 0) {
       e->failures++;
     }
@@ -378,17 +411,25 @@ void TevdQprobAlarmHandler(void) {
       UnlinkEntry(e);
     } else if (n <= kMaxRetries - 1) {
       TevdLog("Failed to send event (%s); %d failures so far.\n", MessageId(e->message), n + 1);
-      anyStays = true;
     } else {
       TevdLog("Abandoned event (%s) after %d failures.\n", MessageId(e->message), n + 1);
       UnlinkEntry(e);
     }
   }
+
+  // What stays goes back in front of what was queued during the pass.
+  pthread_mutex_lock(&retryListMutex);
+  if (pass.next != &pass) {
+    pass.prev->next = retryHead.next;
+    retryHead.next->prev = pass.prev;
+    retryHead.next = pass.next;
+    pass.next->prev = &retryHead;
+  }
+  bool more = retryHead.next != &retryHead;
+  retryAlarmArmed = more;
   pthread_mutex_unlock(&retryListMutex);
-  if (anyStays) {
+  if (more) {
     ArmRetryAlarm();
-  } else {
-    retryAlarmArmed.store(false, std::memory_order_relaxed);
   }
 }
 
@@ -407,8 +448,8 @@ void TevdQprob_ResetForTest(void) {
   while (retryHead.next != &retryHead) {
     UnlinkEntry(retryHead.next);
   }
+  retryAlarmArmed = false;
   pthread_mutex_unlock(&retryListMutex);
-  retryAlarmArmed.store(false, std::memory_order_relaxed);
   pthread_mutex_lock(&pathMutex);
   socketPathResolved = false;
   socketPath.clear();

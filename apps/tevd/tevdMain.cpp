@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "KNO.h"
+#include "TevClock.h"
 #include "TevLib.h"
 #include "tevdAgent.h"
 #include "tevdAlarm.h"
@@ -118,8 +119,16 @@ void OpenReserve() {
   }
 }
 
+// Wall-clock second until which both listeners are left out of the poll set
+// (0: none): when even the reserve cannot take a pending connection, the
+// loop backs off instead of finding the listener readable again at once.
+time_t listenersPausedUntil = 0;
+constexpr time_t kAcceptPauseSeconds = 1;
+constexpr int kPausedPollSliceMs = 200;
+
 // After a failed accept on `listenFd` (errno `err`): drops the pending
-// connection when descriptors ran out, and logs once per interval.
+// connection when descriptors ran out, else pauses the listeners; logs once
+// per interval.
 void AcceptFailed(const char *what, int listenFd, int err) {
   bool dropped = false;
   if ((err == EMFILE || err == ENFILE) && reserveFd >= 0) {
@@ -132,10 +141,15 @@ void AcceptFailed(const char *what, int listenFd, int err) {
     }
     OpenReserve();
   }
+  if (!dropped && err != EINTR && err != EAGAIN && err != ECONNABORTED) {
+    listenersPausedUntil = TevClock_Time() + kAcceptPauseSeconds;
+  }
   uint64_t skipped = 0;
   if (TevdLog_Allow(&acceptLimiter, &skipped)) {
     TevdLog("%s accept() failed: %s%s (%llu more accept failures since the last report)\n", what,
-            strerror(err), dropped ? "; the pending connection was closed" : "",
+            strerror(err),
+            dropped ? "; the pending connection was closed"
+                    : listenersPausedUntil != 0 ? "; accepting again in a second" : "",
             static_cast<unsigned long long>(skipped));
   }
 }
@@ -229,11 +243,17 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
       TevdLog("Exiting due to signal.\n");
       return 0;
     }
-    if (poll(set, static_cast<nfds_t>(count), -1) < 0) {
+    bool paused = listenersPausedUntil != 0;
+    if (poll(set, static_cast<nfds_t>(count), paused ? kPausedPollSliceMs : -1) < 0) {
       if (errno == EINTR) {
         continue;
       }
       return -1;
+    }
+    if (paused && TevClock_Time() >= listenersPausedUntil) {
+      listenersPausedUntil = 0;
+      set[kUserListener].events = POLLIN;
+      set[kTraceListener].events = POLLIN;
     }
     for (int i = 0; i < count; ++i) {
       short rev = set[i].revents;
@@ -301,6 +321,10 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
       }
       set[i].events = POLLIN;
       set[i].revents = 0;
+      if (listenersPausedUntil != 0 && (i == kUserListener || i == kTraceListener)) {
+        set[kUserListener].events = 0;
+        set[kTraceListener].events = 0;
+      }
     }
   }
 }

@@ -13,7 +13,7 @@
 //    the mutex held, so a correlator queueing during a pass never waits for
 //    the agent, and the flag is tested and set with the list, so an entry
 //    queued while a pass ends is never left without an armed alarm.
-// Every connect and send to the agent is bounded (kSendTimeoutSeconds): an
+// Every connect (1 s) and send (3 s) to the agent is bounded: an
 // agent that listens but never accepts, or stopped reading, costs a
 // correlator at most that long per event, and the event is queued for retry.
 // Message layout: docs/delivery.md.
@@ -55,6 +55,9 @@ constexpr int32_t kRateLimit = 1000;
 constexpr unsigned kRetrySeconds = 180;
 constexpr int kMaxRetries = 5;
 constexpr socklen_t kSockAddrLength = 110;
+// A full backlog is what a stuck agent looks like (a working one accepts in
+// microseconds), so a connect gives up sooner than a send.
+constexpr suseconds_t kConnectTimeoutUs = 1000000;
 constexpr time_t kSendTimeoutSeconds = 3;
 static_assert(sizeof(sockaddr_un) == kSockAddrLength, "sockaddr_un is 110 bytes");
 
@@ -74,6 +77,20 @@ std::atomic<int32_t> retryAlarmId{-1};
 bool retryAlarmArmed = false;    // guarded by retryListMutex
 std::atomic<int64_t> rateWindowStart{0};
 std::atomic<int32_t> rateCount{0};
+// Set when a send to the agent timed out, cleared when a retry pass reaches
+// it (or finds it simply absent). While set, new events skip the immediate
+// attempt and go to the retry queue, so a stuck agent costs each correlator
+// one time-out, not one per event, and a correlator's pipe keeps draining.
+std::atomic<bool> agentStuck{false};
+
+bool LastSendTimedOut() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS; }
+
+void NoteStuck(bool stuck) {
+  if (agentStuck.exchange(stuck) != stuck && stuck) {
+    TevdLog("marshd did not take an event in time; new events are queued for retry until a "
+            "retry pass gets through.\n");
+  }
+}
 
 uint8_t hostIdentity[KNO_SYSTEM_UUID_SIZE];
 
@@ -145,8 +162,8 @@ int SendOverSocket(const void *message, size_t length) {
     return -1;
   }
   // For a UNIX socket the send time-out bounds a blocking connect too (a
-  // listener whose backlog is full) and each send.
-  struct timeval timeout = {kSendTimeoutSeconds, 0};
+  // listener whose backlog is full); it is lengthened for the sends.
+  struct timeval timeout = {kConnectTimeoutUs / 1000000, kConnectTimeoutUs % 1000000};
   if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
     close(fd);
     return -1;
@@ -158,6 +175,11 @@ int SendOverSocket(const void *message, size_t length) {
   // A bounded copy of at most the 108 bytes of the field, as strncpy would.
   memcpy(addr.sun_path, path.c_str(), std::min(path.size(), sizeof addr.sun_path));
   if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), kSockAddrLength) != 0) {
+    close(fd);
+    return -1;
+  }
+  timeout = {kSendTimeoutSeconds, 0};
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
     close(fd);
     return -1;
   }
@@ -318,9 +340,15 @@ void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *forma
 
   TevdTrace_Record("OUT", stamp, id, buf + TEVD_QPROB_HEADER_SIZE + idLen, capacity, count);
 
-  if ((flags & 0xff) == 0 && TevdQprob_Send(buf, total) == 0) {
-    free(buf);
-    return;
+  if ((flags & 0xff) == 0 && !agentStuck.load()) {
+    errno = 0;
+    if (TevdQprob_Send(buf, total) == 0) {
+      free(buf);
+      return;
+    }
+    if (LastSendTimedOut()) {
+      NoteStuck(true);
+    }
   }
   TevdLog("An event (%s) could not be sent immediately to marshd; queueing for retry.", id);
   TevdQprob_Queue(buf, total);
@@ -398,7 +426,8 @@ void TevdQprobAlarmHandler(void) {
     if (!timedOut) {
       errno = 0;
       rc = TevdQprob_Send(e->message, e->length);
-      timedOut = rc < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS);
+      timedOut = rc < 0 && LastSendTimedOut();
+      NoteStuck(timedOut);
     }
     if (rc < 0) {
       e->failures++;
@@ -450,6 +479,7 @@ void TevdQprob_ResetForTest(void) {
   }
   retryAlarmArmed = false;
   pthread_mutex_unlock(&retryListMutex);
+  agentStuck.store(false);
   pthread_mutex_lock(&pathMutex);
   socketPathResolved = false;
   socketPath.clear();

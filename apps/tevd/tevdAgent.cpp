@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,6 +57,27 @@ void MarkSettled() {
   ++settledCount;
   pthread_cond_broadcast(&settleCond);
   pthread_mutex_unlock(&settleMutex);
+}
+
+const volatile sig_atomic_t *stopFlag = nullptr;
+
+// Waits until `fd` takes more bytes. False, with errno EINTR, once the stop
+// flag is set: a stuck agent must not keep the reader from exiting.
+bool WaitForRoom(int fd) {
+  for (;;) {
+    if (stopFlag != nullptr && *stopFlag != 0) {
+      errno = EINTR;
+      return false;
+    }
+    struct pollfd pfd = {fd, POLLOUT, 0};
+    int n = poll(&pfd, 1, 200);
+    if (n > 0) {
+      return true;   // room, or an error that the next write reports
+    }
+    if (n < 0 && errno != EINTR) {
+      return false;
+    }
+  }
 }
 
 unsigned AddrLow32(TevdAgentFn fn) {
@@ -158,6 +180,15 @@ int CreateStream(const TevSubscription *sub, char **nameHolder, TevStream **out)
   // The non-blocking flag's value passed as descriptor flags, deliberately:
   // the read end stays blocking and reassembly copes with short reads.
   if (fcntl(fds[0], F_SETFD, 0x800) != 0) {
+    close(fds[0]);
+    close(fds[1]);
+    delete s;
+    return 2;
+  }
+  // The write end is non-blocking so that the reader, waiting for room in
+  // the pipe of an agent that stopped reading, can still see a request to
+  // exit (Distribute waits for room in short slices).
+  if (fcntl(fds[1], F_SETFL, O_NONBLOCK) != 0) {
     close(fds[0]);
     close(fds[1]);
     delete s;
@@ -270,6 +301,8 @@ void TevdAgent_StopAll(void) {
   }
 }
 
+void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag) { stopFlag = flag; }
+
 int TevdAgent_NumStarted(void) { return agentCount; }
 
 bool TevdAgent_WaitSettled(unsigned seconds) {
@@ -337,7 +370,7 @@ int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
       size_t done = 0;
       while (done < recLen) {
         ssize_t w = write(s->writeFd, rec + done, recLen - done);
-        if (w < 0 && errno == EINTR) {
+        if (w < 0 && (errno == EINTR || errno == EAGAIN) && WaitForRoom(s->writeFd)) {
           continue;
         }
         if (w < 0) {

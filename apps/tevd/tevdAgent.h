@@ -6,6 +6,8 @@
 // order across agents.
 #pragma once
 
+#include <signal.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -54,6 +56,9 @@ bool TevdAgent_WaitSettled(unsigned seconds);
 int TevdAgent_InitStreamList(void);   // 0 or the pthread_mutex_init result
 // Hands a buffer of packed records to every matching stream; 0 or errno.
 int TevdAgent_Distribute(const uint8_t *buf, size_t length);
+// The reader's exit request: a distribution waiting for room in a full pipe
+// gives up with EINTR once it is set.
+void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag);
 
 bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id);
 // Returns 0, 1 (out of memory / too many words or ids) or 2 (pipe setup).

@@ -192,3 +192,16 @@ void TevdLog_Tev(Tev *tev) {
   TevdLog_TevParts(id, msg, ts);
   free(msg);
 }
+
+bool TevdLog_Allow(TevdLogLimiter *limiter, uint64_t *skipped) {
+  int64_t now = static_cast<int64_t>(TevClock_Time());
+  int64_t last = limiter->lastSecond.load(std::memory_order_relaxed);
+  // A clock that went back opens a new interval too.
+  bool due = last == INT64_MIN || now - last >= TEVD_LOG_INTERVAL || now < last;
+  if (!due || !limiter->lastSecond.compare_exchange_strong(last, now)) {
+    limiter->suppressed.fetch_add(1, std::memory_order_relaxed);
+    return false;
+  }
+  *skipped = limiter->suppressed.exchange(0, std::memory_order_relaxed);
+  return true;
+}

@@ -2,6 +2,7 @@
 // no state; Panic writes standard error, logs twice and aborts.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdarg>
 
@@ -20,3 +21,16 @@ int TevdLog_TimePrefix(char *buf, size_t size, bool withMillis);
 void TevdLog_Tev(Tev *tev);
 void TevdLog_TevParts(const char *id, const char *msg, uint64_t timestampUs);
 void TevdLogger_Start(void);
+
+// A diagnostic that can repeat without end (a failing accept, a client reset,
+// a refused identifier) is logged at most once per TEVD_LOG_INTERVAL seconds
+// of wall-clock time; the occurrences in between are counted and the count
+// goes out with the next line that is logged.
+constexpr int64_t TEVD_LOG_INTERVAL = 5;
+struct TevdLogLimiter {
+  std::atomic<int64_t> lastSecond{INT64_MIN};
+  std::atomic<uint64_t> suppressed{0};
+};
+// True when this occurrence is to be logged; *skipped is then the number of
+// occurrences suppressed since the last one logged.
+bool TevdLog_Allow(TevdLogLimiter *limiter, uint64_t *skipped);

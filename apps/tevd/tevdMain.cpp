@@ -4,8 +4,11 @@
 // (tevdAgent) and never interprets an observation itself. The alarm thread,
 // the agents and the trace threads are started from here and share nothing
 // with the loop but the stream lock and the trace history.
+#include <fcntl.h>
 #include <getopt.h>
+#include <sys/socket.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -15,6 +18,7 @@
 #include <cstring>
 
 #include "KNO.h"
+#include "TevClock.h"
 #include "TevLib.h"
 #include "tevdAgent.h"
 #include "tevdAlarm.h"
@@ -91,6 +95,70 @@ void ParseOptions(int argc, char **argv) {
   }
 }
 
+// The signals that the handler takes. Every thread but the reader blocks
+// them, so a process-directed SIGTERM always interrupts the reader's poll or
+// its wait for room in an agent's pipe, never a worker's system call.
+void HandledSignals(sigset_t *set) {
+  sigemptyset(set);
+  for (int sig : {SIGTERM, SIGINT, SIGPIPE}) {
+    sigaddset(set, sig);
+  }
+}
+
+void SetHandledSignalsBlocked(bool blocked) {
+  sigset_t set;
+  HandledSignals(&set);
+  pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
+}
+
+// A descriptor held in reserve: when accept fails for want of descriptors,
+// it is given up for a moment so that the pending connection can be taken
+// and closed. Without that the listener stays readable and poll returns at
+// once, for ever.
+int reserveFd = -1;
+TevdLogLimiter acceptLimiter;
+
+void OpenReserve() {
+  if (reserveFd < 0) {
+    reserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
+}
+
+// Wall-clock second until which both listeners are left out of the poll set
+// (0: none): when even the reserve cannot take a pending connection, the
+// loop backs off instead of finding the listener readable again at once.
+time_t listenersPausedUntil = 0;
+constexpr time_t kAcceptPauseSeconds = 1;
+constexpr int kPausedPollSliceMs = 200;
+
+// After a failed accept on `listenFd` (errno `err`): drops the pending
+// connection when descriptors ran out, else pauses the listeners; logs once
+// per interval.
+void AcceptFailed(const char *what, int listenFd, int err) {
+  bool dropped = false;
+  if ((err == EMFILE || err == ENFILE) && reserveFd >= 0) {
+    close(reserveFd);
+    reserveFd = -1;
+    int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+      close(fd);
+      dropped = true;
+    }
+    OpenReserve();
+  }
+  if (!dropped && err != EINTR && err != EAGAIN && err != ECONNABORTED) {
+    listenersPausedUntil = TevClock_Time() + kAcceptPauseSeconds;
+  }
+  uint64_t skipped = 0;
+  if (TevdLog_Allow(&acceptLimiter, &skipped)) {
+    TevdLog("%s accept() failed: %s%s (%llu more accept failures since the last report)\n", what,
+            strerror(err),
+            dropped ? "; the pending connection was closed"
+                    : listenersPausedUntil != 0 ? "; accepting again in a second" : "",
+            static_cast<unsigned long long>(skipped));
+  }
+}
+
 int InstallSignals() {
   struct sigaction sa;
   memset(&sa, 0, sizeof sa);
@@ -147,7 +215,9 @@ int ReadTevs(TevLib_Handle handle, int fd) {
   if (rc != 0) {
     return rc;
   }
-  if (length == 0 || length > kBufferCeiling - 1) {
+  // A read may fill the buffer exactly (records packed up to its size): that
+  // is a full buffer, not an overflow.
+  if (length == 0 || length > kBufferCeiling) {
     return -1;
   }
   return TevdAgent_Distribute(tevBuffer, length);
@@ -179,11 +249,23 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
       TevdLog("Exiting due to signal.\n");
       return 0;
     }
-    if (poll(set, static_cast<nfds_t>(count), TevdNotify_PollTimeoutMs()) < 0) {
+    // The watchdog's keep-alive and paused listeners both bound the wait; the
+    // sooner of the two wins (-1 is no bound).
+    bool paused = listenersPausedUntil != 0;
+    int timeoutMs = TevdNotify_PollTimeoutMs();
+    if (paused && (timeoutMs < 0 || timeoutMs > kPausedPollSliceMs)) {
+      timeoutMs = kPausedPollSliceMs;
+    }
+    if (poll(set, static_cast<nfds_t>(count), timeoutMs) < 0) {
       if (errno == EINTR) {
         continue;
       }
       return -1;
+    }
+    if (paused && TevClock_Time() >= listenersPausedUntil) {
+      listenersPausedUntil = 0;
+      set[kUserListener].events = POLLIN;
+      set[kTraceListener].events = POLLIN;
     }
     for (int i = 0; i < count; ++i) {
       short rev = set[i].revents;
@@ -198,38 +280,63 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
       } else if (i < kUserListener) {
         int rc = ReadTevs(contexts[i].handle, set[i].fd);
         if (rc == TEVLIB_BUFFER_TOO_SMALL) {
-          if (TevLib_Reset(contexts[i].handle) != 0) {
-            char name[TEVLIB_NAME_MAX];
-            TevLib_HandleToName(contexts[i].handle, name);
-          }
+          char name[TEVLIB_NAME_MAX];
+          TevLib_HandleToName(contexts[i].handle, name);
+          int reset = TevLib_Reset(contexts[i].handle);
+          TevdLog("A record on %s is larger than the %zu-byte buffer; %s what was pending.\n",
+                  name, kBufferCeiling, reset == 0 ? "dropped it and" : "failed to drop");
         } else if (rc > 0) {
+          if (exitRequested) {
+            continue;   // the distribution gave way to the exit request
+          }
           return rc;
         }
       } else if (i == kUserListener && capacity > kFixedEntries) {
         int fd = -1;
-        if (count >= kMaxEntries) {
-          if (TevLib_UserContextNewCnx(contexts[kUserListener].handle, &fd) == 0) {
-            close(fd);  // eight connections at most; extra clients are dropped
-          }
-        } else if (TevLib_UserContextNewCnx(contexts[kUserListener].handle, &fd) == 0) {
+        int rc = TevLib_UserContextNewCnx(contexts[kUserListener].handle, &fd);
+        if (rc != 0) {
+          AcceptFailed("User-level", set[i].fd, rc);
+        } else if (count >= kMaxEntries) {
+          close(fd);  // eight connections at most; extra clients are dropped
+        } else {
           set[count] = {fd, POLLIN, 0};
           ++count;
         }
       } else if (i == kTraceListener) {
-        TevdTrace_Accept(set[i].fd);
+        int err = TevdTrace_Accept(set[i].fd);
+        if (err != 0) {
+          AcceptFailed("Trace", set[i].fd, err);
+        }
       } else {
         // A connection, or the listener itself when only the fixed set exists.
         int rc = ReadTevs(contexts[kUserListener].handle, set[i].fd);
-        // A record above the ceiling can never be read and would stay
-        // pending, making every poll return at once: drop that connection.
+        if (rc > 0 && exitRequested) {
+          continue;   // the distribution gave way to the exit request
+        }
+        // A record above the ceiling can never be read, and an end of stream
+        // without a hang-up (the peer shut down only its sending side, or
+        // sent an empty message) stays readable: either would make every
+        // poll return at once, so that connection is closed.
         bool stuck = rc == TEVLIB_BUFFER_TOO_SMALL;
-        if (rc != 0 && ((rev & kErrorBits) != 0 || stuck) && i >= kFixedEntries) {
+        bool halfClosed = rc == TEVLIB_ERR_CLOSED && (rev & POLLHUP) == 0;
+        if (rc != 0 && ((rev & kErrorBits) != 0 || stuck || halfClosed) && i >= kFixedEntries) {
+          if (stuck) {
+            TevdLog("Closing a user-level connection: its next record is larger than the "
+                    "%zu-byte buffer.\n", kBufferCeiling);
+          } else if (halfClosed) {
+            TevdLog("Closing a user-level connection: the peer sent an empty message or shut "
+                    "down its sending side.\n");
+          }
           CloseConnection(set, &count, &i);
           continue;
         }
       }
       set[i].events = POLLIN;
       set[i].revents = 0;
+      if (listenersPausedUntil != 0 && (i == kUserListener || i == kTraceListener)) {
+        set[kUserListener].events = 0;
+        set[kTraceListener].events = 0;
+      }
     }
   }
 }
@@ -244,6 +351,10 @@ int main(int argc, char **argv) {
   // The library's own diagnostics carry the daemon's time prefix too.
   TevLib_SetLogFunction(TevdLogV);
   int rc = InstallSignals();
+  // Threads inherit the mask: everything started from here on blocks the
+  // handled signals; the reader unblocks them before its loop.
+  SetHandledSignalsBlocked(true);
+  TevdAgent_SetStopFlag(&exitRequested);
   struct pollfd *fixedSet = nullptr;
   struct pollfd *set = nullptr;
   int capacity = kFixedEntries;
@@ -258,6 +369,9 @@ int main(int argc, char **argv) {
     TevdQprob_Init();
     if (enableTevs) {
       rc = EnableAsyncTevs();
+      if (rc != 0) {
+        TevdLog("Failed to enable asynchronous observations: %s\n", strerror(rc));
+      }
     }
   }
   if (rc == 0) {
@@ -311,6 +425,8 @@ int main(int argc, char **argv) {
       }
       capacity = kMaxEntries;
     }
+    OpenReserve();
+    SetHandledSignalsBlocked(false);
     rc = RunLoop(contexts, set != nullptr ? set : fixedSet, capacity);
   }
 

@@ -6,9 +6,16 @@
 //  - the rate window (start, count) and the retry-armed flag: plain counters
 //    whose races are tolerated by design (a lost count only shifts the limit);
 //    they are relaxed atomics so that the race is a defined one;
-//  - the retry list, guarded by retryListMutex. The retry pass runs on the
-//    alarm thread and holds the mutex across all of its connection attempts,
-//    so a correlator queueing during a pass waits for it.
+//  - the retry list and the retry-armed flag, guarded by retryListMutex. The
+//    retry pass runs on the alarm thread; it takes the whole list out under
+//    the mutex, sends with the mutex released, and puts back what stays in
+//    front of anything queued meanwhile. No network call is ever made with
+//    the mutex held, so a correlator queueing during a pass never waits for
+//    the agent, and the flag is tested and set with the list, so an entry
+//    queued while a pass ends is never left without an armed alarm.
+// Every connect (1 s) and send (3 s) to the agent is bounded: an
+// agent that listens but never accepts, or stopped reading, costs a
+// correlator at most that long per event, and the event is queued for retry.
 // Message layout: docs/delivery.md.
 #include "tevdQprob.h"
 
@@ -48,6 +55,10 @@ constexpr int32_t kRateLimit = 1000;
 constexpr unsigned kRetrySeconds = 180;
 constexpr int kMaxRetries = 5;
 constexpr socklen_t kSockAddrLength = 110;
+// A full backlog is what a stuck agent looks like (a working one accepts in
+// microseconds), so a connect gives up sooner than a send.
+constexpr suseconds_t kConnectTimeoutUs = 1000000;
+constexpr time_t kSendTimeoutSeconds = 3;
 static_assert(sizeof(sockaddr_un) == kSockAddrLength, "sockaddr_un is 110 bytes");
 
 struct RetryEntry {
@@ -63,9 +74,23 @@ RetryEntry retryHead;            // sentinel of the circular list, oldest first
 bool retryListInitialised = false;
 
 std::atomic<int32_t> retryAlarmId{-1};
-std::atomic<bool> retryAlarmArmed{false};
+bool retryAlarmArmed = false;    // guarded by retryListMutex
 std::atomic<int64_t> rateWindowStart{0};
 std::atomic<int32_t> rateCount{0};
+// Set when a send to the agent timed out, cleared when a retry pass reaches
+// it (or finds it simply absent). While set, new events skip the immediate
+// attempt and go to the retry queue, so a stuck agent costs each correlator
+// one time-out, not one per event, and a correlator's pipe keeps draining.
+std::atomic<bool> agentStuck{false};
+
+bool LastSendTimedOut() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS; }
+
+void NoteStuck(bool stuck) {
+  if (agentStuck.exchange(stuck) != stuck && stuck) {
+    TevdLog("marshd did not take an event in time; new events are queued for retry until a "
+            "retry pass gets through.\n");
+  }
+}
 
 uint8_t hostIdentity[KNO_SYSTEM_UUID_SIZE];
 
@@ -136,6 +161,13 @@ int SendOverSocket(const void *message, size_t length) {
   if (fd < 0) {
     return -1;
   }
+  // For a UNIX socket the send time-out bounds a blocking connect too (a
+  // listener whose backlog is full); it is lengthened for the sends.
+  struct timeval timeout = {kConnectTimeoutUs / 1000000, kConnectTimeoutUs % 1000000};
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
+    close(fd);
+    return -1;
+  }
   struct sockaddr_un addr;
   memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
@@ -143,6 +175,11 @@ int SendOverSocket(const void *message, size_t length) {
   // A bounded copy of at most the 108 bytes of the field, as strncpy would.
   memcpy(addr.sun_path, path.c_str(), std::min(path.size(), sizeof addr.sun_path));
   if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), kSockAddrLength) != 0) {
+    close(fd);
+    return -1;
+  }
+  timeout = {kSendTimeoutSeconds, 0};
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
     close(fd);
     return -1;
   }
@@ -303,9 +340,15 @@ void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *forma
 
   TevdTrace_Record("OUT", stamp, id, buf + TEVD_QPROB_HEADER_SIZE + idLen, capacity, count);
 
-  if ((flags & 0xff) == 0 && TevdQprob_Send(buf, total) == 0) {
-    free(buf);
-    return;
+  if ((flags & 0xff) == 0 && !agentStuck.load()) {
+    errno = 0;
+    if (TevdQprob_Send(buf, total) == 0) {
+      free(buf);
+      return;
+    }
+    if (LastSendTimedOut()) {
+      NoteStuck(true);
+    }
   }
   TevdLog("An event (%s) could not be sent immediately to marshd; queueing for retry.", id);
   TevdQprob_Queue(buf, total);
@@ -346,27 +389,46 @@ void TevdQprob_Queue(const void *message, size_t length) {
   entry->next = &retryHead;
   retryHead.prev->next = entry;
   retryHead.prev = entry;
+  bool arm = !retryAlarmArmed;
+  retryAlarmArmed = true;
   pthread_mutex_unlock(&retryListMutex);
 
-  if (!retryAlarmArmed.load(std::memory_order_relaxed)) {
+  if (arm) {
     ArmRetryAlarm();
-    retryAlarmArmed.store(true, std::memory_order_relaxed);
   }
 }
 
 void TevdQprobAlarmHandler(void) {
+  // Take the list out; sends happen without the mutex.
+  RetryEntry pass;
   pthread_mutex_lock(&retryListMutex);
   InitRetryListLocked();
   if (retryHead.next == &retryHead) {
+    retryAlarmArmed = false;
     pthread_mutex_unlock(&retryListMutex);
-    retryAlarmArmed.store(false, std::memory_order_relaxed);
     return;
   }
-  bool anyStays = false;
+  pass.next = retryHead.next;
+  pass.prev = retryHead.prev;
+  pass.next->prev = &pass;
+  pass.prev->next = &pass;
+  retryHead.next = retryHead.prev = &retryHead;
+  pthread_mutex_unlock(&retryListMutex);
+
+  bool timedOut = false;
   RetryEntry *next;
-  for (RetryEntry *e = retryHead.next; e != &retryHead; e = next) {
+  for (RetryEntry *e = pass.next; e != &pass; e = next) {
     next = e->next;
-    int rc = TevdQprob_Send(e->message, e->length);
+    // After one time-out the agent is taken as stuck for this pass: the rest
+    // count a failure without waiting again, so a pass (and every alarm
+    // behind it) takes one time-out at most.
+    int rc = -1;
+    if (!timedOut) {
+      errno = 0;
+      rc = TevdQprob_Send(e->message, e->length);
+      timedOut = rc < 0 && LastSendTimedOut();
+      NoteStuck(timedOut);
+    }
     if (rc < 0) {
       e->failures++;
     }
@@ -378,17 +440,25 @@ void TevdQprobAlarmHandler(void) {
       UnlinkEntry(e);
     } else if (n <= kMaxRetries - 1) {
       TevdLog("Failed to send event (%s); %d failures so far.\n", MessageId(e->message), n + 1);
-      anyStays = true;
     } else {
       TevdLog("Abandoned event (%s) after %d failures.\n", MessageId(e->message), n + 1);
       UnlinkEntry(e);
     }
   }
+
+  // What stays goes back in front of what was queued during the pass.
+  pthread_mutex_lock(&retryListMutex);
+  if (pass.next != &pass) {
+    pass.prev->next = retryHead.next;
+    retryHead.next->prev = pass.prev;
+    retryHead.next = pass.next;
+    pass.next->prev = &retryHead;
+  }
+  bool more = retryHead.next != &retryHead;
+  retryAlarmArmed = more;
   pthread_mutex_unlock(&retryListMutex);
-  if (anyStays) {
+  if (more) {
     ArmRetryAlarm();
-  } else {
-    retryAlarmArmed.store(false, std::memory_order_relaxed);
   }
 }
 
@@ -407,8 +477,9 @@ void TevdQprob_ResetForTest(void) {
   while (retryHead.next != &retryHead) {
     UnlinkEntry(retryHead.next);
   }
+  retryAlarmArmed = false;
   pthread_mutex_unlock(&retryListMutex);
-  retryAlarmArmed.store(false, std::memory_order_relaxed);
+  agentStuck.store(false);
   pthread_mutex_lock(&pathMutex);
   socketPathResolved = false;
   socketPath.clear();

@@ -20,6 +20,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -35,8 +38,33 @@ namespace {
 
 struct Listener {
   std::vector<std::string> pending;
+  size_t pendingBytes = 0;   // of `pending`, not of the batch being written
   bool closing = false;
+  bool overflowed = false;   // cut off for falling too far behind
 };
+
+// A client that does not read must not make the daemon's memory grow without
+// bound: past this many bytes waiting for it, it is disconnected. Only tests
+// change it (TEVD_TRACE_PENDING_MAX, in bytes).
+constexpr size_t kDefaultPendingMax = 16u << 20;
+// Each client costs two threads; beyond this many clients a new one is
+// closed at once.
+constexpr int kMaxClients = 16;
+
+size_t PendingMax() {
+  static const size_t max = [] {
+    const char *env = getenv("TEVD_TRACE_PENDING_MAX");
+    char *end = nullptr;
+    unsigned long long v = env != nullptr ? strtoull(env, &end, 10) : 0;
+    return env != nullptr && end != env && *end == '\0' && v > 0 ? static_cast<size_t>(v)
+                                                                 : kDefaultPendingMax;
+  }();
+  return max;
+}
+
+std::atomic<int> clientCount{0};
+TevdLogLimiter writeErrorLimiter;
+TevdLogLimiter refusedLimiter;
 
 pthread_mutex_t traceMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t traceUpdated = PTHREAD_COND_INITIALIZER;
@@ -208,23 +236,42 @@ int TevdTrace_Open(const char *path) {
   return fd;
 }
 
-void TevdTrace_Accept(int listenFd) {
+int TevdTrace_Accept(int listenFd) {
   char err[128];
   int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd < 0) {
-    TevdLog("Trace accept() failed: %s", ErrorText(errno, err, sizeof err));
-    return;
+    return errno;   // the caller reports it, once per interval
+  }
+  if (clientCount.fetch_add(1) >= kMaxClients) {
+    clientCount.fetch_sub(1);
+    close(fd);
+    uint64_t skipped = 0;
+    if (TevdLog_Allow(&refusedLimiter, &skipped)) {
+      TevdLog("Trace client refused: %d clients already connected (%llu more refused since the "
+              "last report)\n", kMaxClients, static_cast<unsigned long long>(skipped));
+    }
+    return 0;
   }
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  // The client's threads must never take the reader's terminating signals.
+  sigset_t block, old;
+  sigemptyset(&block);
+  for (int sig : {SIGTERM, SIGINT, SIGPIPE}) {
+    sigaddset(&block, sig);
+  }
+  pthread_sigmask(SIG_BLOCK, &block, &old);
   pthread_t thread;
   int rc = pthread_create(&thread, &attr, TevdTraceServeMain, ArgOf(fd));
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
   pthread_attr_destroy(&attr);
   if (rc != 0) {
+    clientCount.fetch_sub(1);
     TevdLog("pthread_create failed: %s", ErrorText(rc, err, sizeof err));
     close(fd);
   }
+  return 0;
 }
 
 void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id, const void *args,
@@ -233,9 +280,30 @@ void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id,
   if (!BuildLine(direction, timeStamp, id, args, argsSize, numArgs, &line)) {
     return;
   }
+  int cutOff[kMaxClients];
+  int numCutOff = 0;
+  size_t max = PendingMax();
   pthread_mutex_lock(&traceMutex);
   for (auto &entry : listeners) {
-    entry.second.pending.push_back(line);
+    Listener &l = entry.second;
+    if (l.closing) {
+      continue;
+    }
+    if (l.pendingBytes + line.size() > max) {
+      // Shutting the socket down wakes both of its threads; the serving
+      // thread then removes the entry and closes the descriptor.
+      std::vector<std::string>().swap(l.pending);
+      l.pendingBytes = 0;
+      l.closing = true;
+      l.overflowed = true;
+      shutdown(entry.first, SHUT_RDWR);
+      if (numCutOff < kMaxClients) {
+        cutOff[numCutOff++] = entry.first;
+      }
+      continue;
+    }
+    l.pending.push_back(line);
+    l.pendingBytes += line.size();
   }
   historySize += line.size();
   history.push_back(std::move(line));   // the history keeps the one built
@@ -246,6 +314,10 @@ void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id,
   }
   pthread_mutex_unlock(&traceMutex);
   pthread_cond_broadcast(&traceUpdated);
+  for (int i = 0; i < numCutOff; i++) {
+    TevdLog("Trace client fd %d disconnected: more than %zu bytes waiting for it.\n", cutOff[i],
+            max);
+  }
 }
 
 void *TevdTraceServeMain(void *arg) {
@@ -254,6 +326,7 @@ void *TevdTraceServeMain(void *arg) {
   Listener &listener = listeners[fd];
   listener.pending.insert(listener.pending.end(), history.begin(), history.end());
   listener.pending.push_back("\n");   // separates the replay from live lines
+  listener.pendingBytes = historySize + 1;
   pthread_mutex_unlock(&traceMutex);
 
   pthread_t writer;
@@ -261,7 +334,11 @@ void *TevdTraceServeMain(void *arg) {
   if (rc != 0) {
     char err[128];
     TevdLog("pthread_create failed: %s", ErrorText(rc, err, sizeof err));
+    pthread_mutex_lock(&traceMutex);
+    listeners.erase(fd);
+    pthread_mutex_unlock(&traceMutex);
     close(fd);
+    clientCount.fetch_sub(1);
     return nullptr;
   }
 
@@ -286,6 +363,7 @@ void *TevdTraceServeMain(void *arg) {
   listeners.erase(fd);
   pthread_mutex_unlock(&traceMutex);
   close(fd);
+  clientCount.fetch_sub(1);
   return nullptr;
 }
 
@@ -296,7 +374,12 @@ void *TevdTraceWriter(void *arg) {
     pthread_mutex_lock(&traceMutex);
     for (;;) {
       Listener &listener = listeners[fd];
+      if (listener.overflowed) {
+        pthread_mutex_unlock(&traceMutex);
+        return nullptr;
+      }
       lines.swap(listener.pending);
+      listener.pendingBytes = 0;
       if (!lines.empty()) {
         break;
       }
@@ -310,9 +393,18 @@ void *TevdTraceWriter(void *arg) {
 
     for (const std::string &line : lines) {
       if (!WriteAll(fd, line)) {
-        if (errno != EPIPE) {
+        // Clients that go away with unread data yield ECONNRESET: churn of
+        // them must not flood the log.
+        uint64_t skipped = 0;
+        if (errno != EPIPE && TevdLog_Allow(&writeErrorLimiter, &skipped)) {
           char err[128];
-          TevdLog("Unexpected write error %s", ErrorText(errno, err, sizeof err));
+          const char *text = ErrorText(errno, err, sizeof err);
+          if (skipped == 0) {
+            TevdLog("Unexpected write error %s", text);
+          } else {
+            TevdLog("Unexpected write error %s (%llu more since the last report)", text,
+                    static_cast<unsigned long long>(skipped));
+          }
         }
         return nullptr;
       }

@@ -14,7 +14,9 @@
 constexpr size_t TEVD_TRACE_HISTORY_MAX = 131072;
 
 int TevdTrace_Open(const char *path);
-void TevdTrace_Accept(int listenFd);
+// Accepts one client and starts its threads; 0, or accept's errno (the
+// caller reports it). A client beyond the limit is closed at once.
+int TevdTrace_Accept(int listenFd);
 // `args` is a swizzled argument block of `argsSize` bytes with `numArgs` slots.
 void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id, const void *args,
                       size_t argsSize, int numArgs);

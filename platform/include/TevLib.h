@@ -36,7 +36,10 @@ int TevLib_HandleToFd(TevLib_Handle handle, int *fd);
 // connection) into `buf`. Returns 27 without consuming anything when the first
 // pending record does not fit; when some were copied and the next does not
 // fit, returns those and leaves the rest pending. Malformed records are
-// consumed, counted and dropped. Length 0 with status 0: nothing was waiting.
+// consumed, counted and dropped. On a user connection whose peer is neither
+// root nor the caller's own user, records outside "tev.user." and
+// "tev.tests." are consumed, counted and dropped too (docs/security.md).
+// Length 0 with status 0: nothing was waiting.
 int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length);
 int TevLib_Reset(TevLib_Handle handle);
 // `name` must hold at least TEVLIB_NAME_MAX bytes.
@@ -52,6 +55,8 @@ typedef void (*TevLib_LogFn)(const char *format, va_list ap);
 void TevLib_SetLogFunction(TevLib_LogFn fn);
 // Malformed records dropped so far by this process (for tests and tools).
 uint64_t TevLib_DroppedRecords(void);
+// Records refused to an unprivileged user-level peer so far.
+uint64_t TevLib_RefusedRecords(void);
 
 // ---- one observation -------------------------------------------------------
 struct Tev;                                // opaque

@@ -225,8 +225,8 @@ int LogSocket() {
     return -1;
   }
   // A collector that falls behind fills its queue (ten datagrams by default):
-  // wait a little for it rather than lose lines, but never hang the daemon
-  // on one that stopped reading.
+  // wait a little for it rather than lose lines. One that lets a wait run
+  // out is taken as stopped (see SendLine) and costs no more waiting.
   struct timeval timeout = {0, 250000};
   (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
   int expected = -1;
@@ -247,18 +247,58 @@ void DropLogSocket(int fd) {
   }
 }
 
+// Set when a wait for room in the collector's queue ran out: from then on
+// lines that find the queue full are dropped at once and counted, until a
+// send goes through again. Plain integers with atomic builtins (see below).
+int collectorStalled = 0;
+unsigned long long droppedLines = 0;
+
+// Tells the collector, once it takes lines again, how many it missed.
+void ReportDropped(int fd, const struct sockaddr_un *addr) {
+  unsigned long long n = __atomic_exchange_n(&droppedLines, 0, __ATOMIC_ACQ_REL);
+  if (n == 0) {
+    return;
+  }
+  char line[128];
+  int head = LogHeadText(line, sizeof line);
+  if (head < 0) {
+    return;
+  }
+  int len = snprintf(line + head, sizeof line - static_cast<size_t>(head),
+                     "%llu log lines dropped\n", n);
+  if (len > 0 &&
+      sendto(fd, line, static_cast<size_t>(head + len), MSG_NOSIGNAL | MSG_DONTWAIT,
+             reinterpret_cast<const struct sockaddr *>(addr), sizeof *addr) < 0) {
+    __atomic_add_fetch(&droppedLines, n, __ATOMIC_ACQ_REL);   // still full: report later
+  }
+}
+
 void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr) {
   for (int attempt = 0; attempt < 2; ++attempt) {
     int fd = LogSocket();
     if (fd < 0) {
       return;
     }
-    if (sendto(fd, datagram, size, MSG_NOSIGNAL, reinterpret_cast<const struct sockaddr *>(addr),
+    bool stalled = __atomic_load_n(&collectorStalled, __ATOMIC_ACQUIRE) != 0;
+    int flags = MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0);
+    if (sendto(fd, datagram, size, flags, reinterpret_cast<const struct sockaddr *>(addr),
                sizeof *addr) >= 0) {
+      if (stalled) {
+        __atomic_store_n(&collectorStalled, 0, __ATOMIC_RELEASE);
+      }
+      if (__atomic_load_n(&droppedLines, __ATOMIC_ACQUIRE) != 0) {
+        ReportDropped(fd, addr);
+      }
+      return;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      // Full after the wait, or full while taken as stopped: dropped, counted.
+      __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
+      __atomic_add_fetch(&droppedLines, 1, __ATOMIC_ACQ_REL);
       return;
     }
     if (errno != EBADF && errno != ENOTSOCK) {
-      return;   // no collector, a full one after the wait, ...: dropped silently
+      return;   // no collector, ...: dropped silently
     }
     DropLogSocket(fd);
   }

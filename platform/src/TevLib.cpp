@@ -123,6 +123,39 @@ void NoteDropped(int fd, const std::string &why) {
   }
 }
 
+// The identifier domains that user processes own. A peer that is neither
+// root nor the daemon's own user may post only these over the user-level
+// socket; everything else stands for the kernel or for another part of the
+// platform and would let any member of the socket's group act as it.
+const char *const kUserOwnedPrefixes[] = {"tev.user.", "tev.tests."};
+
+std::atomic<uint64_t> gRefused{0};
+std::atomic<int64_t> gLastRefusedLogSec{INT64_MIN};
+
+bool MayPost(const struct ucred &peer, const char *id) {
+  if (peer.uid == 0 || peer.uid == geteuid()) {
+    return true;
+  }
+  for (const char *prefix : kUserOwnedPrefixes) {
+    if (strncmp(id, prefix, strlen(prefix)) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void NoteRefused(const struct ucred &peer, const char *id) {
+  uint64_t total = gRefused.fetch_add(1) + 1;
+  int64_t now = static_cast<int64_t>(TevClock_Time());
+  int64_t last = gLastRefusedLogSec.load();
+  if (now != last && gLastRefusedLogSec.compare_exchange_strong(last, now)) {
+    LibLog("TevLib: refused %.128s from pid %d uid %u on user: unprivileged peers may post only "
+           "tev.user. and tev.tests. (%llu refused so far)\n",
+           id, static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
+           static_cast<unsigned long long>(total));
+  }
+}
+
 // Takes the pending record off the socket without keeping it.
 void Discard(int fd) {
   char dummy;
@@ -183,6 +216,14 @@ int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length) {
   socklen_t typeLen = sizeof type;
   if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &typeLen) != 0) return TEVLIB_ERR_IO;
   const bool seq = type == SOCK_SEQPACKET;
+  struct ucred peer = {0, 0, 0};
+  if (seq) {
+    socklen_t credLen = sizeof peer;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &credLen) != 0 || credLen != sizeof peer) {
+      peer.uid = static_cast<uid_t>(-1);   // unknown: no more than an unprivileged peer
+      peer.pid = 0;
+    }
+  }
   uint8_t *out = static_cast<uint8_t *>(buf);
   size_t used = 0;
   for (;;) {
@@ -236,6 +277,11 @@ int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length) {
       NoteDropped(fd, why);
       continue;
     }
+    const char *id = reinterpret_cast<const char *>(out + used + TEV_RECORD_HEADER_SIZE);
+    if (seq && !MayPost(peer, id)) {
+      NoteRefused(peer, id);
+      continue;
+    }
     used += len;
   }
   *length = used;
@@ -287,3 +333,4 @@ int TevLib_Close(TevLib_Handle handle) {
 }
 
 uint64_t TevLib_DroppedRecords(void) { return gDropped.load(); }
+uint64_t TevLib_RefusedRecords(void) { return gRefused.load(); }

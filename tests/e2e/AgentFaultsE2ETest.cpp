@@ -18,19 +18,6 @@ using tevdtest::DaemonProcess;
 
 namespace {
 
-const char *kFaketimeLib = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
-
-// The environment that runs the daemon's wall clock 180 times faster: one
-// 180-second retry interval takes one real second.
-std::vector<std::string> FastClockEnv() {
-  std::vector<std::string> env = {std::string("LD_PRELOAD=") + kFaketimeLib, "FAKETIME=+0 x180"};
-  // The preload comes before the sanitizer runtime in the library order.
-  const char *asan = getenv("ASAN_OPTIONS");
-  env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") +
-                ":verify_asan_link_order=0");
-  return env;
-}
-
 std::vector<uint8_t> Test0() {
   return TevRecord_Encode("tev.user.test.test0", "no arguments", 1, {});
 }

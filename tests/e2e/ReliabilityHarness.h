@@ -14,6 +14,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -326,6 +327,19 @@ class AgentStandIn {
   std::vector<QprobMessage> messages_;
   std::thread thread_;
 };
+
+const char *const kFaketimeLib = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
+
+// The environment that runs the daemon's wall clock 180 times faster: one
+// 180-second retry interval takes one real second.
+inline std::vector<std::string> FastClockEnv() {
+  std::vector<std::string> env = {std::string("LD_PRELOAD=") + kFaketimeLib, "FAKETIME=+0 x180"};
+  // The preload comes before the sanitizer runtime in the library order.
+  const char *asan = getenv("ASAN_OPTIONS");
+  env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") +
+                ":verify_asan_link_order=0");
+  return env;
+}
 
 // A field of /proc/PID/status ("VmRSS", "Threads") as a number, or -1.
 inline long ProcStatus(pid_t pid, const std::string &field) {

@@ -208,23 +208,53 @@ int CloseStream(TevStream *s) {
   }
   UnlockStreams();
   free(s->buf);
+  free(s->chunk);
   delete s;
   return rc;
 }
 
-// Reads what the stream still wants into its buffer. 0 when the phase is
-// complete, 11 when the read was short, else errno.
-int ReadWanted(TevStream *s) {
-  ssize_t got = read(s->readFd, s->buf + s->have, s->want);
-  if (got == 0) {
-    Panic("EOF trying to read %d bytes from stream %p\n", static_cast<int>(s->want),
-          static_cast<void *>(s));
+// One read takes up to this much of what the pipe holds (a pipe holds 64 KiB).
+constexpr uint32_t kChunkSize = 32 * 1024;
+
+// Moves what the stream still wants into its buffer: from the bytes read
+// earlier, else with one read of the pipe (straight into the record for a
+// body larger than a chunk). 0 when the phase is complete, 11 when short,
+// else errno. The read may block only inside a record whose first bytes are
+// here already, so the reader is still writing the rest of it.
+int TakeWanted(TevStream *s) {
+  if (s->chunkStart == s->chunkEnd) {
+    const bool direct = s->want >= kChunkSize;
+    if (!direct && s->chunk == nullptr) {
+      s->chunk = static_cast<uint8_t *>(malloc(kChunkSize));
+      if (s->chunk == nullptr) {
+        return ENOMEM;
+      }
+    }
+    ssize_t got = direct ? read(s->readFd, s->buf + s->have, s->want)
+                         : read(s->readFd, s->chunk, kChunkSize);
+    if (got == 0) {
+      Panic("EOF trying to read %d bytes from stream %p\n", static_cast<int>(s->want),
+            static_cast<void *>(s));
+    }
+    if (got < 0) {
+      return errno;
+    }
+    if (direct) {
+      s->have += static_cast<uint32_t>(got);
+      s->want -= static_cast<uint32_t>(got);
+      return s->want == 0 ? 0 : 11;
+    }
+    s->chunkStart = 0;
+    s->chunkEnd = static_cast<uint32_t>(got);
   }
-  if (got < 0) {
-    return errno;
+  uint32_t n = s->chunkEnd - s->chunkStart;
+  if (n > s->want) {
+    n = s->want;
   }
-  s->have += static_cast<uint32_t>(got);
-  s->want -= static_cast<uint32_t>(got);
+  memcpy(s->buf + s->have, s->chunk + s->chunkStart, n);
+  s->chunkStart += n;
+  s->have += n;
+  s->want -= n;
   return s->want == 0 ? 0 : 11;
 }
 
@@ -410,6 +440,8 @@ int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent) {
   return TevdAgent_Init(name, {word}, {}, agent);
 }
 
+bool TevdAgent_StreamBuffered(const TevStream *s) { return s->chunkStart < s->chunkEnd; }
+
 int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
   *tev = nullptr;
   int rc = 0;
@@ -422,9 +454,9 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
     s->want = TEV_RECORD_HEADER_SIZE;
   }
   if (s->have < TEV_RECORD_HEADER_SIZE) {
-    rc = ReadWanted(s);
+    rc = TakeWanted(s);
   }
-  if (rc == 0 && s->have == TEV_RECORD_HEADER_SIZE) {
+  if (rc == 0 && s->have == TEV_RECORD_HEADER_SIZE && s->want == 0) {
     uint32_t total;
     memcpy(&total, s->buf + 16, 4);
     if (total < TEV_RECORD_HEADER_SIZE) {
@@ -437,10 +469,10 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
       }
       s->buf = grown;
       s->want = total - TEV_RECORD_HEADER_SIZE;
-      rc = ReadWanted(s);
+      rc = TakeWanted(s);
     }
   } else if (rc == 0 && s->want > 0) {
-    rc = ReadWanted(s);
+    rc = TakeWanted(s);
   }
   if (rc == 11) {
     return 0;  // incomplete: more bytes on the next readable event
@@ -462,6 +494,17 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
 int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev) {
   *tev = nullptr;
   for (;;) {
+    if (TevdAgent_StreamBuffered(agent->stream)) {
+      int rc = TevdAgent_ReassembleStep(agent->stream, tev);
+      if (rc != 0) {
+        TevdLog("Failed to get Tev\n");
+        return rc;
+      }
+      if (*tev != nullptr) {
+        return 0;
+      }
+      continue;
+    }
     struct pollfd pfd = {agent->pollFd, POLLIN, 0};
     int n = poll(&pfd, 1, -1);
     if (n < 0) {

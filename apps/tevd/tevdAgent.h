@@ -32,6 +32,11 @@ struct TevStream {
   uint8_t *buf = nullptr;
   uint32_t have = 0;
   uint32_t want = 0;
+  // Bytes read from the pipe ahead of the record being reassembled: one read
+  // takes whatever the pipe holds, and the records in it are served from here.
+  uint8_t *chunk = nullptr;
+  uint32_t chunkStart = 0;
+  uint32_t chunkEnd = 0;
 };
 
 struct TevdAgent {
@@ -64,5 +69,9 @@ int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent);
 int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev);
 // One read from the stream: 0 with *tev set when a record completed, 0 with
 // *tev null when more bytes are wanted, else 2 (or 12 on allocation).
+// A step reads the pipe only when nothing read earlier is left over; leftover
+// bytes do not make the pipe readable, so a caller runs a step without
+// waiting while this is true.
 int TevdAgent_ReassembleStep(TevStream *stream, Tev **tev);
+bool TevdAgent_StreamBuffered(const TevStream *stream);
 void TevdAgent_Cleanup(TevdAgent *agent);

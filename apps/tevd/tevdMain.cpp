@@ -145,7 +145,13 @@ int ReadTevs(TevLib_Handle handle, int fd) {
   if (length == 0 || length > kBufferCeiling - 1) {
     return -1;
   }
-  return TevdAgent_Distribute(tevBuffer, length);
+  rc = TevdAgent_Distribute(tevBuffer, length);
+  // Records the library took ahead of a full buffer do not make the
+  // descriptor readable again: they are read now, not at the next arrival.
+  if (rc == 0 && TevLib_HasPending(fd)) {
+    return ReadTevs(handle, fd);
+  }
+  return rc;
 }
 
 // Closes the user connection at *index, keeping the set dense; the walk

@@ -209,6 +209,7 @@ int CloseStream(TevStream *s) {
   UnlockStreams();
   free(s->buf);
   free(s->chunk);
+  free(s->out);
   delete s;
   return rc;
 }
@@ -341,7 +342,70 @@ bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id) {
   return false;
 }
 
-int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
+namespace {
+
+// A queue is written out as soon as it holds what a pipe holds: writing more
+// at once would only wait for the agent.
+constexpr size_t kQueueFlushBytes = 64 * 1024;
+
+// Writes a stream's queue whole; a rare partial write (a signal in between)
+// is finished so that the agent never sees a torn record. 0 or errno.
+int WriteQueue(TevStream *s) {
+  size_t done = 0;
+  while (done < s->outLength) {
+    ssize_t w = write(s->writeFd, s->out + done, s->outLength - done);
+    if (w < 0 && errno == EINTR) {
+      continue;
+    }
+    if (w < 0) {
+      s->outLength = 0;
+      return errno;
+    }
+    done += static_cast<size_t>(w);
+  }
+  s->outLength = 0;
+  if (s->outCapacity > 2 * kQueueFlushBytes) {
+    free(s->out);   // a very large record passed; do not keep its room
+    s->out = nullptr;
+    s->outCapacity = 0;
+  }
+  return 0;
+}
+
+int Enqueue(TevStream *s, const uint8_t *rec, size_t len) {
+  if (s->outLength + len > s->outCapacity) {
+    size_t cap = s->outCapacity > 0 ? s->outCapacity : 4096;
+    while (cap < s->outLength + len) {
+      cap *= 2;
+    }
+    uint8_t *grown = static_cast<uint8_t *>(realloc(s->out, cap));
+    if (grown == nullptr) {
+      return ENOMEM;
+    }
+    s->out = grown;
+    s->outCapacity = cap;
+  }
+  memcpy(s->out + s->outLength, rec, len);
+  s->outLength += len;
+  return s->outLength >= kQueueFlushBytes ? WriteQueue(s) : 0;
+}
+
+// Under the stream lock.
+int FlushLocked() {
+  for (TevStream *s = streamHead; s != nullptr; s = s->next) {
+    if (s->outLength > 0) {
+      int err = WriteQueue(s);
+      if (err != 0) {
+        return err;
+      }
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+int TevdAgent_Queue(const uint8_t *buf, size_t length) {
   LockStreams();
   size_t off = 0;
   while (length - off >= TEV_RECORD_HEADER_SIZE) {
@@ -362,26 +426,28 @@ int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
       if (!TevdAgent_SubscriptionMatches(&s->sub, id)) {
         continue;
       }
-      // One write per record; a rare partial write (a signal in between) is
-      // finished so that the agent never sees a torn record.
-      size_t done = 0;
-      while (done < recLen) {
-        ssize_t w = write(s->writeFd, rec + done, recLen - done);
-        if (w < 0 && errno == EINTR) {
-          continue;
-        }
-        if (w < 0) {
-          int err = errno;
-          UnlockStreams();
-          return err;
-        }
-        done += static_cast<size_t>(w);
+      int err = Enqueue(s, rec, recLen);
+      if (err != 0) {
+        UnlockStreams();
+        return err;
       }
     }
     off += recLen;
   }
   UnlockStreams();
   return 0;
+}
+
+int TevdAgent_Flush(void) {
+  LockStreams();
+  int err = FlushLocked();
+  UnlockStreams();
+  return err;
+}
+
+int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
+  int err = TevdAgent_Queue(buf, length);
+  return err != 0 ? err : TevdAgent_Flush();
 }
 
 int TevdAgent_Init(const char *name, const std::vector<std::string> &words,

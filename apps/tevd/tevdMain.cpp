@@ -145,7 +145,7 @@ int ReadTevs(TevLib_Handle handle, int fd) {
   if (length == 0 || length > kBufferCeiling - 1) {
     return -1;
   }
-  rc = TevdAgent_Distribute(tevBuffer, length);
+  rc = TevdAgent_Queue(tevBuffer, length);
   // Records the library took ahead of a full buffer do not make the
   // descriptor readable again: they are read now, not at the next arrival.
   if (rc == 0 && TevLib_HasPending(fd)) {
@@ -175,6 +175,12 @@ void CloseConnection(struct pollfd *set, int *count, int *index) {
 int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
   int count = kFixedEntries;
   for (;;) {
+    // What this pass read goes to the agents before the next wait: one
+    // write per agent for the whole pass.
+    int flushed = TevdAgent_Flush();
+    if (flushed != 0) {
+      return flushed;
+    }
     if (exitRequested) {
       TevdLog("Exiting due to signal.\n");
       return 0;

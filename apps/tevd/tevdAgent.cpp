@@ -12,6 +12,7 @@
 #include <cstring>
 #include <exception>
 
+#include "PlatformRoot.h"
 #include "Str.h"
 #include "TevClock.h"
 #include "tevdLog.h"
@@ -77,6 +78,8 @@ __attribute__((no_sanitize("null"))) void *AgentThreadMain(void *arg) {
   if (pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr) != 0) {
     TevdLog("Failed to set thread cancel type for agent function(%#x).\n", AddrLow32(fn));
   }
+  // An agent's lines go out together before it waits for the next record.
+  PlatformLog_BatchLines();
   try {
     fn();
   } catch (abi::__forced_unwind &) {
@@ -86,6 +89,7 @@ __attribute__((no_sanitize("null"))) void *AgentThreadMain(void *arg) {
   } catch (...) {
     TevdLog("Unknown exception in agent function(%#x).\n", AddrLow32(fn));
   }
+  PlatformLog_Unbatch();   // the agent ends: nothing may stay queued
   MarkSettled();
   return nullptr;
 }
@@ -387,7 +391,11 @@ int Enqueue(TevStream *s, const uint8_t *rec, size_t len) {
   }
   memcpy(s->out + s->outLength, rec, len);
   s->outLength += len;
-  return s->outLength >= kQueueFlushBytes ? WriteQueue(s) : 0;
+  if (s->outLength < kQueueFlushBytes) {
+    return 0;
+  }
+  PlatformLog_Flush();   // the write may wait for the agent
+  return WriteQueue(s);
 }
 
 // Under the stream lock.
@@ -439,6 +447,7 @@ int TevdAgent_Queue(const uint8_t *buf, size_t length) {
 }
 
 int TevdAgent_Flush(void) {
+  PlatformLog_Flush();   // the reader's lines first: the writes may wait
   LockStreams();
   int err = FlushLocked();
   UnlockStreams();
@@ -571,6 +580,7 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev) {
       }
       continue;
     }
+    PlatformLog_Flush();
     struct pollfd pfd = {agent->pollFd, POLLIN, 0};
     int n = poll(&pfd, 1, -1);
     if (n < 0) {

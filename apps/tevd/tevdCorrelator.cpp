@@ -3,6 +3,8 @@
 // that lookups of unknown identifiers never change the registered map.
 #include "tevdCorrelator.h"
 
+#include "PlatformRoot.h"
+
 #include <poll.h>
 #include <unistd.h>
 
@@ -109,6 +111,7 @@ void TevdCorrelator_StartWithWakeup(const char *name, const char *domain, TevHan
     for (auto &p : set) {
       p.revents = 0;
     }
+    PlatformLog_Flush();
     int n = poll(set.data(), set.size(), -1);
     if (n < 0) {
       if (errno == EINTR) {

@@ -170,6 +170,7 @@ void Panic(const char *format, ...) {
   // faithful copy. Formatting through the va_list keeps that well defined.
   TevdLogV(format, ap);
   va_end(ap);
+  PlatformLog_Flush();   // this thread's queued lines, the panic's among them
   abort();
 }
 

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "KNO.h"
+#include "PlatformRoot.h"
 #include "TevLib.h"
 #include "tevdAgent.h"
 #include "tevdAlarm.h"
@@ -174,6 +175,8 @@ void CloseConnection(struct pollfd *set, int *count, int *index) {
 
 int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
   int count = kFixedEntries;
+  // The reader's lines go out together before it waits (main unbatches).
+  PlatformLog_BatchLines();
   for (;;) {
     // What this pass read goes to the agents before the next wait: one
     // write per agent for the whole pass.
@@ -316,6 +319,7 @@ int main(int argc, char **argv) {
       capacity = kMaxEntries;
     }
     rc = RunLoop(contexts, set != nullptr ? set : fixedSet, capacity);
+    PlatformLog_Unbatch();
   }
 
   TevdAgent_StopAll();

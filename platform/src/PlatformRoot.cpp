@@ -264,7 +264,99 @@ void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr)
   }
 }
 
+// Lines of one thread waiting to be sent together (PlatformLog_BatchLines).
+// Plain thread-local buffers, no destructor: see below on cancellation.
+struct LineQueue {
+  static constexpr unsigned kLines = 32;
+  static constexpr size_t kBytes = 16 * 1024;
+  bool on;
+  unsigned count;
+  size_t used;
+  struct sockaddr_un addr;   // every queued line goes to this collector
+  size_t offset[kLines];
+  size_t length[kLines];
+  char bytes[kBytes];
+};
+
+thread_local LineQueue lineQueue;
+
+// Sends the queued lines with as few sendmmsg() calls as the collector
+// allows. A line the socket refuses is dropped, as one sendto() would have
+// dropped it, and the rest still go.
+void SendQueued(LineQueue &q) {
+  struct mmsghdr msgs[LineQueue::kLines];
+  struct iovec iovs[LineQueue::kLines];
+  memset(msgs, 0, sizeof msgs);
+  for (unsigned i = 0; i < q.count; ++i) {
+    iovs[i].iov_base = q.bytes + q.offset[i];
+    iovs[i].iov_len = q.length[i];
+    msgs[i].msg_hdr.msg_name = &q.addr;
+    msgs[i].msg_hdr.msg_namelen = sizeof q.addr;
+    msgs[i].msg_hdr.msg_iov = &iovs[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+  unsigned done = 0;
+  bool retried = false;
+  while (done < q.count) {
+    int fd = LogSocket();
+    if (fd < 0) {
+      break;
+    }
+    int n = sendmmsg(fd, msgs + done, q.count - done, MSG_NOSIGNAL);
+    if (n > 0) {
+      done += static_cast<unsigned>(n);
+      continue;
+    }
+    if ((errno == EBADF || errno == ENOTSOCK) && !retried) {
+      retried = true;
+      DropLogSocket(fd);
+      continue;
+    }
+    ++done;   // no collector, a full one after the wait, ...: dropped silently
+  }
+  q.count = 0;
+  q.used = 0;
+}
+
+// Queues a finished datagram; false when the calling thread does not batch.
+bool QueueLine(const char *datagram, size_t size, const struct sockaddr_un *addr) {
+  LineQueue &q = lineQueue;
+  if (!q.on) {
+    return false;
+  }
+  if (q.count > 0 && (q.count == LineQueue::kLines || q.used + size > LineQueue::kBytes ||
+                      strcmp(q.addr.sun_path, addr->sun_path) != 0)) {
+    SendQueued(q);
+  }
+  if (size > LineQueue::kBytes) {
+    return false;   // sent on its own, after the lines before it
+  }
+  if (q.count == 0) {
+    q.addr = *addr;
+  }
+  memcpy(q.bytes + q.used, datagram, size);
+  q.offset[q.count] = q.used;
+  q.length[q.count] = size;
+  q.used += size;
+  ++q.count;
+  return true;
+}
+
 }  // namespace
+
+void PlatformLog_BatchLines(void) { lineQueue.on = true; }
+
+void PlatformLog_Flush(void) {
+  LineQueue &q = lineQueue;
+  if (q.count > 0) {
+    SendQueued(q);
+  }
+}
+
+void PlatformLog_Unbatch(void) {
+  PlatformLog_Flush();
+  lineQueue.on = false;
+}
 
 // The daemon cancels its agents at exit, and sendto() here is a
 // cancellation point where a busy agent is often stopped. The function holds
@@ -300,7 +392,9 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) {
   }
   size_t size = static_cast<size_t>(headLen) + static_cast<size_t>(n);
   if (static_cast<size_t>(n) < room) {
-    SendLine(stackBuf, size, &addr);
+    if (!QueueLine(stackBuf, size, &addr)) {
+      SendLine(stackBuf, size, &addr);
+    }
     return;
   }
   char *datagram = static_cast<char *>(malloc(size + 1));
@@ -309,7 +403,9 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) {
   }
   memcpy(datagram, stackBuf, static_cast<size_t>(headLen));
   vsnprintf(datagram + headLen, static_cast<size_t>(n) + 1, format, ap);
-  SendLine(datagram, size, &addr);
+  if (!QueueLine(datagram, size, &addr)) {
+    SendLine(datagram, size, &addr);
+  }
   free(datagram);
 }
 

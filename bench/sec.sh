@@ -8,7 +8,7 @@
 # Environment: BUILD (default build-sec), CPU (default 1), NICS (30),
 # DOWNS (11 link-downs per NIC), DUPS (300), CALLGRIND (default 1: also count
 # instructions of both on a smaller corpus, NCG observations, default 20000),
-# REPEAT (3 runs of each, the median ratio reported).
+# REPEAT (5 runs of each, the median ratio reported).
 # The corpus is chosen so that tevd posts fewer than 1000 events (its rate
 # limit is 1000 per 60 s): DUPS + NICS*DOWNS + NICS*(DOWNS/(T+1)) + 5.
 set -eu
@@ -21,7 +21,7 @@ DOWNS=${DOWNS:-11}
 DUPS=${DUPS:-300}
 CALLGRIND=${CALLGRIND:-1}
 NCG=${NCG:-20000}
-REPEAT=${REPEAT:-3}
+REPEAT=${REPEAT:-5}
 command -v sec >/dev/null || { echo "sec is not installed (apt-get install sec)" >&2; exit 1; }
 
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DTEVD_BUILD_TESTS=OFF \
@@ -52,7 +52,7 @@ rm -rf "$R"
 sed "s/@THRESH@/$((T + 1))/" bench/sec/rules.sec.in >"$OUT/rules.sec"
 python3 bench/sec/corpus.py "$N" "$NICS" "$DOWNS" "$DUPS" >"$OUT/corpus.txt"
 
-# REPEAT alternating runs of each (default 3); the run with the median
+# REPEAT alternating runs of each (default 5); the run with the median
 # ratio is reported, every run is listed.
 i=0
 : >"$OUT/runs"

@@ -33,7 +33,8 @@ if [ ! -x "$FEED" ] || [ bench/sec/tevd_feed.cpp -nt "$FEED" ] || [ "$BUILD/plat
   g++ -std=c++17 -O2 -Wall -Wextra -Werror -Iplatform/include bench/sec/tevd_feed.cpp \
     "$BUILD/platform/libtevplatform.a" -lpthread -o "$FEED"
 fi
-TEVD=$PWD/$BUILD/apps/tevd/tevd
+# TEVD_BIN: another tevd binary to measure (an earlier one, for a before/after figure).
+TEVD=${TEVD_BIN:-$PWD/$BUILD/apps/tevd/tevd}
 TEVCTL=$PWD/$BUILD/tools/tevctl/tevctl
 
 OUT=$(mktemp -d /tmp/tevd-sec-XXXXXX)

@@ -365,8 +365,9 @@ void PlatformLog_Unbatch(void) {
 // program that links this library cancels its threads.
 //
 // Cost per line in the common case: the formatting into a stack buffer and
-// one sendto(); a line too long for the stack buffer is formatted again into
-// a malloc'd one.
+// one sendto(), or, on a batching thread, a copy into its queue and a share
+// of one sendmmsg(); a line too long for the stack buffer is formatted again
+// into a malloc'd one.
 void PlatformLog_Vsyslog(const char *format, va_list ap) {
   struct sockaddr_un addr;
   LogSink sink = LogSocketAddr(&addr);

@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -202,7 +203,9 @@ class LogCounter {
         }
         lines_.fetch_add(1, std::memory_order_relaxed);
         // "[NameCorrelator] TSus: [tev.id] message"
-        if (memmem(buf, static_cast<size_t>(n), "us: [tev.", 9) != nullptr) {
+        // (the latency probe's tev.net lines are not part of the corpus)
+        if (memmem(buf, static_cast<size_t>(n), "us: [tev.", 9) != nullptr &&
+            memmem(buf, static_cast<size_t>(n), "us: [tev.net.", 13) == nullptr) {
           observations_.fetch_add(1, std::memory_order_relaxed);
           std::lock_guard<std::mutex> g(m_);
           last_ = Clock::now();
@@ -362,6 +365,53 @@ void SendAll(const std::string &root, const Options &o,
   }
 }
 
+// Counts a process's system calls (every thread) over a span with
+// `perf stat -e raw_syscalls:sys_enter -p PID`; -1 when perf cannot.
+class SyscallCounter {
+ public:
+  explicit SyscallCounter(pid_t pid) {
+    char tmpl[] = "/tmp/tevd-bench-perf-XXXXXX";
+    int fd = mkstemp(tmpl);
+    if (fd < 0) return;
+    close(fd);
+    out_ = tmpl;
+    perf_ = fork();
+    if (perf_ == 0) {
+      int devnull = open("/dev/null", O_WRONLY);
+      dup2(devnull, 1);
+      dup2(devnull, 2);
+      std::string p = std::to_string(pid);
+      execlp("perf", "perf", "stat", "-x", ",", "-e", "raw_syscalls:sys_enter", "-o", out_.c_str(),
+             "-p", p.c_str(), static_cast<char *>(nullptr));
+      _exit(127);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));   // perf attaches
+  }
+  // Stops counting; the number of system calls, or -1.
+  double Stop() {
+    if (perf_ <= 0) return -1;
+    kill(perf_, SIGINT);
+    int st = 0;
+    waitpid(perf_, &st, 0);
+    perf_ = -1;
+    std::ifstream in(out_);
+    std::string line;
+    double n = -1;
+    while (std::getline(in, line)) {
+      if (line.find("raw_syscalls:sys_enter") != std::string::npos && !line.empty() &&
+          isdigit(static_cast<unsigned char>(line[0]))) {
+        n = std::stod(line.substr(0, line.find(',')));
+      }
+    }
+    unlink(out_.c_str());
+    return n;
+  }
+
+ private:
+  pid_t perf_ = -1;
+  std::string out_;
+};
+
 struct IngestFigures {
   double seconds = 0;
   long handled = 0;
@@ -370,6 +420,7 @@ struct IngestFigures {
   long readerSamples = 0;        // samples of the reading thread's kernel wait
   long readerInPipeWrite = 0;    // ... blocked writing to an agent's full pipe
   long readerInPoll = 0;         // ... waiting for input
+  double syscalls = -1;          // system calls of every thread over the span
 };
 
 // Where a thread sleeps in the kernel ("pipe_write", "do_sys_poll", ...); ""
@@ -407,10 +458,12 @@ IngestFigures MeasureIngest(const std::string &root, pid_t pid, LogCounter &log,
     }
   });
   fullQueueSends = 0;
+  SyscallCounter syscalls(pid);
   Clock::time_point t0 = Clock::now();
   SendAll(root, o, corpus);
   Clock::time_point last;
   bool all = log.WaitFor(before + o.n, 10, &last);
+  double calls = syscalls.Stop();
   watching = false;
   watcher.join();
   sampling = false;
@@ -420,6 +473,7 @@ IngestFigures MeasureIngest(const std::string &root, pid_t pid, LogCounter &log,
   f.readerSamples = readerSamples;
   f.readerInPipeWrite = inPipeWrite;
   f.readerInPoll = inPoll;
+  f.syscalls = calls;
   f.handled = log.Observations() - before;
   f.seconds = Seconds(t0, last);
   f.cpuSeconds = CpuSeconds(pid) - cpu0;
@@ -429,11 +483,18 @@ IngestFigures MeasureIngest(const std::string &root, pid_t pid, LogCounter &log,
   return f;
 }
 
-// ---- the floor ----------------------------------------------------------------------
+// ---- the floors -------------------------------------------------------------------
 // Receives every datagram of K contexts (non-blocking, one poll), writes each
 // whole into a pipe with its length in the same write, reads it on a second
 // thread and sends one log datagram per record over a connected socket.
-[[noreturn]] void FloorMain(const std::string &root, int contexts) {
+// Batched: the same work with the fewest system calls the path allows: up to
+// kBatch datagrams per recvmmsg, one pipe write per poll pass, one large pipe
+// read per wake-up on the consuming thread and its log lines sent together
+// with sendmmsg before it reads again.
+constexpr unsigned kBatch = 16;
+constexpr size_t kFloorSlot = 64 * 1024;   // the corpus' records are far smaller
+
+[[noreturn]] void FloorMain(const std::string &root, int contexts, bool batched) {
   std::vector<pollfd> set;
   for (int d = 0; d < contexts; ++d) {
     int fd = BindSocket(AsyncPath(root, d), SOCK_DGRAM);
@@ -448,6 +509,50 @@ IngestFigures MeasureIngest(const std::string &root, pid_t pid, LogCounter &log,
     int logFd = ConnectDgram(root + "/dev/log");
     static char rec[TEV_RECORD_MAX_SIZE];
     char line[512];
+    auto format = [&](const char *r, char *out, size_t size) {
+      uint64_t ts = 0;
+      memcpy(&ts, r + 8, sizeof ts);
+      return snprintf(out, size, "<14>floor: [FloorCorrelator] %lluus: [%s]",
+                      static_cast<unsigned long long>(ts), r + TEV_RECORD_HEADER_SIZE);
+    };
+    if (batched) {
+      static char chunk[1 << 20];
+      static char lines[kBatch][512];
+      mmsghdr msgs[kBatch];
+      iovec iovs[kBatch];
+      size_t have = 0;
+      for (;;) {
+        ssize_t n = read(pipeFds[0], chunk + have, sizeof chunk - have);
+        if (n <= 0) {
+          _exit(3);
+        }
+        have += static_cast<size_t>(n);
+        size_t off = 0;
+        unsigned queued = 0;
+        auto flush = [&] {
+          if (queued > 0 && sendmmsg(logFd, msgs, queued, 0) < 0) {
+            _exit(5);
+          }
+          queued = 0;
+        };
+        for (;;) {
+          uint32_t len = 0;
+          if (have - off < sizeof len) break;
+          memcpy(&len, chunk + off, sizeof len);
+          if (have - off < sizeof len + len) break;
+          int k = format(chunk + off + sizeof len, lines[queued], sizeof lines[queued]);
+          iovs[queued] = {lines[queued], static_cast<size_t>(k)};
+          msgs[queued] = {};
+          msgs[queued].msg_hdr.msg_iov = &iovs[queued];
+          msgs[queued].msg_hdr.msg_iovlen = 1;
+          if (++queued == kBatch) flush();
+          off += sizeof len + len;
+        }
+        flush();
+        memmove(chunk, chunk + off, have - off);
+        have -= off;
+      }
+    }
     for (;;) {
       uint32_t len = 0;
       if (read(pipeFds[0], &len, sizeof len) != sizeof len || len > sizeof rec) {
@@ -461,13 +566,58 @@ IngestFigures MeasureIngest(const std::string &root, pid_t pid, LogCounter &log,
         }
         got += static_cast<size_t>(n);
       }
-      uint64_t ts = 0;
-      memcpy(&ts, rec + 8, sizeof ts);
-      int n = snprintf(line, sizeof line, "<14>floor: [FloorCorrelator] %lluus: [%s]",
-                       static_cast<unsigned long long>(ts), rec + TEV_RECORD_HEADER_SIZE);
+      int n = format(rec, line, sizeof line);
       send(logFd, line, static_cast<size_t>(n), 0);
     }
   });
+  if (batched) {
+    // Each slot keeps 4 bytes in front of the datagram for its length.
+    std::vector<char> slots(kBatch * (4 + kFloorSlot));
+    std::vector<char> out;
+    mmsghdr msgs[kBatch];
+    iovec iovs[kBatch];
+    for (;;) {
+      if (poll(set.data(), set.size(), -1) <= 0) {
+        continue;
+      }
+      out.clear();
+      for (pollfd &p : set) {
+        if ((p.revents & POLLIN) == 0) {
+          continue;
+        }
+        for (;;) {
+          for (unsigned i = 0; i < kBatch; ++i) {
+            iovs[i] = {slots.data() + i * (4 + kFloorSlot) + 4, kFloorSlot};
+            msgs[i] = {};
+            msgs[i].msg_hdr.msg_iov = &iovs[i];
+            msgs[i].msg_hdr.msg_iovlen = 1;
+          }
+          int got = recvmmsg(p.fd, msgs, kBatch, MSG_DONTWAIT, nullptr);
+          if (got <= 0) {
+            break;
+          }
+          for (int i = 0; i < got; ++i) {
+            uint32_t len = msgs[i].msg_len;
+            const char *d = static_cast<const char *>(iovs[i].iov_base);
+            out.insert(out.end(), reinterpret_cast<const char *>(&len),
+                       reinterpret_cast<const char *>(&len) + 4);
+            out.insert(out.end(), d, d + len);
+          }
+          if (static_cast<unsigned>(got) < kBatch) {
+            break;   // drained; poll tells if more came meanwhile
+          }
+        }
+      }
+      size_t done = 0;
+      while (done < out.size()) {
+        ssize_t w = write(pipeFds[1], out.data() + done, out.size() - done);
+        if (w <= 0) {
+          _exit(4);
+        }
+        done += static_cast<size_t>(w);
+      }
+    }
+  }
   std::vector<char> buf(4 + TEV_RECORD_MAX_SIZE);
   for (;;) {
     if (poll(set.data(), set.size(), -1) <= 0) {
@@ -557,6 +707,50 @@ class QprobListener {
   std::thread thread_;
 };
 
+// One direct-translation observation at a time on context `domain`, at most
+// one per 10 ms (the next leaves when the event arrived and 10 ms passed),
+// until `count` were sent or `stop` is set. Latencies in µs go to `us`.
+void LatencyLoop(const std::string &root, int domain, QprobListener &listener, int count,
+                 const std::atomic<bool> &stop, std::vector<double> *us, long *lost, long *wrong) {
+  int fd = ConnectDgram(AsyncPath(root, domain));
+  for (int i = 0; i < count && !stop; ++i) {
+    std::string n = std::to_string(i);
+    std::vector<uint8_t> rec = TevRecord_Encode(
+        "tev.net.mtlnic.ip.duplicate", "Duplicate IP %s on %s, owner %s", 1700000000000000ull + i,
+        {MsgFmt_Value::Str("10.0." + n), MsgFmt_Value::Str("mtlnic1"), MsgFmt_Value::Str("owner-" + n)});
+    Clock::time_point t0 = Clock::now();
+    if (send(fd, rec.data(), rec.size(), 0) != static_cast<ssize_t>(rec.size())) {
+      Die("latency send failed");
+    }
+    Clock::time_point at;
+    std::string id;
+    if (!listener.Next(2.0, &at, &id)) {
+      ++*lost;
+      continue;
+    }
+    if (id != "kos.problem.net.mtlnic.ip.duplicate") {
+      ++*wrong;
+    }
+    us->push_back(std::chrono::duration<double, std::micro>(at - t0).count());
+    std::this_thread::sleep_until(t0 + std::chrono::milliseconds(10));
+  }
+  close(fd);
+}
+
+void LatencyResults(const char *prefix, std::vector<double> us, long lost, long wrong) {
+  std::sort(us.begin(), us.end());
+  auto pct = [&](double q) {
+    return us.empty() ? 0.0 : us[std::min(us.size() - 1, static_cast<size_t>(q * static_cast<double>(us.size())))];
+  };
+  std::string k = prefix;
+  Result((k + "events").c_str(), static_cast<double>(us.size()));
+  Result((k + "lost").c_str(), static_cast<double>(lost));
+  Result((k + "wrong_id").c_str(), static_cast<double>(wrong));
+  Result((k + "p50_us").c_str(), pct(0.50));
+  Result((k + "p99_us").c_str(), pct(0.99));
+  Result((k + "max_us").c_str(), us.empty() ? 0.0 : us.back());
+}
+
 void MeasureLatency(const Options &o) {
   std::string root = MakeRoot("latency");
   if (RunAndWait(root, {o.tevctl, "host", "init"}) != 0) {
@@ -566,43 +760,14 @@ void MeasureLatency(const Options &o) {
   QprobListener listener(root);
   std::vector<double> us;
   long lost = 0, wrong = 0;
+  std::atomic<bool> never{false};
   for (int run = 0; run < o.latencyRuns; ++run) {
     pid_t pid = StartTevd(o, root);
-    int fd = ConnectDgram(AsyncPath(root, 0));
-    for (int i = 0; i < o.latencyPerRun; ++i) {
-      std::string n = std::to_string(i);
-      std::vector<uint8_t> rec = TevRecord_Encode(
-          "tev.net.mtlnic.ip.duplicate", "Duplicate IP %s on %s, owner %s", 1700000000000000ull + i,
-          {MsgFmt_Value::Str("10.0." + n), MsgFmt_Value::Str("mtlnic1"), MsgFmt_Value::Str("owner-" + n)});
-      Clock::time_point t0 = Clock::now();
-      if (send(fd, rec.data(), rec.size(), 0) != static_cast<ssize_t>(rec.size())) {
-        Die("latency send failed");
-      }
-      Clock::time_point at;
-      std::string id;
-      if (!listener.Next(2.0, &at, &id)) {
-        ++lost;
-        continue;
-      }
-      if (id != "kos.problem.net.mtlnic.ip.duplicate") {
-        ++wrong;
-      }
-      us.push_back(std::chrono::duration<double, std::micro>(at - t0).count());
-    }
-    close(fd);
+    LatencyLoop(root, 0, listener, o.latencyPerRun, never, &us, &lost, &wrong);
     Stop(pid);
   }
-  std::sort(us.begin(), us.end());
-  auto pct = [&](double q) {
-    return us.empty() ? 0.0 : us[std::min(us.size() - 1, static_cast<size_t>(q * static_cast<double>(us.size())))];
-  };
-  Result("latency_events", static_cast<double>(us.size()));
   Result("latency_runs", o.latencyRuns);
-  Result("latency_lost", static_cast<double>(lost));
-  Result("latency_wrong_id", static_cast<double>(wrong));
-  Result("latency_p50_us", pct(0.50));
-  Result("latency_p99_us", pct(0.99));
-  Result("latency_max_us", us.empty() ? 0.0 : us.back());
+  LatencyResults("latency_", us, lost, wrong);
 }
 
 // ---- ingest, floor and memory ------------------------------------------------------------
@@ -614,14 +779,14 @@ void MeasureIngestAndFloor(const Options &o) {
   }
   Result("corpus_mean_record_bytes", static_cast<double>(bytes) / static_cast<double>(corpus.size()));
 
-  // Floor first, on its own root.
-  {
-    std::string root = MakeRoot("floor");
+  // The floors first, each on its own root.
+  for (bool batched : {false, true}) {
+    std::string root = MakeRoot(batched ? "floor-batched" : "floor");
     LogCounter log(root);
     MakeDirs(root + "/var/run/orlan/tev");
     pid_t pid = fork();
     if (pid == 0) {
-      FloorMain(root, o.contexts);
+      FloorMain(root, o.contexts, batched);
     }
     if (!WaitForFile(AsyncPath(root, o.contexts - 1), 5)) {
       Die("floor did not start");
@@ -630,11 +795,13 @@ void MeasureIngestAndFloor(const Options &o) {
     IngestFigures f = MeasureIngest(root, pid, log, o, corpus, nullptr);
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
-    Result("floor_handled", static_cast<double>(f.handled));
-    Result("floor_seconds", f.seconds);
-    Result("floor_obs_per_s", static_cast<double>(f.handled) / f.seconds);
-    Result("floor_cpu_us_per_obs", f.cpuSeconds * 1e6 / static_cast<double>(f.handled));
-    Result("floor_full_queue_sends", static_cast<double>(f.fullQueueSends));
+    std::string k = batched ? "floor_batched_" : "floor_";
+    Result((k + "handled").c_str(), static_cast<double>(f.handled));
+    Result((k + "seconds").c_str(), f.seconds);
+    Result((k + "obs_per_s").c_str(), static_cast<double>(f.handled) / f.seconds);
+    Result((k + "cpu_us_per_obs").c_str(), f.cpuSeconds * 1e6 / static_cast<double>(f.handled));
+    Result((k + "full_queue_sends").c_str(), static_cast<double>(f.fullQueueSends));
+    Result((k + "syscalls_per_obs").c_str(), f.syscalls / static_cast<double>(f.handled));
   }
 
   std::string root = MakeRoot("ingest");
@@ -646,7 +813,19 @@ void MeasureIngestAndFloor(const Options &o) {
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   Result("rss_idle_kib", static_cast<double>(RssKiB(pid)));
   std::vector<long> samples;
+  // Latency under load: the direct translation on a context of its own while
+  // the ingest corpus floods the others.
+  QprobListener listener(root);
+  std::atomic<bool> loaded{false};
+  std::vector<double> loadUs;
+  long loadLost = 0, loadWrong = 0;
+  std::thread prober([&] {
+    LatencyLoop(root, o.contexts, listener, 1000, loaded, &loadUs, &loadLost, &loadWrong);
+  });
   IngestFigures f = MeasureIngest(root, pid, log, o, corpus, &samples);
+  loaded = true;
+  prober.join();
+  LatencyResults("load_latency_", loadUs, loadLost, loadWrong);
   Result("tevd_handled", static_cast<double>(f.handled));
   Result("tevd_seconds", f.seconds);
   Result("tevd_obs_per_s", static_cast<double>(f.handled) / f.seconds);
@@ -655,6 +834,7 @@ void MeasureIngestAndFloor(const Options &o) {
   Result("tevd_reader_samples", static_cast<double>(f.readerSamples));
   Result("tevd_reader_in_pipe_write", static_cast<double>(f.readerInPipeWrite));
   Result("tevd_reader_in_poll", static_cast<double>(f.readerInPoll));
+  Result("tevd_syscalls_per_obs", f.syscalls / static_cast<double>(f.handled));
   if (!samples.empty()) {
     size_t q = samples.size() / 4;
     Result("rss_load_first_quarter_max_kib",
@@ -715,7 +895,7 @@ int main(int argc, char **argv) {
              " (--n N --contexts K --latency-runs R --latency-per-run M --tevd P --tevctl P"
              " --no-latency --no-ingest)");
   }
-  if (o.contexts < 1 || o.contexts > 22 || o.n < 1 || o.latencyPerRun > 1000) {
+  if (o.contexts < 1 || o.contexts > 21 || o.n < 1 || o.latencyPerRun > 1000) {
     Die("bad option value");
   }
   signal(SIGPIPE, SIG_IGN);

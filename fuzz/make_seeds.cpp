@@ -119,5 +119,12 @@ int main(int argc, char **argv) {
   Bytes small{3};
   AddPacket(&small, records[2]);
   Write(d, "too-small", small);
+  // The same inputs on the batched datagram path of the asynchronous contexts.
+  all[0] = 0x45;
+  Write(d, "dgram-four", all);
+  mixed[0] = 0x44;
+  Write(d, "dgram-mixed", mixed);
+  small[0] = 0x43;
+  Write(d, "dgram-too-small", small);
   return 0;
 }

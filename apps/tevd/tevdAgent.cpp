@@ -13,6 +13,7 @@
 #include <cstring>
 #include <exception>
 
+#include "PlatformRoot.h"
 #include "Str.h"
 #include "TevClock.h"
 #include "tevdLog.h"
@@ -99,6 +100,8 @@ __attribute__((no_sanitize("null"))) void *AgentThreadMain(void *arg) {
   if (pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr) != 0) {
     TevdLog("Failed to set thread cancel type for agent function(%#x).\n", AddrLow32(fn));
   }
+  // An agent's lines go out together before it waits for the next record.
+  PlatformLog_BatchLines();
   try {
     fn();
   } catch (abi::__forced_unwind &) {
@@ -108,6 +111,7 @@ __attribute__((no_sanitize("null"))) void *AgentThreadMain(void *arg) {
   } catch (...) {
     TevdLog("Unknown exception in agent function(%#x).\n", AddrLow32(fn));
   }
+  PlatformLog_Unbatch();   // the agent ends: nothing may stay queued
   MarkSettled();
   return nullptr;
 }
@@ -239,23 +243,54 @@ int CloseStream(TevStream *s) {
   }
   UnlockStreams();
   free(s->buf);
+  free(s->chunk);
+  free(s->out);
   delete s;
   return rc;
 }
 
-// Reads what the stream still wants into its buffer. 0 when the phase is
-// complete, 11 when the read was short, else errno.
-int ReadWanted(TevStream *s) {
-  ssize_t got = read(s->readFd, s->buf + s->have, s->want);
-  if (got == 0) {
-    Panic("EOF trying to read %d bytes from stream %p\n", static_cast<int>(s->want),
-          static_cast<void *>(s));
+// One read takes up to this much of what the pipe holds (a pipe holds 64 KiB).
+constexpr uint32_t kChunkSize = 32 * 1024;
+
+// Moves what the stream still wants into its buffer: from the bytes read
+// earlier, else with one read of the pipe (straight into the record for a
+// body larger than a chunk). 0 when the phase is complete, 11 when short,
+// else errno. The read may block only inside a record whose first bytes are
+// here already, so the reader is still writing the rest of it.
+int TakeWanted(TevStream *s) {
+  if (s->chunkStart == s->chunkEnd) {
+    const bool direct = s->want >= kChunkSize;
+    if (!direct && s->chunk == nullptr) {
+      s->chunk = static_cast<uint8_t *>(malloc(kChunkSize));
+      if (s->chunk == nullptr) {
+        return ENOMEM;
+      }
+    }
+    ssize_t got = direct ? read(s->readFd, s->buf + s->have, s->want)
+                         : read(s->readFd, s->chunk, kChunkSize);
+    if (got == 0) {
+      Panic("EOF trying to read %d bytes from stream %p\n", static_cast<int>(s->want),
+            static_cast<void *>(s));
+    }
+    if (got < 0) {
+      return errno;
+    }
+    if (direct) {
+      s->have += static_cast<uint32_t>(got);
+      s->want -= static_cast<uint32_t>(got);
+      return s->want == 0 ? 0 : 11;
+    }
+    s->chunkStart = 0;
+    s->chunkEnd = static_cast<uint32_t>(got);
   }
-  if (got < 0) {
-    return errno;
+  uint32_t n = s->chunkEnd - s->chunkStart;
+  if (n > s->want) {
+    n = s->want;
   }
-  s->have += static_cast<uint32_t>(got);
-  s->want -= static_cast<uint32_t>(got);
+  memcpy(s->buf + s->have, s->chunk + s->chunkStart, n);
+  s->chunkStart += n;
+  s->have += n;
+  s->want -= n;
   return s->want == 0 ? 0 : 11;
 }
 
@@ -344,7 +379,76 @@ bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id) {
   return false;
 }
 
-int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
+namespace {
+
+// A queue is written out as soon as it holds what a pipe holds: writing more
+// at once would only wait for the agent.
+constexpr size_t kQueueFlushBytes = 64 * 1024;
+
+// Writes a stream's queue whole; a rare partial write (a signal in between)
+// is finished so that the agent never sees a torn record. 0 or errno.
+int WriteQueue(TevStream *s) {
+  size_t done = 0;
+  while (done < s->outLength) {
+    ssize_t w = write(s->writeFd, s->out + done, s->outLength - done);
+    // The pipe is non-blocking: wait for room, but give way to the exit
+    // request (EINTR) so a stuck agent never keeps the reader from exiting.
+    if (w < 0 && (errno == EINTR || errno == EAGAIN) && WaitForRoom(s->writeFd)) {
+      continue;
+    }
+    if (w < 0) {
+      s->outLength = 0;
+      return errno;
+    }
+    done += static_cast<size_t>(w);
+  }
+  s->outLength = 0;
+  if (s->outCapacity > 2 * kQueueFlushBytes) {
+    free(s->out);   // a very large record passed; do not keep its room
+    s->out = nullptr;
+    s->outCapacity = 0;
+  }
+  return 0;
+}
+
+int Enqueue(TevStream *s, const uint8_t *rec, size_t len) {
+  if (s->outLength + len > s->outCapacity) {
+    size_t cap = s->outCapacity > 0 ? s->outCapacity : 4096;
+    while (cap < s->outLength + len) {
+      cap *= 2;
+    }
+    uint8_t *grown = static_cast<uint8_t *>(realloc(s->out, cap));
+    if (grown == nullptr) {
+      return ENOMEM;
+    }
+    s->out = grown;
+    s->outCapacity = cap;
+  }
+  memcpy(s->out + s->outLength, rec, len);
+  s->outLength += len;
+  if (s->outLength < kQueueFlushBytes) {
+    return 0;
+  }
+  PlatformLog_Flush();   // the write may wait for the agent
+  return WriteQueue(s);
+}
+
+// Under the stream lock.
+int FlushLocked() {
+  for (TevStream *s = streamHead; s != nullptr; s = s->next) {
+    if (s->outLength > 0) {
+      int err = WriteQueue(s);
+      if (err != 0) {
+        return err;
+      }
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+int TevdAgent_Queue(const uint8_t *buf, size_t length) {
   LockStreams();
   size_t off = 0;
   while (length - off >= TEV_RECORD_HEADER_SIZE) {
@@ -365,26 +469,29 @@ int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
       if (!TevdAgent_SubscriptionMatches(&s->sub, id)) {
         continue;
       }
-      // One write per record; a rare partial write (a signal in between) is
-      // finished so that the agent never sees a torn record.
-      size_t done = 0;
-      while (done < recLen) {
-        ssize_t w = write(s->writeFd, rec + done, recLen - done);
-        if (w < 0 && (errno == EINTR || errno == EAGAIN) && WaitForRoom(s->writeFd)) {
-          continue;
-        }
-        if (w < 0) {
-          int err = errno;
-          UnlockStreams();
-          return err;
-        }
-        done += static_cast<size_t>(w);
+      int err = Enqueue(s, rec, recLen);
+      if (err != 0) {
+        UnlockStreams();
+        return err;
       }
     }
     off += recLen;
   }
   UnlockStreams();
   return 0;
+}
+
+int TevdAgent_Flush(void) {
+  PlatformLog_Flush();   // the reader's lines first: the writes may wait
+  LockStreams();
+  int err = FlushLocked();
+  UnlockStreams();
+  return err;
+}
+
+int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
+  int err = TevdAgent_Queue(buf, length);
+  return err != 0 ? err : TevdAgent_Flush();
 }
 
 int TevdAgent_Init(const char *name, const std::vector<std::string> &words,
@@ -443,6 +550,8 @@ int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent) {
   return TevdAgent_Init(name, {word}, {}, agent);
 }
 
+bool TevdAgent_StreamBuffered(const TevStream *s) { return s->chunkStart < s->chunkEnd; }
+
 int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
   *tev = nullptr;
   int rc = 0;
@@ -455,9 +564,9 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
     s->want = TEV_RECORD_HEADER_SIZE;
   }
   if (s->have < TEV_RECORD_HEADER_SIZE) {
-    rc = ReadWanted(s);
+    rc = TakeWanted(s);
   }
-  if (rc == 0 && s->have == TEV_RECORD_HEADER_SIZE) {
+  if (rc == 0 && s->have == TEV_RECORD_HEADER_SIZE && s->want == 0) {
     uint32_t total;
     memcpy(&total, s->buf + 16, 4);
     if (total < TEV_RECORD_HEADER_SIZE) {
@@ -470,10 +579,10 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
       }
       s->buf = grown;
       s->want = total - TEV_RECORD_HEADER_SIZE;
-      rc = ReadWanted(s);
+      rc = TakeWanted(s);
     }
   } else if (rc == 0 && s->want > 0) {
-    rc = ReadWanted(s);
+    rc = TakeWanted(s);
   }
   if (rc == 11) {
     return 0;  // incomplete: more bytes on the next readable event
@@ -495,6 +604,18 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
 int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev) {
   *tev = nullptr;
   for (;;) {
+    if (TevdAgent_StreamBuffered(agent->stream)) {
+      int rc = TevdAgent_ReassembleStep(agent->stream, tev);
+      if (rc != 0) {
+        TevdLog("Failed to get Tev\n");
+        return rc;
+      }
+      if (*tev != nullptr) {
+        return 0;
+      }
+      continue;
+    }
+    PlatformLog_Flush();
     struct pollfd pfd = {agent->pollFd, POLLIN, 0};
     int n = poll(&pfd, 1, -1);
     if (n < 0) {

@@ -34,6 +34,15 @@ struct TevStream {
   uint8_t *buf = nullptr;
   uint32_t have = 0;
   uint32_t want = 0;
+  // Bytes read from the pipe ahead of the record being reassembled: one read
+  // takes whatever the pipe holds, and the records in it are served from here.
+  uint8_t *chunk = nullptr;
+  uint32_t chunkStart = 0;
+  uint32_t chunkEnd = 0;
+  // Records queued for the pipe by the reader, written together by a flush.
+  uint8_t *out = nullptr;
+  size_t outLength = 0;
+  size_t outCapacity = 0;
 };
 
 struct TevdAgent {
@@ -59,6 +68,12 @@ int TevdAgent_Distribute(const uint8_t *buf, size_t length);
 // The reader's exit request: a distribution waiting for room in a full pipe
 // gives up with EINTR once it is set.
 void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag);
+// The same in two halves, so that one poll pass costs one write per agent:
+// Queue copies each record to every matching stream's queue (writing a queue
+// out early once it holds a pipe's worth); Flush writes every queue with one
+// write each. The reader flushes before it waits again. 0 or errno.
+int TevdAgent_Queue(const uint8_t *buf, size_t length);
+int TevdAgent_Flush(void);
 
 bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id);
 // Returns 0, 1 (out of memory / too many words or ids) or 2 (pipe setup).
@@ -69,5 +84,9 @@ int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent);
 int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev);
 // One read from the stream: 0 with *tev set when a record completed, 0 with
 // *tev null when more bytes are wanted, else 2 (or 12 on allocation).
+// A step reads the pipe only when nothing read earlier is left over; leftover
+// bytes do not make the pipe readable, so a caller runs a step without
+// waiting while this is true.
 int TevdAgent_ReassembleStep(TevStream *stream, Tev **tev);
+bool TevdAgent_StreamBuffered(const TevStream *stream);
 void TevdAgent_Cleanup(TevdAgent *agent);

@@ -3,6 +3,8 @@
 // that lookups of unknown identifiers never change the registered map.
 #include "tevdCorrelator.h"
 
+#include "PlatformRoot.h"
+
 #include <poll.h>
 #include <unistd.h>
 
@@ -93,9 +95,23 @@ void TevdCorrelator_StartWithWakeup(const char *name, const char *domain, TevHan
     set[static_cast<size_t>(i) + 1] = {fds[i], POLLIN, 0};
   }
   for (;;) {
+    // Records already read from the pipe come first: they do not make it
+    // readable. The wake-up descriptors are looked at once they are used up.
+    if (TevdAgent_StreamBuffered(agent->stream)) {
+      Tev *tev = nullptr;
+      if (TevdAgent_ReassembleStep(agent->stream, &tev) != 0) {
+        TevdLog("Failed to get Tev\n");
+        break;
+      }
+      if (tev != nullptr) {
+        HandleOne(defaultHandler, map, tev);
+      }
+      continue;
+    }
     for (auto &p : set) {
       p.revents = 0;
     }
+    PlatformLog_Flush();
     int n = poll(set.data(), set.size(), -1);
     if (n < 0) {
       if (errno == EINTR) {

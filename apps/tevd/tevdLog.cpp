@@ -171,6 +171,7 @@ void Panic(const char *format, ...) {
   char *bare = MsgFmt_Asprintf(nullptr, format, nullptr, 0);
   TevdLog("%s", bare != nullptr ? bare : "");
   free(bare);
+  PlatformLog_Flush();   // this thread's queued lines, the panic's among them
   abort();
 }
 

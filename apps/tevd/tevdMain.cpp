@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "KNO.h"
+#include "PlatformRoot.h"
 #include "TevClock.h"
 #include "TevLib.h"
 #include "tevdAgent.h"
@@ -220,7 +221,13 @@ int ReadTevs(TevLib_Handle handle, int fd) {
   if (length == 0 || length > kBufferCeiling) {
     return -1;
   }
-  return TevdAgent_Distribute(tevBuffer, length);
+  rc = TevdAgent_Queue(tevBuffer, length);
+  // Records the library took ahead of a full buffer do not make the
+  // descriptor readable again: they are read now, not at the next arrival.
+  if (rc == 0 && TevLib_HasPending(fd)) {
+    return ReadTevs(handle, fd);
+  }
+  return rc;
 }
 
 // Closes the user connection at *index, keeping the set dense; the walk
@@ -243,7 +250,16 @@ void CloseConnection(struct pollfd *set, int *count, int *index) {
 
 int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
   int count = kFixedEntries;
+  // The reader's lines go out together before it waits (main unbatches).
+  PlatformLog_BatchLines();
   for (;;) {
+    // What this pass read goes to the agents before the next wait: one
+    // write per agent for the whole pass. A flush that gave way to the exit
+    // request is not a failure.
+    int flushed = TevdAgent_Flush();
+    if (flushed != 0 && !exitRequested) {
+      return flushed;
+    }
     TevdNotify_LoopPass();
     if (exitRequested) {
       TevdLog("Exiting due to signal.\n");
@@ -428,6 +444,7 @@ int main(int argc, char **argv) {
     OpenReserve();
     SetHandledSignalsBlocked(false);
     rc = RunLoop(contexts, set != nullptr ? set : fixedSet, capacity);
+    PlatformLog_Unbatch();
   }
 
   TevdNotify_Stopping();

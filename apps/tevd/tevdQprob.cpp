@@ -157,6 +157,8 @@ std::string SocketPath() {
 }
 
 int SendOverSocket(const void *message, size_t length) {
+  // The lines logged on the way to this event go out before it.
+  PlatformLog_Flush();
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     return -1;

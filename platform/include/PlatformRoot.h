@@ -18,3 +18,11 @@ bool PlatformModel_Write(const std::string &relative, const std::string &value);
 // to $TEVD_ROOT/dev/log (dropped silently when absent); else vsyslog(LOG_INFO).
 #include <cstdarg>
 void PlatformLog_Vsyslog(const char *format, va_list ap) __attribute__((format(printf, 1, 0)));
+// A thread that calls BatchLines has its lines queued (each with its time
+// taken when it was logged) and sent together with sendmmsg when the queue is
+// full or at Flush, which the thread calls before every wait; Unbatch flushes
+// and sends each line at once again. Threads that never call BatchLines are
+// not affected; Flush on them does nothing.
+void PlatformLog_BatchLines(void);
+void PlatformLog_Flush(void);
+void PlatformLog_Unbatch(void);

@@ -41,6 +41,10 @@ int TevLib_HandleToFd(TevLib_Handle handle, int *fd);
 // "tev.tests." are consumed, counted and dropped too (docs/security.md).
 // Length 0 with status 0: nothing was waiting.
 int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length);
+// True when records already taken from `fd`'s socket wait in the library
+// (the caller's buffer was full): they do not make the descriptor readable,
+// so read again before waiting.
+bool TevLib_HasPending(int fd);
 int TevLib_Reset(TevLib_Handle handle);
 // `name` must hold at least TEVLIB_NAME_MAX bytes.
 constexpr size_t TEVLIB_NAME_MAX = 32;

@@ -36,6 +36,10 @@ bool ParseRecord(const uint8_t *record, size_t length, RawRecord *out, std::stri
 void RegisterFdName(int fd, const std::string &name);
 void ForgetFd(int fd);
 std::string FdName(int fd);
+// Reads `fd` (a datagram socket) through a batch of its own from now on
+// (TevLib_ReadFromFd); contexts opened by TevLib get one. Detach frees it.
+void AttachReadBatch(int fd);
+void DetachReadBatch(int fd);
 
 void Syslog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -266,8 +266,12 @@ void ReportDropped(int fd, const struct sockaddr_un *addr) {
   }
   int len = snprintf(line + head, sizeof line - static_cast<size_t>(head),
                      "%llu log lines dropped\n", n);
+  // The collector has just taken a line, so the report may wait for room
+  // (bounded by the socket's send time-out): sent without waiting it could
+  // find the queue refilled by that line and stay unreported while the
+  // daemon is quiet.
   if (len > 0 &&
-      sendto(fd, line, static_cast<size_t>(head + len), MSG_NOSIGNAL | MSG_DONTWAIT,
+      sendto(fd, line, static_cast<size_t>(head + len), MSG_NOSIGNAL,
              reinterpret_cast<const struct sockaddr *>(addr), sizeof *addr) < 0) {
     __atomic_add_fetch(&droppedLines, n, __ATOMIC_ACQ_REL);   // still full: report later
   }
@@ -304,7 +308,113 @@ void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr)
   }
 }
 
+// Lines of one thread waiting to be sent together (PlatformLog_BatchLines).
+// Plain thread-local buffers, no destructor: see below on cancellation.
+struct LineQueue {
+  static constexpr unsigned kLines = 32;
+  static constexpr size_t kBytes = 16 * 1024;
+  bool on;
+  unsigned count;
+  size_t used;
+  struct sockaddr_un addr;   // every queued line goes to this collector
+  size_t offset[kLines];
+  size_t length[kLines];
+  char bytes[kBytes];
+};
+
+thread_local LineQueue lineQueue;
+
+// Sends the queued lines with as few sendmmsg() calls as the collector
+// allows. A line the socket refuses is dropped, as one sendto() would have
+// dropped it, and the rest still go.
+void SendQueued(LineQueue &q) {
+  struct mmsghdr msgs[LineQueue::kLines];
+  struct iovec iovs[LineQueue::kLines];
+  memset(msgs, 0, sizeof msgs);
+  for (unsigned i = 0; i < q.count; ++i) {
+    iovs[i].iov_base = q.bytes + q.offset[i];
+    iovs[i].iov_len = q.length[i];
+    msgs[i].msg_hdr.msg_name = &q.addr;
+    msgs[i].msg_hdr.msg_namelen = sizeof q.addr;
+    msgs[i].msg_hdr.msg_iov = &iovs[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+  unsigned done = 0;
+  bool retried = false;
+  while (done < q.count) {
+    int fd = LogSocket();
+    if (fd < 0) {
+      break;
+    }
+    bool stalled = __atomic_load_n(&collectorStalled, __ATOMIC_ACQUIRE) != 0;
+    int n = sendmmsg(fd, msgs + done, q.count - done, MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0));
+    if (n > 0) {
+      done += static_cast<unsigned>(n);
+      if (stalled) {
+        __atomic_store_n(&collectorStalled, 0, __ATOMIC_RELEASE);
+      }
+      if (__atomic_load_n(&droppedLines, __ATOMIC_ACQUIRE) != 0) {
+        ReportDropped(fd, &q.addr);
+      }
+      continue;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      // As in SendLine: the rest of the batch is dropped and counted at once,
+      // not one wait per line.
+      __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
+      __atomic_add_fetch(&droppedLines, q.count - done, __ATOMIC_ACQ_REL);
+      break;
+    }
+    if ((errno == EBADF || errno == ENOTSOCK) && !retried) {
+      retried = true;
+      DropLogSocket(fd);
+      continue;
+    }
+    ++done;   // no collector, ...: dropped silently
+  }
+  q.count = 0;
+  q.used = 0;
+}
+
+// Queues a finished datagram; false when the calling thread does not batch.
+bool QueueLine(const char *datagram, size_t size, const struct sockaddr_un *addr) {
+  LineQueue &q = lineQueue;
+  if (!q.on) {
+    return false;
+  }
+  if (q.count > 0 && (q.count == LineQueue::kLines || q.used + size > LineQueue::kBytes ||
+                      strcmp(q.addr.sun_path, addr->sun_path) != 0)) {
+    SendQueued(q);
+  }
+  if (size > LineQueue::kBytes) {
+    return false;   // sent on its own, after the lines before it
+  }
+  if (q.count == 0) {
+    q.addr = *addr;
+  }
+  memcpy(q.bytes + q.used, datagram, size);
+  q.offset[q.count] = q.used;
+  q.length[q.count] = size;
+  q.used += size;
+  ++q.count;
+  return true;
+}
+
 }  // namespace
+
+void PlatformLog_BatchLines(void) { lineQueue.on = true; }
+
+void PlatformLog_Flush(void) {
+  LineQueue &q = lineQueue;
+  if (q.count > 0) {
+    SendQueued(q);
+  }
+}
+
+void PlatformLog_Unbatch(void) {
+  PlatformLog_Flush();
+  lineQueue.on = false;
+}
 
 // The daemon cancels its agents at exit, and sendto() here is a
 // cancellation point where a busy agent is often stopped. The function holds
@@ -313,8 +423,9 @@ void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr)
 // program that links this library cancels its threads.
 //
 // Cost per line in the common case: the formatting into a stack buffer and
-// one sendto(); a line too long for the stack buffer is formatted again into
-// a malloc'd one.
+// one sendto(), or, on a batching thread, a copy into its queue and a share
+// of one sendmmsg(); a line too long for the stack buffer is formatted again
+// into a malloc'd one.
 void PlatformLog_Vsyslog(const char *format, va_list ap) {
   struct sockaddr_un addr;
   LogSink sink = LogSocketAddr(&addr);
@@ -340,7 +451,9 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) {
   }
   size_t size = static_cast<size_t>(headLen) + static_cast<size_t>(n);
   if (static_cast<size_t>(n) < room) {
-    SendLine(stackBuf, size, &addr);
+    if (!QueueLine(stackBuf, size, &addr)) {
+      SendLine(stackBuf, size, &addr);
+    }
     return;
   }
   char *datagram = static_cast<char *>(malloc(size + 1));
@@ -349,7 +462,9 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) {
   }
   memcpy(datagram, stackBuf, static_cast<size_t>(headLen));
   vsnprintf(datagram + headLen, static_cast<size_t>(n) + 1, format, ap);
-  SendLine(datagram, size, &addr);
+  if (!QueueLine(datagram, size, &addr)) {
+    SendLine(datagram, size, &addr);
+  }
   free(datagram);
 }
 

@@ -1,15 +1,21 @@
 // Observation contexts over UNIX sockets under the root: one datagram socket
 // per asynchronous domain, one SOCK_SEQPACKET listener for user processes.
-// TevLib_ReadFromFd is called by the daemon's single poll thread; it peeks at
-// each pending record's size before taking it, so nothing is consumed when
-// the first record does not fit. Malformed records never leave this file.
+// TevLib_ReadFromFd is called by the daemon's single poll thread. On a user
+// connection it peeks at each pending record's size before taking it, so
+// nothing is consumed when the first record does not fit. An asynchronous
+// context is read several datagrams per system call into the context's own
+// batch, from which records are served in order; one that does not fit the
+// caller's buffer waits there, which for the caller is the same as waiting
+// in the socket. Malformed records never leave this file.
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -55,6 +61,28 @@ std::mutex gNamesMutex;
 std::map<int, std::string> gNames;   // guarded by gNamesMutex
 std::atomic<uint64_t> gDropped{0};
 std::atomic<int64_t> gLastDropLogSec{INT64_MIN};
+
+// Datagrams taken from one socket ahead of the caller. Each slot can hold the
+// largest record, so nothing that fits is ever cut: the slots are reserved
+// address space, and only the pages the kernel writes become resident.
+struct ReadBatch {
+  static constexpr unsigned kSlots = 16;
+  static constexpr size_t kSlotSize = TEV_RECORD_MAX_SIZE;
+  uint8_t *arena = nullptr;        // kSlots * kSlotSize, mapped on first use
+  uint32_t length[kSlots] = {};    // real datagram sizes (may exceed kSlotSize)
+  unsigned next = 0;               // first slot not yet served
+  unsigned count = 0;              // slots filled by the last receive
+  bool drained = false;            // the last receive found the queue empty
+};
+
+std::mutex gBatchesMutex;
+std::map<int, ReadBatch *> gBatches;   // guarded by gBatchesMutex
+
+ReadBatch *FindBatch(int fd) {
+  std::lock_guard<std::mutex> lock(gBatchesMutex);
+  auto it = gBatches.find(fd);
+  return it != gBatches.end() ? it->second : nullptr;
+}
 
 std::string SocketPath(uint32_t domain) {
   char rel[64];
@@ -108,6 +136,9 @@ int OpenContext(uint32_t domain, bool user, TevLib_Handle *handle) {
   }
   ctx->name = name;
   platform_internal::RegisterFdName(fd, ctx->name);
+  if (!user) {
+    platform_internal::AttachReadBatch(fd);
+  }
   *handle = ctx;
   return TEVLIB_OK;
 }
@@ -179,6 +210,27 @@ std::string FdName(int fd) {
   auto it = gNames.find(fd);
   return it != gNames.end() ? it->second : "fd " + std::to_string(fd);
 }
+void AttachReadBatch(int fd) {
+  std::lock_guard<std::mutex> lock(gBatchesMutex);
+  ReadBatch *&b = gBatches[fd];
+  if (b == nullptr) {
+    b = new ReadBatch;
+  }
+}
+void DetachReadBatch(int fd) {
+  ReadBatch *b = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(gBatchesMutex);
+    auto it = gBatches.find(fd);
+    if (it == gBatches.end()) return;
+    b = it->second;
+    gBatches.erase(it);
+  }
+  if (b->arena != nullptr) {
+    munmap(b->arena, ReadBatch::kSlots * ReadBatch::kSlotSize);
+  }
+  delete b;
+}
 }  // namespace platform_internal
 
 int TevLib_AsyncContextOpen(uint32_t domain, TevLib_Handle *handle) {
@@ -209,9 +261,121 @@ int TevLib_HandleToName(TevLib_Handle handle, char *name) {
   return TEVLIB_OK;
 }
 
+namespace {
+
+// Receives up to kSlots datagrams at once: the count, 0 when none was
+// waiting, or -1 with errno.
+int Refill(int fd, ReadBatch *b) {
+  if (b->arena == nullptr) {
+    void *m = mmap(nullptr, ReadBatch::kSlots * ReadBatch::kSlotSize, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (m == MAP_FAILED) {
+      errno = ENOMEM;
+      return -1;
+    }
+    b->arena = static_cast<uint8_t *>(m);
+  }
+  struct mmsghdr msgs[ReadBatch::kSlots];
+  struct iovec iovs[ReadBatch::kSlots];
+  memset(msgs, 0, sizeof msgs);
+  for (unsigned i = 0; i < ReadBatch::kSlots; ++i) {
+    iovs[i].iov_base = b->arena + i * ReadBatch::kSlotSize;
+    iovs[i].iov_len = ReadBatch::kSlotSize;
+    msgs[i].msg_hdr.msg_iov = &iovs[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+  // MSG_TRUNC: a datagram larger than a slot reports its real size, so that
+  // it is dropped as too large rather than served cut.
+  int n = recvmmsg(fd, msgs, ReadBatch::kSlots, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+  if (n < 0) {
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      b->drained = true;
+      return 0;
+    }
+    return -1;
+  }
+  for (int i = 0; i < n; ++i) {
+    b->length[i] = msgs[i].msg_len;
+  }
+  b->next = 0;
+  b->count = static_cast<unsigned>(n);
+  // Fewer than asked: the queue was empty when the kernel looked. The caller
+  // stops after these instead of asking again only to hear EAGAIN; anything
+  // that arrived since makes the descriptor readable again.
+  b->drained = n < static_cast<int>(ReadBatch::kSlots);
+  return n;
+}
+
+// Gives a slot that held a large record back to the system.
+void ReleaseSlot(ReadBatch *b, unsigned slot) {
+  const size_t keep = 64 * 1024;
+  if (b->length[slot] > keep) {
+    size_t len = std::min<size_t>(b->length[slot], ReadBatch::kSlotSize) - keep;
+    madvise(b->arena + slot * ReadBatch::kSlotSize + keep, len, MADV_DONTNEED);
+  }
+}
+
+int ReadBatched(int fd, ReadBatch *b, uint8_t *out, size_t size, size_t *length) {
+  size_t used = 0;
+  for (;;) {
+    if (b->next == b->count) {
+      if (b->drained) {
+        b->drained = false;   // the next call asks the socket again
+        break;
+      }
+      int n = Refill(fd, b);
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        if (used > 0) break;   // report the error on the next call
+        return errno == ENOMEM ? TEVLIB_ERR_NOMEM : TEVLIB_ERR_IO;
+      }
+      if (n == 0) {
+        b->drained = false;
+        break;
+      }
+    }
+    unsigned slot = b->next;
+    size_t len = b->length[slot];
+    const uint8_t *rec = b->arena + slot * ReadBatch::kSlotSize;
+    std::string why;
+    if (len > TEV_RECORD_MAX_SIZE) {
+      ReleaseSlot(b, slot);
+      ++b->next;
+      NoteDropped(fd, "record of " + std::to_string(len) + " bytes is larger than 1 MiB");
+      continue;
+    }
+    if (!platform_internal::ParseRecord(rec, len, nullptr, &why)) {
+      ReleaseSlot(b, slot);
+      ++b->next;
+      NoteDropped(fd, why);
+      continue;
+    }
+    if (len > size - used) {
+      if (used == 0) return TEVLIB_BUFFER_TOO_SMALL;
+      break;
+    }
+    memcpy(out + used, rec, len);
+    used += len;
+    ReleaseSlot(b, slot);
+    ++b->next;
+  }
+  *length = used;
+  return TEVLIB_OK;
+}
+
+}  // namespace
+
+bool TevLib_HasPending(int fd) {
+  ReadBatch *b = FindBatch(fd);
+  return b != nullptr && b->next < b->count;
+}
+
 int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length) {
   if (length == nullptr || (buf == nullptr && size > 0)) return TEVLIB_ERR_INVAL;
   *length = 0;
+  if (ReadBatch *b = FindBatch(fd)) {
+    return ReadBatched(fd, b, static_cast<uint8_t *>(buf), size, length);
+  }
   int type = 0;
   socklen_t typeLen = sizeof type;
   if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &typeLen) != 0) return TEVLIB_ERR_IO;
@@ -291,6 +455,10 @@ int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length) {
 int TevLib_Reset(TevLib_Handle handle) {
   if (handle == nullptr) return TEVLIB_ERR_INVAL;
   if (handle->user) return TEVLIB_OK;
+  if (ReadBatch *b = FindBatch(handle->fd)) {
+    b->next = b->count = 0;
+    b->drained = false;
+  }
   char dummy;
   for (;;) {
     ssize_t n = recv(handle->fd, &dummy, sizeof dummy, MSG_DONTWAIT | MSG_TRUNC);
@@ -327,6 +495,7 @@ int TevLib_UserContextCloseCnx(int fd) {
 int TevLib_Close(TevLib_Handle handle) {
   if (handle == nullptr) return TEVLIB_ERR_INVAL;
   platform_internal::ForgetFd(handle->fd);
+  platform_internal::DetachReadBatch(handle->fd);
   int rc = close(handle->fd) == 0 ? TEVLIB_OK : TEVLIB_ERR_IO;
   delete handle;
   return rc;

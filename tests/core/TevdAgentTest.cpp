@@ -145,6 +145,34 @@ TEST_F(AgentTest, FailingPipeWriteStopsTheBufferAndReturnsErrno) {
   TevdAgent_Cleanup(agent);
 }
 
+// One pipe read takes several records; they are served in order without
+// waiting on the pipe again, including one larger than a read's chunk.
+TEST_F(AgentTest, RecordsReadTogetherComeOutOneByOneInOrder) {
+  TevdAgent *agent = nullptr;
+  ASSERT_EQ(0, TevdAgent_InitOne("chunkAgent", "net", &agent));
+  std::vector<std::vector<uint8_t>> recs = {
+      Record("tev.net.a"), Record("tev.net.b", {S("x")}), Record("tev.net.c"),
+      Record("tev.net.large", {S(std::string(40000, 'l'))}), Record("tev.net.d")};
+  std::vector<uint8_t> all;
+  for (const auto &r : recs) all.insert(all.end(), r.begin(), r.end());
+  ASSERT_EQ(static_cast<ssize_t>(all.size()), write(agent->stream->writeFd, all.data(), all.size()));
+  for (size_t i = 0; i < recs.size(); i++) {
+    Tev *tev = nullptr;
+    ASSERT_EQ(0, TevdAgent_WaitTev(agent, &tev));
+    ASSERT_NE(nullptr, tev);
+    uint32_t len = 0;
+    const uint8_t *bytes = Tev_RecordBytes(tev, &len);
+    ASSERT_EQ(recs[i].size(), len) << i;
+    EXPECT_EQ(0, memcmp(recs[i].data(), bytes, len)) << i;
+    Tev_Free(tev);
+    if (i == 0) {
+      EXPECT_TRUE(TevdAgent_StreamBuffered(agent->stream));
+    }
+  }
+  EXPECT_FALSE(TevdAgent_StreamBuffered(agent->stream));
+  TevdAgent_Cleanup(agent);
+}
+
 TEST_F(AgentTest, PipeClosedInsideARecordPanics) {
   // A header that announces 100 bytes, then the writer goes away: the body
   // read finds end of file.

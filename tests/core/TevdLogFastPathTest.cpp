@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "LogCapture.h"
+#include "PlatformRoot.h"
 #include "TevClock.h"
 #include "TevdTestSupport.h"
 #include "tevdLog.h"
@@ -176,4 +177,51 @@ TEST(TevdLogFastPathTest, ConcurrentLinesArriveWholeAndEachOnce) {
     EXPECT_TRUE(seen.insert(text).second) << "twice: " << text;
   }
   EXPECT_EQ(static_cast<size_t>(threads * perThread), seen.size());
+}
+
+// A batching thread's lines wait for its flush (or a full queue) and then
+// arrive exactly as unbatched ones would: same bytes, same order, the time
+// of each taken when it was logged, a line too long for the queue in its place.
+TEST(TevdLogFastPathTest, BatchedLinesArriveAtTheFlushUnchangedAndInOrder) {
+  ZoneGuard zone;
+  zone.Set("UTC0");
+  ScratchRoot root;
+  root.MakeDir("dev");
+  int log = BindCollector(root);
+  ASSERT_GE(log, 0);
+  FakeClock clock(1700000000);
+  const std::string head = "<14>Nov 14 22:13:";
+  const std::string longBody(20000, 'L');
+  std::thread([&] {
+    PlatformLog_BatchLines();
+    TevdLog("first %d\n", 1);
+    clock.Advance(1);
+    TevdLog("second\n");
+    char probe[16];
+    EXPECT_LT(recv(log, probe, sizeof probe, MSG_DONTWAIT), 0) << "a line left before the flush";
+    TevdLog("%s\n", longBody.c_str());
+    TevdLog("after\n");
+    PlatformLog_Flush();
+    PlatformLog_Unbatch();
+  }).join();
+  EXPECT_EQ(head + "20 tevd: 2023-11-14T22:13:20.000Z: first 1\n", Receive(log));
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: second\n", Receive(log));
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: " + longBody + "\n", Receive(log));
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: after\n", Receive(log));
+  close(log);
+}
+
+TEST(TevdLogFastPathTest, FullBatchIsSentWithoutWaitingForTheFlush) {
+  ScratchRoot root;
+  LogCapture capture(root);
+  std::thread([&] {
+    PlatformLog_BatchLines();
+    for (int i = 0; i < 40; i++) TevdLog("line %d\n", i);
+    // The queue holds fewer than 40: the first lines left when it filled.
+    EXPECT_NE("", capture.WaitFor("line 0\n"));
+    PlatformLog_Unbatch();
+  }).join();
+  for (int i = 1; i < 40; i++) {
+    EXPECT_NE(std::string::npos, capture.Next().find("line " + std::to_string(i) + "\n")) << i;
+  }
 }

@@ -121,6 +121,70 @@ TEST_F(TevLibRead, ResetDiscardsWhatIsPending) {
   EXPECT_TRUE(recs.empty());
 }
 
+// A context is read several datagrams at a time; what the caller's buffer
+// cannot take waits in the library, in order, and is announced as pending.
+TEST_F(TevLibRead, RecordsTakenAheadOfAFullBufferComeOutInOrderWithNoneLost) {
+  const int kRecords = 7;   // with 2 bad ones under the kernel's queue of 10: no sender waits
+  std::vector<uint8_t> bad = Good("tev.net.bad");
+  bad[0] = 'X';
+  size_t recSize = 0;
+  for (int i = 0; i < kRecords; i++) {
+    std::vector<uint8_t> rec = Good("tev.net.seq", std::to_string(i));
+    recSize = rec.size();
+    ASSERT_EQ(0, TevRecord_Post(3, rec));
+    if (i % 3 == 1) {
+      ASSERT_EQ(0, TevRecord_Post(3, bad));   // dropped between good ones
+    }
+  }
+  uint64_t dropped = TevLib_DroppedRecords();
+  std::vector<std::string> got;
+  std::vector<TevRecordView> recs;
+  bool sawPending = false;
+  for (int reads = 0; reads < kRecords + 2; reads++) {
+    ASSERT_EQ(0, Read(recSize * 2, &recs));
+    if (recs.empty()) break;
+    EXPECT_LE(recs.size(), 2u);
+    sawPending = sawPending || TevLib_HasPending(fd_);
+    for (const TevRecordView &r : recs) got.push_back(r.args[0].str);
+  }
+  ASSERT_EQ(static_cast<size_t>(kRecords), got.size());
+  for (int i = 0; i < kRecords; i++) EXPECT_EQ(std::to_string(i), got[static_cast<size_t>(i)]);
+  EXPECT_TRUE(sawPending);
+  EXPECT_FALSE(TevLib_HasPending(fd_));
+  EXPECT_EQ(dropped + kRecords / 3, TevLib_DroppedRecords());
+}
+
+TEST_F(TevLibRead, RecordTakenAheadThatDoesNotFitReturns27AndStaysNext) {
+  std::vector<uint8_t> small = Good("tev.net.s");
+  std::vector<uint8_t> big = Good("tev.net.b", std::string(500, 'b'));
+  ASSERT_EQ(0, TevRecord_Post(3, small));
+  ASSERT_EQ(0, TevRecord_Post(3, big));
+  ASSERT_EQ(0, TevRecord_Post(3, small));
+  std::vector<TevRecordView> recs;
+  ASSERT_EQ(0, Read(small.size() + 10, &recs));
+  ASSERT_EQ(1u, recs.size());
+  EXPECT_TRUE(TevLib_HasPending(fd_));
+  EXPECT_EQ(27, Read(small.size() + 10, &recs));
+  EXPECT_EQ(27, Read(small.size() + 10, &recs));   // still there, still first
+  ASSERT_EQ(0, Read(big.size() + small.size(), &recs));
+  ASSERT_EQ(2u, recs.size());
+  EXPECT_EQ("tev.net.b", recs[0].id);
+  EXPECT_EQ("tev.net.s", recs[1].id);
+  EXPECT_FALSE(TevLib_HasPending(fd_));
+}
+
+TEST_F(TevLibRead, ResetAlsoDiscardsRecordsTakenAhead) {
+  std::vector<uint8_t> rec = Good("tev.net.r");
+  for (int i = 0; i < 3; i++) ASSERT_EQ(0, TevRecord_Post(3, rec));
+  std::vector<TevRecordView> recs;
+  ASSERT_EQ(0, Read(rec.size(), &recs));
+  ASSERT_TRUE(TevLib_HasPending(fd_));
+  ASSERT_EQ(0, TevLib_Reset(handle_));
+  EXPECT_FALSE(TevLib_HasPending(fd_));
+  ASSERT_EQ(0, Read(8192, &recs));
+  EXPECT_TRUE(recs.empty());
+}
+
 // ---- malformed records ---------------------------------------------------------
 
 void Put32(std::vector<uint8_t> *r, size_t off, uint32_t v) { memcpy(r->data() + off, &v, 4); }

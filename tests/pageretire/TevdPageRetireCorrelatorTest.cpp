@@ -48,6 +48,12 @@ class PageRetireTest : public ::testing::Test {
       TevdPageRetireCorrelatorMceInjected(tev.get());
     }
   }
+  // Fifty injections spanning two seconds: the record qualifies for a kill.
+  void Qualify(uint32_t page, int32_t vm) {
+    Inject(page, vm);
+    clock.Advance(2);
+    Inject(page, vm, 49);
+  }
   struct ThresholdStep {
     uint64_t n;
     bool posts;
@@ -133,28 +139,15 @@ TEST_F(PageRetireTest, OtherIdentifierOrMissingArgumentIsIgnored) {
 
 // ---- selected but not retired ------------------------------------------------
 
-TEST_F(PageRetireTest, NotRetiredReportedOncePerRun) {
-  auto first = MakeTev(kNotRetiredId, {UL(77)});
-  TevdPageRetireCorrelatorSelectedNotRetired(first.get());
+TEST_F(PageRetireTest, NotRetiredReportedOncePerRunOnceItsCountIsRead) {
+  for (const MsgFmt_Value &count : {S("many"), UL(77), UL(77), UL(5000)}) {
+    auto tev = MakeTev(kNotRetiredId, {count});
+    TevdPageRetireCorrelatorSelectedNotRetired(tev.get());
+  }
   auto got = events.Take();
   ASSERT_EQ(1u, got.size());
   EXPECT_EQ("kos.problem.pageretire.selectedbutnotretired.high", got[0].id);
   EXPECT_EQ((std::vector<std::string>{"UL:77"}), ArgsText(got[0].args));
-
-  for (uint64_t count : {77ull, 5000ull, 1ull}) {
-    auto again = MakeTev(kNotRetiredId, {UL(count)});
-    TevdPageRetireCorrelatorSelectedNotRetired(again.get());
-  }
-  EXPECT_EQ(0u, events.Count());
-}
-
-TEST_F(PageRetireTest, NotRetiredWithUnreadableCountDoesNotUseUpTheReport) {
-  auto bad = MakeTev(kNotRetiredId, {S("many")});
-  TevdPageRetireCorrelatorSelectedNotRetired(bad.get());
-  EXPECT_EQ(0u, events.Count());
-  auto good = MakeTev(kNotRetiredId, {UL(12)});
-  TevdPageRetireCorrelatorSelectedNotRetired(good.get());
-  EXPECT_EQ(1u, events.Count());
 }
 
 // ---- firmware request -------------------------------------------------------
@@ -177,11 +170,8 @@ TEST_F(PageRetireTest, FirmwareRequestGatedByApeiLoggingReadOnEveryCall) {
     EXPECT_EQ("kos.problem.pageretire.platform.retire.request", got[0].id);
     EXPECT_EQ((std::vector<std::string>{"S:DIMM_A1", "S:SEL 0x1f"}), ArgsText(got[0].args));
   }
-}
-
-TEST_F(PageRetireTest, FirmwareRequestUnderAnotherIdentifierIsNotPosted) {
-  auto tev = MakeTev("tev.pageretire.platform.retire.requested", {S("F"), S("L")});
-  TevdPageRetireCorrelatorPlatformRequest(tev.get());
+  auto other = MakeTev("tev.pageretire.platform.retire.requested", {S("F"), S("L")});
+  TevdPageRetireCorrelatorPlatformRequest(other.get());
   auto noStrings = MakeTev(kRequestId, {I(1), I(2)});
   TevdPageRetireCorrelatorPlatformRequest(noStrings.get());
   EXPECT_EQ(0u, events.Count());
@@ -189,23 +179,26 @@ TEST_F(PageRetireTest, FirmwareRequestUnderAnotherIdentifierIsNotPosted) {
 
 // ---- fatal reads --------------------------------------------------------------
 
-TEST_F(PageRetireTest, MissingThresholdNodeIsFatalAtStart) {
-  root.Remove("platform/nodes/system/pageRetire/threshold");
-  EXPECT_DEATH(TevdPageRetireCorrelator_Init(),
-               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:178");
-}
-
-TEST_F(PageRetireTest, MissingThresholdIntervalIsFatalAtStart) {
-  root.Remove("platform/options/PageRetire/ThresholdInterval");
-  EXPECT_DEATH(TevdPageRetireCorrelator_Init(),
-               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:189");
-}
-
-TEST_F(PageRetireTest, MissingApeiLoggingOptionIsFatalOnRequest) {
-  root.Remove("platform/options/PageRetire/ApeiLoggingEnabled");
-  auto tev = MakeTev(kRequestId, {S("F"), S("L")});
-  EXPECT_DEATH(TevdPageRetireCorrelatorPlatformRequest(tev.get()),
-               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:126");
+TEST_F(PageRetireTest, MissingOptionsAreFatal) {
+  struct Row {
+    const char *file;
+    int line;
+    bool onRequest;   // read on each firmware request rather than at start
+  } rows[] = {{"platform/nodes/system/pageRetire/threshold", 178, false},
+              {"platform/options/PageRetire/ThresholdInterval", 189, false},
+              {"platform/options/PageRetire/ApeiLoggingEnabled", 126, true}};
+  for (const Row &r : rows) {
+    root.Remove(r.file);
+    auto tev = MakeTev(kRequestId, {S("F"), S("L")});
+    std::string panic = "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:" +
+                        std::to_string(r.line);
+    if (r.onRequest) {
+      EXPECT_DEATH(TevdPageRetireCorrelatorPlatformRequest(tev.get()), panic);
+    } else {
+      EXPECT_DEATH(TevdPageRetireCorrelator_Init(), panic);
+    }
+    SetUp();
+  }
 }
 
 // ---- injected machine checks -------------------------------------------------
@@ -261,23 +254,15 @@ TEST_F(PageRetireTest, InjectionsCountPerPageNotPerVirtualMachine) {
   EXPECT_EQ("<absent>", Killed(7));
 }
 
-TEST_F(PageRetireTest, EntryExactlySixtySecondsOldStaysAndCounts) {
-  Inject(0x20, 7, 49);
-  clock.Advance(60);
-  Inject(0x20, 7);
-  EXPECT_EQ(50, TevdPageRetireCorrelator_EntriesForTest(7));
-  auto got = events.Take();
-  ASSERT_EQ(1u, got.size());
-  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:50", "U:32"}), ArgsText(got[0].args));
-}
-
 TEST_F(PageRetireTest, EntriesOlderThanSixtySecondsArePruned) {
   Inject(0x20, 7, 49);
-  clock.Advance(61);
+  clock.Advance(60);
+  Inject(0x20, 8);   // exactly 60 s old: kept
+  EXPECT_EQ(49, TevdPageRetireCorrelator_EntriesForTest(7));
+  clock.Advance(1);
   Inject(0x20, 7);
   EXPECT_EQ(1, TevdPageRetireCorrelator_EntriesForTest(7));
   EXPECT_EQ(0u, events.Count());
-
   // Any injection prunes every record; an emptied record goes away.
   clock.Advance(61);
   Inject(0x20, 8);
@@ -286,9 +271,7 @@ TEST_F(PageRetireTest, EntriesOlderThanSixtySecondsArePruned) {
 }
 
 TEST_F(PageRetireTest, AbsentVirtualMachineIsNotKilledAndIsTriedAgain) {
-  Inject(0x30, 9);
-  clock.Advance(2);
-  Inject(0x30, 9, 49);
+  Qualify(0x30, 9);
   EXPECT_EQ(0u, events.Count());
   EXPECT_FALSE(TevdPageRetireCorrelator_KilledForTest(9));
 
@@ -304,9 +287,7 @@ TEST_F(PageRetireTest, AbsentVirtualMachineIsNotKilledAndIsTriedAgain) {
 
 TEST_F(PageRetireTest, FailedKillAfterThePostStillMarksKilled) {
   root.MakeDir("platform/vms/7/killed");   // the kill's write fails
-  Inject(0x40, 7);
-  clock.Advance(2);
-  Inject(0x40, 7, 49);
+  Qualify(0x40, 7);
   EXPECT_EQ(1u, events.Take().size());
   EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(7));
   Inject(0x40, 7, 5);
@@ -314,9 +295,7 @@ TEST_F(PageRetireTest, FailedKillAfterThePostStillMarksKilled) {
 }
 
 TEST_F(PageRetireTest, KilledRecordAgesOutAndALaterRunKillsAgain) {
-  Inject(0x50, 7);
-  clock.Advance(2);
-  Inject(0x50, 7, 49);
+  Qualify(0x50, 7);
   ASSERT_EQ(1u, events.Take().size());
   clock.Advance(61);
   Inject(0x50, 7);
@@ -348,9 +327,7 @@ TEST_F(PageRetireTest, PendingKillsAreRetriedOnAnyInjectionInVirtualMachineIdOrd
 }
 
 TEST_F(PageRetireTest, UnreadableInjectionPrunesButEndsBeforeEvaluating) {
-  Inject(0x70, 9);
-  clock.Advance(2);
-  Inject(0x70, 9, 49);   // qualifies, but the machine is not there yet
+  Qualify(0x70, 9);   // qualifies, but the machine is not there yet
   EXPECT_EQ(0u, events.Count());
   Inject(0x71, 4);
   clock.Advance(61);
@@ -380,25 +357,13 @@ TEST_F(PageRetireTest, UnreadableInjectionPrunesButEndsBeforeEvaluating) {
 
 // ---- dispatch -------------------------------------------------------------------
 
-TEST_F(PageRetireTest, MapRoutesEachIdentifierToItsHandler) {
+TEST_F(PageRetireTest, MapRoutesKnownIdentifiersAndIgnoresOthers) {
   TevHandlerMap map = TevdPageRetireCorrelator_BuildMap();
-  struct Row {
-    const char *id;
-    TevHandler handler;
-  } rows[] = {
-      {"tev.pageretire.selectedmpnthreshold.host.exceeded", TevdPageRetireCorrelatorSelectedThreshold},
-      {"tev.pageretire.selectedbutnotretired.high", TevdPageRetireCorrelatorSelectedNotRetired},
-      {"tev.pageretire.platform.retire.request", TevdPageRetireCorrelatorPlatformRequest},
-      {"tev.pageretire.mce.injected", TevdPageRetireCorrelatorMceInjected},
-  };
   EXPECT_EQ(4u, map.size());
-  for (const Row &row : rows) {
-    EXPECT_EQ(row.handler, map[row.id]) << row.id;
+  EXPECT_EQ(TevdPageRetireCorrelatorMceInjected, map[kMceId]);
+  for (const char *id : {kThresholdId, "tev.pageretire.other"}) {
+    auto tev = MakeTev(id, {UL(2000)});
+    TevdCorrelator_Dispatch(TevdPageRetireCorrelatorDefault, map, tev.get());
   }
-  auto tev = MakeTev(kThresholdId, {UL(2000)});
-  TevdCorrelator_Dispatch(TevdPageRetireCorrelatorDefault, map, tev.get());
-  EXPECT_EQ(1u, events.Count());
-  auto unknown = MakeTev("tev.pageretire.other", {UL(2000)});
-  TevdCorrelator_Dispatch(TevdPageRetireCorrelatorDefault, map, unknown.get());
   EXPECT_EQ(1u, events.Count());
 }

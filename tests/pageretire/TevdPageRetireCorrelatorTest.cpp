@@ -21,6 +21,7 @@ using tevdtest::UL;
 
 namespace {
 
+using Evs = std::vector<std::string>;
 const char kThresholdId[] = "tev.pageretire.selectedmpnthreshold.host.exceeded";
 const char kNotRetiredId[] = "tev.pageretire.selectedbutnotretired.high";
 const char kRequestId[] = "tev.pageretire.platform.retire.request";
@@ -75,6 +76,16 @@ class PageRetireTest : public ::testing::Test {
           << "N=" << step.n;
     }
   }
+  // Posted kill events as their argument texts.
+  std::vector<std::string> Kills() {
+    std::vector<std::string> out;
+    for (const QprobMessage &m : events.Take()) {
+      std::string e = m.id == kKillEvent ? "" : m.id + " ";
+      for (const std::string &a : ArgsText(m.args)) e += a + " ";
+      out.push_back(e);
+    }
+    return out;
+  }
   std::string Killed(int32_t vm) {
     std::string v;
     if (!root.Read("platform/vms/" + std::to_string(vm) + "/killed", &v)) {
@@ -93,36 +104,28 @@ class PageRetireTest : public ::testing::Test {
 // ---- selection threshold ------------------------------------------------------
 
 TEST_F(PageRetireTest, ReportsFirstCrossingThenEachIntervalStep) {
-  // T = 1000, I = 10: a further event needs N - 100 >= the last reported N.
-  RunThresholdSteps(1000,
-                    {{999, false},
-                     {1000, false},   // N equal to T is not above it
-                     {1001, true},
-                     {1050, false},   // 950 < 1001
-                     {1100, false},   // 1000 < 1001
-                     {1101, true},    // 1001 == 1001 reports
-                     {1101, false},
-                     {1200, false},
-                     {1201, true}});
-}
-
-TEST_F(PageRetireTest, IntervalStepAboveCountWrapsUnsignedAndReports) {
-  root.Write("platform/options/PageRetire/ThresholdInterval", "200");
-  TevdPageRetireCorrelator_Init();
-  // (T*I)/100 = 2000 > N: N - 2000 wraps to a huge value, so every N above T
-  // reports, even one below the last reported count.
-  RunThresholdSteps(1000, {{1001, true}, {1002, true}, {1001, true}, {1000, false}});
-}
-
-TEST_F(PageRetireTest, ProductOverflowsBeforeTheDivision) {
-  // T = 2^62, I = 10: T*I wraps to 2^63, so the step is 92233720368547758
-  // rather than T/10. The second N reports only with the wrapped product.
-  root.Write("platform/nodes/system/pageRetire/threshold", "4611686018427387904");
-  TevdPageRetireCorrelator_Init();
-  RunThresholdSteps(4611686018427387904ull,
-                    {{4611686018427387905ull, true},
-                     {4703919738795935662ull, false},
-                     {4703919738795935663ull, true}});
+  struct Case {
+    const char *threshold;
+    const char *interval;
+    std::vector<ThresholdStep> steps;
+  } cases[] = {
+      // A further event needs N - T*I/100 >= the last reported N; N = T is not above T.
+      {"1000", "10", {{999, false}, {1000, false}, {1001, true}, {1100, false}, {1101, true},
+                      {1101, false}, {1200, false}, {1201, true}}},
+      // T*I/100 = 2000 > N: N - 2000 wraps, so every N above T reports.
+      {"1000", "200", {{1001, true}, {1002, true}, {1001, true}, {1000, false}}},
+      // T = 2^62: T*I wraps to 2^63 before the division.
+      {"4611686018427387904", "10", {{4611686018427387905ull, true},
+                                     {4703919738795935662ull, false},
+                                     {4703919738795935663ull, true}}},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.interval);
+    root.Write("platform/nodes/system/pageRetire/threshold", c.threshold);
+    root.Write("platform/options/PageRetire/ThresholdInterval", c.interval);
+    TevdPageRetireCorrelator_Init();
+    RunThresholdSteps(std::stoull(c.threshold), c.steps);
+  }
 }
 
 TEST_F(PageRetireTest, OtherIdentifierOrMissingArgumentIsIgnored) {
@@ -213,10 +216,7 @@ TEST_F(PageRetireTest, KillsAtFiftiethInjectionSpanningTwoSecondsAndNeverTwice) 
   EXPECT_EQ("<absent>", Killed(7));
 
   Inject(0x1234, 7);
-  auto got = events.Take();
-  ASSERT_EQ(1u, got.size());
-  EXPECT_EQ(kKillEvent, got[0].id);
-  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:50", "U:4660"}), ArgsText(got[0].args));
+  EXPECT_EQ(Evs{"S:web01 I:50 U:4660 "}, Kills());
   EXPECT_EQ("0", Killed(7));
   EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(7));
   EXPECT_NE("", log.WaitFor("[kos.problem.pageretire.mce.injected.2] Killing web01 because at "
@@ -238,9 +238,7 @@ TEST_F(PageRetireTest, FiftyWithinTwoSecondsWaitForALaterInjection) {
   EXPECT_EQ(0u, events.Count()) << "a span of 1 second must not kill";
   clock.Advance(1);
   Inject(0x10, 7);
-  auto got = events.Take();
-  ASSERT_EQ(1u, got.size());
-  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:52", "U:16"}), ArgsText(got[0].args));
+  EXPECT_EQ(Evs{"S:web01 I:52 U:16 "}, Kills());
 }
 
 TEST_F(PageRetireTest, InjectionsCountPerPageNotPerVirtualMachine) {
@@ -277,10 +275,8 @@ TEST_F(PageRetireTest, AbsentVirtualMachineIsNotKilledAndIsTriedAgain) {
 
   root.Write("platform/vms/9/name", "db02");
   Inject(0x30, 9);
-  auto got = events.Take();
-  ASSERT_EQ(1u, got.size());
   // The walk acts at the first entry that qualifies: the 50th again.
-  EXPECT_EQ((std::vector<std::string>{"S:db02", "I:50", "U:48"}), ArgsText(got[0].args));
+  EXPECT_EQ(Evs{"S:db02 I:50 U:48 "}, Kills());
   EXPECT_EQ("0", Killed(9));
   EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(9));
 }
@@ -307,21 +303,15 @@ TEST_F(PageRetireTest, KilledRecordAgesOutAndALaterRunKillsAgain) {
 
 TEST_F(PageRetireTest, PendingKillsAreRetriedOnAnyInjectionInVirtualMachineIdOrder) {
   // Two records qualify while their machines cannot be looked up.
-  for (int32_t vm : {9, 5}) {
-    Inject(0x60, vm);
-  }
-  clock.Advance(2);
+  Inject(0x60, 9);
+  Qualify(0x60, 5);
   Inject(0x60, 9, 49);
-  Inject(0x60, 5, 49);
   EXPECT_EQ(0u, events.Count());
   root.Write("platform/vms/9/name", "nine");
   root.Write("platform/vms/5/name", "five");
   // An injection into a third machine evaluates every record, lowest id first.
   Inject(0x61, 3);
-  auto got = events.Take();
-  ASSERT_EQ(2u, got.size());
-  EXPECT_EQ((std::vector<std::string>{"S:five", "I:50", "U:96"}), ArgsText(got[0].args));
-  EXPECT_EQ((std::vector<std::string>{"S:nine", "I:50", "U:96"}), ArgsText(got[1].args));
+  EXPECT_EQ((Evs{"S:five I:50 U:96 ", "S:nine I:50 U:96 "}), Kills());
   EXPECT_EQ("0", Killed(5));
   EXPECT_EQ("0", Killed(9));
 }

@@ -76,29 +76,19 @@ TEST(MsgFmtTypes, UnsupportedConversionsAreRefused) {
   }
 }
 
-TEST(MsgFmtBlock, BytesOfIntAndStringBlockAreExact) {
-  Serialized s = Serialize(256, "%d %s", -3, "ab");
+TEST(MsgFmtBlock, BytesOfIntStringAndNullStringBlockAreExact) {
+  const char *none = nullptr;
+  Serialized s = Serialize(256, "%d %s %s", -3, "ab", none);
   ASSERT_TRUE(s.ok);
-  ASSERT_EQ(2, s.count);
-  ASSERT_EQ(35u, s.used);   // 2 slots + "ab\0"
+  ASSERT_EQ(3, s.count);
+  ASSERT_EQ(51u, s.used);   // 3 slots + "ab\0"; the null string takes no bytes
   MsgFmt_SwizzleArgs(s.args, s.count);
-  const uint8_t expected[35] = {
+  const uint8_t expected[51] = {
       1, 0, 0, 0, 0, 0, 0, 0, 0xFD, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,   // int32 -3
-      6, 0, 0, 0, 2, 0, 0, 0, 32, 0, 0, 0, 0, 0, 0, 0,                           // "ab" at 32
+      6, 0, 0, 0, 2, 0, 0, 0, 48, 0, 0, 0, 0, 0, 0, 0,                           // "ab" at 48
+      6, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0,                // null
       'a', 'b', 0};
   EXPECT_EQ(0, memcmp(expected, s.block(), sizeof expected));
-}
-
-TEST(MsgFmtBlock, NullStringIsMarkedAndTakesNoBytes) {
-  const char *none = nullptr;
-  Serialized s = Serialize(64, "%s", none);
-  ASSERT_TRUE(s.ok);
-  EXPECT_EQ(16u, s.used);
-  MsgFmt_SwizzleArgs(s.args, s.count);
-  MsgFmt_Arg slot = MsgFmt_ReadSlot(s.block(), 0);
-  EXPECT_EQ(6u, slot.type);
-  EXPECT_EQ(0xFFFFFFFFu, slot.length);
-  EXPECT_EQ(0u, slot.value);
 }
 
 TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {

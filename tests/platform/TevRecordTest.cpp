@@ -148,26 +148,6 @@ TEST(TevGetArgs, SixtyFourBitValuesAndNarrowWidths) {
   EXPECT_EQ(static_cast<int>(static_cast<uint32_t>(-5000000000ll)), narrowed);
 }
 
-TEST(TevGetArgs, UuidPatternReadsElevenArguments) {
-  tevdtest::TevPtr tev =
-      MakeTev("tev.kfs.x", {U(0x4c4c4544), U(0x00313510), U(0x8052), U(0xb4), U(0xc0), U(0x4f),
-                            U(0x4e), U(0x32), U(0x32), S("volume1")});
-  ASSERT_TRUE(tev);
-  unsigned a = 0, b = 0;
-  unsigned short c = 0;
-  unsigned char d[6] = {};
-  const char *name = nullptr;
-  ASSERT_EQ(0, Tev_GetArgs(tev.get(), 0,
-                           "%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx%p", &a, &b, &c,
-                           &d[0], &d[1], &d[2], &d[3], &d[4], &d[5], &name));
-  EXPECT_EQ(0x4c4c4544u, a);
-  EXPECT_EQ(0x00313510u, b);
-  EXPECT_EQ(0x8052, c);
-  const unsigned char expected[6] = {0xb4, 0xc0, 0x4f, 0x4e, 0x32, 0x32};
-  EXPECT_EQ(0, memcmp(expected, d, 6));
-  EXPECT_STREQ("volume1", name);
-}
-
 TEST(TevGetArgs, MismatchesAndMissingArgumentsFailWith22) {
   tevdtest::TevPtr tev = MakeTev("tev.t.x", {S("a"), I(1), MsgFmt_Value::Dbl(2.0)});
   ASSERT_TRUE(tev);

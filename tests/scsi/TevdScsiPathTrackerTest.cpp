@@ -89,7 +89,7 @@ TEST_F(ScsiPathTest, PathDownAndUpAreClassifiedByTheDevicesRedundancyStatus) {
     int upStatus;
     const char *up;
   } rows[] = {
-      {0, "", 3, ""},   // status 0 leaves no trace, so no clear either
+      {0, "", 3, ""},   // status 0 leaves no trace: a path up without a path down
       {1, "connectivity.lost", 2, "connectivity.restored"},
       {2, "redundancy.lost", 3, "redundancy.restored"},
       {3, "redundancy.degraded", 3, "redundancy.restored"},
@@ -130,13 +130,6 @@ TEST_F(ScsiPathTest, LogLinesNameDeviceAndPathInTemplateOrder) {
   EXPECT_TRUE(log_.SawEnding(
       "[kos.clear.storage.redundancy.restored] Path redundancy to storage device naa.1 "
       "(Datastores: \"ds1\") restored. Path p1 is active again."));
-}
-
-TEST_F(ScsiPathTest, PathUpWithoutEarlierPathDownPostsNoClear) {
-  AddPath("p1", "naa.1");
-  AddDevice("naa.1", 3);
-  Up("p1", "dead");
-  EXPECT_EQ(Evs{}, Events());
 }
 
 TEST_F(ScsiPathTest, PathLeavingOffOrDeadIsCountedButAddsNoRedundancyEvent) {

@@ -103,17 +103,10 @@ TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {
   std::string why;
   ASSERT_TRUE(MsgFmt_DecodeBlock(s.block(), s.used, static_cast<uint32_t>(s.count), &values, &why))
       << why;
-  std::vector<std::string> expected = {"I:-2147483648",
-                                       "L:-9223372036854775808",
-                                       "U:4294967295",
-                                       "UL:18446744073709551615",
-                                       "D:2.5",
-                                       "S:hwnic1",
-                                       "S:(null)",
-                                       "UL:4660",
-                                       "I:44",
-                                       "U:9029"};
-  EXPECT_EQ(expected, ArgsText(values));
+  EXPECT_EQ((std::vector<std::string>{"I:-2147483648", "L:-9223372036854775808", "U:4294967295",
+                                      "UL:18446744073709551615", "D:2.5", "S:hwnic1", "S:(null)",
+                                      "UL:4660", "I:44", "U:9029"}),
+            ArgsText(values));
   EXPECT_TRUE(values[6].isNull);
   EXPECT_FALSE(values[5].isNull);
 }

@@ -38,7 +38,6 @@ TEST(TevdCorrelatorTest, DispatchIsByExactCaseSensitiveIdWithDefaultForAbsentOrN
       {"tev.net.known", "known:tev.net.known"},
       {"tev.net.KNOWN", "default:tev.net.KNOWN"},
       {"tev.net.null", "default:tev.net.null"},
-      {"tev.net.absent", "default:tev.net.absent"},
       {"tev.net.known.more", "default:tev.net.known.more"},
   };
   for (const Row &r : rows) {

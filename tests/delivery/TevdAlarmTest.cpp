@@ -5,7 +5,6 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <vector>
 
 #include "TevClock.h"
@@ -16,7 +15,6 @@ namespace {
 
 std::vector<int> fired;   // alarm identifiers in the order their handlers ran
 int selfRearmId = -1;
-int selfRearmCount = 0;
 
 template <int N>
 void Record() {
@@ -30,9 +28,7 @@ void SlowPeriodic() {
 
 void RearmOnce() {
   fired.push_back(selfRearmId);
-  if (++selfRearmCount == 1) {
-    TevdAlarm_Set(selfRearmId, 0, 10, nullptr);
-  }
+  if (fired.size() == 1) TevdAlarm_Set(selfRearmId, 0, 10, nullptr);
 }
 
 class TevdAlarmTest : public ::testing::Test {
@@ -40,138 +36,91 @@ class TevdAlarmTest : public ::testing::Test {
   void SetUp() override {
     TevdAlarm_ResetForTest();
     fired.clear();
-    selfRearmCount = 0;
   }
   void TearDown() override { TevdAlarm_ResetForTest(); }
+  // Advances the clock by each step in turn; returns how many alarms ran at each.
+  std::vector<int> Run(const std::vector<int> &steps) {
+    std::vector<int> ran;
+    for (int s : steps) {
+      clock_.Advance(s);
+      ran.push_back(TevdAlarm_RunDueForTest());
+    }
+    return ran;
+  }
   tevdtest::FakeClock clock_;
 };
 
 TEST_F(TevdAlarmTest, SeventeenthRegistrationIsRefused) {
-  for (int i = 0; i < 16; i++) {
-    EXPECT_EQ(i, TevdAlarm_Register(Record<0>));
+  for (int i = 0; i < 16; i++) EXPECT_EQ(i, TevdAlarm_Register(Record<0>));
+  EXPECT_EQ(-1, TevdAlarm_Register(Record<0>));
+}
+
+TEST_F(TevdAlarmTest, SetReportsTheSecondsLeftOfTheOldDeadline) {
+  struct Row {
+    const char *what;
+    int id;              // -1: the registered alarm
+    unsigned mode;
+    unsigned armFor;     // 0: left unarmed
+    int wait;
+    unsigned remaining;  // reported by a disarming Set
+    int result;
+  } rows[] = {
+      {"never armed", -1, 0, 0, 100000, 0, 0},
+      {"armed", -1, 0, 30, 10, 20, 0},
+      {"deadline passed", -1, 0, 5, 7, 0, 0},
+      {"bad mode", -1, 2, 30, 10, 77, 1},   // remaining untouched
+      {"unregistered", 3, 0, 30, 10, 0, 1},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.what);
+    TevdAlarm_ResetForTest();
+    int id = TevdAlarm_Register(Record<0>);
+    if (r.armFor > 0) {
+      ASSERT_EQ(0, TevdAlarm_Set(id, 0, r.armFor, nullptr));
+    }
+    clock_.Advance(r.wait);
+    unsigned remaining = 77;
+    EXPECT_EQ(r.result, TevdAlarm_Set(r.id < 0 ? id : r.id, r.mode, 0, &remaining));
+    EXPECT_EQ(r.remaining, remaining);
+    clock_.Advance(1000);   // a failed Set leaves the alarm armed
+    EXPECT_EQ(r.result != 0 && r.armFor > 0 ? 1 : 0, TevdAlarm_RunDueForTest());
   }
-  EXPECT_EQ(-1, TevdAlarm_Register(Record<0>));
-  EXPECT_EQ(-1, TevdAlarm_Register(Record<0>));
-}
-
-TEST_F(TevdAlarmTest, NewAlarmIsNotArmed) {
-  int id = TevdAlarm_Register(Record<0>);
-  clock_.Advance(100000);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-  unsigned remaining = 99;
-  EXPECT_EQ(0, TevdAlarm_Set(id, 0, 0, &remaining));
-  EXPECT_EQ(0u, remaining);
-}
-
-TEST_F(TevdAlarmTest, BadModeFailsWithoutTouchingRemaining) {
-  int id = TevdAlarm_Register(Record<0>);
-  unsigned remaining = 77;
-  EXPECT_EQ(1, TevdAlarm_Set(id, 2, 5, &remaining));
-  EXPECT_EQ(77u, remaining);
-  clock_.Advance(10);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-}
-
-TEST_F(TevdAlarmTest, UnregisteredIdFailsAndReportsZeroRemaining) {
-  unsigned remaining = 77;
-  EXPECT_EQ(1, TevdAlarm_Set(3, 0, 5, &remaining));
-  EXPECT_EQ(0u, remaining);
   EXPECT_EQ(1, TevdAlarm_Set(-1, 0, 5, nullptr));
-}
-
-TEST_F(TevdAlarmTest, DisarmReportsSecondsLeftOfOldDeadline) {
-  int id = TevdAlarm_Register(Record<0>);
-  ASSERT_EQ(0, TevdAlarm_Set(id, 0, 30, nullptr));
-  clock_.Advance(10);
-  unsigned remaining = 0;
-  ASSERT_EQ(0, TevdAlarm_Set(id, 0, 0, &remaining));
-  EXPECT_EQ(20u, remaining);
-  clock_.Advance(1000);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-  EXPECT_TRUE(fired.empty());
-}
-
-TEST_F(TevdAlarmTest, RemainingIsZeroOncePassedDeadline) {
-  int id = TevdAlarm_Register(Record<0>);
-  ASSERT_EQ(0, TevdAlarm_Set(id, 0, 5, nullptr));
-  clock_.Advance(7);
-  unsigned remaining = 99;
-  ASSERT_EQ(0, TevdAlarm_Set(id, 0, 5, &remaining));
-  EXPECT_EQ(0u, remaining);
 }
 
 TEST_F(TevdAlarmTest, OneShotFiresOnceAtItsDeadlineNotBefore) {
   int id = TevdAlarm_Register(Record<5>);
   ASSERT_EQ(0, TevdAlarm_Set(id, 0, 5, nullptr));
-  clock_.Advance(4);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-  clock_.Advance(1);
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  clock_.Advance(500);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
+  EXPECT_EQ((std::vector<int>{0, 1, 0}), Run({4, 1, 500}));
   EXPECT_EQ(std::vector<int>({5}), fired);
-  unsigned remaining = 99;
-  TevdAlarm_Set(id, 0, 0, &remaining);
-  EXPECT_EQ(0u, remaining);
 }
 
-TEST_F(TevdAlarmTest, TiedAlarmsFireInAscendingIdentifierOrder) {
+TEST_F(TevdAlarmTest, DueAlarmsFireInAscendingIdentifierOrderWhateverTheirDeadlines) {
   int a = TevdAlarm_Register(Record<0>);
   int b = TevdAlarm_Register(Record<1>);
   int c = TevdAlarm_Register(Record<2>);
   TevdAlarm_Set(c, 0, 3, nullptr);
-  TevdAlarm_Set(a, 0, 3, nullptr);
-  TevdAlarm_Set(b, 0, 3, nullptr);
-  clock_.Advance(3);
-  EXPECT_EQ(3, TevdAlarm_RunDueForTest());
-  EXPECT_EQ(std::vector<int>({0, 1, 2}), fired);
-}
-
-TEST_F(TevdAlarmTest, LowestDueIdentifierRunsFirstEvenWithLaterDeadline) {
-  int a = TevdAlarm_Register(Record<0>);
-  int b = TevdAlarm_Register(Record<1>);
   TevdAlarm_Set(b, 0, 1, nullptr);
-  TevdAlarm_Set(a, 0, 4, nullptr);
-  clock_.Advance(5);
-  EXPECT_EQ(2, TevdAlarm_RunDueForTest());
-  EXPECT_EQ(std::vector<int>({0, 1}), fired);
+  TevdAlarm_Set(a, 0, 3, nullptr);
+  EXPECT_EQ(std::vector<int>{3}, Run({3}));
+  EXPECT_EQ(std::vector<int>({0, 1, 2}), fired);
 }
 
 TEST_F(TevdAlarmTest, PeriodicAlarmCountsNextFiringFromWhenItWasNoticed) {
   int id = TevdAlarm_Register(SlowPeriodic);
   ASSERT_EQ(0, TevdAlarm_Set(id, 1, 60, nullptr));
-  clock_.Advance(60);
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());   // noticed at 60, handler ends at 62
-  clock_.Advance(57);                        // 119
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-  clock_.Advance(1);                         // 120 = 60 + 60
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  clock_.Advance(63);                        // late: noticed at 185
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  clock_.Advance(57);                        // 244: not yet, 180 + 60 would be due
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-  clock_.Advance(1);                         // 245 = 185 + 60
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  EXPECT_EQ(4u, fired.size());
+  // Noticed at 60 (the handler ends at 62), due at 120; noticed late at 185,
+  // so due at 245, not at 240.
+  EXPECT_EQ((std::vector<int>{1, 0, 1, 1, 0, 1}), Run({60, 57, 1, 63, 57, 1}));
 }
 
 TEST_F(TevdAlarmTest, OneShotReArmedFromItsOwnHandlerFiresAgain) {
   selfRearmId = TevdAlarm_Register(RearmOnce);
   ASSERT_EQ(0, TevdAlarm_Set(selfRearmId, 0, 2, nullptr));
-  clock_.Advance(2);
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  clock_.Advance(9);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-  clock_.Advance(1);
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  clock_.Advance(100);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-  EXPECT_EQ(2, selfRearmCount);
+  EXPECT_EQ((std::vector<int>{1, 0, 1, 0}), Run({2, 9, 1, 100}));
 }
 
-void ExitSeven() {
-  _exit(7);
-}
+void ExitSeven() { _exit(7); }
 
 TEST_F(TevdAlarmTest, AlarmThreadRunsHandlerWhenClockReachesDeadline) {
   EXPECT_EXIT(
@@ -180,9 +129,7 @@ TEST_F(TevdAlarmTest, AlarmThreadRunsHandlerWhenClockReachesDeadline) {
         TevdAlarm_StartThread();
         TevdAlarm_Set(id, 0, 60, nullptr);
         clock_.Advance(60);
-        for (;;) {
-          pause();
-        }
+        for (;;) pause();
       },
       ::testing::ExitedWithCode(7), "");
 }

@@ -30,16 +30,16 @@ class LinkFlapTest : public ::testing::Test {
     TevdNetCorrelator_ResetForTest();
     TevdAlarm_ResetForTest();
   }
-  // Link-downs at the given seconds after the start.
-  void DownsAt(const std::vector<int> &seconds) {
+  // Link-downs at the given seconds after the start; returns the events posted.
+  size_t DownsAt(const std::vector<int> &seconds) {
     for (int s : seconds) {
       clock_.Advance(s - now_);
       now_ = s;
       TevdNetCorrelatorNoteLinkDown("hwnic0");
     }
+    return capture_.Take().size();
   }
   size_t History() { return tevdNet.hwnicFlapHistory["hwnic0"].size(); }
-  bool NodeWritten(std::string *value) { return root_.Read(kNode, value); }
 
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
@@ -47,87 +47,65 @@ class LinkFlapTest : public ::testing::Test {
   int now_ = 0;
 };
 
-TEST_F(LinkFlapTest, FourthLinkDownWithinWindowTakesNicDownAndEmptiesHistory) {
-  DownsAt({0, 10, 20});
-  EXPECT_EQ(capture_.Count(), 0u);
-  std::string value;
-  EXPECT_FALSE(NodeWritten(&value));
-  DownsAt({30});
+TEST_F(LinkFlapTest, DownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
+  struct Row {
+    const char *threshold;   // nullptr: the option is absent
+    std::vector<int> downs;
+    size_t posted;
+    size_t history;
+  } rows[] = {
+      {"3", {0, 10, 20}, 0, 3},
+      {"3", {0, 10, 20, 30}, 1, 0},   // the fourth: posted, history emptied
+      {"3", {0, 10, 20, 60}, 1, 0},   // exactly 60 s old still counts
+      {"3", {0, 10, 20, 61}, 0, 3},   // older is pruned
+      {"3", {0, 1, 2, 3, 4, 5, 6, 7}, 2, 0},
+      {"0", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, 0, 10},   // 0: never, but still recorded
+      {"0", {0, 1, 2, 70}, 0, 1},
+      {nullptr, {0, 1, 2, 3, 4}, 0, 5},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(::testing::Message() << (r.threshold ? r.threshold : "absent") << " x"
+                                      << r.downs.size());
+    TevdNetCorrelator_ResetForTest();
+    if (r.threshold) root_.Write(kThreshold, r.threshold); else root_.Remove(kThreshold);
+    root_.Remove(kNode);
+    EXPECT_EQ(r.posted, DownsAt(r.downs));
+    EXPECT_EQ(r.history, History());
+    std::string value;
+    EXPECT_EQ(r.posted > 0, root_.Read(kNode, &value));
+    EXPECT_EQ(r.posted > 0 ? "1" : "", value.substr(0, 1));
+  }
+}
+
+TEST_F(LinkFlapTest, PostsTheNicName) {
+  DownsAt({0, 1, 2});
+  TevdNetCorrelatorNoteLinkDown("hwnic0");
   std::vector<QprobMessage> events = capture_.Take();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, "kos.problem.net.hwnic.linkstate.flapping");
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (std::vector<std::string>{"S:hwnic0"}));
-  ASSERT_TRUE(NodeWritten(&value));
-  EXPECT_EQ(value.substr(0, 1), "1");
-  EXPECT_EQ(History(), 0u);
-}
-
-TEST_F(LinkFlapTest, EntryOlderThanSixtySecondsIsPruned) {
-  DownsAt({0, 10, 20, 61});
-  EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_EQ(History(), 3u);
-}
-
-TEST_F(LinkFlapTest, EntryExactlySixtySecondsOldStillCounts) {
-  DownsAt({0, 10, 20, 60});
-  EXPECT_EQ(capture_.Count(), 1u);
-  EXPECT_EQ(History(), 0u);
+  ASSERT_EQ(1u, events.size());
+  EXPECT_EQ("kos.problem.net.hwnic.linkstate.flapping", events[0].id);
+  EXPECT_EQ(std::vector<std::string>{"S:hwnic0"}, tevdtest::ArgsText(events[0].args));
 }
 
 TEST_F(LinkFlapTest, FailedKernelWritePostsNothingButStillEmptiesHistory) {
   root_.Remove("platform/nodes/net/pNics");
-  DownsAt({0, 1, 2, 3});
-  EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_EQ(History(), 0u);
-  DownsAt({4});
-  EXPECT_EQ(History(), 1u);
-}
-
-TEST_F(LinkFlapTest, ThresholdZeroNeverTakesDownButStillRecordsAndPrunes) {
-  root_.Write(kThreshold, "0");
-  DownsAt({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
-  EXPECT_EQ(capture_.Count(), 0u);
-  std::string value;
-  EXPECT_FALSE(NodeWritten(&value));
-  EXPECT_EQ(History(), 10u);
-  DownsAt({70});
-  EXPECT_EQ(History(), 1u);
+  EXPECT_EQ(0u, DownsAt({0, 1, 2, 3}));
+  EXPECT_EQ(0u, History());
 }
 
 TEST_F(LinkFlapTest, ThresholdIsReadAnewOnEveryLinkDown) {
   root_.Write(kThreshold, "10");
-  DownsAt({0, 1, 2, 3});
-  EXPECT_EQ(capture_.Count(), 0u);
+  EXPECT_EQ(0u, DownsAt({0, 1, 2, 3}));
   root_.Write(kThreshold, "3");
-  DownsAt({4});
-  EXPECT_EQ(capture_.Count(), 1u);
-}
-
-TEST_F(LinkFlapTest, UnreadableThresholdKeepsHistoryAndPostsNothing) {
-  root_.Remove(kThreshold);
-  DownsAt({0, 1, 2, 3, 4});
-  EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_EQ(History(), 5u);
-}
-
-TEST_F(LinkFlapTest, KeepsFlappingNicTakenDownAgainAfterAnotherFourLinkDowns) {
-  DownsAt({0, 1, 2, 3});
-  EXPECT_EQ(capture_.Take().size(), 1u);
-  DownsAt({4, 5, 6});
-  EXPECT_EQ(capture_.Count(), 0u);
-  DownsAt({7});
-  EXPECT_EQ(capture_.Count(), 1u);
+  EXPECT_EQ(1u, DownsAt({4}));
 }
 
 TEST_F(LinkFlapTest, HistoriesAreKeptPerNic) {
-  root_.MakeDir("platform/nodes/net/pNics/hwnic1");
   DownsAt({0, 1});
   TevdNetCorrelatorNoteLinkDown("hwnic1");
   TevdNetCorrelatorNoteLinkDown("hwnic1");
-  DownsAt({2});
-  EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_EQ(tevdNet.hwnicFlapHistory["hwnic1"].size(), 2u);
-  EXPECT_EQ(History(), 3u);
+  EXPECT_EQ(0u, DownsAt({2}));
+  EXPECT_EQ(2u, tevdNet.hwnicFlapHistory["hwnic1"].size());
+  EXPECT_EQ(3u, History());
 }
 
 TEST_F(LinkFlapTest, LinkDownObservationFeedsTheDetector) {
@@ -138,9 +116,7 @@ TEST_F(LinkFlapTest, LinkDownObservationFeedsTheDetector) {
     tevdtest::TevPtr tev = tevdtest::MakeTev("tev.net.hwnic.linkstate.down", {S("hwnic0")});
     TevdCorrelator_Dispatch(TevdNetCorrelatorIgnore, map, tev.get());
   }
-  std::vector<QprobMessage> events = capture_.Take();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, "kos.problem.net.hwnic.linkstate.flapping");
+  EXPECT_EQ(1u, capture_.Count());
 }
 
 }  // namespace

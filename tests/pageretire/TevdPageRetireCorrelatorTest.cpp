@@ -21,6 +21,7 @@ using tevdtest::UL;
 
 namespace {
 
+using Evs = std::vector<std::string>;
 const char kThresholdId[] = "tev.pageretire.selectedmpnthreshold.host.exceeded";
 const char kNotRetiredId[] = "tev.pageretire.selectedbutnotretired.high";
 const char kRequestId[] = "tev.pageretire.platform.retire.request";
@@ -48,6 +49,12 @@ class PageRetireTest : public ::testing::Test {
       TevdPageRetireCorrelatorMceInjected(tev.get());
     }
   }
+  // Fifty injections spanning two seconds: the record qualifies for a kill.
+  void Qualify(uint32_t page, int32_t vm) {
+    Inject(page, vm);
+    clock.Advance(2);
+    Inject(page, vm, 49);
+  }
   struct ThresholdStep {
     uint64_t n;
     bool posts;
@@ -69,6 +76,16 @@ class PageRetireTest : public ::testing::Test {
           << "N=" << step.n;
     }
   }
+  // Posted kill events as their argument texts.
+  std::vector<std::string> Kills() {
+    std::vector<std::string> out;
+    for (const QprobMessage &m : events.Take()) {
+      std::string e = m.id == kKillEvent ? "" : m.id + " ";
+      for (const std::string &a : ArgsText(m.args)) e += a + " ";
+      out.push_back(e);
+    }
+    return out;
+  }
   std::string Killed(int32_t vm) {
     std::string v;
     if (!root.Read("platform/vms/" + std::to_string(vm) + "/killed", &v)) {
@@ -87,36 +104,28 @@ class PageRetireTest : public ::testing::Test {
 // ---- selection threshold ------------------------------------------------------
 
 TEST_F(PageRetireTest, ReportsFirstCrossingThenEachIntervalStep) {
-  // T = 1000, I = 10: a further event needs N - 100 >= the last reported N.
-  RunThresholdSteps(1000,
-                    {{999, false},
-                     {1000, false},   // N equal to T is not above it
-                     {1001, true},
-                     {1050, false},   // 950 < 1001
-                     {1100, false},   // 1000 < 1001
-                     {1101, true},    // 1001 == 1001 reports
-                     {1101, false},
-                     {1200, false},
-                     {1201, true}});
-}
-
-TEST_F(PageRetireTest, IntervalStepAboveCountWrapsUnsignedAndReports) {
-  root.Write("platform/options/PageRetire/ThresholdInterval", "200");
-  TevdPageRetireCorrelator_Init();
-  // (T*I)/100 = 2000 > N: N - 2000 wraps to a huge value, so every N above T
-  // reports, even one below the last reported count.
-  RunThresholdSteps(1000, {{1001, true}, {1002, true}, {1001, true}, {1000, false}});
-}
-
-TEST_F(PageRetireTest, ProductOverflowsBeforeTheDivision) {
-  // T = 2^62, I = 10: T*I wraps to 2^63, so the step is 92233720368547758
-  // rather than T/10. The second N reports only with the wrapped product.
-  root.Write("platform/nodes/system/pageRetire/threshold", "4611686018427387904");
-  TevdPageRetireCorrelator_Init();
-  RunThresholdSteps(4611686018427387904ull,
-                    {{4611686018427387905ull, true},
-                     {4703919738795935662ull, false},
-                     {4703919738795935663ull, true}});
+  struct Case {
+    const char *threshold;
+    const char *interval;
+    std::vector<ThresholdStep> steps;
+  } cases[] = {
+      // A further event needs N - T*I/100 >= the last reported N; N = T is not above T.
+      {"1000", "10", {{999, false}, {1000, false}, {1001, true}, {1100, false}, {1101, true},
+                      {1101, false}, {1200, false}, {1201, true}}},
+      // T*I/100 = 2000 > N: N - 2000 wraps, so every N above T reports.
+      {"1000", "200", {{1001, true}, {1002, true}, {1001, true}, {1000, false}}},
+      // T = 2^62: T*I wraps to 2^63 before the division.
+      {"4611686018427387904", "10", {{4611686018427387905ull, true},
+                                     {4703919738795935662ull, false},
+                                     {4703919738795935663ull, true}}},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.interval);
+    root.Write("platform/nodes/system/pageRetire/threshold", c.threshold);
+    root.Write("platform/options/PageRetire/ThresholdInterval", c.interval);
+    TevdPageRetireCorrelator_Init();
+    RunThresholdSteps(std::stoull(c.threshold), c.steps);
+  }
 }
 
 TEST_F(PageRetireTest, OtherIdentifierOrMissingArgumentIsIgnored) {
@@ -133,28 +142,15 @@ TEST_F(PageRetireTest, OtherIdentifierOrMissingArgumentIsIgnored) {
 
 // ---- selected but not retired ------------------------------------------------
 
-TEST_F(PageRetireTest, NotRetiredReportedOncePerRun) {
-  auto first = MakeTev(kNotRetiredId, {UL(77)});
-  TevdPageRetireCorrelatorSelectedNotRetired(first.get());
+TEST_F(PageRetireTest, NotRetiredReportedOncePerRunOnceItsCountIsRead) {
+  for (const MsgFmt_Value &count : {S("many"), UL(77), UL(77), UL(5000)}) {
+    auto tev = MakeTev(kNotRetiredId, {count});
+    TevdPageRetireCorrelatorSelectedNotRetired(tev.get());
+  }
   auto got = events.Take();
   ASSERT_EQ(1u, got.size());
   EXPECT_EQ("kos.problem.pageretire.selectedbutnotretired.high", got[0].id);
   EXPECT_EQ((std::vector<std::string>{"UL:77"}), ArgsText(got[0].args));
-
-  for (uint64_t count : {77ull, 5000ull, 1ull}) {
-    auto again = MakeTev(kNotRetiredId, {UL(count)});
-    TevdPageRetireCorrelatorSelectedNotRetired(again.get());
-  }
-  EXPECT_EQ(0u, events.Count());
-}
-
-TEST_F(PageRetireTest, NotRetiredWithUnreadableCountDoesNotUseUpTheReport) {
-  auto bad = MakeTev(kNotRetiredId, {S("many")});
-  TevdPageRetireCorrelatorSelectedNotRetired(bad.get());
-  EXPECT_EQ(0u, events.Count());
-  auto good = MakeTev(kNotRetiredId, {UL(12)});
-  TevdPageRetireCorrelatorSelectedNotRetired(good.get());
-  EXPECT_EQ(1u, events.Count());
 }
 
 // ---- firmware request -------------------------------------------------------
@@ -177,11 +173,8 @@ TEST_F(PageRetireTest, FirmwareRequestGatedByApeiLoggingReadOnEveryCall) {
     EXPECT_EQ("kos.problem.pageretire.platform.retire.request", got[0].id);
     EXPECT_EQ((std::vector<std::string>{"S:DIMM_A1", "S:SEL 0x1f"}), ArgsText(got[0].args));
   }
-}
-
-TEST_F(PageRetireTest, FirmwareRequestUnderAnotherIdentifierIsNotPosted) {
-  auto tev = MakeTev("tev.pageretire.platform.retire.requested", {S("F"), S("L")});
-  TevdPageRetireCorrelatorPlatformRequest(tev.get());
+  auto other = MakeTev("tev.pageretire.platform.retire.requested", {S("F"), S("L")});
+  TevdPageRetireCorrelatorPlatformRequest(other.get());
   auto noStrings = MakeTev(kRequestId, {I(1), I(2)});
   TevdPageRetireCorrelatorPlatformRequest(noStrings.get());
   EXPECT_EQ(0u, events.Count());
@@ -189,23 +182,26 @@ TEST_F(PageRetireTest, FirmwareRequestUnderAnotherIdentifierIsNotPosted) {
 
 // ---- fatal reads --------------------------------------------------------------
 
-TEST_F(PageRetireTest, MissingThresholdNodeIsFatalAtStart) {
-  root.Remove("platform/nodes/system/pageRetire/threshold");
-  EXPECT_DEATH(TevdPageRetireCorrelator_Init(),
-               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:178");
-}
-
-TEST_F(PageRetireTest, MissingThresholdIntervalIsFatalAtStart) {
-  root.Remove("platform/options/PageRetire/ThresholdInterval");
-  EXPECT_DEATH(TevdPageRetireCorrelator_Init(),
-               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:189");
-}
-
-TEST_F(PageRetireTest, MissingApeiLoggingOptionIsFatalOnRequest) {
-  root.Remove("platform/options/PageRetire/ApeiLoggingEnabled");
-  auto tev = MakeTev(kRequestId, {S("F"), S("L")});
-  EXPECT_DEATH(TevdPageRetireCorrelatorPlatformRequest(tev.get()),
-               "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:126");
+TEST_F(PageRetireTest, MissingOptionsAreFatal) {
+  struct Row {
+    const char *file;
+    int line;
+    bool onRequest;   // read on each firmware request rather than at start
+  } rows[] = {{"platform/nodes/system/pageRetire/threshold", 178, false},
+              {"platform/options/PageRetire/ThresholdInterval", 189, false},
+              {"platform/options/PageRetire/ApeiLoggingEnabled", 126, true}};
+  for (const Row &r : rows) {
+    root.Remove(r.file);
+    auto tev = MakeTev(kRequestId, {S("F"), S("L")});
+    std::string panic = "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:" +
+                        std::to_string(r.line);
+    if (r.onRequest) {
+      EXPECT_DEATH(TevdPageRetireCorrelatorPlatformRequest(tev.get()), panic);
+    } else {
+      EXPECT_DEATH(TevdPageRetireCorrelator_Init(), panic);
+    }
+    SetUp();
+  }
 }
 
 // ---- injected machine checks -------------------------------------------------
@@ -220,10 +216,7 @@ TEST_F(PageRetireTest, KillsAtFiftiethInjectionSpanningTwoSecondsAndNeverTwice) 
   EXPECT_EQ("<absent>", Killed(7));
 
   Inject(0x1234, 7);
-  auto got = events.Take();
-  ASSERT_EQ(1u, got.size());
-  EXPECT_EQ(kKillEvent, got[0].id);
-  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:50", "U:4660"}), ArgsText(got[0].args));
+  EXPECT_EQ(Evs{"S:web01 I:50 U:4660 "}, Kills());
   EXPECT_EQ("0", Killed(7));
   EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(7));
   EXPECT_NE("", log.WaitFor("[kos.problem.pageretire.mce.injected.2] Killing web01 because at "
@@ -245,9 +238,7 @@ TEST_F(PageRetireTest, FiftyWithinTwoSecondsWaitForALaterInjection) {
   EXPECT_EQ(0u, events.Count()) << "a span of 1 second must not kill";
   clock.Advance(1);
   Inject(0x10, 7);
-  auto got = events.Take();
-  ASSERT_EQ(1u, got.size());
-  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:52", "U:16"}), ArgsText(got[0].args));
+  EXPECT_EQ(Evs{"S:web01 I:52 U:16 "}, Kills());
 }
 
 TEST_F(PageRetireTest, InjectionsCountPerPageNotPerVirtualMachine) {
@@ -261,23 +252,15 @@ TEST_F(PageRetireTest, InjectionsCountPerPageNotPerVirtualMachine) {
   EXPECT_EQ("<absent>", Killed(7));
 }
 
-TEST_F(PageRetireTest, EntryExactlySixtySecondsOldStaysAndCounts) {
-  Inject(0x20, 7, 49);
-  clock.Advance(60);
-  Inject(0x20, 7);
-  EXPECT_EQ(50, TevdPageRetireCorrelator_EntriesForTest(7));
-  auto got = events.Take();
-  ASSERT_EQ(1u, got.size());
-  EXPECT_EQ((std::vector<std::string>{"S:web01", "I:50", "U:32"}), ArgsText(got[0].args));
-}
-
 TEST_F(PageRetireTest, EntriesOlderThanSixtySecondsArePruned) {
   Inject(0x20, 7, 49);
-  clock.Advance(61);
+  clock.Advance(60);
+  Inject(0x20, 8);   // exactly 60 s old: kept
+  EXPECT_EQ(49, TevdPageRetireCorrelator_EntriesForTest(7));
+  clock.Advance(1);
   Inject(0x20, 7);
   EXPECT_EQ(1, TevdPageRetireCorrelator_EntriesForTest(7));
   EXPECT_EQ(0u, events.Count());
-
   // Any injection prunes every record; an emptied record goes away.
   clock.Advance(61);
   Inject(0x20, 8);
@@ -286,27 +269,21 @@ TEST_F(PageRetireTest, EntriesOlderThanSixtySecondsArePruned) {
 }
 
 TEST_F(PageRetireTest, AbsentVirtualMachineIsNotKilledAndIsTriedAgain) {
-  Inject(0x30, 9);
-  clock.Advance(2);
-  Inject(0x30, 9, 49);
+  Qualify(0x30, 9);
   EXPECT_EQ(0u, events.Count());
   EXPECT_FALSE(TevdPageRetireCorrelator_KilledForTest(9));
 
   root.Write("platform/vms/9/name", "db02");
   Inject(0x30, 9);
-  auto got = events.Take();
-  ASSERT_EQ(1u, got.size());
   // The walk acts at the first entry that qualifies: the 50th again.
-  EXPECT_EQ((std::vector<std::string>{"S:db02", "I:50", "U:48"}), ArgsText(got[0].args));
+  EXPECT_EQ(Evs{"S:db02 I:50 U:48 "}, Kills());
   EXPECT_EQ("0", Killed(9));
   EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(9));
 }
 
 TEST_F(PageRetireTest, FailedKillAfterThePostStillMarksKilled) {
   root.MakeDir("platform/vms/7/killed");   // the kill's write fails
-  Inject(0x40, 7);
-  clock.Advance(2);
-  Inject(0x40, 7, 49);
+  Qualify(0x40, 7);
   EXPECT_EQ(1u, events.Take().size());
   EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(7));
   Inject(0x40, 7, 5);
@@ -314,9 +291,7 @@ TEST_F(PageRetireTest, FailedKillAfterThePostStillMarksKilled) {
 }
 
 TEST_F(PageRetireTest, KilledRecordAgesOutAndALaterRunKillsAgain) {
-  Inject(0x50, 7);
-  clock.Advance(2);
-  Inject(0x50, 7, 49);
+  Qualify(0x50, 7);
   ASSERT_EQ(1u, events.Take().size());
   clock.Advance(61);
   Inject(0x50, 7);
@@ -328,29 +303,21 @@ TEST_F(PageRetireTest, KilledRecordAgesOutAndALaterRunKillsAgain) {
 
 TEST_F(PageRetireTest, PendingKillsAreRetriedOnAnyInjectionInVirtualMachineIdOrder) {
   // Two records qualify while their machines cannot be looked up.
-  for (int32_t vm : {9, 5}) {
-    Inject(0x60, vm);
-  }
-  clock.Advance(2);
+  Inject(0x60, 9);
+  Qualify(0x60, 5);
   Inject(0x60, 9, 49);
-  Inject(0x60, 5, 49);
   EXPECT_EQ(0u, events.Count());
   root.Write("platform/vms/9/name", "nine");
   root.Write("platform/vms/5/name", "five");
   // An injection into a third machine evaluates every record, lowest id first.
   Inject(0x61, 3);
-  auto got = events.Take();
-  ASSERT_EQ(2u, got.size());
-  EXPECT_EQ((std::vector<std::string>{"S:five", "I:50", "U:96"}), ArgsText(got[0].args));
-  EXPECT_EQ((std::vector<std::string>{"S:nine", "I:50", "U:96"}), ArgsText(got[1].args));
+  EXPECT_EQ((Evs{"S:five I:50 U:96 ", "S:nine I:50 U:96 "}), Kills());
   EXPECT_EQ("0", Killed(5));
   EXPECT_EQ("0", Killed(9));
 }
 
 TEST_F(PageRetireTest, UnreadableInjectionPrunesButEndsBeforeEvaluating) {
-  Inject(0x70, 9);
-  clock.Advance(2);
-  Inject(0x70, 9, 49);   // qualifies, but the machine is not there yet
+  Qualify(0x70, 9);   // qualifies, but the machine is not there yet
   EXPECT_EQ(0u, events.Count());
   Inject(0x71, 4);
   clock.Advance(61);
@@ -380,25 +347,13 @@ TEST_F(PageRetireTest, UnreadableInjectionPrunesButEndsBeforeEvaluating) {
 
 // ---- dispatch -------------------------------------------------------------------
 
-TEST_F(PageRetireTest, MapRoutesEachIdentifierToItsHandler) {
+TEST_F(PageRetireTest, MapRoutesKnownIdentifiersAndIgnoresOthers) {
   TevHandlerMap map = TevdPageRetireCorrelator_BuildMap();
-  struct Row {
-    const char *id;
-    TevHandler handler;
-  } rows[] = {
-      {"tev.pageretire.selectedmpnthreshold.host.exceeded", TevdPageRetireCorrelatorSelectedThreshold},
-      {"tev.pageretire.selectedbutnotretired.high", TevdPageRetireCorrelatorSelectedNotRetired},
-      {"tev.pageretire.platform.retire.request", TevdPageRetireCorrelatorPlatformRequest},
-      {"tev.pageretire.mce.injected", TevdPageRetireCorrelatorMceInjected},
-  };
   EXPECT_EQ(4u, map.size());
-  for (const Row &row : rows) {
-    EXPECT_EQ(row.handler, map[row.id]) << row.id;
+  EXPECT_EQ(TevdPageRetireCorrelatorMceInjected, map[kMceId]);
+  for (const char *id : {kThresholdId, "tev.pageretire.other"}) {
+    auto tev = MakeTev(id, {UL(2000)});
+    TevdCorrelator_Dispatch(TevdPageRetireCorrelatorDefault, map, tev.get());
   }
-  auto tev = MakeTev(kThresholdId, {UL(2000)});
-  TevdCorrelator_Dispatch(TevdPageRetireCorrelatorDefault, map, tev.get());
-  EXPECT_EQ(1u, events.Count());
-  auto unknown = MakeTev("tev.pageretire.other", {UL(2000)});
-  TevdCorrelator_Dispatch(TevdPageRetireCorrelatorDefault, map, unknown.get());
   EXPECT_EQ(1u, events.Count());
 }

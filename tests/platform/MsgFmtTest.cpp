@@ -22,6 +22,7 @@ struct Serialized {
   MsgFmt_Arg *args = nullptr;
   int count = 0;
   size_t used = 0;
+  std::string error;   // what the serialiser reported, "" for none
   uint8_t *block() { return storage.data() + 1; }
 };
 
@@ -29,11 +30,16 @@ Serialized Serialize(size_t capacity, const char *format, ...) {
   Serialized s;
   s.storage.assign(capacity + 1, 0xAA);
   s.used = capacity;
-  char *error = nullptr;
+  char *error = reinterpret_cast<char *>(1);   // must be set either way
   va_list ap;
   va_start(ap, format);
   s.ok = MsgFmt_GetArgsWithBuf(format, ap, &s.args, &s.count, &error, s.block(), &s.used);
   va_end(ap);
+  if (error == reinterpret_cast<char *>(1)) {
+    s.error = "<untouched>";
+  } else if (error != nullptr) {
+    s.error = error;
+  }
   return s;
 }
 
@@ -70,29 +76,19 @@ TEST(MsgFmtTypes, UnsupportedConversionsAreRefused) {
   }
 }
 
-TEST(MsgFmtBlock, BytesOfIntAndStringBlockAreExact) {
-  Serialized s = Serialize(256, "%d %s", -3, "ab");
+TEST(MsgFmtBlock, BytesOfIntStringAndNullStringBlockAreExact) {
+  const char *none = nullptr;
+  Serialized s = Serialize(256, "%d %s %s", -3, "ab", none);
   ASSERT_TRUE(s.ok);
-  ASSERT_EQ(2, s.count);
-  ASSERT_EQ(35u, s.used);   // 2 slots + "ab\0"
+  ASSERT_EQ(3, s.count);
+  ASSERT_EQ(51u, s.used);   // 3 slots + "ab\0"; the null string takes no bytes
   MsgFmt_SwizzleArgs(s.args, s.count);
-  const uint8_t expected[35] = {
+  const uint8_t expected[51] = {
       1, 0, 0, 0, 0, 0, 0, 0, 0xFD, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,   // int32 -3
-      6, 0, 0, 0, 2, 0, 0, 0, 32, 0, 0, 0, 0, 0, 0, 0,                           // "ab" at 32
+      6, 0, 0, 0, 2, 0, 0, 0, 48, 0, 0, 0, 0, 0, 0, 0,                           // "ab" at 48
+      6, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0,                // null
       'a', 'b', 0};
   EXPECT_EQ(0, memcmp(expected, s.block(), sizeof expected));
-}
-
-TEST(MsgFmtBlock, NullStringIsMarkedAndTakesNoBytes) {
-  const char *none = nullptr;
-  Serialized s = Serialize(64, "%s", none);
-  ASSERT_TRUE(s.ok);
-  EXPECT_EQ(16u, s.used);
-  MsgFmt_SwizzleArgs(s.args, s.count);
-  MsgFmt_Arg slot = MsgFmt_ReadSlot(s.block(), 0);
-  EXPECT_EQ(6u, slot.type);
-  EXPECT_EQ(0xFFFFFFFFu, slot.length);
-  EXPECT_EQ(0u, slot.value);
 }
 
 TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {
@@ -107,80 +103,37 @@ TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {
   std::string why;
   ASSERT_TRUE(MsgFmt_DecodeBlock(s.block(), s.used, static_cast<uint32_t>(s.count), &values, &why))
       << why;
-  std::vector<std::string> expected = {"I:-2147483648",
-                                       "L:-9223372036854775808",
-                                       "U:4294967295",
-                                       "UL:18446744073709551615",
-                                       "D:2.5",
-                                       "S:hwnic1",
-                                       "S:(null)",
-                                       "UL:4660",
-                                       "I:44",
-                                       "U:9029"};
-  EXPECT_EQ(expected, ArgsText(values));
+  EXPECT_EQ((std::vector<std::string>{"I:-2147483648", "L:-9223372036854775808", "U:4294967295",
+                                      "UL:18446744073709551615", "D:2.5", "S:hwnic1", "S:(null)",
+                                      "UL:4660", "I:44", "U:9029"}),
+            ArgsText(values));
   EXPECT_TRUE(values[6].isNull);
   EXPECT_FALSE(values[5].isNull);
 }
 
-TEST(MsgFmtBlock, BlockThatDoesNotFitReportsFailureWithoutError) {
-  char *error = reinterpret_cast<char *>(1);
-  MsgFmt_Arg *args = nullptr;
-  int count = 0;
-  std::vector<uint8_t> buf(20);
-  size_t size = buf.size();
-  auto call = [&](const char *format, ...) {
-    va_list ap;
-    va_start(ap, format);
-    bool ok = MsgFmt_GetArgsWithBuf(format, ap, &args, &count, &error, buf.data(), &size);
-    va_end(ap);
-    return ok;
-  };
-  EXPECT_FALSE(call("%s", "four"));   // 16 + 5 > 20
-  EXPECT_EQ(nullptr, error);
-  size = buf.size();
-  EXPECT_TRUE(call("%s", "thr"));     // 16 + 4 fits exactly
-  EXPECT_EQ(20u, size);
-}
-
-TEST(MsgFmtBlock, BadFormatNamesTheProblem) {
-  char *error = nullptr;
-  MsgFmt_Arg *args = nullptr;
-  int count = 0;
-  uint8_t buf[64];
-  size_t size = sizeof buf;
-  auto call = [&](const char *format, ...) {
-    va_list ap;
-    va_start(ap, format);
-    bool ok = MsgFmt_GetArgsWithBuf(format, ap, &args, &count, &error, buf, &size);
-    va_end(ap);
-    return ok;
-  };
-  EXPECT_FALSE(call("%n", nullptr));
-  ASSERT_NE(nullptr, error);
-  EXPECT_NE(nullptr, strstr(error, "%n"));
+TEST(MsgFmtBlock, BlockThatDoesNotFitFailsQuietlyAndBadFormatNamesTheProblem) {
+  Serialized tooBig = Serialize(20, "%s", "four");   // 16 + 5 > 20
+  EXPECT_FALSE(tooBig.ok);
+  Serialized exact = Serialize(20, "%s", "thr");     // 16 + 4 fits exactly
+  EXPECT_TRUE(exact.ok);
+  EXPECT_EQ(20u, exact.used);
+  Serialized bad = Serialize(64, "%n", nullptr);
+  EXPECT_FALSE(bad.ok);
+  EXPECT_NE(std::string::npos, bad.error.find("%n"));
+  EXPECT_EQ("", tooBig.error);
 }
 
 TEST(MsgFmtText, AsprintfFormatsFromUnswizzledSlots) {
-  Serialized s = Serialize(256, "Physical NIC %s linkstate is down (%d/%lu) %5.1f%% %p %x", "hwnic1",
-                           -4, 18446744073709551615ul, 99.25, reinterpret_cast<void *>(0xbeef),
-                           255u);
+  const char *none = nullptr;
+  const char *format = "NIC %s [%s] down (%d/%lu) %5.1f%% %p %x";
+  Serialized s = Serialize(256, format, "hwnic1", none, -4, 18446744073709551615ul, 99.25,
+                           reinterpret_cast<void *>(0xbeef), 255u);
   ASSERT_TRUE(s.ok);
   size_t len = 0;
-  char *text = MsgFmt_Asprintf(&len, "Physical NIC %s linkstate is down (%d/%lu) %5.1f%% %p %x",
-                               s.args, s.count);
+  char *text = MsgFmt_Asprintf(&len, format, s.args, s.count);
   ASSERT_NE(nullptr, text);
-  EXPECT_STREQ("Physical NIC hwnic1 linkstate is down (-4/18446744073709551615)  99.2% 0xbeef ff",
-               text);
+  EXPECT_STREQ("NIC hwnic1 [(null)] down (-4/18446744073709551615)  99.2% 0xbeef ff", text);
   EXPECT_EQ(strlen(text), len);
-  free(text);
-}
-
-TEST(MsgFmtText, NullStringPrintsAsNull) {
-  const char *none = nullptr;
-  Serialized s = Serialize(64, "[%s]", none);
-  ASSERT_TRUE(s.ok);
-  char *text = MsgFmt_Asprintf(nullptr, "[%s]", s.args, s.count);
-  EXPECT_STREQ("[(null)]", text);
   free(text);
 }
 
@@ -279,7 +232,8 @@ std::vector<uint8_t> BuildQprob(const std::string &id, const std::vector<MsgFmt_
 TEST(QprobDecode, DecodesHeaderIdentifierAndArguments) {
   std::vector<uint8_t> m =
       BuildQprob("kos.problem.net.hwnic.linkstate.down",
-                 {MsgFmt_Value::Str("hwnic1"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(-5)},
+                 {MsgFmt_Value::Str("hwnic\"1\\\n\x01"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(-5),
+                  MsgFmt_Value::U64(7), MsgFmt_Value::Dbl(0.5)},
                  "4c4c4544-0031-3510-8052-b4c04f4e3232");
   QprobMessage q;
   std::string why;
@@ -289,11 +243,11 @@ TEST(QprobDecode, DecodesHeaderIdentifierAndArguments) {
   EXPECT_EQ("kos.problem.net.hwnic.linkstate.down", q.id);
   EXPECT_EQ(37u, q.idLength);
   EXPECT_EQ("problem", q.className);
-  EXPECT_EQ((std::vector<std::string>{"S:hwnic1", "S:(null)", "I:-5"}), ArgsText(q.args));
   EXPECT_EQ(
       "{\"ts\":1700000000123456,\"class\":\"problem\",\"id\":\"kos.problem.net.hwnic.linkstate.down\","
       "\"host\":\"4c4c4544-0031-3510-8052-b4c04f4e3232\",\"args\":[{\"type\":\"string\",\"value\":"
-      "\"hwnic1\"},{\"type\":\"string\",\"value\":null},{\"type\":\"int32\",\"value\":-5}]}",
+      "\"hwnic\\\"1\\\\\\n\\u0001\"},{\"type\":\"string\",\"value\":null},{\"type\":\"int32\",\"value\":-5},"
+      "{\"type\":\"uint64\",\"value\":7},{\"type\":\"double\",\"value\":0.5}]}",
       Qprob_ToJson(q));
 }
 
@@ -307,19 +261,6 @@ TEST(QprobDecode, ClassComesFromTheIdentifierPrefix) {
     EXPECT_EQ(row.second, q.className);
     EXPECT_EQ("", q.hostUuid);
   }
-}
-
-TEST(QprobDecode, JsonEscapesQuotesAndControls) {
-  std::vector<uint8_t> m = BuildQprob("kos.audit.a", {MsgFmt_Value::Str("a\"b\\c\n\x01"),
-                                                     MsgFmt_Value::U64(7), MsgFmt_Value::Dbl(0.5)},
-                                      nullptr);
-  QprobMessage q;
-  ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), &q, nullptr));
-  EXPECT_EQ(
-      "{\"ts\":1700000000123456,\"class\":\"audit\",\"id\":\"kos.audit.a\",\"host\":\"\",\"args\":["
-      "{\"type\":\"string\",\"value\":\"a\\\"b\\\\c\\n\\u0001\"},{\"type\":\"uint64\",\"value\":7},"
-      "{\"type\":\"double\",\"value\":0.5}]}",
-      Qprob_ToJson(q));
 }
 
 TEST(QprobDecode, MalformedMessagesAreRefused) {
@@ -350,39 +291,6 @@ TEST(QprobDecode, MalformedMessagesAreRefused) {
     EXPECT_FALSE(Qprob_Decode(m.data(), m.size(), nullptr, &why)) << row.fault;
     EXPECT_FALSE(why.empty()) << row.fault;
   }
-}
-
-}  // namespace
-
-namespace {
-
-// Damaged messages are refused or decode to something the JSON writer can
-// render; the decoder never reads outside the message (ASan watches).
-TEST(QprobDecode, RandomDamageNeverReadsOutside) {
-  std::vector<uint8_t> base = BuildQprob(
-      "kos.problem.storage.path.dead",
-      {MsgFmt_Value::Str("hba1"), MsgFmt_Value::NullStr(), MsgFmt_Value::Dbl(1.5)},
-      "4c4c4544-0031-3510-8052-b4c04f4e3232");
-  uint32_t state = 777;
-  auto next = [&state]() {
-    state = state * 1103515245u + 12345u;
-    return state >> 8;
-  };
-  int accepted = 0;
-  for (int round = 0; round < 20000; round++) {
-    std::vector<uint8_t> m = base;
-    int flips = 1 + static_cast<int>(next() % 3);
-    for (int i = 0; i < flips; i++) m[next() % m.size()] = static_cast<uint8_t>(next());
-    if (next() % 8 == 0) m.resize(next() % (m.size() + 8));
-    std::unique_ptr<uint8_t[]> exact(new uint8_t[m.size() + 1]);
-    if (!m.empty()) memcpy(exact.get(), m.data(), m.size());
-    QprobMessage q;
-    if (Qprob_Decode(exact.get(), m.size(), &q, nullptr)) {
-      accepted++;
-      EXPECT_EQ('{', Qprob_ToJson(q).front());
-    }
-  }
-  EXPECT_GT(accepted, 0);
 }
 
 }  // namespace

@@ -43,11 +43,15 @@ const char kTrace[] =
     "1700000003.100000000,OUT,1700000003100000,kos.audit.host.boot,\n"
     "1700000003.200000000,OUT,1700000003200000,kos.clear.x.y,,\"(null)\",5\n";
 
-TEST(ScenarioRecord, SavedTraceBecomesTimedPostsAndEventWindows) {
+RunResult Record(const TempRoot &root, std::vector<std::string> options) {
+  options.insert(options.begin(), {"scenario", "record", "--from-trace", root.Abs("saved.trace")});
+  return RunTevctl(root.path(), options);
+}
+
+TEST(ScenarioRecord, SavedTraceBecomesTimedPostsAndEventWindowsThatCheckAccepts) {
   TempRoot root;
   WriteText(root.Abs("saved.trace"), kTrace);
-  RunResult r = RunTevctl(root.path(), {"scenario", "record", "--from-trace", root.Abs("saved.trace"),
-                                        "-o", root.Abs("rec.scn")});
+  RunResult r = Record(root, {"-o", root.Abs("rec.scn")});
   ASSERT_EQ(r.status, 0) << r.err;
   std::vector<std::string> want = {
       "at 0.000 post tev.net.pg.uplink.transition.down \"%s %s %d %d\" \"hwnic1\" \"VM \\\"Prod\\\" "
@@ -62,27 +66,11 @@ TEST(ScenarioRecord, SavedTraceBecomesTimedPostsAndEventWindows) {
   };
   EXPECT_EQ(Statements(ReadFileText(root.Abs("rec.scn"))), want);
   EXPECT_NE(r.err.find("3 observations, 3 events, 0 lines left as comments"), std::string::npos) << r.err;
-}
-
-TEST(ScenarioRecord, RecordedScenarioParsesAndArgumentsRoundTrip) {
-  TempRoot root;
-  WriteText(root.Abs("saved.trace"), kTrace);
-  ASSERT_EQ(RunTevctl(root.path(), {"scenario", "record", "--from-trace", root.Abs("saved.trace"),
-                                    "-o", root.Abs("rec.scn")})
-                .status,
-            0);
   RunResult c = RunTevctl(root.path(), {"scenario", "check", root.Abs("rec.scn")});
   EXPECT_EQ(c.status, 0) << c.err;
   EXPECT_NE(c.out.find("rec.scn: ok (3 steps, 3 expectations, ends at 5.100 s)"), std::string::npos)
       << c.out;
-}
-
-TEST(ScenarioRecord, WindowsFollowEarlyAndLateOptions) {
-  TempRoot root;
-  WriteText(root.Abs("saved.trace"), kTrace);
-  RunResult r = RunTevctl(root.path(), {"scenario", "record", "--early", "0.5", "--late", "3",
-                                        "--from-trace", root.Abs("saved.trace")});
-  ASSERT_EQ(r.status, 0) << r.err;
+  r = Record(root, {"--early", "0.5", "--late", "3"});
   EXPECT_NE(r.out.find("expect event audit kos.audit.host.boot - within 2.500..6.000\n"),
             std::string::npos)
       << r.out;
@@ -90,12 +78,12 @@ TEST(ScenarioRecord, WindowsFollowEarlyAndLateOptions) {
 
 TEST(ScenarioRecord, UnreplayableLinesStayCommentsAndBadLinesAreNamed) {
   TempRoot root;
-  WriteText(root.Abs("odd.trace"),
+  WriteText(root.Abs("saved.trace"),
             "1700000000.000000000,IN,1,tev.x.dbl,,???\n"
             "not a trace line\n"
             "1700000000.500000000,IN,1,tev.x.nl,,\"two\nlines\"\n"
             "1700000001.000000000,IN,1,tev.x.ok,,3\n");
-  RunResult r = RunTevctl(root.path(), {"scenario", "record", "--from-trace", root.Abs("odd.trace")});
+  RunResult r = Record(root, {});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(Statements(r.out), std::vector<std::string>{"at 1.000 post tev.x.ok \"%d\" 3"});
   EXPECT_NE(r.out.find("# not replayed (argument 1 has a type the trace does not show (\"???\")): "
@@ -106,15 +94,15 @@ TEST(ScenarioRecord, UnreplayableLinesStayCommentsAndBadLinesAreNamed) {
                        "\"two\\nlines\"\n"),
             std::string::npos)
       << r.out;
-  EXPECT_NE(r.err.find(root.Abs("odd.trace") + ":2: expected SECONDS.NANOSECONDS at the start; line skipped"),
+  EXPECT_NE(r.err.find(root.Abs("saved.trace") + ":2: expected SECONDS.NANOSECONDS at the start; line skipped"),
             std::string::npos)
       << r.err;
 }
 
 TEST(ScenarioRecord, EmptyTraceFailsAndLiveWithoutDaemonFails) {
   TempRoot root;
-  WriteText(root.Abs("empty.trace"), "\n");
-  RunResult r = RunTevctl(root.path(), {"scenario", "record", "--from-trace", root.Abs("empty.trace")});
+  WriteText(root.Abs("saved.trace"), "\n");
+  RunResult r = Record(root, {});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("no trace line was read"), std::string::npos) << r.err;
   r = RunTevctl(root.path(), {"scenario", "record", "--history"});

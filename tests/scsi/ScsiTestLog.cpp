@@ -13,9 +13,7 @@ namespace scsitest {
 
 namespace {
 std::string StripNewline(std::string s) {
-  while (!s.empty() && s.back() == '\n') {
-    s.pop_back();
-  }
+  while (!s.empty() && s.back() == '\n') s.pop_back();
   return s;
 }
 
@@ -23,13 +21,9 @@ std::string StripNewline(std::string s) {
 std::string MessageOf(const std::string &datagram) {
   std::string line = datagram;
   const size_t tag = line.find("tevd: ");
-  if (tag != std::string::npos) {
-    line = line.substr(tag + 6);
-  }
+  if (tag != std::string::npos) line = line.substr(tag + 6);
   const size_t zone = line.find("Z: ");
-  if (zone != std::string::npos && zone < 32) {
-    line = line.substr(zone + 3);
-  }
+  if (zone != std::string::npos && zone < 32) line = line.substr(zone + 3);
   return StripNewline(line);
 }
 }  // namespace
@@ -47,9 +41,7 @@ LogSink::LogSink(const std::string &root) {
     close(fd_);
     fd_ = -1;
   }
-  if (fd_ >= 0) {
-    fcntl(fd_, F_SETFL, O_NONBLOCK);
-  }
+  if (fd_ >= 0) fcntl(fd_, F_SETFL, O_NONBLOCK);
 }
 
 LogSink::~LogSink() {
@@ -65,9 +57,7 @@ std::vector<std::string> LogSink::Take() {
   char buf[65536];
   while (fd_ >= 0) {
     ssize_t n = recv(fd_, buf, sizeof(buf), 0);
-    if (n < 0) {
-      break;
-    }
+    if (n < 0) break;
     lines.push_back(MessageOf(std::string(buf, static_cast<size_t>(n))));
   }
   return lines;
@@ -75,25 +65,28 @@ std::vector<std::string> LogSink::Take() {
 
 void LogSink::Pump() { seen_ = Take(); }
 
+namespace {
+bool EndsWith(const std::string &line, const std::string &suffix) {
+  return line.size() >= suffix.size() &&
+         line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+}  // namespace
+
 bool LogSink::Saw(const std::string &message) {
-  std::vector<std::string> lines = Take();
-  bool found = false;
-  for (const std::string &line : lines) {
-    found = found || line == StripNewline(message);
+  const std::string want = StripNewline(message);
+  seen_ = Take();
+  for (const std::string &line : seen_) {
+    if (line == want) return true;
   }
-  seen_ = lines;
-  return found;
+  return false;
 }
 
 bool LogSink::SawEnding(const std::string &suffix) {
-  std::vector<std::string> lines = Take();
-  bool found = false;
-  for (const std::string &line : lines) {
-    found = found || (line.size() >= suffix.size() &&
-                      line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0);
+  seen_ = Take();
+  for (const std::string &line : seen_) {
+    if (EndsWith(line, suffix)) return true;
   }
-  seen_ = lines;
-  return found;
+  return false;
 }
 
 std::vector<std::string> LogSink::TakeDiagnostics() {
@@ -101,9 +94,7 @@ std::vector<std::string> LogSink::TakeDiagnostics() {
   for (const std::string &line : Take()) {
     // Observation lines and posted-event lines both look like "[x] Nus: [id] ...".
     const bool recordLine = !line.empty() && line[0] == '[' && line.find("us: [") != std::string::npos;
-    if (!recordLine) {
-      out.push_back(line);
-    }
+    if (!recordLine) out.push_back(line);
   }
   return out;
 }

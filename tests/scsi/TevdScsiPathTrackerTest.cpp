@@ -16,7 +16,9 @@ using tevdtest::S;
 
 namespace {
 
-using Args = std::vector<std::string>;
+using Evs = std::vector<std::string>;
+const char kDown[] = "tev.scsi.scsipath.pathstate.dead";
+const char kPor[] = "tev.scsi.scsipath.por";
 
 class ScsiPathTest : public ::testing::Test {
  protected:
@@ -29,11 +31,10 @@ class ScsiPathTest : public ::testing::Test {
   void AddPath(const std::string &path, const std::string &device) {
     root_.Write("platform/storage/paths/" + path, device);
   }
-  // A device with its redundancy status and its partitions (number -> volume,
-  // "" for a partition without a file system).
+  // A device with its redundancy status and partitions (number -> volume).
   void AddDevice(const std::string &device, int status,
                  const std::map<int, std::string> &partitions = {}) {
-    root_.Write("platform/storage/devices/" + device + "/status", std::to_string(status));
+    SetStatus(device, status);
     for (const auto &p : partitions) {
       root_.Write("platform/storage/devices/" + device + "/partitions/" + std::to_string(p.first),
                   p.second);
@@ -42,24 +43,37 @@ class ScsiPathTest : public ::testing::Test {
   void SetStatus(const std::string &device, int status) {
     root_.Write("platform/storage/devices/" + device + "/status", std::to_string(status));
   }
-  void Obs(const std::string &id, const std::vector<MsgFmt_Value> &args) {
-    tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
-    TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
-    log_.Pump();
+  void Obs(const std::string &id, const std::vector<MsgFmt_Value> &args, int times = 1) {
+    for (int i = 0; i < times; i++) {
+      tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
+      TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
+      log_.Pump();
+    }
   }
-  void Down(const std::string &path, const std::string &left) {
-    Obs("tev.scsi.scsipath.pathstate.dead", {S(path), S(left)});
+  void Down(const std::string &path, const std::string &left, int times = 1) {
+    Obs(kDown, {S(path), S(left)}, times);
   }
   void Up(const std::string &path, const std::string &previous) {
     Obs("tev.scsi.scsipath.pathstate.on", {S(path), S(previous)});
   }
-  // Sets both sweep and period clocks of the path-state table to now, so the
-  // counts that follow start inside a fresh sweep interval.
+  // Starts a fresh sweep interval for the path-state table.
   void StartCountingInterval() {
     Obs("tev.scsi.scsipath.add", {S("warmup")});
-    Obs("tev.scsi.scsipath.por", {S("warmup")});
+    Obs(kPor, {S("warmup")});
   }
-  std::vector<QprobMessage> Events() { return capture_.Take(); }
+  // Posted events as "id arg arg ...", and forgotten.
+  Evs Events() {
+    Evs out;
+    for (const QprobMessage &m : capture_.Take()) {
+      std::string e = m.className + ":" + m.id;
+      for (const std::string &a : tevdtest::ArgsText(m.args)) e += " " + a;
+      out.push_back(e);
+    }
+    return out;
+  }
+  int Count(const char *name, bool por = false) {
+    return TevdScsiCorrelator_CounterForTest(name, por);
+  }
 
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
@@ -68,195 +82,77 @@ class ScsiPathTest : public ::testing::Test {
   TevHandlerMap map_ = TevdScsiCorrelator_BuildMap();
 };
 
-struct DownCase {
-  int status;
-  const char *eventId;   // nullptr: nothing posted
-};
-
-TEST_F(ScsiPathTest, PathDownIsClassifiedByTheDevicesRedundancyStatus) {
-  const std::vector<DownCase> cases = {
-      {0, nullptr},
-      {1, "kos.problem.storage.connectivity.lost"},
-      {2, "kos.problem.storage.redundancy.lost"},
-      {3, "kos.problem.storage.redundancy.degraded"},
-      {4, nullptr},
+TEST_F(ScsiPathTest, PathDownAndUpAreClassifiedByTheDevicesRedundancyStatus) {
+  struct Row {
+    int downStatus;
+    const char *down;   // "" when nothing is posted
+    int upStatus;
+    const char *up;
+  } rows[] = {
+      {0, "", 3, ""},   // status 0 leaves no trace: a path up without a path down
+      {1, "connectivity.lost", 2, "connectivity.restored"},
+      {2, "redundancy.lost", 3, "redundancy.restored"},
+      {3, "redundancy.degraded", 3, "redundancy.restored"},
+      {3, "redundancy.degraded", 1, ""},   // nothing restored, and the entry goes
+      {3, "redundancy.degraded", 0, ""},
+      {4, "", 3, "redundancy.restored"},   // unknown status marks the device silently
   };
   AddPath("p1", "naa.1");
-  for (const DownCase &c : cases) {
-    SCOPED_TRACE(c.status);
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.downStatus * 10 + r.upStatus);
     TevdScsiCorrelator_ResetForTest();
-    AddDevice("naa.1", c.status, {{1, "ds1"}});
+    AddDevice("naa.1", r.downStatus, {{1, "ds1"}});
     Down("p1", "on");
-    std::vector<QprobMessage> events = Events();
-    if (c.eventId == nullptr) {
-      EXPECT_TRUE(events.empty());
-    } else {
-      ASSERT_EQ(events.size(), 1u);
-      EXPECT_EQ(events[0].id, c.eventId);
-      EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:naa.1", "S:p1", "S:\"ds1\""}));
-    }
-    // Status 0 leaves no trace; any other status marks the device.
-    EXPECT_EQ(TevdScsiCorrelator_IsReportedDownForTest("naa.1"), c.status != 0);
+    Evs want;
+    if (*r.down) want.push_back(std::string("problem:kos.problem.storage.") + r.down + " S:naa.1 S:p1 S:\"ds1\"");
+    EXPECT_EQ(want, Events());
+    EXPECT_EQ(r.downStatus != 0, TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
+    SetStatus("naa.1", r.upStatus);
+    Up("p1", "dead");
+    want.clear();
+    if (*r.up) want.push_back(std::string("clear:kos.clear.storage.") + r.up + " S:naa.1 S:\"ds1\" S:p1");
+    EXPECT_EQ(want, Events());
+    EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
+    SetStatus("naa.1", 3);
+    Up("p1", "dead");   // the entry went with the first path up
+    EXPECT_EQ(Evs{}, Events());
   }
 }
 
-TEST_F(ScsiPathTest, DegradedPathReturningFromDeadPostsRedundancyRestored) {
+TEST_F(ScsiPathTest, LogLinesNameDeviceAndPathInTemplateOrder) {
   AddPath("p1", "naa.1");
-  AddPath("p2", "naa.1");
-  AddPath("p3", "naa.1");
   AddDevice("naa.1", 3, {{1, "ds1"}});
   Obs("tev.scsi.scsipath.pathstate.off", {S("p1"), S("standby")});
-  std::vector<QprobMessage> down = Events();
-  ASSERT_EQ(down.size(), 1u);
-  EXPECT_EQ(down[0].id, "kos.problem.storage.redundancy.degraded");
   EXPECT_TRUE(log_.SawEnding(
       "[kos.problem.storage.redundancy.degraded] Path redundancy to storage device naa.1 "
       "degraded. Path p1 is down. Affected datastores: \"ds1\"."));
-
   Obs("tev.scsi.scsipath.pathstate.standby", {S("p1"), S("dead")});
-  std::vector<QprobMessage> up = Events();
-  ASSERT_EQ(up.size(), 1u);
-  EXPECT_EQ(up[0].id, "kos.clear.storage.redundancy.restored");
-  EXPECT_EQ(up[0].className, "clear");
-  EXPECT_EQ(tevdtest::ArgsText(up[0].args), (Args{"S:naa.1", "S:\"ds1\"", "S:p1"}));
   EXPECT_TRUE(log_.SawEnding(
       "[kos.clear.storage.redundancy.restored] Path redundancy to storage device naa.1 "
       "(Datastores: \"ds1\") restored. Path p1 is active again."));
-  EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
 }
 
-TEST_F(ScsiPathTest, SinglePathLeftOnReturnPostsConnectivityRestored) {
-  AddPath("p1", "naa.1");
-  AddDevice("naa.1", 1, {{1, "ds1"}});
-  Down("p1", "on");
-  ASSERT_EQ(Events().size(), 1u);
-  SetStatus("naa.1", 2);
-  Up("p1", "off");
-  std::vector<QprobMessage> up = Events();
-  ASSERT_EQ(up.size(), 1u);
-  EXPECT_EQ(up[0].id, "kos.clear.storage.connectivity.restored");
-  EXPECT_EQ(tevdtest::ArgsText(up[0].args), (Args{"S:naa.1", "S:\"ds1\"", "S:p1"}));
-}
-
-struct PathTextCase {
-  int status;
-  const char *eventId;
-  const char *text;
-};
-
-TEST_F(ScsiPathTest, PathDownTextsNameDeviceThenPathThenDatastores) {
-  const std::vector<PathTextCase> cases = {
-      {1, "kos.problem.storage.connectivity.lost",
-       "Lost connectivity to storage device naa.1. Path p1 is down. Affected datastores: "
-       "\"ds1\"."},
-      {2, "kos.problem.storage.redundancy.lost",
-       "Lost path redundancy to storage device naa.1. Path p1 is down. Affected datastores: "
-       "\"ds1\"."},
-      {3, "kos.problem.storage.redundancy.degraded",
-       "Path redundancy to storage device naa.1 degraded. Path p1 is down. Affected datastores: "
-       "\"ds1\"."},
-  };
-  AddPath("p1", "naa.1");
-  for (const PathTextCase &c : cases) {
-    SCOPED_TRACE(c.status);
-    TevdScsiCorrelator_ResetForTest();
-    AddDevice("naa.1", c.status, {{1, "ds1"}});
-    Down("p1", "standby");
-    std::vector<QprobMessage> events = Events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].id, c.eventId);
-    EXPECT_EQ(events[0].className, "problem");
-    EXPECT_TRUE(log_.SawEnding(std::string("[") + c.eventId + "] " + c.text));
-    log_.Take();
-  }
-}
-
-TEST_F(ScsiPathTest, PathUpTextsNameDeviceThenDatastoresThenPath) {
-  const std::vector<PathTextCase> cases = {
-      {2, "kos.clear.storage.connectivity.restored",
-       "Connectivity to storage device naa.1 (Datastores: \"ds1\") restored. Path p1 is active "
-       "again."},
-      {3, "kos.clear.storage.redundancy.restored",
-       "Path redundancy to storage device naa.1 (Datastores: \"ds1\") restored. Path p1 is "
-       "active again."},
-  };
-  AddPath("p1", "naa.1");
-  for (const PathTextCase &c : cases) {
-    SCOPED_TRACE(c.status);
-    TevdScsiCorrelator_ResetForTest();
-    AddDevice("naa.1", 1, {{1, "ds1"}});
-    Down("p1", "on");
-    ASSERT_EQ(Events().size(), 1u);
-    SetStatus("naa.1", c.status);
-    Obs("tev.scsi.scsipath.pathstate.standby", {S("p1"), S("off")});
-    std::vector<QprobMessage> events = Events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].id, c.eventId);
-    EXPECT_EQ(events[0].className, "clear");
-    EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:naa.1", "S:\"ds1\"", "S:p1"}));
-    EXPECT_TRUE(log_.SawEnding(std::string("[") + c.eventId + "] " + c.text));
-    log_.Take();
-  }
-}
-
-TEST_F(ScsiPathTest, PathUpWithStatusZeroForgetsTheDeviceWithoutAClear) {
-  AddPath("p1", "naa.1");
-  AddDevice("naa.1", 3);
-  Down("p1", "on");
-  ASSERT_EQ(Events().size(), 1u);
-  SetStatus("naa.1", 0);
-  Up("p1", "off");
-  EXPECT_TRUE(Events().empty());
-  EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
-  SetStatus("naa.1", 3);
-  Up("p1", "dead");   // the entry went with the first path up
-  EXPECT_TRUE(Events().empty());
-}
-
-TEST_F(ScsiPathTest, PathUpWithoutEarlierPathDownPostsNoClear) {
-  AddPath("p1", "naa.1");
-  AddDevice("naa.1", 3);
-  Up("p1", "dead");
-  EXPECT_TRUE(Events().empty());
-}
-
-TEST_F(ScsiPathTest, PathUpWithNoPathLeftClearsTheEntrySilently) {
-  AddPath("p1", "naa.1");
-  AddPath("p2", "naa.1");
-  AddDevice("naa.1", 1);
-  Down("p1", "on");
-  ASSERT_EQ(Events().size(), 1u);
-  Up("p2", "dead");   // status still 1: nothing to clear yet
-  EXPECT_TRUE(Events().empty());
-  EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
-  SetStatus("naa.1", 3);
-  Up("p1", "dead");   // the entry is gone, so no clear follows either
-  EXPECT_TRUE(Events().empty());
-}
-
-TEST_F(ScsiPathTest, PathLeavingOffOrDeadAddsNoRedundancyEvent) {
+TEST_F(ScsiPathTest, PathLeavingOffOrDeadIsCountedButAddsNoRedundancyEvent) {
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 1);
   StartCountingInterval();
   Down("p1", "off");
-  EXPECT_TRUE(Events().empty());
   EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 1);   // still counted
+  EXPECT_EQ(1, Count("p1"));
   Up("p1", "standby");   // from a state that was not down: no clear considered
-  EXPECT_TRUE(Events().empty());
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 2);
+  EXPECT_EQ(Evs{}, Events());
+  EXPECT_EQ(2, Count("p1"));
 }
 
 TEST_F(ScsiPathTest, UnknownPathOrMissingArgumentsPostNothing) {
   AddDevice("naa.1", 2);
   Down("nosuchpath", "on");
-  Obs("tev.scsi.scsipath.pathstate.dead", {S("p1")});
+  Obs(kDown, {S("p1")});
   Obs("tev.scsi.scsipath.pathstate.on", {I(3), S("dead")});
-  EXPECT_TRUE(Events().empty());
   EXPECT_TRUE(log_.TakeDiagnostics().empty());
   AddPath("p9", "naa.gone");   // path to a device the host does not know
   Down("p9", "on");
-  EXPECT_TRUE(Events().empty());
+  EXPECT_EQ(Evs{}, Events());
   EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.gone"));
 }
 
@@ -284,8 +180,7 @@ TEST_F(ScsiPathTest, PathUpWithStatusOutsideTheCodesIsFatal) {
   ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 7);
-  Down("p1", "on");   // posts nothing, but marks the device
-  EXPECT_TRUE(Events().empty());
+  Down("p1", "on");
   ASSERT_TRUE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
   EXPECT_DEATH(Up("p1", "dead"), "NOT_REACHED apps/tevd/tevdScsiCorrelator:1018");
 }
@@ -297,16 +192,11 @@ TEST_F(ScsiPathTest, DatastoreListQuotesSkipsPartitionZeroAndDropsDuplicates) {
   std::string text;
   EXPECT_TRUE(TevdScsiCorrelator_GetDatastores("naa.1", &text));
   EXPECT_EQ(text, "\"ds1\", \"ds2\"");
-}
-
-TEST_F(ScsiPathTest, DatastoreListFailsWithoutVolumesOrDiskOrDirectory) {
-  std::string text;
   AddDevice("naa.empty", 2, {{1, ""}});
   EXPECT_FALSE(TevdScsiCorrelator_GetDatastores("naa.empty", &text));
   AddDevice("naa.nodisk", 2);   // no partitions/: not a disk
   EXPECT_FALSE(TevdScsiCorrelator_GetDatastores("naa.nodisk", &text));
   EXPECT_FALSE(TevdScsiCorrelator_GetDatastores("naa.absent", &text));
-  AddDevice("naa.1", 2, {{1, "ds1"}});
   root_.Remove("kfs/volumes");
   EXPECT_FALSE(TevdScsiCorrelator_GetDatastores("naa.1", &text));
 }
@@ -315,55 +205,23 @@ TEST_F(ScsiPathTest, DeviceWithoutDatastoresPrintsUnknown) {
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 2, {{1, ""}});
   Down("p1", "on");
-  std::vector<QprobMessage> events = Events();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:naa.1", "S:p1", "S:Unknown"}));
+  EXPECT_EQ(Evs{"problem:kos.problem.storage.redundancy.lost S:naa.1 S:p1 S:Unknown"}, Events());
 }
 
 // ---- device loss and thin provisioning ------------------------------------------
 
 TEST_F(ScsiPathTest, DeviceLossEventsCarryTheDatastoreList) {
   AddDevice("naa.1", 1, {{1, "ds1"}, {2, "ds2"}});
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"tev.scsi.device.state.permanentloss", "kos.problem.scsi.device.state.permanentloss"},
-      {"tev.scsi.device.state.permanentloss.withreservationheld",
-       "kos.problem.scsi.device.state.permanentloss.withreservationheld"},
-      {"tev.scsi.device.state.permanentloss.noopens",
-       "kos.problem.scsi.device.state.permanentloss.noopens"},
-      {"tev.scsi.device.thinprov.atquota", "kos.problem.scsi.device.thinprov.atquota"},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.first);
-    Obs(c.first, {S("naa.1")});
-    std::vector<QprobMessage> events = Events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].id, c.second);
-    EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:naa.1", "S:\"ds1\", \"ds2\""}));
+  for (const char *id : {"state.permanentloss", "state.permanentloss.withreservationheld",
+                         "state.permanentloss.noopens", "thinprov.atquota"}) {
+    Obs(std::string("tev.scsi.device.") + id, {S("naa.1")});
+    EXPECT_EQ(Evs{std::string("problem:kos.problem.scsi.device.") + id +
+                  " S:naa.1 S:\"ds1\", \"ds2\""},
+              Events());
   }
-  EXPECT_TRUE(log_.SawEnding(
-      "[kos.problem.scsi.device.state.permanentloss.noopens] Permanently inaccessible device: "
-      "naa.1 has no more opens. It is now safe to unmount datastores (if any): \"ds1\", \"ds2\" "
-      "and delete the device"));
-  EXPECT_TRUE(log_.SawEnding(
-      "[kos.problem.scsi.device.thinprov.atquota] Space utilization on thin-provisioned device "
-      "naa.1 exceeded configured threshold. Affected datastores (if any): \"ds1\", \"ds2\"."));
-}
-
-TEST_F(ScsiPathTest, ReservationHeldLossTextIsExact) {
-  AddDevice("naa.1", 2, {{1, "ds1"}});
-  Obs("tev.scsi.device.state.permanentloss.withreservationheld", {S("naa.1")});
-  ASSERT_EQ(Events().size(), 1u);
-  EXPECT_TRUE(log_.SawEnding(
-      "[kos.problem.scsi.device.state.permanentloss.withreservationheld] Device: naa.1 has been "
-      "removed or is permanently inaccessible while holding a reservation. Affected datastores "
-      "(if any): \"ds1\"."));
-}
-
-TEST_F(ScsiPathTest, DeviceLossOfAnUnknownDevicePrintsUnknown) {
   Obs("tev.scsi.device.state.permanentloss", {S("naa.gone")});
-  std::vector<QprobMessage> events = Events();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:naa.gone", "S:Unknown"}));
+  EXPECT_EQ(Evs{"problem:kos.problem.scsi.device.state.permanentloss S:naa.gone S:Unknown"},
+            Events());
   EXPECT_TRUE(log_.SawEnding(
       "[kos.problem.scsi.device.state.permanentloss] Device: naa.gone has been removed or is "
       "permanently inaccessible. Affected datastores (if any): Unknown."));
@@ -371,7 +229,7 @@ TEST_F(ScsiPathTest, DeviceLossOfAnUnknownDevicePrintsUnknown) {
 
 // ---- path-state counters -------------------------------------------------------
 
-TEST_F(ScsiPathTest, TenPathStateChangesWithinOneSweepIntervalReportOnce) {
+TEST_F(ScsiPathTest, TenthPathStateChangeWithinOneSweepIntervalReportsOnce) {
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 3, {{1, "ds1"}});
   StartCountingInterval();
@@ -379,22 +237,13 @@ TEST_F(ScsiPathTest, TenPathStateChangesWithinOneSweepIntervalReportOnce) {
     Down("p1", "dead");
     clock_.Advance(5);
   }
-  EXPECT_TRUE(Events().empty());
-  Down("p1", "off");   // the tenth
-  std::vector<QprobMessage> events = Events();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, "kos.problem.storage.connectivity.pathstatechanges");
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:p1", "S:naa.1", "S:\"ds1\""}));
-  EXPECT_TRUE(log_.SawEnding(
-      "[kos.problem.storage.connectivity.pathstatechanges] Frequent path state changes are "
-      "occurring for path p1. This may indicate a storage problem. Affected device: naa.1. "
-      "Affected datastores: \"ds1\"."));
-  // The eleventh and later changes of the same period report nothing more.
-  for (int i = 0; i < 20; ++i) {
-    Up("p1", "on");
-  }
-  EXPECT_TRUE(Events().empty());
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 30);
+  EXPECT_EQ(Evs{}, Events());
+  Down("p1", "off");
+  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:\"ds1\""},
+            Events());
+  for (int i = 0; i < 20; ++i) Up("p1", "on");   // later changes of the period: nothing more
+  EXPECT_EQ(Evs{}, Events());
+  EXPECT_EQ(30, Count("p1"));
 }
 
 TEST_F(ScsiPathTest, SweepResetsCountersUpToNineButNotAbove) {
@@ -402,80 +251,55 @@ TEST_F(ScsiPathTest, SweepResetsCountersUpToNineButNotAbove) {
   AddPath("p2", "naa.1");
   AddDevice("naa.1", 3);
   StartCountingInterval();
-  for (int i = 0; i < 9; ++i) {
-    Down("p1", "dead");
-  }
-  for (int i = 0; i < 12; ++i) {
-    Down("p2", "dead");
-  }
-  ASSERT_EQ(Events().size(), 1u);   // p2 at its tenth
-  clock_.Advance(61);
-  Obs("tev.scsi.scsipath.add", {S("other")});   // any observation runs the sweep
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 0);
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p2", false), 12);
-  Down("p1", "dead");   // counting restarts from 0
-  EXPECT_TRUE(Events().empty());
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 1);
-}
-
-TEST_F(ScsiPathTest, NoSweepAtExactlySixtySeconds) {
-  AddPath("p1", "naa.1");
-  AddDevice("naa.1", 3);
-  StartCountingInterval();
-  for (int i = 0; i < 5; ++i) {
-    Down("p1", "dead");
-  }
+  Down("p1", "dead", 9);
+  Down("p2", "dead", 12);
+  ASSERT_EQ(1u, Events().size());   // p2 at its tenth
   clock_.Advance(60);
+  Obs("tev.scsi.scsipath.add", {S("other")});   // no sweep at exactly 60 s
+  EXPECT_EQ(9, Count("p1"));
+  clock_.Advance(1);
+  Obs("tev.scsi.scsipath.add", {S("other")});   // any observation runs the sweep
+  EXPECT_EQ(0, Count("p1"));
+  EXPECT_EQ(12, Count("p2"));
   Down("p1", "dead");
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 6);
+  EXPECT_EQ(Evs{}, Events());
+  EXPECT_EQ(1, Count("p1"));
 }
 
 TEST_F(ScsiPathTest, CountReachingTenAsTheSweepRunsStillReports) {
-  // The sweep runs after the observation is counted, so a ninth count followed
-  // by a late tenth survives it at 10.
+  // The sweep runs after the observation is counted.
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 3);
   StartCountingInterval();
-  for (int i = 0; i < 9; ++i) {
-    Down("p1", "dead");
-  }
+  Down("p1", "dead", 9);
   clock_.Advance(61);
   Down("p1", "dead");
-  std::vector<QprobMessage> events = Events();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, "kos.problem.storage.connectivity.pathstatechanges");
+  EXPECT_EQ(1u, Events().size());
 }
 
 TEST_F(ScsiPathTest, FirstObservationAfterStartIsSweptBecauseNoSweepRanYet) {
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 3);
   Down("p1", "dead");
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 0);
-  for (int i = 0; i < 9; ++i) {
-    Down("p1", "dead");
-  }
-  EXPECT_TRUE(Events().empty());
+  EXPECT_EQ(0, Count("p1"));
+  Down("p1", "dead", 9);
+  EXPECT_EQ(Evs{}, Events());
   Down("p1", "dead");
-  EXPECT_EQ(Events().size(), 1u);
+  EXPECT_EQ(1u, Events().size());
 }
 
 TEST_F(ScsiPathTest, PeriodEndEmptiesTheTableAndReportsAgain) {
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 0);   // status 0: the datastores print "Unknown"
   StartCountingInterval();
-  for (int i = 0; i < 10; ++i) {
-    Down("p1", "dead");
-  }
-  std::vector<QprobMessage> first = Events();
-  ASSERT_EQ(first.size(), 1u);
-  EXPECT_EQ(tevdtest::ArgsText(first[0].args), (Args{"S:p1", "S:naa.1", "S:Unknown"}));
+  Down("p1", "dead", 10);
+  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:Unknown"},
+            Events());
   clock_.Advance(601);
   Obs("tev.scsi.scsipath.add", {S("warmup")});   // new period, new sweep
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), -1);
-  for (int i = 0; i < 10; ++i) {
-    Down("p1", "dead");
-  }
-  EXPECT_EQ(Events().size(), 1u);
+  EXPECT_EQ(-1, Count("p1"));
+  Down("p1", "dead", 10);
+  EXPECT_EQ(1u, Events().size());
 }
 
 TEST_F(ScsiPathTest, AddStartsAtZeroAndRemoveErases) {
@@ -483,17 +307,12 @@ TEST_F(ScsiPathTest, AddStartsAtZeroAndRemoveErases) {
   AddDevice("naa.1", 2);
   StartCountingInterval();
   Obs("tev.scsi.scsipath.add", {S("p1")});
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 0);
+  EXPECT_EQ(0, Count("p1"));
   Obs("tev.scsi.scsipath.add", {S("p1")});   // an add of a known path counts
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), 1);
-  Obs("tev.scsi.scsipath.remove", {S("p1")});
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), -1);
-  Obs("tev.scsi.scsipath.remove", {S("p1")});   // absent: nothing
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), -1);
-  EXPECT_TRUE(Events().empty());
-}
-
-TEST_F(ScsiPathTest, AddRemoveHandlerLogsAnIdentifierItDoesNotKnow) {
+  EXPECT_EQ(1, Count("p1"));
+  Obs("tev.scsi.scsipath.remove", {S("p1")}, 2);
+  EXPECT_EQ(-1, Count("p1"));
+  EXPECT_EQ(Evs{}, Events());
   tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.renamed", {S("p1")});
   TevdScsiCorrelatorDoPathAddRemove(tev.get());
   EXPECT_TRUE(log_.Saw("Unknown TEV ID: tev.scsi.scsipath.renamed\n"));
@@ -501,60 +320,22 @@ TEST_F(ScsiPathTest, AddRemoveHandlerLogsAnIdentifierItDoesNotKnow) {
 
 // ---- power-on resets ---------------------------------------------------------------
 
-TEST_F(ScsiPathTest, TenPowerOnResetsOfAPathReportPathPor) {
+TEST_F(ScsiPathTest, TenPowerOnResetsReportByPathOrDeviceInTheirOwnTable) {
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 2, {{1, "ds1"}});
+  AddDevice("naa.0", 0, {{1, "ds0"}});   // status 0: no datastore look-up
+  AddPath("p0", "naa.0");
   StartCountingInterval();
-  for (int i = 0; i < 10; ++i) {
-    Obs("tev.scsi.scsipath.por", {S("p1")});
-  }
-  std::vector<QprobMessage> events = Events();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, "kos.problem.storage.connectivity.pathpor");
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:p1", "S:naa.1", "S:\"ds1\""}));
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", false), -1);   // own table only
-  EXPECT_EQ(TevdScsiCorrelator_CounterForTest("p1", true), 10);
-}
-
-TEST_F(ScsiPathTest, TenPowerOnResetsOfADeviceReportDevicePor) {
-  AddDevice("naa.1", 3, {{1, "ds1"}});
-  StartCountingInterval();
-  for (int i = 0; i < 10; ++i) {
-    Obs("tev.scsi.scsipath.por", {S("naa.1")});
-  }
-  std::vector<QprobMessage> events = Events();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, "kos.problem.storage.connectivity.devicepor");
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:naa.1", "S:\"ds1\""}));
-  EXPECT_TRUE(log_.SawEnding(
-      "[kos.problem.storage.connectivity.devicepor] Frequent PowerOn Reset Unit Attentions are "
-      "occurring on device naa.1. This may indicate a storage problem. Affected datastores: "
-      "\"ds1\"."));
-}
-
-TEST_F(ScsiPathTest, PathPowerOnResetTextAndStatusZeroPrintsUnknown) {
-  AddPath("p1", "naa.1");
-  AddDevice("naa.1", 0, {{1, "ds1"}});   // status 0: no datastore look-up
-  StartCountingInterval();
-  for (int i = 0; i < 10; ++i) {
-    Obs("tev.scsi.scsipath.por", {S("p1")});
-  }
-  std::vector<QprobMessage> events = Events();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, "kos.problem.storage.connectivity.pathpor");
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args), (Args{"S:p1", "S:naa.1", "S:Unknown"}));
-  EXPECT_TRUE(log_.SawEnding(
-      "[kos.problem.storage.connectivity.pathpor] Frequent PowerOn Reset Unit Attentions are "
-      "occurring on path p1. This may indicate a storage problem. Affected device: naa.1. "
-      "Affected datastores: Unknown."));
-}
-
-TEST_F(ScsiPathTest, PowerOnResetsOfAnUnknownNamePostNothing) {
-  StartCountingInterval();
-  for (int i = 0; i < 12; ++i) {
-    Obs("tev.scsi.scsipath.por", {S("ghost")});
-  }
-  EXPECT_TRUE(Events().empty());
+  Obs(kPor, {S("p1")}, 10);
+  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathpor S:p1 S:naa.1 S:\"ds1\""}, Events());
+  EXPECT_EQ(-1, Count("p1"));   // own table only
+  EXPECT_EQ(10, Count("p1", true));
+  Obs(kPor, {S("naa.1")}, 10);
+  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.devicepor S:naa.1 S:\"ds1\""}, Events());
+  Obs(kPor, {S("p0")}, 10);
+  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathpor S:p0 S:naa.0 S:Unknown"}, Events());
+  Obs(kPor, {S("ghost")}, 12);
+  EXPECT_EQ(Evs{}, Events());
 }
 
 }  // namespace

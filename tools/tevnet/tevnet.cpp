@@ -132,11 +132,15 @@ void Enforce(Netlink &nl, const Options &opts, const NetState &state, const Flap
           v.nic.c_str());
       return;
     }
-    if (opts.enforce == 1 && !nic.vswitch.empty() && nic.carrier &&
-        state.UplinksWithCarrier(nic.vswitch) == 1) {
-      Log("%s: tevd reports the link flapping; NOT taking it down: it is the last uplink with carrier "
-          "of switch %s (--enforce=all would)",
-          v.nic.c_str(), nic.vswitch.c_str());
+    // A flapping link still carries traffic between its flaps: when no other
+    // uplink of its switch has carrier (or it serves no switch, so nothing is
+    // known of the host's other ways out), taking it down can cut the host off.
+    int others = nic.vswitch.empty() ? 0 : state.UplinksWithCarrier(nic.vswitch) - (nic.carrier ? 1 : 0);
+    if (opts.enforce == 1 && others == 0) {
+      Log("%s: tevd reports the link flapping; NOT taking it down: %s (--enforce=all would)",
+          v.nic.c_str(),
+          nic.vswitch.empty() ? "it is not an uplink of a switch, and may be the host's only way out"
+                              : ("no other uplink of switch " + nic.vswitch + " has carrier").c_str());
       return;
     }
     if (!nic.adminUp) {

@@ -69,9 +69,10 @@ bool Netlink::Poll() {
 }
 
 std::vector<Link> Netlink::Links() const {
-  // libnl files a bridge under AF_BRIDGE, and bridge port notifications can
-  // add AF_BRIDGE twins of other interfaces: one entry per ifindex, the
-  // AF_UNSPEC one where both exist.
+  // libnl files a bridge device under AF_BRIDGE. Bridge port notifications
+  // add AF_BRIDGE twins of the ports too, and these can outlive the port
+  // (no AF_BRIDGE deletion follows when the interface goes): they are never
+  // taken, and of two entries for one ifindex the AF_UNSPEC one wins.
   std::map<int, std::pair<int, Link>> byIndex;
   nl_cache_foreach(
       impl_->links,
@@ -90,6 +91,7 @@ std::vector<Link> Netlink::Links() const {
         link.adminUp = (flags & IFF_UP) != 0;
         link.carrier = (flags & IFF_LOWER_UP) != 0;
         link.master = rtnl_link_get_master(l);
+        if (family != AF_UNSPEC && link.kind != "bridge") return;
         auto &all = *static_cast<std::map<int, std::pair<int, Link>> *>(arg);
         auto it = all.find(link.ifindex);
         if (link.name.empty() || (it != all.end() && it->second.first == AF_UNSPEC)) return;

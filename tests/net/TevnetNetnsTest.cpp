@@ -191,6 +191,26 @@ TEST_F(TevnetNetns, LastUplinkWithCarrierIsNotTakenDownWithoutEnforceAll) {
   EXPECT_TRUE(AdminUp("hwnic1"));
 }
 
+TEST_F(TevnetNetns, OncePostsThePresentStateAndCountsWhatItCouldNotDeliver) {
+  ASSERT_TRUE(In("link set lnk1 down"));
+  std::vector<std::string> argv = {IpBin(), "netns", "exec", ns_,
+                                   tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
+                                   "--include", "hwnic*", "--once"};
+  tevctltest::Child once(argv, {{"TEVD_ROOT", root_.path()}});
+  ASSERT_EQ(once.Wait(5000), 0) << once.err();
+  QprobMessage m;
+  ASSERT_TRUE(WaitEvent("kos.problem.net.redundancy.lost", &m));
+  EXPECT_EQ(Strings(m), (std::vector<std::string>{"ksw0", "hwnic1", kBothGroups}));
+  ASSERT_TRUE(WaitEvent("kos.clear.net.connectivity.restored", &m));
+  EXPECT_EQ(Strings(m), (std::vector<std::string>{"ksw0", kBothGroups, "hwnic0"}));
+
+  tevd_.reset();  // killed: its socket file stays, nobody reads it
+  tevctltest::Child again(argv, {{"TEVD_ROOT", root_.path()}});
+  EXPECT_EQ(again.Wait(5000), 1);
+  // hwnic0: two port groups and the link state; hwnic1 the same.
+  EXPECT_NE(again.err().find("6 observations dropped"), std::string::npos) << again.err();
+}
+
 TEST_F(TevnetNetns, HostModelFollowsTheLinksAndLeavesOperatorPortGroups) {
   StartTevnet();
   std::string v;

@@ -107,8 +107,11 @@ void SyncPortGroup(const std::string &vswitch) {
     if (haveMade) DropMadePortGroup(vswitch);
     return;
   }
-  if (haveMade) return;
   std::string file = std::string(kPortGroups) + "/" + PlatformModel_EscapeName(vswitch);
+  if (haveMade) {
+    if (!Exists(file)) WriteIfChanged(file, vswitch);  // removed by hand: the switch needs one
+    return;
+  }
   if (Exists(file)) {
     static std::set<std::string> warned;
     if (warned.insert(vswitch).second) {

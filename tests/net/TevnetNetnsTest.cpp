@@ -153,6 +153,19 @@ TEST_F(TevnetNetns, OneUplinkLostThenBackIsRedundancyLostThenRestored) {
   EXPECT_EQ(Count("kos.clear.net.hwnic.linkstate.up"), 0u);
 }
 
+TEST_F(TevnetNetns, ARestartedDaemonIsFoundAgain) {
+  StartTevnet();
+  tevd_.reset();
+  ASSERT_TRUE(In("link set lnk1 down"));  // nobody reads: dropped and counted
+  tevd_.reset(new tevdtest::DaemonProcess(root_));
+  ASSERT_TRUE(tevd_->WaitReady()) << tevd_->Stderr();
+  ASSERT_TRUE(In("link set lnk0 down"));
+  QprobMessage m;
+  ASSERT_TRUE(WaitEvent("kos.problem.net.connectivity.lost", &m)) << Err();
+  EXPECT_EQ(Strings(m), (std::vector<std::string>{"ksw0", "hwnic0", kBothGroups}));
+  EXPECT_EQ(Count("kos.problem.net.redundancy.lost"), 0u);
+}
+
 TEST_F(TevnetNetns, BothUplinksLostIsConnectivityLostOnTheSecond) {
   StartTevnet();
   ASSERT_TRUE(In("link set lnk0 down") && In("link set lnk1 down"));

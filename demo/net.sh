@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Network scenario, played against a running tevd.
+# Network scenario, played against a running tevd. (The same from real
+# kernel links, with tevnet in a network namespace: demo/linux.sh.)
 #
 # 1. hwnic1 serves the port groups "pg-guests" and "pg-mgmt" of
 #    ksw0, each teamed with one other uplink. hwnic1 loses its link: the

@@ -1,0 +1,151 @@
+// tevnet: the network observation producer of a Linux host. It watches the
+// kernel's link table over rtnetlink and posts what a hypervisor kernel would
+// post about its physical NICs and the uplinks of its virtual switches (Linux
+// bridges and bonds), keeps the host model's network part true, and acts on
+// the daemon's link-flapping verdicts.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "MsgFmt.h"
+
+namespace tevnet {
+
+// One interface as the kernel's link table has it.
+struct Link {
+  int ifindex = 0;
+  std::string name;
+  std::string kind;      // IFLA_INFO_KIND: "" for hardware, "veth", "bridge", "bond", ...
+  bool loopback = false;
+  bool ether = false;    // ARPHRD_ETHER
+  bool adminUp = false;  // IFF_UP
+  bool carrier = false;  // IFF_LOWER_UP: administratively up and the link has carrier
+  int master = 0;        // ifindex of the bridge or bond it is enslaved to, 0 for none
+};
+
+struct Options {
+  std::vector<std::string> include;  // fnmatch patterns; empty: every physical NIC
+  std::vector<std::string> exclude;
+  bool once = false;
+  int enforce = 0;                   // 0 log only, 1 act, 2 act even on a switch's last uplink
+  uint32_t domain = 0;               // asynchronous context the observations go to
+  int dropLogSec = 10;
+};
+
+// The network part of the host as the producer reports it.
+struct NetState {
+  struct Nic {
+    int ifindex = 0;
+    bool carrier = false;
+    bool adminUp = false;
+    std::string vswitch;   // "" when not an uplink of a switch
+  };
+  std::map<std::string, Nic> nics;                         // by name
+  std::map<std::string, std::vector<std::string>> switches;  // switch -> member NICs, by name
+  int UplinksWithCarrier(const std::string &vswitch) const;
+};
+
+// Physical NICs: hardware Ethernet interfaces (no link kind) and veth ends.
+bool IsPhysicalNic(const Link &link);
+bool IsVirtualSwitch(const Link &link);
+NetState BuildState(const std::vector<Link> &links, const Options &opts);
+
+// One observation to post.
+struct Observation {
+  std::string id;
+  std::string message;
+  std::vector<MsgFmt_Value> args;
+};
+
+// Port groups of a switch, by name. Supplied by the host model.
+typedef std::vector<std::string> (*PortGroupsFn)(const std::string &vswitch);
+
+// The observations for NIC `nic` changing to carrier `up` in `state`, which
+// already holds the new carrier: the port-group transitions of its switch
+// (with the switch's uplinks that have carrier), then the bare link state.
+std::vector<Observation> TransitionObservations(const NetState &state, const std::string &nic,
+                                                bool up, PortGroupsFn portGroups);
+// Carrier changes from `before` to `after`, applied one NIC at a time in
+// ifindex order, so that two uplinks lost in one batch count down as a kernel
+// would report them one after the other.
+std::vector<Observation> DiffObservations(const NetState &before, const NetState &after,
+                                          PortGroupsFn portGroups);
+
+// ---- netlink (tevnetNetlink.cpp) --------------------------------------------
+class Netlink {
+ public:
+  Netlink();
+  ~Netlink();
+  Netlink(const Netlink &) = delete;
+  Netlink &operator=(const Netlink &) = delete;
+  // Subscribes to link changes and fills the link table. False with `why`.
+  bool Open(std::string *why);
+  int Fd() const;
+  // Reads the waiting change notifications; true when the table changed.
+  bool Poll();
+  std::vector<Link> Links() const;
+  // Sets the administrative state of `ifindex`. 0 or a negative libnl error.
+  int SetAdminUp(int ifindex, bool up, std::string *why);
+
+ private:
+  struct Impl;
+  Impl *impl_;
+};
+
+// ---- host model (tevnetHost.cpp) ---------------------------------------------
+std::vector<std::string> PortGroupsOf(const std::string &vswitch);
+// Writes the NIC and switch entries of `state`, removes the ones this
+// producer wrote for interfaces that are gone, and gives each switch without
+// a port group one named after it.
+void SyncHostModel(const NetState &state);
+
+// Watches nodes/net/pNics/NIC/linkFlapping for the daemon's verdicts.
+class FlapNodes {
+ public:
+  struct Verdict {
+    std::string nic;
+    bool down;   // 1 written: take the NIC down; 0: bring it back
+  };
+  // New writes since the last call (a value that changed, or 1 written again).
+  std::vector<Verdict> Check(const NetState &state);
+
+ private:
+  struct Seen {
+    std::string value;
+    int64_t mtimeNs = 0;
+  };
+  std::map<std::string, Seen> seen_;
+};
+
+// ---- posting (tevnetPost.cpp) -------------------------------------------------
+// Sends observations as datagrams to the daemon's asynchronous context without
+// ever waiting: a daemon that is slow, absent or restarting costs a counted
+// drop, and the next send finds the socket again by its path.
+class Poster {
+ public:
+  Poster(uint32_t domain, int dropLogSec);
+  ~Poster();
+  Poster(const Poster &) = delete;
+  Poster &operator=(const Poster &) = delete;
+  bool Post(const Observation &obs);
+  // Logs the drops of the interval once it has passed (or at once with `now`).
+  void ReportDrops(bool now);
+  uint64_t Dropped() const { return droppedTotal_; }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+  int dropLogSec_;
+  uint64_t droppedTotal_ = 0;
+  uint64_t droppedInterval_ = 0;
+  std::string lastReason_;
+  int64_t intervalStart_ = 0;
+};
+
+void Log(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace tevnet

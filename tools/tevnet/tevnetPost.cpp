@@ -1,0 +1,98 @@
+// Posting without waiting: one unconnected datagram socket, each record sent
+// to the context's path with MSG_DONTWAIT. Sending by path finds a restarted
+// daemon's new socket by itself; a full queue or a missing daemon is a drop.
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "PlatformRoot.h"
+#include "TevLib.h"
+#include "tevnet.h"
+
+namespace tevnet {
+
+namespace {
+
+int64_t NowUs() {
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
+}
+
+}  // namespace
+
+void Log(const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  fputs("tevnet: ", stderr);
+  vfprintf(stderr, format, ap);
+  fputc('\n', stderr);
+  va_end(ap);
+}
+
+Poster::Poster(uint32_t domain, int dropLogSec) : dropLogSec_(dropLogSec) {
+  char rel[64];
+  snprintf(rel, sizeof rel, "/var/run/orlan/tev/async-%02u.sock", domain);
+  path_ = PlatformRoot_Path(rel);
+  fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) Log("cannot create a socket: %s", strerror(errno));
+  intervalStart_ = NowUs();
+}
+
+Poster::~Poster() {
+  ReportDrops(true);
+  if (fd_ >= 0) close(fd_);
+}
+
+bool Poster::Post(const Observation &obs) {
+  std::vector<uint8_t> record =
+      TevRecord_Encode(obs.id, obs.message, static_cast<uint64_t>(NowUs()), obs.args);
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  int err = 0;
+  if (fd_ < 0) {
+    err = EBADF;
+  } else if (path_.size() >= sizeof addr.sun_path) {
+    err = ENAMETOOLONG;
+  } else {
+    memcpy(addr.sun_path, path_.c_str(), path_.size());
+    for (;;) {
+      ssize_t n = sendto(fd_, record.data(), record.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                         reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
+      if (n < 0 && errno == EINTR) continue;
+      err = n == static_cast<ssize_t>(record.size()) ? 0 : (n < 0 ? errno : EMSGSIZE);
+      break;
+    }
+  }
+  if (err == 0) {
+    ReportDrops(false);
+    return true;
+  }
+  ++droppedTotal_;
+  ++droppedInterval_;
+  lastReason_ = std::string(obs.id) + " to " + path_ + ": " + strerror(err);
+  ReportDrops(false);
+  return false;
+}
+
+void Poster::ReportDrops(bool now) {
+  int64_t t = NowUs();
+  if (!now && t - intervalStart_ < static_cast<int64_t>(dropLogSec_) * 1000000) return;
+  if (droppedInterval_ > 0) {
+    Log("%llu observation%s dropped in the last %d s (%llu in all); last: %s",
+        static_cast<unsigned long long>(droppedInterval_), droppedInterval_ == 1 ? "" : "s",
+        static_cast<int>((t - intervalStart_ + 999999) / 1000000),
+        static_cast<unsigned long long>(droppedTotal_), lastReason_.c_str());
+  }
+  droppedInterval_ = 0;
+  intervalStart_ = t;
+}
+
+}  // namespace tevnet

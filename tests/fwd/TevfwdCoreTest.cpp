@@ -211,3 +211,26 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitAndSurvivesARestart) {
 }
 
 }  // namespace
+
+namespace {
+
+// Producers' bytes are not always UTF-8, and files in the spool may be
+// damaged: neither may stop the forwarder.
+TEST(TevfwdForwarder, BadBytesAndDamagedSpoolFilesAreSurvived) {
+  tevdtest::ScratchRoot root;
+  root.MakeDir("spool");
+  Forwarder f(Opts(root.Abs("spool")));
+  f.Accept(Msg("kos.problem.scsi.device.state.off", {S("naa.\xff\xfe")}), 1000000);
+  json sent = DeliverAll(&f, 1000000);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0]["labels"]["device"], "naa.\xef\xbf\xbd\xef\xbf\xbd");
+  root.Write("spool/0000000000000007.json", "{\"labels\":{\"alertname\":7},\"startsAt\":1,\"endsAt\":0}");
+  root.Write("spool/0000000000000008.json", "not json");
+  root.Write("spool/active.json", "[{\"labels\":[]},{\"labels\":{\"class\":{}},\"endsAt\":1}]");
+  Forwarder g(Opts(root.Abs("spool")));
+  EXPECT_EQ(g.Recover(2000000), 1u);   // entry 7 is an alert, if an odd one
+  EXPECT_EQ(g.counters().dropped, 1u);
+  EXPECT_FALSE(g.TakeLogLines().empty());
+}
+
+}  // namespace

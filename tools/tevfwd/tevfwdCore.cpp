@@ -48,11 +48,15 @@ bool ReadFile(const std::string &path, std::string *out) {
   return true;
 }
 
+// Arguments are the producers' bytes: text that is not UTF-8 is sent with
+// replacement characters rather than refused.
+std::string Dump(const json &j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
+
 bool IsFiring(const json &alert) { return alert.value("endsAt", int64_t{0}) == 0; }
 
 }  // namespace
 
-std::string Fingerprint(const json &labels) { return labels.dump(); }
+std::string Fingerprint(const json &labels) { return Dump(labels); }
 
 std::string Rfc3339(int64_t ms) {
   time_t secs = static_cast<time_t>(ms / 1000);
@@ -133,7 +137,8 @@ void Forwarder::Resolve(const QprobMessage &msg, int64_t nowMs) {
     for (const auto &kv : active_) {
       const json &labels = kv.second.alert["labels"];
       const json &args = kv.second.alert["args"];
-      if (labels.value("alertname", "") != p.problem || labels.value("host", "") != msg.hostUuid) {
+      if (!args.is_array() || labels.value("alertname", "") != p.problem ||
+          labels.value("host", "") != msg.hostUuid) {
         continue;
       }
       bool same = true;
@@ -180,7 +185,7 @@ void Forwarder::Push(json alert, bool durable) {
   Entry e;
   e.seq = nextSeq_++;
   e.pending = allReplicas_;
-  std::string text = alert.dump();
+  std::string text = Dump(alert);
   e.bytes = text.size();
   e.alert = std::move(alert);
   if (durable && !opt_.spoolDir.empty()) {
@@ -245,14 +250,14 @@ std::string Forwarder::Render(const std::vector<const Entry *> &entries, const O
                    {"startsAt", Rfc3339(startsAt)},
                    {"endsAt", Rfc3339(endsAt)}});
   }
-  return out.dump();
+  return Dump(out);
 }
 
 void Forwarder::SaveActive() {
   if (!activeDirty_ || opt_.spoolDir.empty()) return;
   json all = json::array();
   for (const auto &kv : active_) all.push_back(kv.second.alert);
-  if (WriteFileAtomic(opt_.spoolDir + "/active.json", all.dump())) {
+  if (WriteFileAtomic(opt_.spoolDir + "/active.json", Dump(all))) {
     activeDirty_ = false;
   } else {
     log_.push_back("cannot write " + opt_.spoolDir + "/active.json");
@@ -266,7 +271,11 @@ size_t Forwarder::Recover(int64_t nowMs) {
     json all = json::parse(text, nullptr, false);
     if (all.is_array()) {
       for (const json &a : all) {
-        if (a.is_object() && a.contains("labels")) Apply(a);
+        try {
+          if (a.is_object() && a.contains("labels") && a["labels"].is_object()) Apply(a);
+        } catch (const std::exception &e) {
+          log_.push_back(std::string("ignoring an alert of active.json: ") + e.what());
+        }
       }
     } else {
       log_.push_back("ignoring unreadable " + opt_.spoolDir + "/active.json");
@@ -288,14 +297,22 @@ size_t Forwarder::Recover(int64_t nowMs) {
   for (uint64_t seq : seqs) {
     json alert;
     if (ReadFile(EntryPath(seq), &text)) alert = json::parse(text, nullptr, false);
-    if (!alert.is_object() || !alert.contains("labels")) {
+    if (!alert.is_object() || !alert.contains("labels") || !alert["labels"].is_object() ||
+        !alert.value("startsAt", json()).is_number() || !alert.value("endsAt", json()).is_number()) {
       log_.push_back("dropping unreadable spool entry " + EntryPath(seq));
       unlink(EntryPath(seq).c_str());
       ++counters_.dropped;
       continue;
     }
     // The entry is the newer word on its alert than the saved active set.
-    Apply(alert);
+    try {
+      Apply(alert);
+    } catch (const std::exception &e) {
+      log_.push_back("dropping spool entry " + EntryPath(seq) + ": " + e.what());
+      unlink(EntryPath(seq).c_str());
+      ++counters_.dropped;
+      continue;
+    }
     Entry e;
     e.seq = seq;
     e.pending = allReplicas_;

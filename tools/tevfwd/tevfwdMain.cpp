@@ -250,7 +250,13 @@ void AcceptAll(Shared *s, int lfd) {
     QprobMessage msg;
     if (whole && Qprob_Decode(data.data(), data.size(), &msg, &why)) {
       std::lock_guard<std::mutex> lock(s->mu);
-      s->fwd->Accept(msg, NowMs());
+      try {
+        s->fwd->Accept(msg, NowMs());
+      } catch (const std::exception &e) {
+        // Never expected; one event is lost, not the forwarder.
+        Log("could not forward %s: %s", msg.id.c_str(), e.what());
+        s->fwd->CountMalformed();
+      }
     } else {
       Log("ignoring a message of %zu bytes: %s", data.size(), why.c_str());
       std::lock_guard<std::mutex> lock(s->mu);

@@ -288,6 +288,15 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   fwd_->Signal(SIGUSR1);
   EXPECT_TRUE(WaitFor([&] { fwd_->Pump(50); return fwd_->err().find("counters: received 1 sent 5 ") != std::string::npos; }, 5000))
       << fwd_->err();
+  // The same counters through tevctl (the file is rewritten every second).
+  json c;
+  EXPECT_TRUE(WaitFor([&] {
+    auto r = tevctltest::RunTevctl(root_.path(), {"fwd"});
+    c = json::parse(r.out, nullptr, false);
+    return r.status == 0 && c.is_object() && c["sent"] == 5 && c["waiting"] == 0;
+  }, 5000)) << c.dump();
+  EXPECT_EQ(c["received"], 1);
+  EXPECT_EQ(c["active"], 5);
 }
 
 // tevd's whole rate (1000 events a minute) at once, straight onto the

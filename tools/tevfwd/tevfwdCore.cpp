@@ -17,11 +17,13 @@ namespace tevfwd {
 
 using nlohmann::json;
 
+// A reader (or a restart after a crash) sees the old file or the new one,
+// never half.
+bool WriteFileAtomic(const std::string &path, const std::string &data);
+
 namespace {
 
-// Writes `data` to `path` through a temporary name, so a reader (or a
-// restart after a crash) sees the old file or the new one, never half.
-bool WriteFileAtomic(const std::string &path, const std::string &data) {
+bool WriteFileAtomicImpl(const std::string &path, const std::string &data) {
   std::string tmp = path + ".tmp";
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
@@ -38,6 +40,14 @@ bool WriteFileAtomic(const std::string &path, const std::string &data) {
   close(fd);
   return rename(tmp.c_str(), path.c_str()) == 0;
 }
+
+}  // namespace
+
+bool WriteFileAtomic(const std::string &path, const std::string &data) {
+  return WriteFileAtomicImpl(path, data);
+}
+
+namespace {
 
 bool ReadFile(const std::string &path, std::string *out) {
   std::ifstream in(path, std::ios::binary);
@@ -326,6 +336,14 @@ size_t Forwarder::Recover(int64_t nowMs) {
   }
   nextResendMs_ = nowMs + opt_.resendMs;
   return recovered;
+}
+
+std::string Forwarder::CountersJson() const {
+  const Counters &c = counters_;
+  return json{{"received", c.received}, {"sent", c.sent},         {"resolved", c.resolved},
+              {"spooled", c.spooled},   {"dropped", c.dropped},   {"expired", c.expired},
+              {"malformed", c.malformed}, {"waiting", spool_.size()}, {"active", active_.size()}}
+      .dump();
 }
 
 std::vector<std::string> Forwarder::TakeLogLines() {

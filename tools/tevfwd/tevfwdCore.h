@@ -79,6 +79,9 @@ class Forwarder {
   std::vector<std::string> TakeLogLines();
   const Options &options() const { return opt_; }
   void CountMalformed() { ++counters_.malformed; }
+  // The counters with the spool's length and the number of firing alerts,
+  // as one JSON object (the counters file that `tevctl fwd` prints).
+  std::string CountersJson() const;
 
  private:
   struct Active {
@@ -104,6 +107,8 @@ class Forwarder {
   std::vector<std::string> log_;
 };
 
+// Writes through a temporary name and a rename: readers see all or nothing.
+bool WriteFileAtomic(const std::string &path, const std::string &data);
 // The active-set key of an alert: its labels, in order.
 std::string Fingerprint(const nlohmann::json &labels);
 // "2026-01-02T03:04:05.678Z"

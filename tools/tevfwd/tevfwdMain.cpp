@@ -51,7 +51,8 @@ const char kUsage[] =
     "  --once               send what the spool holds, then exit (0: all delivered)\n"
     "  --help, --version\n"
     "SIGUSR1 prints the counters (received, sent, resolved, spooled, dropped) on\n"
-    "standard error; SIGTERM or SIGINT stops.\n";
+    "standard error; they are also in var/run/orlan/tevfwd-counters.json, updated\n"
+    "every second ('tevctl fwd' prints them). SIGTERM or SIGINT stops.\n";
 
 std::atomic<bool> gStop{false};
 std::atomic<bool> gCounters{false};
@@ -178,6 +179,16 @@ void PrintCounters(Shared *s) {
       static_cast<unsigned long long>(c.resolved), static_cast<unsigned long long>(c.spooled),
       static_cast<unsigned long long>(c.dropped), static_cast<unsigned long long>(c.expired),
       static_cast<unsigned long long>(c.malformed), s->fwd->SpoolLength(), s->fwd->ActiveCount());
+}
+
+// The counters file that `tevctl fwd` prints, rewritten when they change.
+void SaveCounters(Shared *s, const std::string &path, std::string *last) {
+  std::string now;
+  {
+    std::lock_guard<std::mutex> lock(s->mu);
+    now = s->fwd->CountersJson();
+  }
+  if (now != *last && tevfwd::WriteFileAtomic(path, now + "\n")) *last = now;
 }
 
 void FlushLog(Shared *s) {
@@ -388,6 +399,8 @@ int main(int argc, char **argv) {
   Log("listening on %s; %zu Alertmanager(s); %zu alert(s) recovered from the spool", path.c_str(),
       reps.size(), recovered);
   std::thread sender(SenderLoop, &s, &reps, retryMaxMs, timeoutMs);
+  const std::string countersPath = PlatformRoot_Path("/var/run/orlan/tevfwd-counters.json");
+  std::string lastCounters;
   int64_t nextSave = 0, nextLog = 0;
   while (!gStop) {
     struct pollfd p = {lfd, POLLIN, 0};
@@ -397,11 +410,15 @@ int main(int argc, char **argv) {
       std::lock_guard<std::mutex> lock(s.mu);
       size_t before = s.fwd->SpoolLength();
       s.fwd->Tick(now);
-      if (now >= nextSave) {
-        s.fwd->SaveActive();
-        nextSave = now + 1000;
-      }
       if (s.fwd->SpoolLength() != before) s.wake.notify_one();
+    }
+    if (now >= nextSave) {
+      {
+        std::lock_guard<std::mutex> lock(s.mu);
+        s.fwd->SaveActive();
+      }
+      SaveCounters(&s, countersPath, &lastCounters);
+      nextSave = now + 1000;
     }
     if (now >= nextLog) {
       FlushLog(&s);
@@ -417,6 +434,7 @@ int main(int argc, char **argv) {
     std::lock_guard<std::mutex> lock(s.mu);
     s.fwd->SaveActive();
   }
+  SaveCounters(&s, countersPath, &lastCounters);
   FlushLog(&s);
   PrintCounters(&s);
   return 0;

@@ -299,6 +299,28 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   EXPECT_EQ(c["active"], 5);
 }
 
+TEST_F(TevfwdE2E, OnceSendsTheSpoolAndSaysWhetherAllArrived) {
+  StartForwarder();
+  tevdtest::DaemonProcess tevd(root_);
+  ASSERT_TRUE(tevd.WaitReady());
+  cluster_->Stop();
+  Post({"--user", "tev.user.hsyslogd.remote.failure", "%s", "loghost.example"});
+  ASSERT_TRUE(WaitFor([&] { return SpoolFiles() == 1; }, 5000));
+  fwd_->Signal(SIGTERM);
+  ASSERT_EQ(fwd_->Wait(5000), 0) << fwd_->err();
+  std::vector<std::string> once = {FwdBin(), "--alertmanager", cluster_->Url(0), "--alertmanager",
+                                   cluster_->Url(1), "--once"};
+  std::vector<std::pair<std::string, std::string>> env = {{"TEVD_ROOT", root_.path()}};
+  Child down(once, env);
+  EXPECT_EQ(down.Wait(10000), 1) << "nothing could be delivered: " << down.err();
+  EXPECT_EQ(SpoolFiles(), 1u);
+  cluster_->Start();
+  Child up(once, env);
+  EXPECT_EQ(up.Wait(10000), 0) << up.err();
+  EXPECT_EQ(SpoolFiles(), 0u);
+  EXPECT_TRUE(cluster_->BothList("kos.problem.hsyslogd.remote.failure", 1));
+}
+
 // tevd's whole rate (1000 events a minute) at once, straight onto the
 // forwarder's socket, to one replica: how long and how much CPU.
 std::vector<std::string> *gMessages = nullptr;

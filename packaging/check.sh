@@ -23,7 +23,7 @@ dpkg -x "$deb" "$root"
 fail=0
 bad() { echo "check.sh: $*" >&2; fail=1; }
 
-for f in usr/sbin/tevd usr/bin/tevctl lib/systemd/system/tevd.service \
+for f in usr/sbin/tevd usr/bin/tevctl usr/bin/tevfwd lib/systemd/system/tevd.service \
          lib/systemd/system/tevnet.service lib/systemd/system/tevfwd.service \
          etc/default/tevfwd usr/share/doc/tevd/copyright usr/share/doc/tevd/changelog.gz; do
   [ -e "$root/$f" ] || bad "$f is not in the package"
@@ -38,6 +38,7 @@ want="tevctl $(dpkg-deb -f "$deb" Version)"
 got=$("$root/usr/bin/tevctl" version)
 [ "$got" = "$want" ] || bad "tevctl version printed '$got', expected '$want'"
 "$root/usr/bin/tevctl" --help | grep -qxF "$want" || bad "tevctl --help does not name '$want'"
+"$root/usr/bin/tevfwd" --help | grep -qxF "tevfwd ${want#tevctl }" || bad "tevfwd --help does not name its version"
 
 echo "== systemd-analyze verify"
 # The units need the system's own targets beside them under the root; the

@@ -364,6 +364,7 @@ const Command kCommands[] = {
     {"host", "create and edit the host model under the root", tevctl::CmdHost},
     {"selftest", "post the self-test observation sequence", tevctl::CmdSelftest},
     {"scenario", "play scenario files against a fresh tevd and check the events", tevctl::CmdScenario},
+    {"fwd", "print the counters of tevfwd, the forwarder to Alertmanager", tevctl::CmdFwd},
     {"version", "print the version of tevctl and tevd", CmdVersion},
 };
 

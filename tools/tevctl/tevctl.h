@@ -87,5 +87,6 @@ int CmdTrace(const std::vector<std::string> &args);
 int CmdLog(const std::vector<std::string> &args);
 int CmdHost(const std::vector<std::string> &args);
 int CmdSelftest(const std::vector<std::string> &args);
+int CmdFwd(const std::vector<std::string> &args);
 
 }  // namespace tevctl

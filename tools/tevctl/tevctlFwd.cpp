@@ -1,0 +1,42 @@
+// tevctl fwd: the counters of tevfwd, the forwarder to Alertmanager, from
+// the file it keeps up to date under the root.
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "tevctl.h"
+
+namespace tevctl {
+
+namespace {
+
+const char kUsage[] =
+    "Usage: tevctl fwd\n"
+    "Prints tevfwd's counters as one JSON line: received, sent, resolved,\n"
+    "spooled, dropped, expired, malformed, and the alerts waiting in the spool\n"
+    "and firing (from var/run/orlan/tevfwd-counters.json, updated every second).\n";
+
+}  // namespace
+
+int CmdFwd(const std::vector<std::string> &args) {
+  const char *cmd = "fwd";
+  ParsedArgs pa;
+  std::string why;
+  if (!ParseArgs(args, {}, &pa, &why)) return Fail(cmd, "%s", why.c_str());
+  if (pa.Has("help")) {
+    fputs(kUsage, stdout);
+    return 0;
+  }
+  if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
+  std::string path = RootPath("/var/run/orlan/tevfwd-counters.json");
+  std::ifstream in(path);
+  if (!in) return Fail(cmd, "cannot read %s: %s (is tevfwd running?)", path.c_str(), strerror(errno));
+  std::string line;
+  std::getline(in, line);
+  if (line.empty()) return Fail(cmd, "%s is empty", path.c_str());
+  PrintLine(line);
+  return 0;
+}
+
+}  // namespace tevctl

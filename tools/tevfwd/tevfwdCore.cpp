@@ -1,0 +1,360 @@
+// Events to alert entries, the active set, the spool and its files.
+#include "tevfwdCore.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+#include "tevfwdEvents.h"
+
+namespace tevfwd {
+
+using nlohmann::json;
+
+// A reader (or a restart after a crash) sees the old file or the new one,
+// never half.
+bool WriteFileAtomic(const std::string &path, const std::string &data);
+
+namespace {
+
+bool WriteFileAtomicImpl(const std::string &path, const std::string &data) {
+  std::string tmp = path + ".tmp";
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  size_t off = 0;
+  while (off < data.size()) {
+    ssize_t n = write(fd, data.data() + off, data.size() - off);
+    if (n <= 0) {
+      close(fd);
+      unlink(tmp.c_str());
+      return false;
+    }
+    off += static_cast<size_t>(n);
+  }
+  close(fd);
+  return rename(tmp.c_str(), path.c_str()) == 0;
+}
+
+}  // namespace
+
+bool WriteFileAtomic(const std::string &path, const std::string &data) {
+  return WriteFileAtomicImpl(path, data);
+}
+
+namespace {
+
+bool ReadFile(const std::string &path, std::string *out) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  *out = ss.str();
+  return true;
+}
+
+// Arguments are the producers' bytes: text that is not UTF-8 is sent with
+// replacement characters rather than refused.
+std::string Dump(const json &j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
+
+bool IsFiring(const json &alert) { return alert.value("endsAt", int64_t{0}) == 0; }
+
+}  // namespace
+
+std::string Fingerprint(const json &labels) { return Dump(labels); }
+
+std::string Rfc3339(int64_t ms) {
+  time_t secs = static_cast<time_t>(ms / 1000);
+  struct tm tm;
+  gmtime_r(&secs, &tm);
+  char buf[64];
+  snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900, tm.tm_mon + 1,
+           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(ms % 1000));
+  return buf;
+}
+
+Forwarder::Forwarder(Options opt) : opt_(std::move(opt)) {
+  size_t n = std::min<size_t>(opt_.alertmanagers.size(), 32);
+  allReplicas_ = n >= 32 ? 0xffffffffu : (1u << n) - 1u;
+}
+
+std::string Forwarder::EntryPath(uint64_t seq) const {
+  char name[32];
+  snprintf(name, sizeof name, "/%016llu.json", static_cast<unsigned long long>(seq));
+  return opt_.spoolDir + name;
+}
+
+void Forwarder::Accept(const QprobMessage &msg, int64_t nowMs) {
+  ++counters_.received;
+  if (IsResolver(msg.id)) {
+    Resolve(msg, nowMs);
+    return;
+  }
+  const bool problem = msg.className == "problem";
+  const bool audit = msg.className == "audit";
+  if (!problem && !(audit && opt_.audits)) return;   // clears without a pairing row, unknown classes
+
+  const EventTemplate *t = FindTemplate(msg.id);
+  std::vector<std::string> names = ArgLabelNames(t != nullptr ? t->text : nullptr, msg.args.size());
+  json labels = json::object();
+  json args = json::array();
+  for (size_t i = 0; i < msg.args.size(); ++i) {
+    std::string text = ArgText(msg.args[i]);
+    labels[names[i]] = text;
+    args.push_back(text);
+  }
+  labels["alertname"] = msg.id;
+  labels["host"] = msg.hostUuid;
+  labels["instance"] = opt_.hostName;
+  labels["class"] = msg.className;
+  labels["severity"] = audit ? "info" : "warning";
+  int64_t startsAt = msg.timestampUs != 0 ? static_cast<int64_t>(msg.timestampUs / 1000) : nowMs;
+  json alert = {{"labels", labels},
+                {"annotations", {{"description", Describe(msg.id, msg.args)}}},
+                {"startsAt", startsAt},
+                {"endsAt", audit ? startsAt + opt_.auditLifetimeMs : 0},
+                {"args", args}};
+  Apply(alert);
+  Push(std::move(alert), true);
+}
+
+void Forwarder::Apply(const json &alert) {
+  const json &labels = alert["labels"];
+  std::string key = Fingerprint(labels);
+  if (IsFiring(alert)) {
+    auto it = active_.find(key);
+    int64_t startsAt = alert.value("startsAt", int64_t{0});
+    if (it == active_.end()) {
+      active_[key] = Active{alert, startsAt};
+    } else {
+      it->second.alert["annotations"] = alert["annotations"];
+    }
+    activeDirty_ = true;
+  } else if (labels.value("class", "") == "problem") {
+    activeDirty_ |= active_.erase(key) != 0;
+  }
+}
+
+void Forwarder::Resolve(const QprobMessage &msg, int64_t nowMs) {
+  std::vector<std::string> ended;
+  for (const ClearPair &p : ClearPairs()) {
+    if (msg.id != p.resolver) continue;
+    for (const auto &kv : active_) {
+      const json &labels = kv.second.alert["labels"];
+      const json &args = kv.second.alert["args"];
+      if (!args.is_array() || labels.value("alertname", "") != p.problem ||
+          labels.value("host", "") != msg.hostUuid) {
+        continue;
+      }
+      bool same = true;
+      for (size_t k = 0; p.resolverArgs[k] != '\0' && same; ++k) {
+        size_t ra = static_cast<size_t>(p.resolverArgs[k] - '0');
+        size_t pa = static_cast<size_t>(p.problemArgs[k] - '0');
+        same = ra < msg.args.size() && pa < args.size() && args[pa] == ArgText(msg.args[ra]);
+      }
+      if (same) ended.push_back(kv.first);
+    }
+  }
+  for (const std::string &key : ended) {
+    EndAlert(key, nowMs);
+    ++counters_.resolved;
+  }
+}
+
+void Forwarder::EndAlert(const std::string &key, int64_t nowMs) {
+  auto it = active_.find(key);
+  if (it == active_.end()) return;
+  json alert = it->second.alert;
+  alert["endsAt"] = std::max(nowMs, it->second.startsAtMs + 1);
+  active_.erase(it);
+  activeDirty_ = true;
+  Push(std::move(alert), true);
+}
+
+void Forwarder::Tick(int64_t nowMs) {
+  std::vector<std::string> old;
+  for (const auto &kv : active_) {
+    if (kv.second.startsAtMs + opt_.lifetimeMs <= nowMs) old.push_back(kv.first);
+  }
+  for (const std::string &key : old) {
+    EndAlert(key, nowMs);
+    ++counters_.expired;
+  }
+  if (nowMs < nextResendMs_) return;
+  nextResendMs_ = nowMs + opt_.resendMs;
+  if (!spool_.empty()) return;
+  for (const auto &kv : active_) Push(kv.second.alert, false);
+}
+
+void Forwarder::Push(json alert, bool durable) {
+  Entry e;
+  e.seq = nextSeq_++;
+  e.pending = allReplicas_;
+  std::string text = Dump(alert);
+  e.bytes = text.size();
+  e.alert = std::move(alert);
+  if (durable && !opt_.spoolDir.empty()) {
+    e.onDisk = WriteFileAtomic(EntryPath(e.seq), text);
+    if (!e.onDisk) log_.push_back("cannot write the spool entry " + EntryPath(e.seq));
+  }
+  if (durable) ++counters_.spooled;
+  spoolBytes_ += e.bytes;
+  spool_.push_back(std::move(e));
+  while (spoolBytes_ > opt_.spoolMaxBytes && spool_.size() > 1) {
+    Entry &old = spool_.front();
+    if (old.onDisk) unlink(EntryPath(old.seq).c_str());
+    spoolBytes_ -= old.bytes;
+    spool_.pop_front();
+    ++counters_.dropped;
+    ++droppedUnlogged_;
+  }
+}
+
+std::vector<const Entry *> Forwarder::PendingFor(size_t r, size_t max) const {
+  std::vector<const Entry *> out;
+  for (const Entry &e : spool_) {
+    if (out.size() >= max) break;
+    if ((e.pending & (1u << r)) != 0) out.push_back(&e);
+  }
+  return out;
+}
+
+void Forwarder::Delivered(size_t r, const std::vector<uint64_t> &seqs, bool refused) {
+  for (Entry &e : spool_) {
+    if (std::binary_search(seqs.begin(), seqs.end(), e.seq)) {
+      e.pending &= ~(1u << r);
+    }
+  }
+  if (refused) counters_.dropped += seqs.size();
+  for (auto it = spool_.begin(); it != spool_.end();) {
+    if (it->pending != 0) {
+      ++it;
+      continue;
+    }
+    if (it->onDisk) unlink(EntryPath(it->seq).c_str());
+    if (!refused || !std::binary_search(seqs.begin(), seqs.end(), it->seq)) ++counters_.sent;
+    spoolBytes_ -= it->bytes;
+    it = spool_.erase(it);
+  }
+}
+
+std::string Forwarder::Render(const std::vector<const Entry *> &entries, const Options &opt,
+                              int64_t nowMs) {
+  json out = json::array();
+  for (const Entry *e : entries) {
+    const json &a = e->alert;
+    int64_t startsAt = a.value("startsAt", int64_t{0});
+    int64_t endsAt = a.value("endsAt", int64_t{0});
+    if (endsAt == 0) {
+      // Three re-send intervals: a forwarder that stops re-sending lets its
+      // alerts resolve in Alertmanager instead of firing forever.
+      endsAt = std::min(nowMs + 3 * opt.resendMs, startsAt + opt.lifetimeMs);
+    }
+    out.push_back({{"labels", a["labels"]},
+                   {"annotations", a["annotations"]},
+                   {"startsAt", Rfc3339(startsAt)},
+                   {"endsAt", Rfc3339(endsAt)}});
+  }
+  return Dump(out);
+}
+
+void Forwarder::SaveActive() {
+  if (!activeDirty_ || opt_.spoolDir.empty()) return;
+  json all = json::array();
+  for (const auto &kv : active_) all.push_back(kv.second.alert);
+  if (WriteFileAtomic(opt_.spoolDir + "/active.json", Dump(all))) {
+    activeDirty_ = false;
+  } else {
+    log_.push_back("cannot write " + opt_.spoolDir + "/active.json");
+  }
+}
+
+size_t Forwarder::Recover(int64_t nowMs) {
+  if (opt_.spoolDir.empty()) return 0;
+  std::string text;
+  if (ReadFile(opt_.spoolDir + "/active.json", &text)) {
+    json all = json::parse(text, nullptr, false);
+    if (all.is_array()) {
+      for (const json &a : all) {
+        try {
+          if (a.is_object() && a.contains("labels") && a["labels"].is_object()) Apply(a);
+        } catch (const std::exception &e) {
+          log_.push_back(std::string("ignoring an alert of active.json: ") + e.what());
+        }
+      }
+    } else {
+      log_.push_back("ignoring unreadable " + opt_.spoolDir + "/active.json");
+    }
+  }
+  std::vector<uint64_t> seqs;
+  if (DIR *d = opendir(opt_.spoolDir.c_str())) {
+    while (struct dirent *de = readdir(d)) {
+      std::string name = de->d_name;
+      if (name.size() == 21 && name.compare(16, 5, ".json") == 0 &&
+          name.find_first_not_of("0123456789") == 16) {
+        seqs.push_back(std::stoull(name.substr(0, 16)));
+      }
+    }
+    closedir(d);
+  }
+  std::sort(seqs.begin(), seqs.end());
+  size_t recovered = 0;
+  for (uint64_t seq : seqs) {
+    json alert;
+    if (ReadFile(EntryPath(seq), &text)) alert = json::parse(text, nullptr, false);
+    if (!alert.is_object() || !alert.contains("labels") || !alert["labels"].is_object() ||
+        !alert.value("startsAt", json()).is_number() || !alert.value("endsAt", json()).is_number()) {
+      log_.push_back("dropping unreadable spool entry " + EntryPath(seq));
+      unlink(EntryPath(seq).c_str());
+      ++counters_.dropped;
+      continue;
+    }
+    // The entry is the newer word on its alert than the saved active set.
+    try {
+      Apply(alert);
+    } catch (const std::exception &e) {
+      log_.push_back("dropping spool entry " + EntryPath(seq) + ": " + e.what());
+      unlink(EntryPath(seq).c_str());
+      ++counters_.dropped;
+      continue;
+    }
+    Entry e;
+    e.seq = seq;
+    e.pending = allReplicas_;
+    e.onDisk = true;
+    e.bytes = text.size();
+    e.alert = std::move(alert);
+    spoolBytes_ += e.bytes;
+    spool_.push_back(std::move(e));
+    nextSeq_ = std::max(nextSeq_, seq + 1);
+    ++recovered;
+  }
+  nextResendMs_ = nowMs + opt_.resendMs;
+  return recovered;
+}
+
+std::string Forwarder::CountersJson() const {
+  const Counters &c = counters_;
+  return json{{"received", c.received}, {"sent", c.sent},         {"resolved", c.resolved},
+              {"spooled", c.spooled},   {"dropped", c.dropped},   {"expired", c.expired},
+              {"malformed", c.malformed}, {"waiting", spool_.size()}, {"active", active_.size()}}
+      .dump();
+}
+
+std::vector<std::string> Forwarder::TakeLogLines() {
+  if (droppedUnlogged_ != 0) {
+    log_.push_back("spool over " + std::to_string(opt_.spoolMaxBytes) + " bytes: dropped the " +
+                   std::to_string(droppedUnlogged_) + " oldest alert(s)");
+    droppedUnlogged_ = 0;
+  }
+  std::vector<std::string> out;
+  out.swap(log_);
+  return out;
+}
+
+}  // namespace tevfwd

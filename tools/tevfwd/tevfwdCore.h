@@ -1,0 +1,117 @@
+// The forwarder's state: events in, alerts out. Events become alert entries
+// in a spool (one file each, so a crash loses nothing that was accepted);
+// firing alerts are also kept in the active set, which the re-send tick
+// offers again and the lifetime ends. Time is a parameter of every call (the
+// caller's wall clock in milliseconds), so tests drive it. Not thread-safe:
+// the program guards it with one mutex.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Qprob.h"
+
+namespace tevfwd {
+
+struct Options {
+  std::vector<std::string> alertmanagers;
+  bool audits = false;
+  int64_t resendMs = 60000;          // re-send of firing alerts
+  int64_t lifetimeMs = 86400000;     // a firing alert nothing clears ends after this
+  int64_t auditLifetimeMs = 300000;  // an audit alert's life
+  std::string spoolDir;              // empty: nothing on disk (tests)
+  std::string hostName;              // the instance label
+  uint64_t spoolMaxBytes = 16u << 20;
+};
+
+struct Counters {
+  uint64_t received = 0;   // messages decoded
+  uint64_t malformed = 0;  // messages that did not decode
+  uint64_t sent = 0;       // alert entries delivered to every replica
+  uint64_t resolved = 0;   // firing alerts resolved by a clear
+  uint64_t expired = 0;    // firing alerts ended by their lifetime
+  uint64_t spooled = 0;    // entries written to the spool
+  uint64_t dropped = 0;    // entries dropped: spool full, or refused by a replica
+};
+
+// One alert on its way out. `endsAtMs` 0: firing, its end is set when sent.
+struct Entry {
+  uint64_t seq = 0;
+  nlohmann::json alert;   // {"labels":{..},"annotations":{..},"startsAt":ms,"endsAt":ms,"args":[..]}
+  uint32_t pending = 0;   // replicas (bit i) still to receive it
+  bool onDisk = false;
+  size_t bytes = 0;
+};
+
+class Forwarder {
+ public:
+  explicit Forwarder(Options opt);
+
+  // Reads the spool directory and the saved active set (after a restart).
+  // Returns the number of spool entries recovered.
+  size_t Recover(int64_t nowMs);
+  // One decoded event from tevd.
+  void Accept(const QprobMessage &msg, int64_t nowMs);
+  // The timed work: ends alerts past their lifetime and, every resendMs,
+  // offers the firing alerts again (only when the spool is empty: a spool
+  // that waits will bring them anyway).
+  void Tick(int64_t nowMs);
+  // Saves the active set when it changed (the caller paces this).
+  void SaveActive();
+
+  // Up to `max` entries still pending for replica `r`, oldest first.
+  std::vector<const Entry *> PendingFor(size_t r, size_t max) const;
+  // Replica `r` took (ok) or refused (bad input: never retried) the entries.
+  void Delivered(size_t r, const std::vector<uint64_t> &seqs, bool refused);
+  // The Alertmanager JSON array of alerts for `entries`.
+  static std::string Render(const std::vector<const Entry *> &entries, const Options &opt,
+                            int64_t nowMs);
+
+  size_t SpoolLength() const { return spool_.size(); }
+  size_t ActiveCount() const { return active_.size(); }
+  const Counters &counters() const { return counters_; }
+  // Lines for the log (drops), taken by the caller.
+  std::vector<std::string> TakeLogLines();
+  const Options &options() const { return opt_; }
+  void CountMalformed() { ++counters_.malformed; }
+  // The counters with the spool's length and the number of firing alerts,
+  // as one JSON object (the counters file that `tevctl fwd` prints).
+  std::string CountersJson() const;
+
+ private:
+  struct Active {
+    nlohmann::json alert;   // as in Entry, endsAtMs 0
+    int64_t startsAtMs = 0;
+  };
+  void Push(nlohmann::json alert, bool durable);
+  void Resolve(const QprobMessage &msg, int64_t nowMs);
+  void EndAlert(const std::string &key, int64_t nowMs);
+  std::string EntryPath(uint64_t seq) const;
+  void Apply(const nlohmann::json &alert);
+
+  Options opt_;
+  Counters counters_;
+  std::deque<Entry> spool_;
+  size_t spoolBytes_ = 0;
+  uint64_t nextSeq_ = 1;
+  uint32_t allReplicas_ = 0;
+  std::map<std::string, Active> active_;   // by fingerprint (alertname + labels)
+  bool activeDirty_ = false;
+  int64_t nextResendMs_ = 0;
+  uint64_t droppedUnlogged_ = 0;
+  std::vector<std::string> log_;
+};
+
+// Writes through a temporary name and a rename: readers see all or nothing.
+bool WriteFileAtomic(const std::string &path, const std::string &data);
+// The active-set key of an alert: its labels, in order.
+std::string Fingerprint(const nlohmann::json &labels);
+// "2026-01-02T03:04:05.678Z"
+std::string Rfc3339(int64_t ms);
+
+}  // namespace tevfwd

@@ -1,0 +1,441 @@
+// tevfwd: the management agent for hosts whose events go to Alertmanager.
+// The main thread owns the qprob socket and only decodes, maps and spools,
+// so tevd is never held up by a slow or absent Alertmanager; a sender thread
+// drains the spool to every replica in order.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "PlatformRoot.h"
+#include "Qprob.h"
+#include "tevdVersion.h"
+#include "tevfwdCore.h"
+#include "tevfwdHttp.h"
+
+namespace {
+
+using tevfwd::Forwarder;
+using Clock = std::chrono::system_clock;
+
+const char kUsage[] =
+    "Usage: tevfwd --alertmanager URL [--alertmanager URL...] [OPTIONS]\n"
+    "Listens on var/run/orlan/marshd-qprob.sock under TEVD_ROOT as tevd's management\n"
+    "agent and posts every problem event to Alertmanager (POST /api/v2/alerts) as an\n"
+    "alert; clear events resolve the alerts they clear. Every alert goes to every\n"
+    "URL given (the replicas of one Alertmanager cluster).\n"
+    "  --alertmanager URL   an Alertmanager, e.g. http://127.0.0.1:9093 (repeatable)\n"
+    "  --audits             forward audit events too, as short-lived severity=info alerts\n"
+    "  --resend SEC         re-send firing alerts every SEC seconds (default 60)\n"
+    "  --lifetime SEC       end a firing alert nothing cleared after SEC (default 86400)\n"
+    "  --audit-lifetime SEC life of an audit alert (default 300)\n"
+    "  --spool DIR          spool directory (default /var/lib/tevfwd under TEVD_ROOT)\n"
+    "  --spool-max BYTES    spool size limit, oldest dropped first (default 16777216)\n"
+    "  --retry-max SEC      longest wait between attempts to a failing URL (default 10)\n"
+    "  --timeout SEC        time limit of one HTTP request (default 5)\n"
+    "  --once               send what the spool holds, then exit (0: all delivered)\n"
+    "  --help, --version\n"
+    "SIGUSR1 prints the counters (received, sent, resolved, spooled, dropped) on\n"
+    "standard error; they are also in var/run/orlan/tevfwd-counters.json, updated\n"
+    "every second ('tevctl fwd' prints them). SIGTERM or SIGINT stops.\n";
+
+std::atomic<bool> gStop{false};
+std::atomic<bool> gCounters{false};
+
+void OnSignal(int sig) {
+  if (sig == SIGUSR1) {
+    gCounters = true;
+  } else {
+    gStop = true;
+  }
+}
+
+void Log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void Log(const char *fmt, ...) {
+  char line[2048];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(line, sizeof line, fmt, ap);
+  va_end(ap);
+  fprintf(stderr, "tevfwd: %s\n", line);
+}
+
+int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
+}
+
+bool ParseSeconds(const char *s, int64_t *out) {
+  char *end = nullptr;
+  errno = 0;
+  long long v = strtoll(s, &end, 10);
+  if (errno != 0 || end == s || *end != '\0' || v <= 0 || v > 100LL * 365 * 86400) return false;
+  *out = v;
+  return true;
+}
+
+// The state shared by the two threads.
+struct Shared {
+  std::mutex mu;
+  std::condition_variable wake;
+  std::unique_ptr<Forwarder> fwd;
+};
+
+// One replica's delivery state, for back-off and the rate-limited log line.
+struct Replica {
+  std::unique_ptr<tevfwd::AlertPoster> poster;
+  int64_t nextTryMs = 0;
+  int64_t backoffMs = 0;
+  uint64_t failures = 0;          // consecutive
+  uint64_t unloggedFailures = 0;
+  int64_t nextLogMs = 0;
+};
+
+constexpr int64_t kFailureLogIntervalMs = 60000;
+constexpr size_t kBatch = 200;
+
+// One attempt to the replica: true when something was delivered.
+bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeoutMs) {
+  std::vector<uint64_t> seqs;
+  std::string body;
+  {
+    std::lock_guard<std::mutex> lock(s->mu);
+    auto entries = s->fwd->PendingFor(r, kBatch);
+    if (entries.empty()) return false;
+    for (const auto *e : entries) seqs.push_back(e->seq);
+    body = Forwarder::Render(entries, s->fwd->options(), NowMs());
+  }
+  std::string why;
+  long status = rep->poster->Post(body, timeoutMs, &why);
+  int64_t now = NowMs();
+  if (status == 200) {
+    if (rep->failures != 0) {
+      Log("%s: delivering again after %llu failed attempt(s)", rep->poster->url().c_str(),
+          static_cast<unsigned long long>(rep->failures));
+    }
+    rep->failures = rep->unloggedFailures = 0;
+    rep->backoffMs = 0;
+    rep->nextLogMs = 0;
+    std::lock_guard<std::mutex> lock(s->mu);
+    s->fwd->Delivered(r, seqs, false);
+    return true;
+  }
+  if (status == 400 || status == 422) {
+    // Alertmanager refuses the alerts themselves: sending them again cannot help.
+    Log("%s refused %zu alert(s) (HTTP %ld); dropped", rep->poster->url().c_str(), seqs.size(), status);
+    std::lock_guard<std::mutex> lock(s->mu);
+    s->fwd->Delivered(r, seqs, true);
+    return true;
+  }
+  ++rep->failures;
+  ++rep->unloggedFailures;
+  rep->backoffMs = std::min(retryMaxMs, rep->backoffMs == 0 ? 250 : rep->backoffMs * 2);
+  rep->nextTryMs = now + rep->backoffMs;
+  if (now >= rep->nextLogMs) {
+    std::string what = status < 0 ? why : "HTTP " + std::to_string(status);
+    Log("delivery to %s failed: %s (%llu failure(s) since the last line); alerts wait in the spool",
+        rep->poster->url().c_str(), what.c_str(), static_cast<unsigned long long>(rep->unloggedFailures));
+    rep->unloggedFailures = 0;
+    rep->nextLogMs = now + kFailureLogIntervalMs;
+  }
+  return false;
+}
+
+void SenderLoop(Shared *s, std::vector<Replica> *reps, int64_t retryMaxMs, long timeoutMs) {
+  while (!gStop) {
+    bool any = false;
+    for (size_t r = 0; r < reps->size() && !gStop; ++r) {
+      Replica &rep = (*reps)[r];
+      if (NowMs() < rep.nextTryMs) continue;
+      any |= SendOnce(s, r, &rep, retryMaxMs, timeoutMs);
+    }
+    if (!any) {
+      std::unique_lock<std::mutex> lock(s->mu);
+      s->wake.wait_until(lock, Clock::now() + std::chrono::milliseconds(100));
+    }
+  }
+}
+
+void PrintCounters(Shared *s) {
+  std::lock_guard<std::mutex> lock(s->mu);
+  const tevfwd::Counters &c = s->fwd->counters();
+  Log("counters: received %llu sent %llu resolved %llu spooled %llu dropped %llu expired %llu "
+      "malformed %llu; waiting %zu, active %zu",
+      static_cast<unsigned long long>(c.received), static_cast<unsigned long long>(c.sent),
+      static_cast<unsigned long long>(c.resolved), static_cast<unsigned long long>(c.spooled),
+      static_cast<unsigned long long>(c.dropped), static_cast<unsigned long long>(c.expired),
+      static_cast<unsigned long long>(c.malformed), s->fwd->SpoolLength(), s->fwd->ActiveCount());
+}
+
+// The counters file that `tevctl fwd` prints, rewritten when they change.
+void SaveCounters(Shared *s, const std::string &path, std::string *last) {
+  std::string now;
+  {
+    std::lock_guard<std::mutex> lock(s->mu);
+    now = s->fwd->CountersJson();
+  }
+  if (now != *last && tevfwd::WriteFileAtomic(path, now + "\n")) *last = now;
+}
+
+void FlushLog(Shared *s) {
+  std::vector<std::string> lines;
+  {
+    std::lock_guard<std::mutex> lock(s->mu);
+    lines = s->fwd->TakeLogLines();
+  }
+  for (const std::string &l : lines) Log("%s", l.c_str());
+}
+
+int Listen(const std::string &path) {
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  memcpy(addr.sun_path, path.c_str(), path.size());
+  PlatformRoot_MakeDirs(path.substr(0, path.rfind('/')));
+  unlink(path.c_str());
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return -1;
+  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 128) != 0) {
+    int e = errno;
+    close(fd);
+    errno = e;
+    return -1;
+  }
+  return fd;
+}
+
+// Reads one connection to EOF within 2 s: tevd writes one message and closes.
+bool ReadMessage(int fd, std::string *data, std::string *why) {
+  constexpr size_t kMax = 16u << 20;
+  int64_t deadline = NowMs() + 2000;
+  char buf[65536];
+  for (;;) {
+    int64_t left = deadline - NowMs();
+    struct pollfd p = {fd, POLLIN, 0};
+    int ready = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) {
+      *why = "the sender did not finish within 2 s";
+      return false;
+    }
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n < 0) {
+      *why = std::string("read failed: ") + strerror(errno);
+      return false;
+    }
+    if (n == 0) return true;
+    if (data->size() + static_cast<size_t>(n) > kMax) {
+      *why = "message over " + std::to_string(kMax) + " bytes";
+      return false;
+    }
+    data->append(buf, static_cast<size_t>(n));
+  }
+}
+
+void AcceptAll(Shared *s, int lfd) {
+  for (;;) {
+    int cfd = accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (cfd < 0) return;   // EAGAIN: no more waiting
+    std::string data, why;
+    bool whole = ReadMessage(cfd, &data, &why);
+    close(cfd);
+    QprobMessage msg;
+    if (whole && Qprob_Decode(data.data(), data.size(), &msg, &why)) {
+      std::lock_guard<std::mutex> lock(s->mu);
+      try {
+        s->fwd->Accept(msg, NowMs());
+      } catch (const std::exception &e) {
+        // Never expected; one event is lost, not the forwarder.
+        Log("could not forward %s: %s", msg.id.c_str(), e.what());
+        s->fwd->CountMalformed();
+      }
+    } else {
+      Log("ignoring a message of %zu bytes: %s", data.size(), why.c_str());
+      std::lock_guard<std::mutex> lock(s->mu);
+      s->fwd->CountMalformed();
+    }
+    s->wake.notify_one();
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  tevfwd::Options opt;
+  bool once = false;
+  int64_t retryMaxSec = 10, timeoutSec = 5, secs = 0;
+  std::string spool;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    auto value = [&](const char **out) {
+      if (i + 1 >= argc) {
+        fprintf(stderr, "tevfwd: %s needs a value (try --help)\n", a.c_str());
+        return false;
+      }
+      *out = argv[++i];
+      return true;
+    };
+    auto seconds = [&](int64_t *out) {
+      const char *v = nullptr;
+      if (!value(&v)) return false;
+      if (!ParseSeconds(v, out)) {
+        fprintf(stderr, "tevfwd: %s wants a positive whole number, not \"%s\"\n", a.c_str(), v);
+        return false;
+      }
+      return true;
+    };
+    const char *v = nullptr;
+    if (a == "--help" || a == "-h") {
+      printf("tevfwd %s\n%s", TEVD_VERSION, kUsage);
+      return 0;
+    } else if (a == "--version") {
+      printf("tevfwd %s\n", TEVD_VERSION);
+      return 0;
+    } else if (a == "--alertmanager") {
+      if (!value(&v)) return 2;
+      opt.alertmanagers.push_back(v);
+    } else if (a == "--audits") {
+      opt.audits = true;
+    } else if (a == "--once") {
+      once = true;
+    } else if (a == "--resend") {
+      if (!seconds(&secs)) return 2;
+      opt.resendMs = secs * 1000;
+    } else if (a == "--lifetime") {
+      if (!seconds(&secs)) return 2;
+      opt.lifetimeMs = secs * 1000;
+    } else if (a == "--audit-lifetime") {
+      if (!seconds(&secs)) return 2;
+      opt.auditLifetimeMs = secs * 1000;
+    } else if (a == "--retry-max") {
+      if (!seconds(&retryMaxSec)) return 2;
+    } else if (a == "--timeout") {
+      if (!seconds(&timeoutSec)) return 2;
+    } else if (a == "--spool") {
+      if (!value(&v)) return 2;
+      spool = v;
+    } else if (a == "--spool-max") {
+      if (!seconds(&secs)) return 2;
+      opt.spoolMaxBytes = static_cast<uint64_t>(secs);
+    } else {
+      fprintf(stderr, "tevfwd: unknown option \"%s\" (try --help)\n", a.c_str());
+      return 2;
+    }
+  }
+  if (opt.alertmanagers.empty()) {
+    fprintf(stderr, "tevfwd: give at least one --alertmanager URL (try --help)\n");
+    return 2;
+  }
+  if (opt.alertmanagers.size() > 32) {
+    fprintf(stderr, "tevfwd: at most 32 --alertmanager URLs\n");
+    return 2;
+  }
+  opt.spoolDir = spool.empty() ? PlatformRoot_Path("/var/lib/tevfwd") : spool;
+  if (int rc = PlatformRoot_MakeDirs(opt.spoolDir)) {
+    fprintf(stderr, "tevfwd: cannot create the spool %s: %s\n", opt.spoolDir.c_str(), strerror(rc));
+    return 1;
+  }
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  opt.hostName = host;
+
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = OnSignal;   // no SA_RESTART: poll returns at once
+  sigaction(SIGTERM, &sa, nullptr);
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGUSR1, &sa, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  tevfwd::HttpInit();
+  Shared s;
+  s.fwd = std::make_unique<Forwarder>(opt);
+  size_t recovered = s.fwd->Recover(NowMs());
+  FlushLog(&s);
+  std::vector<Replica> reps(opt.alertmanagers.size());
+  for (size_t r = 0; r < reps.size(); ++r) {
+    reps[r].poster = std::make_unique<tevfwd::AlertPoster>(opt.alertmanagers[r]);
+  }
+  const int64_t retryMaxMs = retryMaxSec * 1000;
+  const long timeoutMs = static_cast<long>(timeoutSec * 1000);
+
+  if (once) {
+    // Every replica until it has everything or fails once.
+    for (size_t r = 0; r < reps.size(); ++r) {
+      while (SendOnce(&s, r, &reps[r], retryMaxMs, timeoutMs) && reps[r].failures == 0) {
+      }
+    }
+    PrintCounters(&s);
+    size_t left = s.fwd->SpoolLength();
+    if (left != 0) Log("%zu alert(s) not delivered to every Alertmanager; they stay in the spool", left);
+    return left == 0 ? 0 : 1;
+  }
+
+  std::string path = PlatformRoot_Path("/var/run/orlan/marshd-qprob.sock");
+  int lfd = Listen(path);
+  if (lfd < 0) {
+    fprintf(stderr, "tevfwd: cannot listen on %s: %s\n", path.c_str(), strerror(errno));
+    return 1;
+  }
+  Log("listening on %s; %zu Alertmanager(s); %zu alert(s) recovered from the spool", path.c_str(),
+      reps.size(), recovered);
+  std::thread sender(SenderLoop, &s, &reps, retryMaxMs, timeoutMs);
+  const std::string countersPath = PlatformRoot_Path("/var/run/orlan/tevfwd-counters.json");
+  std::string lastCounters;
+  int64_t nextSave = 0, nextLog = 0;
+  while (!gStop) {
+    struct pollfd p = {lfd, POLLIN, 0};
+    if (poll(&p, 1, 200) > 0) AcceptAll(&s, lfd);
+    int64_t now = NowMs();
+    {
+      std::lock_guard<std::mutex> lock(s.mu);
+      size_t before = s.fwd->SpoolLength();
+      s.fwd->Tick(now);
+      if (s.fwd->SpoolLength() != before) s.wake.notify_one();
+    }
+    if (now >= nextSave) {
+      {
+        std::lock_guard<std::mutex> lock(s.mu);
+        s.fwd->SaveActive();
+      }
+      SaveCounters(&s, countersPath, &lastCounters);
+      nextSave = now + 1000;
+    }
+    if (now >= nextLog) {
+      FlushLog(&s);
+      nextLog = now + kFailureLogIntervalMs / 6;
+    }
+    if (gCounters.exchange(false)) PrintCounters(&s);
+  }
+  close(lfd);
+  unlink(path.c_str());
+  s.wake.notify_all();
+  sender.join();
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    s.fwd->SaveActive();
+  }
+  SaveCounters(&s, countersPath, &lastCounters);
+  FlushLog(&s);
+  PrintCounters(&s);
+  return 0;
+}

@@ -51,6 +51,12 @@ struct PlatformListen {
 // socket's mode, so no moment passes with the umask's) and stated with chmod
 // after. The descriptor, or -1 with errno.
 int PlatformSocket_Listen(const std::string &path, const PlatformListen &how);
+// The same with the defaults: the umask's mode, a backlog of 64.
+inline int PlatformSocket_Listen(const std::string &path, int type) {
+  PlatformListen how;
+  how.type = type;
+  return PlatformSocket_Listen(path, how);
+}
 // Connects a new socket of `type` (SOCK_CLOEXEC added) to `path`. With
 // `sendTimeout`, SO_SNDTIMEO is set before the connect, which bounds a
 // connect to a listener whose backlog is full too. The descriptor, or -1 with

@@ -17,7 +17,6 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,6 +36,7 @@
 #include <vector>
 
 #include "MsgFmt.h"
+#include "PlatformSocket.h"
 #include "Qprob.h"
 #include "TevLib.h"
 
@@ -84,25 +84,17 @@ void MakeDirs(const std::string &path) {
   }
 }
 
-sockaddr_un Addr(const std::string &path) {
-  sockaddr_un a;
-  memset(&a, 0, sizeof a);
-  a.sun_family = AF_UNIX;
-  if (path.size() >= sizeof a.sun_path) {
-    Die("socket path too long: " + path);
-  }
-  memcpy(a.sun_path, path.c_str(), path.size());
-  return a;
-}
-
+// Stream sockets listen (backlog 64) as well.
 int BindSocket(const std::string &path, int type) {
-  unlink(path.c_str());
-  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  sockaddr_un a = Addr(path);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+  int fd = PlatformSocket_Listen(path, type);
+  if (fd < 0) {
     Die("cannot bind " + path + ": " + strerror(errno));
   }
   return fd;
+}
+
+std::string EndpointPath(const std::string &root, PlatformEndpoint endpoint, int domain = 0) {
+  return PlatformEndpoint_PathUnder(root, endpoint, static_cast<uint32_t>(domain));
 }
 
 // ---- corpus -------------------------------------------------------------------
@@ -149,8 +141,7 @@ std::vector<std::vector<uint8_t>> BuildCorpus(size_t distinct) {
 class LogCounter {
  public:
   explicit LogCounter(const std::string &root) {
-    MakeDirs(root + "/dev");
-    fd_ = BindSocket(root + "/dev/log", SOCK_DGRAM);
+    fd_ = BindSocket(EndpointPath(root, PlatformEndpoint::LogCollector), SOCK_DGRAM);
     int big = 4 << 20;
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
     thread_ = std::thread([this] { Run(); });
@@ -295,9 +286,7 @@ double CpuSeconds(pid_t pid) {
 }
 
 std::string AsyncPath(const std::string &root, int domain) {
-  char name[64];
-  snprintf(name, sizeof name, "/var/run/orlan/tev/async-%02d.sock", domain);
-  return root + name;
+  return EndpointPath(root, PlatformEndpoint::AsyncContext, domain);
 }
 
 bool WaitForFile(const std::string &path, double seconds) {
@@ -312,9 +301,10 @@ bool WaitForFile(const std::string &path, double seconds) {
 }
 
 pid_t StartTevd(const Options &o, const std::string &root) {
-  unlink((root + "/var/run/orlan/tevd-user.sock").c_str());
+  const std::string user = EndpointPath(root, PlatformEndpoint::UserContext);
+  unlink(user.c_str());
   pid_t pid = Spawn(root, {o.tevd});
-  if (!WaitForFile(root + "/var/run/orlan/tevd-user.sock", 10)) {
+  if (!WaitForFile(user, 10)) {
     Die("tevd did not open its contexts under " + root);
   }
   // The agents subscribe right after the contexts open.
@@ -323,9 +313,8 @@ pid_t StartTevd(const Options &o, const std::string &root) {
 }
 
 int ConnectDgram(const std::string &path) {
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un a = Addr(path);
-  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+  int fd = PlatformSocket_Connect(path, SOCK_DGRAM);
+  if (fd < 0) {
     Die("cannot connect to " + path + ": " + strerror(errno));
   }
   return fd;
@@ -506,7 +495,7 @@ constexpr size_t kFloorSlot = 64 * 1024;   // the corpus' records are far smalle
     _exit(2);
   }
   std::thread reader([&] {
-    int logFd = ConnectDgram(root + "/dev/log");
+    int logFd = ConnectDgram(EndpointPath(root, PlatformEndpoint::LogCollector));
     static char rec[TEV_RECORD_MAX_SIZE];
     char line[512];
     auto format = [&](const char *r, char *out, size_t size) {
@@ -648,11 +637,7 @@ constexpr size_t kFloorSlot = 64 * 1024;   // the corpus' records are far smalle
 class QprobListener {
  public:
   explicit QprobListener(const std::string &root) {
-    MakeDirs(root + "/var/run/orlan");
-    fd_ = BindSocket(root + "/var/run/orlan/marshd-qprob.sock", SOCK_STREAM);
-    if (listen(fd_, 64) != 0) {
-      Die("listen failed");
-    }
+    fd_ = BindSocket(EndpointPath(root, PlatformEndpoint::QprobAgent), SOCK_STREAM);
     thread_ = std::thread([this] { Run(); });
   }
   ~QprobListener() {
@@ -845,9 +830,8 @@ void MeasureIngestAndFloor(const Options &o) {
   Result("rss_after_kib", static_cast<double>(RssKiB(pid)));
 
   // A trace client: connect, take the history replay and stay attached.
-  int tfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un a = Addr(root + "/var/run/orlan/tevd-trace.sock");
-  if (tfd < 0 || connect(tfd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+  int tfd = PlatformSocket_Connect(EndpointPath(root, PlatformEndpoint::Trace), SOCK_STREAM);
+  if (tfd < 0) {
     Die("cannot attach a trace client");
   }
   std::atomic<bool> tracing{true};

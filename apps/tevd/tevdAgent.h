@@ -16,6 +16,19 @@
 
 constexpr int TEVD_MAX_AGENTS = 32;
 constexpr int TEVD_SUBSCRIPTION_MAX = 10;
+// Descriptors besides its stream that one agent may wait on.
+constexpr int TEVD_AGENT_MAX_EXTRA_FDS = 4;
+
+// Results of setting an agent up and of reading its stream. The values are
+// the ones callers and the log have always seen; SHORT and NO_ROOM keep the
+// errno values they stand for.
+enum TevdAgentCode : int {
+  TEVD_AGENT_OK = 0,
+  TEVD_AGENT_NO_MEMORY = 1,   // Init: out of memory, or too many words or ids
+  TEVD_AGENT_BROKEN = 2,      // a pipe could not be set up, a stream or a wait failed
+  TEVD_AGENT_SHORT = 11,      // reassembly: more bytes wanted (EAGAIN)
+  TEVD_AGENT_NO_ROOM = 12,    // reassembly: no memory for the read chunk (ENOMEM)
+};
 
 struct TevSubscription {
   int32_t numPrefixes = 0;
@@ -76,14 +89,19 @@ int TevdAgent_Queue(const uint8_t *buf, size_t length);
 int TevdAgent_Flush(void);
 
 bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id);
-// Returns 0, 1 (out of memory / too many words or ids) or 2 (pipe setup).
+// TEVD_AGENT_OK, TEVD_AGENT_NO_MEMORY or TEVD_AGENT_BROKEN (pipe setup).
 int TevdAgent_Init(const char *name, const std::vector<std::string> &words,
                    const std::vector<std::string> &ids, TevdAgent **agent);
 int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent);
-// Waits for one whole observation: 0 and *tev, or an error code.
-int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev);
+// Waits for one whole observation, and, given `extraFds` (at most
+// TEVD_AGENT_MAX_EXTRA_FDS), for any of them to become readable too. Returns
+// TEVD_AGENT_OK with *tev set, or with *tev null and *readyExtra > 0 (the
+// number of extra descriptors found readable; a record that completed in the
+// same pass comes with them and goes first); else TEVD_AGENT_BROKEN.
+int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds = nullptr,
+                      int numExtra = 0, int *readyExtra = nullptr);
 // One read from the stream: 0 with *tev set when a record completed, 0 with
-// *tev null when more bytes are wanted, else 2 (or 12 on allocation).
+// *tev null when more bytes are wanted, else TEVD_AGENT_BROKEN.
 // A step reads the pipe only when nothing read earlier is left over; leftover
 // bytes do not make the pipe readable, so a caller runs a step without
 // waiting while this is true.

@@ -5,7 +5,6 @@
 
 #include "PlatformRoot.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -89,56 +88,22 @@ void TevdCorrelator_StartWithWakeup(const char *name, const char *domain, TevHan
     free(full);
     return;
   }
-  std::vector<struct pollfd> set(static_cast<size_t>(numFds) + 1);
-  set[0] = {agent->pollFd, POLLIN, 0};
-  for (int i = 0; i < numFds; ++i) {
-    set[static_cast<size_t>(i) + 1] = {fds[i], POLLIN, 0};
-  }
   for (;;) {
-    // Records already read from the pipe come first: they do not make it
-    // readable. The wake-up descriptors are looked at once they are used up.
-    if (TevdAgent_StreamBuffered(agent->stream)) {
-      Tev *tev = nullptr;
-      if (TevdAgent_ReassembleStep(agent->stream, &tev) != 0) {
-        TevdLog("Failed to get Tev\n");
-        break;
-      }
-      if (tev != nullptr) {
-        HandleOne(defaultHandler, map, tev);
-      }
-      continue;
-    }
-    for (auto &p : set) {
-      p.revents = 0;
-    }
-    PlatformLog_Flush();
-    int n = poll(set.data(), set.size(), -1);
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      TevdLog("Failed to poll - %s\n", strerror(errno));
+    Tev *tev = nullptr;
+    int woken = 0;
+    if (TevdAgent_WaitTev(agent, &tev, fds, numFds, &woken) != TEVD_AGENT_OK) {
       break;
     }
-    if (set[0].revents & POLLIN) {
-      Tev *tev = nullptr;
-      if (TevdAgent_ReassembleStep(agent->stream, &tev) != 0) {
-        TevdLog("Failed to get Tev\n");
-        break;
-      }
-      if (tev != nullptr) {
-        HandleOne(defaultHandler, map, tev);
-      }
+    if (tev != nullptr) {
+      HandleOne(defaultHandler, map, tev);
     }
-    for (size_t i = 1; i < set.size(); ++i) {
-      if (set[i].revents & POLLIN) {
-        // Tokens are drained from the first wake-up descriptor whichever was
-        // ready; several pending tokens give a single callback.
-        char drain[10];
-        ssize_t ignored = read(fds[0], drain, sizeof drain);
-        (void)ignored;
-        wakeup();
-      }
+    for (int i = 0; i < woken; ++i) {
+      // Tokens are drained from the first wake-up descriptor whichever was
+      // ready; several pending tokens give a single callback.
+      char drain[10];
+      ssize_t ignored = read(fds[0], drain, sizeof drain);
+      (void)ignored;
+      wakeup();
     }
   }
   TevdAgent_Cleanup(agent);

@@ -20,7 +20,6 @@
 #include "tevdQprob.h"
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,6 +33,7 @@
 #include "KNO.h"
 #include "MsgFmt.h"
 #include "PlatformRoot.h"
+#include "PlatformSocket.h"
 #include "TevClock.h"
 #include "tevdAlarm.h"
 #include "tevdLog.h"
@@ -54,12 +54,10 @@ constexpr int64_t kRateWindowSeconds = 60;
 constexpr int32_t kRateLimit = 1000;
 constexpr unsigned kRetrySeconds = 180;
 constexpr int kMaxRetries = 5;
-constexpr socklen_t kSockAddrLength = 110;
 // A full backlog is what a stuck agent looks like (a working one accepts in
 // microseconds), so a connect gives up sooner than a send.
 constexpr suseconds_t kConnectTimeoutUs = 1000000;
 constexpr time_t kSendTimeoutSeconds = 3;
-static_assert(sizeof(sockaddr_un) == kSockAddrLength, "sockaddr_un is 110 bytes");
 
 struct RetryEntry {
   RetryEntry *next;
@@ -148,7 +146,7 @@ bool RateAllows() {
 std::string SocketPath() {
   pthread_mutex_lock(&pathMutex);
   if (!socketPathResolved) {
-    socketPath = PlatformRoot_Path(TEVD_QPROB_SOCKET);
+    socketPath = PlatformEndpoint_Path(PlatformEndpoint::QprobAgent);
     socketPathResolved = true;
   }
   std::string path = socketPath;
@@ -159,25 +157,11 @@ std::string SocketPath() {
 int SendOverSocket(const void *message, size_t length) {
   // The lines logged on the way to this event go out before it.
   PlatformLog_Flush();
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    return -1;
-  }
   // For a UNIX socket the send time-out bounds a blocking connect too (a
   // listener whose backlog is full); it is lengthened for the sends.
   struct timeval timeout = {kConnectTimeoutUs / 1000000, kConnectTimeoutUs % 1000000};
-  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
-    close(fd);
-    return -1;
-  }
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  std::string path = SocketPath();
-  // A bounded copy of at most the 108 bytes of the field, as strncpy would.
-  memcpy(addr.sun_path, path.c_str(), std::min(path.size(), sizeof addr.sun_path));
-  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), kSockAddrLength) != 0) {
-    close(fd);
+  int fd = PlatformSocket_Connect(SocketPath(), SOCK_STREAM, &timeout);
+  if (fd < 0) {
     return -1;
   }
   timeout = {kSendTimeoutSeconds, 0};

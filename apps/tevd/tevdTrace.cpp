@@ -16,7 +16,6 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,6 +29,7 @@
 #include <map>
 
 #include "PlatformRoot.h"
+#include "PlatformSocket.h"
 #include "TevClock.h"
 #include "tevdLog.h"
 #include "tevdTraceListeners.h"
@@ -74,7 +74,6 @@ std::deque<std::string> &history = *new std::deque<std::string>;   // guarded by
 uint64_t historySize = 0;                                          // guarded by traceMutex
 std::map<int, Listener> &listeners = *new std::map<int, Listener>;  // guarded by traceMutex
 
-constexpr socklen_t kSockAddrLength = 110;
 constexpr int kBacklog = 128;
 
 const char *ErrorText(int err, char *buf, size_t size) {
@@ -203,37 +202,13 @@ bool WriteAll(int fd, const std::string &line) {
 }  // namespace
 
 int TevdTrace_Open(const char *path) {
-  std::string resolved = path != nullptr ? std::string(path) : PlatformRoot_Path(TEVD_TRACE_SOCKET);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  // A bounded copy of at most the 108 bytes of the field, as strncpy would.
-  memcpy(addr.sun_path, resolved.c_str(), std::min(resolved.size(), sizeof addr.sun_path));
-  if (addr.sun_path[sizeof addr.sun_path - 1] != '\0') {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
-  size_t slash = resolved.rfind('/');
-  if (slash != std::string::npos && slash > 0) {
-    PlatformRoot_MakeDirs(resolved.substr(0, slash));
-  }
-  unlink(resolved.c_str());
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    return -1;
-  }
-  // Trace clients see every observation: the daemon's user and group only.
-  // The unbound socket's mode becomes the file's (Linux), so no moment passes
-  // with the umask's default; chmod then states it.
-  (void)fchmod(fd, 0660);
-  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), kSockAddrLength) != 0 ||
-      chmod(resolved.c_str(), 0660) != 0 || listen(fd, kBacklog) != 0) {
-    int saved = errno;
-    close(fd);
-    errno = saved;
-    return -1;
-  }
-  return fd;
+  PlatformListen how;
+  how.type = SOCK_STREAM;
+  how.mode = 0660;   // trace clients see every observation: the daemon's user and group only
+  how.backlog = kBacklog;
+  return PlatformSocket_Listen(path != nullptr ? std::string(path)
+                                               : PlatformEndpoint_Path(PlatformEndpoint::Trace),
+                               how);
 }
 
 int TevdTrace_Accept(int listenFd) {

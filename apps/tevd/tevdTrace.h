@@ -10,9 +10,10 @@
 
 #include "MsgFmt.h"
 
-#define TEVD_TRACE_SOCKET "/var/run/orlan/tevd-trace.sock"
 constexpr size_t TEVD_TRACE_HISTORY_MAX = 131072;
 
+// Listens on `path`, or on the trace endpoint under the root when null. The
+// descriptor, or -1 with errno (ENAMETOOLONG for a path that does not fit).
 int TevdTrace_Open(const char *path);
 // Accepts one client and starts its threads; 0, or accept's errno (the
 // caller reports it). A client beyond the limit is closed at once.

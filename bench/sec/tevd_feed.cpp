@@ -11,7 +11,6 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "MsgFmt.h"
 #include "Qprob.h"
 #include "TevLib.h"
@@ -40,20 +40,11 @@ using Clock = std::chrono::steady_clock;
   exit(1);
 }
 
-sockaddr_un Addr(const std::string &path) {
-  sockaddr_un a;
-  memset(&a, 0, sizeof a);
-  a.sun_family = AF_UNIX;
-  if (path.size() >= sizeof a.sun_path) Die("path too long: " + path);
-  memcpy(a.sun_path, path.c_str(), path.size());
-  return a;
-}
-
-int Bind(const std::string &path, int type) {
-  unlink(path.c_str());
-  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  sockaddr_un a = Addr(path);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) Die("cannot bind " + path);
+// Stream sockets listen (backlog 64) as well.
+int Bind(const std::string &root, PlatformEndpoint endpoint, int type) {
+  std::string path = PlatformEndpoint_PathUnder(root, endpoint);
+  int fd = PlatformSocket_Listen(path, type);
+  if (fd < 0) Die("cannot bind " + path + ": " + strerror(errno));
   return fd;
 }
 
@@ -117,7 +108,7 @@ int main(int argc, char **argv) {
   }
 
   // dev/log: counts observation lines ("us: [tev.").
-  int logFd = Bind(root + "/dev/log", SOCK_DGRAM);
+  int logFd = Bind(root, PlatformEndpoint::LogCollector, SOCK_DGRAM);
   int big = 4 << 20;
   setsockopt(logFd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
   std::atomic<long> observed{0};
@@ -138,8 +129,7 @@ int main(int argc, char **argv) {
   });
 
   // qprob listener: one connection per event.
-  int qFd = Bind(root + "/var/run/orlan/marshd-qprob.sock", SOCK_STREAM);
-  listen(qFd, 64);
+  int qFd = Bind(root, PlatformEndpoint::QprobAgent, SOCK_STREAM);
   std::mutex m;
   std::vector<std::string> events;
   Clock::time_point lastEvent = Clock::now();
@@ -163,7 +153,8 @@ int main(int argc, char **argv) {
     }
   });
 
-  unlink((root + "/var/run/orlan/tevd-user.sock").c_str());
+  const std::string userSock = PlatformEndpoint_PathUnder(root, PlatformEndpoint::UserContext);
+  unlink(userSock.c_str());
   pid_t pid = fork();
   if (pid == 0) {
     cpu_set_t set;
@@ -176,7 +167,7 @@ int main(int argc, char **argv) {
     execl(tevd.c_str(), tevd.c_str(), static_cast<char *>(nullptr));
     _exit(127);
   }
-  for (int i = 0; access((root + "/var/run/orlan/tevd-user.sock").c_str(), F_OK) != 0; ++i) {
+  for (int i = 0; access(userSock.c_str(), F_OK) != 0; ++i) {
     if (i > 6000) Die("tevd did not start");
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
@@ -186,9 +177,9 @@ int main(int argc, char **argv) {
   double sys0 = 0;
   double cpu0 = CpuSeconds(pid, &sys0);
   Clock::time_point t0 = Clock::now();
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un a = Addr(root + "/var/run/orlan/tev/async-00.sock");
-  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) Die("cannot connect");
+  int fd = PlatformSocket_Connect(
+      PlatformEndpoint_PathUnder(root, PlatformEndpoint::AsyncContext, 0), SOCK_DGRAM);
+  if (fd < 0) Die("cannot connect");
   for (const auto &r : records) {
     while (send(fd, r.data(), r.size(), 0) < 0) {
       if (errno != EINTR && errno != EAGAIN) Die(std::string("send: ") + strerror(errno));

@@ -23,3 +23,5 @@ struct QprobMessage {
 bool Qprob_Decode(const void *message, size_t length, QprobMessage *out, std::string *why);
 // One JSON object (no newline): {"ts":..,"class":..,"id":..,"host":..,"args":[{"type":"int32","value":..},..]}
 std::string Qprob_ToJson(const QprobMessage &msg);
+// The inside of a JSON string for `s` (no quotes), as Qprob_ToJson writes it.
+std::string Qprob_JsonEscape(const std::string &s);

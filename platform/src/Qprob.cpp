@@ -23,29 +23,35 @@ constexpr uint32_t kMaxIdLength = 129;
 
 void JsonString(std::string *out, const std::string &s) {
   out->push_back('"');
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"': out->append("\\\""); break;
-      case '\\': out->append("\\\\"); break;
-      case '\n': out->append("\\n"); break;
-      case '\r': out->append("\\r"); break;
-      case '\t': out->append("\\t"); break;
-      case '\b': out->append("\\b"); break;
-      case '\f': out->append("\\f"); break;
-      default:
-        if (c < 0x20) {
-          char esc[8];
-          snprintf(esc, sizeof esc, "\\u%04x", c);
-          out->append(esc);
-        } else {
-          out->push_back(static_cast<char>(c));
-        }
-    }
-  }
+  out->append(Qprob_JsonEscape(s));
   out->push_back('"');
 }
 
 }  // namespace
+
+std::string Qprob_JsonEscape(const std::string &s) {
+  std::string out;
+  for (unsigned char c : s) {
+    switch (c) {
+      case '"': out.append("\\\""); break;
+      case '\\': out.append("\\\\"); break;
+      case '\n': out.append("\\n"); break;
+      case '\r': out.append("\\r"); break;
+      case '\t': out.append("\\t"); break;
+      case '\b': out.append("\\b"); break;
+      case '\f': out.append("\\f"); break;
+      default:
+        if (c < 0x20) {
+          char esc[8];
+          snprintf(esc, sizeof esc, "\\u%04x", c);
+          out.append(esc);
+        } else {
+          out.push_back(static_cast<char>(c));
+        }
+    }
+  }
+  return out;
+}
 
 bool Qprob_Decode(const void *message, size_t length, QprobMessage *out, std::string *why) {
   auto fail = [why](const std::string &w) {

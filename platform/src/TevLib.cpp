@@ -12,7 +12,6 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +24,7 @@
 
 #include "PlatformInternal.h"
 #include "PlatformRoot.h"
+#include "PlatformSocket.h"
 #include "TevClock.h"
 #include "TevLib.h"
 
@@ -85,45 +85,23 @@ ReadBatch *FindBatch(int fd) {
 }
 
 std::string SocketPath(uint32_t domain) {
-  char rel[64];
-  if (domain == TEVLIB_USER_DOMAIN) {
-    snprintf(rel, sizeof rel, "/var/run/orlan/tevd-user.sock");
-  } else {
-    snprintf(rel, sizeof rel, "/var/run/orlan/tev/async-%02u.sock", domain);
-  }
-  return PlatformRoot_Path(rel);
+  return domain == TEVLIB_USER_DOMAIN ? PlatformEndpoint_Path(PlatformEndpoint::UserContext)
+                                      : PlatformEndpoint_Path(PlatformEndpoint::AsyncContext, domain);
 }
 
 int OpenContext(uint32_t domain, bool user, TevLib_Handle *handle) {
   if (handle == nullptr) return TEVLIB_ERR_INVAL;
   *handle = nullptr;
   std::string path = SocketPath(domain);
-  size_t slash = path.rfind('/');
-  if (slash != std::string::npos && slash > 0) {
-    int err = PlatformRoot_MakeDirs(path.substr(0, slash));
-    if (err != 0) return err;
-  }
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) return ENAMETOOLONG;
-  memcpy(addr.sun_path, path.c_str(), path.size());
-  unlink(path.c_str());
-  int type = user ? SOCK_SEQPACKET : SOCK_DGRAM;
-  int fd = socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) return errno;
   // Only the daemon's user and group may reach the user-level context; only
-  // the daemon's own user (the kernel side) the asynchronous ones. Linux
-  // takes the new socket file's mode from the unbound socket's, so setting it
-  // first leaves no moment with the umask's default; chmod then states it.
-  const mode_t mode = user ? 0660 : 0600;
-  (void)fchmod(fd, mode);
-  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
-      chmod(path.c_str(), mode) != 0 || (user && listen(fd, 16) != 0)) {
-    int err = errno;
-    close(fd);
-    return err;
-  }
+  // the daemon's own user (the kernel side) the asynchronous ones.
+  PlatformListen how;
+  how.type = user ? SOCK_SEQPACKET : SOCK_DGRAM;
+  how.flags = SOCK_NONBLOCK;
+  how.mode = user ? 0660 : 0600;
+  how.backlog = 16;
+  int fd = PlatformSocket_Listen(path, how);
+  if (fd < 0) return errno;
   TevLibContext *ctx = new TevLibContext;
   ctx->domain = domain;
   ctx->user = user;

@@ -12,6 +12,7 @@
 
 #include "PlatformInternal.h"
 #include "PlatformRoot.h"
+#include "PlatformSocket.h"
 #include "TevLib.h"
 
 namespace {
@@ -135,20 +136,12 @@ bool TevRecord_Decode(const uint8_t *record, size_t length, TevRecordView *out) 
 
 int TevRecord_Post(uint32_t domain, const std::vector<uint8_t> &record) {
   if (domain > TEVLIB_USER_DOMAIN) return EINVAL;
-  char rel[64];
-  if (domain == TEVLIB_USER_DOMAIN) {
-    snprintf(rel, sizeof rel, "/var/run/orlan/tevd-user.sock");
-  } else {
-    snprintf(rel, sizeof rel, "/var/run/orlan/tev/async-%02u.sock", domain);
-  }
-  std::string path = PlatformRoot_Path(rel);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) return ENAMETOOLONG;
-  memcpy(addr.sun_path, path.c_str(), path.size());
-
   bool user = domain == TEVLIB_USER_DOMAIN;
+  std::string path = user ? PlatformEndpoint_Path(PlatformEndpoint::UserContext)
+                          : PlatformEndpoint_Path(PlatformEndpoint::AsyncContext, domain);
+  struct sockaddr_un addr;
+  if (!PlatformSocket_Address(path, &addr)) return ENAMETOOLONG;
+
   int fd = socket(AF_UNIX, (user ? SOCK_SEQPACKET : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
   if (fd < 0) return errno;
   // A full receive queue blocks the sender, as the kernel's queue would; the

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "LogCapture.h"
 #include "PlatformRoot.h"
 #include "TevClock.h"
@@ -46,12 +47,9 @@ class ZoneGuard {
 };
 
 int BindCollector(const ScratchRoot &root) {
-  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", root.Abs("dev/log").c_str());
-  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-    close(fd);
+  int fd = PlatformSocket_Listen(
+      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector), SOCK_DGRAM);
+  if (fd < 0) {
     return -1;
   }
   struct timeval tv = {2, 0};
@@ -141,7 +139,7 @@ TEST(TevdLogFastPathTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
   TevdLog("to the first\n");
   EXPECT_NE(std::string::npos, Receive(first).find("Z: to the first\n"));
   close(first);
-  root.Remove("dev/log");
+  root.Remove(PlatformEndpoint_Relative(PlatformEndpoint::LogCollector));
   TevdLog("to nobody\n");   // dropped silently
   int second = BindCollector(root);
   ASSERT_GE(second, 0);

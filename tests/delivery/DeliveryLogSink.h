@@ -13,20 +13,17 @@
 #include <string>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "TevdTestSupport.h"
 
 namespace delivery {
 
 class LogSink {
  public:
-  explicit LogSink(const tevdtest::ScratchRoot &root) : path_(root.Abs("dev/log")) {
-    root.MakeDir("dev");
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
-    unlink(path_.c_str());
-    bound_ = bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0;
+  explicit LogSink(const tevdtest::ScratchRoot &root)
+      : path_(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector)) {
+    fd_ = PlatformSocket_Listen(path_, SOCK_DGRAM);
+    bound_ = fd_ >= 0;
     int big = 8 << 20;
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
   }

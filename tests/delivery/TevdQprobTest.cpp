@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "DeliveryLogSink.h"
 #include "Str.h"
 #include "TevClock.h"
@@ -353,15 +354,11 @@ class TevdQprobSocketTest : public ::testing::Test {
     TevdAlarm_ResetForTest();
   }
   int Listen() {
-    root_.MakeDir("var/run/orlan");
-    std::string path = root_.Abs("var/run/orlan/marshd-qprob.sock");
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    EXPECT_EQ(0, bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
-    EXPECT_EQ(0, listen(fd, 8));
+    PlatformListen how;
+    how.backlog = 8;
+    int fd = PlatformSocket_Listen(
+        PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent), how);
+    EXPECT_GE(fd, 0) << strerror(errno);
     return fd;
   }
   tevdtest::ScratchRoot root_;

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "LogCapture.h"
 #include "TevdTestSupport.h"
 #include "tevdTrace.h"
@@ -144,12 +145,9 @@ class TevdTraceClientTest : public TevdTraceTest {
     TevdTraceTest::TearDown();
   }
   int Connect() {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s",
-             root_.Abs("var/run/orlan/tevd-trace.sock").c_str());
-    EXPECT_EQ(0, connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
+    int fd = PlatformSocket_Connect(
+        PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::Trace), SOCK_STREAM);
+    EXPECT_GE(fd, 0) << strerror(errno);
     TevdTrace_Accept(listenFd_);
     return fd;
   }

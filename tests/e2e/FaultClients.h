@@ -14,6 +14,7 @@
 #include <set>
 #include <sstream>
 
+#include "PlatformSocket.h"
 #include "ReliabilityHarness.h"
 
 namespace reltest {
@@ -22,21 +23,16 @@ namespace reltest {
 // further connect blocks in the kernel until it gives up.
 class StuckAgent {
  public:
-  explicit StuckAgent(const ScratchRoot &root) : path_(root.Abs("var/run/orlan/marshd-qprob.sock")) {
-    root.MakeDir("var/run/orlan");
-    unlink(path_.c_str());
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    FillAddr(path_, &addr);
-    if (bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
-        listen(fd_, 0) != 0) {
-      close(fd_);
-      fd_ = -1;
+  explicit StuckAgent(const ScratchRoot &root)
+      : path_(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent)) {
+    PlatformListen how;
+    how.backlog = 0;
+    fd_ = PlatformSocket_Listen(path_, how);
+    if (fd_ < 0) {
       return;
     }
     // Backlog 0 still queues one connection: take that place ourselves.
-    filler_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    connect(filler_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
+    filler_ = PlatformSocket_Connect(path_, SOCK_STREAM | SOCK_NONBLOCK);
   }
   ~StuckAgent() { Gone(); }
   bool ok() const { return fd_ >= 0; }
@@ -63,11 +59,8 @@ class StuckAgent {
 class StoppedCollector : public LineStore {
  public:
   explicit StoppedCollector(const ScratchRoot &root) {
-    root.MakeDir("dev");
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    FillAddr(root.Abs("dev/log"), &addr);
-    bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
+    fd_ = PlatformSocket_Listen(
+        PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector), SOCK_DGRAM);
   }
   ~StoppedCollector() {
     stop_ = true;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "DaemonProcess.h"
 #include "FaultClients.h"
 
@@ -209,7 +210,7 @@ TEST(FaultInjectionE2ETest, DescriptorExhaustionNeitherSpinsNorFloodsTheLog) {
   ASSERT_EQ(0, prlimit(d.pid(), RLIMIT_NOFILE, &tight, nullptr)) << strerror(errno);
   std::vector<int> clients;
   for (int i = 0; i < 5; ++i) {
-    clients.push_back(ConnectTo(root.Abs("var/run/orlan/tevd-trace.sock"), SOCK_STREAM));
+    clients.push_back(ConnectTrace(root));
     clients.push_back(ConnectUser(root));
   }
   ASSERT_TRUE(log.WaitCount("accept() failed: Too many open files", 1, kWait));
@@ -338,9 +339,10 @@ TEST(FaultInjectionE2ETest, UnprivilegedPeersGetOnlyWhatTheSecurityDocumentGrant
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
   TraceReader trace(root);
   ASSERT_TRUE(trace.WaitLive(kWait));
-  const std::string userSock = root.Abs("var/run/orlan/tevd-user.sock");
-  const std::string traceSock = root.Abs("var/run/orlan/tevd-trace.sock");
-  const std::string asyncSock = root.Abs("var/run/orlan/tev/async-04.sock");
+  const std::string userSock = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext);
+  const std::string traceSock = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace);
+  const std::string asyncSock =
+      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext, 4);
   struct Access {
     const std::string *path;
     int type;
@@ -412,7 +414,7 @@ TEST(FaultInjectionE2ETest, TraceClientsAreBoundedInPendingBytesAndNumber) {
   LogLines log(root);
   DaemonProcess d(root, {}, {"TEVD_TRACE_PENDING_MAX=262144"});
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
-  int stalled = ConnectTo(root.Abs("var/run/orlan/tevd-trace.sock"), SOCK_STREAM);
+  int stalled = ConnectTrace(root);
   ASSERT_GE(stalled, 0);
   int user = ConnectUser(root);
   const int kRecords = Scaled(3000);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <string>
 
+#include "PlatformSocket.h"
 #include "DaemonProcess.h"
 #include "ReliabilityHarness.h"
 
@@ -26,12 +27,8 @@ const int kWait = 20000;
 class NotifyListener : public LineStore {
  public:
   explicit NotifyListener(const ScratchRoot &root) : root_(root), path_(root.Abs("notify.sock")) {
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    FillAddr(path_, &addr);
-    if (bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-      close(fd_);
-      fd_ = -1;
+    fd_ = PlatformSocket_Listen(path_, SOCK_DGRAM);
+    if (fd_ < 0) {
       return;
     }
     reader_ = std::thread([this] { Read(); });
@@ -69,8 +66,7 @@ class NotifyListener : public LineStore {
         std::string line = all.substr(start, nl == std::string::npos ? std::string::npos : nl - start);
         start = nl == std::string::npos ? all.size() : nl + 1;
         if (line == "READY=1") {
-          socketsAtReady_ = access(root_.Abs("var/run/orlan/tevd-user.sock").c_str(), F_OK) == 0 &&
-                            access(root_.Abs("var/run/orlan/tevd-trace.sock").c_str(), F_OK) == 0;
+          socketsAtReady_ = Exists(PlatformEndpoint::UserContext) && Exists(PlatformEndpoint::Trace);
         } else if (line == "WATCHDOG=1") {
           std::lock_guard<std::mutex> lock(mu_);
           lastWatchdog_ = Clock::now();
@@ -78,6 +74,9 @@ class NotifyListener : public LineStore {
         Add(line);
       }
     }
+  }
+  bool Exists(PlatformEndpoint endpoint) const {
+    return access(PlatformEndpoint_PathUnder(root_.path(), endpoint).c_str(), F_OK) == 0;
   }
   const ScratchRoot &root_;
   std::string path_;
@@ -93,17 +92,10 @@ class NotifyListener : public LineStore {
 // first event's connection waits in the queue, the second one's connect
 // blocks, and with it the agent that posts.
 int ListenWithoutAccepting(const ScratchRoot &root) {
-  root.MakeDir("var/run/orlan");
-  std::string path = root.Abs("var/run/orlan/marshd-qprob.sock");
-  unlink(path.c_str());
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  struct sockaddr_un addr;
-  FillAddr(path, &addr);
-  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 0) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  PlatformListen how;
+  how.backlog = 0;
+  return PlatformSocket_Listen(
+      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent), how);
 }
 
 }  // namespace
@@ -154,7 +146,7 @@ TEST(NotifyE2ETest, ReadyAfterSocketsWatchdogOnlyWhileTheLoopRunsStoppingOnSigte
 
   // Released: the agent's connect fails, it drains its pipe, the loop runs
   // and the keep-alive comes back.
-  unlink(root.Abs("var/run/orlan/marshd-qprob.sock").c_str());
+  unlink(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent).c_str());
   close(agent);
   EXPECT_TRUE(notify.WaitCount("WATCHDOG=1", silent + 5, kWait)) << "no keep-alive after the release";
   EXPECT_EQ(0u, notify.Count("STOPPING=1"));

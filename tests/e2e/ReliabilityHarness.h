@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "DaemonSockets.h"
 #include "Qprob.h"
 #include "TevdTestSupport.h"
@@ -55,7 +56,6 @@ inline bool UnderSanitizer() {
 using tevdtest::ConnectAsync;
 using tevdtest::ConnectTo;
 using tevdtest::ConnectUser;
-using tevdtest::FillAddr;
 using tevdtest::MakeHost;
 using tevdtest::SendRecord;
 
@@ -142,13 +142,10 @@ class LineStore {
 class LogLines : public LineStore {
  public:
   explicit LogLines(const ScratchRoot &root) {
-    root.MakeDir("dev");
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    FillAddr(root.Abs("dev/log"), &addr);
+    fd_ = PlatformSocket_Listen(
+        PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector), SOCK_DGRAM);
     int big = 4 << 20;
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
-    bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
     reader_ = std::thread([this] { Drain(); });
   }
   ~LogLines() {
@@ -185,7 +182,7 @@ class LogLines : public LineStore {
 class TraceReader : public LineStore {
  public:
   explicit TraceReader(const ScratchRoot &root) {
-    fd_ = ConnectTo(root.Abs("var/run/orlan/tevd-trace.sock"), SOCK_STREAM);
+    fd_ = ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
     if (fd_ >= 0) {
       reader_ = std::thread([this] { Read(); });
     }
@@ -235,16 +232,11 @@ class AgentStandIn {
  public:
   enum Mode { Read, HoldUnread };
   AgentStandIn(const ScratchRoot &root, Mode mode)
-      : path_(root.Abs("var/run/orlan/marshd-qprob.sock")), mode_(mode) {
-    root.MakeDir("var/run/orlan");
-    unlink(path_.c_str());
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    FillAddr(path_, &addr);
-    if (bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
-        listen(fd_, 128) != 0) {
-      close(fd_);
-      fd_ = -1;
+      : path_(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent)), mode_(mode) {
+    PlatformListen how;
+    how.backlog = 128;
+    fd_ = PlatformSocket_Listen(path_, how);
+    if (fd_ < 0) {
       return;
     }
     thread_ = std::thread([this] { Serve(); });

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <string>
 
+#include "PlatformSocket.h"
 #include "DaemonProcess.h"
 #include "DaemonSockets.h"
 #include "LogCapture.h"
@@ -34,17 +35,14 @@ TEST(SocketAccessE2ETest, DaemonSocketsAreNeverWorldWritable) {
   LogCapture log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());
-  EXPECT_EQ(0660, ModeOf(root.Abs("var/run/orlan/tevd-user.sock")));
-  EXPECT_EQ(0660, ModeOf(root.Abs("var/run/orlan/tevd-trace.sock")));
-  EXPECT_EQ(0600, ModeOf(root.Abs("var/run/orlan/tev/async-00.sock")));
+  EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext)));
+  EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace)));
+  EXPECT_EQ(0600,
+            ModeOf(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext, 0)));
 
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  ASSERT_GE(fd, 0);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s",
-           root.Abs("var/run/orlan/tevd-user.sock").c_str());
-  ASSERT_EQ(0, connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
+  int fd = PlatformSocket_Connect(
+      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext), SOCK_SEQPACKET);
+  ASSERT_GE(fd, 0) << strerror(errno);
   char expected[128];
   snprintf(expected, sizeof expected, "User-level connection from pid %d uid %u gid %u",
            static_cast<int>(getpid()), static_cast<unsigned>(getuid()),

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "DaemonProcess.h"
 #include "ReliabilityHarness.h"
 
@@ -68,7 +69,7 @@ TEST(SurroundingsFaultsE2ETest, TraceClientThatStopsReadingHoldsBackNeitherAnoth
   LogLines log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
-  int mute = ConnectTo(root.Abs("var/run/orlan/tevd-trace.sock"), SOCK_STREAM);
+  int mute = ConnectTrace(root);
   ASSERT_GE(mute, 0);
   TraceReader reader(root);
   ASSERT_TRUE(reader.ok());
@@ -133,7 +134,7 @@ TEST(SurroundingsFaultsE2ETest, TraceClientsVanishingMidWriteLeaveNoThreadBehind
   ASSERT_GT(threads, 0);
   const int clients = 20;
   for (int c = 0; c < clients; ++c) {
-    int fd = ConnectTo(root.Abs("var/run/orlan/tevd-trace.sock"), SOCK_STREAM);
+    int fd = ConnectTrace(root);
     ASSERT_GE(fd, 0);
     if (c % 2 == 1) {
       char buf[1000];

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "MsgFmt.h"
 #include "TevLib.h"
 #include "TevctlProcess.h"
@@ -21,36 +22,10 @@ using namespace tevctltest;
 namespace {
 
 int BindUnix(const std::string &path, int type) {
-  std::string dir = path.substr(0, path.find_last_of('/'));
-  // Directories as the daemon would make them.
-  for (size_t pos = 1; pos != std::string::npos; pos = dir.find('/', pos + 1)) {
-    mkdir(dir.substr(0, pos).c_str(), 0755);
-  }
-  mkdir(dir.c_str(), 0755);
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) return -1;
-  memcpy(addr.sun_path, path.c_str(), path.size());
-  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-      (type != SOCK_DGRAM && listen(fd, 8) != 0)) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
-int ConnectTo(const std::string &path, int type) {
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  memcpy(addr.sun_path, path.c_str(), path.size());
-  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  PlatformListen how;
+  how.type = type;
+  how.backlog = 8;
+  return PlatformSocket_Listen(path, how);
 }
 
 // One datagram or message within `ms`; empty when none came.
@@ -83,13 +58,15 @@ std::vector<std::string> Lines(const std::string &text) {
   return out;
 }
 
-const char kAsync00[] = "var/run/orlan/tev/async-00.sock";
+std::string Async00(const TempRoot &root) {
+  return PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext, 0);
+}
 
 }  // namespace
 
 TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
   TempRoot root;
-  int fd = BindUnix(root.Abs(kAsync00), SOCK_DGRAM);
+  int fd = BindUnix(Async00(root), SOCK_DGRAM);
   ASSERT_GE(fd, 0);
   RunResult r = RunTevctl(root.path(),
                           {"post", "--ts", "1700000000123456", "tev.net.test.typed",
@@ -116,7 +93,8 @@ TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
 
 TEST(TevctlPost, DomainAndMsgOptionsPickSocketAndText) {
   TempRoot root;
-  int fd = BindUnix(root.Abs("var/run/orlan/tev/async-07.sock"), SOCK_DGRAM);
+  int fd = BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext, 7),
+                    SOCK_DGRAM);
   ASSERT_GE(fd, 0);
   RunResult r = RunTevctl(root.path(), {"post", "--domain", "7", "--msg", "given text",
                                         "tev.scsi.x", "%s", "ignored-in-text"});
@@ -132,7 +110,8 @@ TEST(TevctlPost, DomainAndMsgOptionsPickSocketAndText) {
 
 TEST(TevctlPost, UserOptionSendsOverSeqpacketConnection) {
   TempRoot root;
-  int lfd = BindUnix(root.Abs("var/run/orlan/tevd-user.sock"), SOCK_SEQPACKET);
+  int lfd = BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext),
+                     SOCK_SEQPACKET);
   ASSERT_GE(lfd, 0);
   Child c({TevctlBin(), "post", "--user", "tev.user.boot", "Host is booting: %s", "now"},
           {{"TEVD_ROOT", root.path()}});
@@ -152,7 +131,7 @@ TEST(TevctlPost, UserOptionSendsOverSeqpacketConnection) {
 
 TEST(TevctlPost, NullStringOnlyWithFlag) {
   TempRoot root;
-  int fd = BindUnix(root.Abs(kAsync00), SOCK_DGRAM);
+  int fd = BindUnix(Async00(root), SOCK_DGRAM);
   ASSERT_GE(fd, 0);
   ASSERT_EQ(RunTevctl(root.path(), {"post", "tev.a.b", "%s", "NULL"}).status, 0);
   ASSERT_EQ(RunTevctl(root.path(), {"post", "--null-strings", "tev.a.b", "%s", "NULL"}).status, 0);
@@ -186,7 +165,7 @@ TEST(TevctlPost, BadInputExitsNonZeroWithOneLineReasonAndSendsNothing) {
       {"unknown option", {"post", "--bogus", "tev.a.b", "x"}, "unknown option --bogus"},
   };
   TempRoot root;
-  int fd = BindUnix(root.Abs(kAsync00), SOCK_DGRAM);
+  int fd = BindUnix(Async00(root), SOCK_DGRAM);
   ASSERT_GE(fd, 0);
   for (const PostErrorCase &c : cases) {
     RunResult r = RunTevctl(root.path(), c.args);
@@ -240,19 +219,19 @@ TEST(TevctlSink, DecodesHandBuiltMessageAndSurvivesMalformedOnes) {
   ASSERT_EQ(HandBuiltQprob().size(), 123u);
   TempRoot root;
   Child sink({TevctlBin(), "sink", "--count", "3", "--timeout", "5"}, {{"TEVD_ROOT", root.path()}});
-  std::string sock = root.Abs("var/run/orlan/marshd-qprob.sock");
+  std::string sock = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent);
   ASSERT_TRUE(WaitFor([&] { return PathExists(sock); }, 3000));
   int fd = -1;
-  ASSERT_TRUE(WaitFor([&] { return (fd = ConnectTo(sock, SOCK_STREAM)) >= 0; }, 2000));
+  ASSERT_TRUE(WaitFor([&] { return (fd = PlatformSocket_Connect(sock, SOCK_STREAM)) >= 0; }, 2000));
   SendAll(fd, {'n', 'o', 't', ' ', 'q', 'p', 'r', 'o', 'b'});
   close(fd);
   ASSERT_TRUE(sink.WaitForOutput("\n", 2000));
   std::vector<uint8_t> truncated = HandBuiltQprob();
   truncated.resize(100);                 // total length says 123
-  fd = ConnectTo(sock, SOCK_STREAM);
+  fd = PlatformSocket_Connect(sock, SOCK_STREAM);
   SendAll(fd, truncated);
   close(fd);
-  fd = ConnectTo(sock, SOCK_STREAM);
+  fd = PlatformSocket_Connect(sock, SOCK_STREAM);
   SendAll(fd, HandBuiltQprob());
   close(fd);
   ASSERT_EQ(sink.Wait(5000), 0) << sink.err();
@@ -281,22 +260,19 @@ TEST(TevctlLog, PrintsEachDatagramAsOneLine) {
   Child strip({TevctlBin(), "--root", root.Abs("s"), "log", "--strip", "--count", "1",
                "--timeout", "5"},
               {});
-  std::string devlog = root.Abs("dev/log"), devlog2 = root.Abs("s/dev/log");
+  std::string devlog = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector);
+  std::string devlog2 = PlatformEndpoint_PathUnder(root.Abs("s"), PlatformEndpoint::LogCollector);
   ASSERT_TRUE(WaitFor([&] { return PathExists(devlog) && PathExists(devlog2); }, 3000));
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   auto sendTo = [&](const std::string &path, const std::string &text) {
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    memcpy(addr.sun_path, path.c_str(), path.size());
-    ASSERT_EQ(sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr *>(&addr),
-                     sizeof addr),
-              static_cast<ssize_t>(text.size()));
+    int fd = PlatformSocket_Connect(path, SOCK_DGRAM);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(send(fd, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    close(fd);
   };
   const std::string line = "<14>Nov  2 03:04:05 tevd: 2024-11-02T03:04:05.678Z: Exiting. rc:0\n";
   sendTo(devlog, line);
   sendTo(devlog, "<14>Nov  2 03:04:06 tevd: second");
   sendTo(devlog2, line);
-  close(fd);
   EXPECT_EQ(log.Wait(3000), 0) << log.err();
   EXPECT_EQ(strip.Wait(3000), 0) << strip.err();
   EXPECT_EQ(log.out(),
@@ -400,7 +376,7 @@ TEST(TevctlHost, BadEntriesAreRejected) {
 
 TEST(TevctlTrace, CopiesStreamAndStopsAfterHistoryOnRequest) {
   TempRoot root;
-  int lfd = BindUnix(root.Abs("var/run/orlan/tevd-trace.sock"), SOCK_STREAM);
+  int lfd = BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
   ASSERT_GE(lfd, 0);
   const std::string stream = "1.000000001,IN,5,tev.a.b,\n2.000000002,OUT,6,kos.clear.x,,7\n\nlive\n";
   for (bool historyOnly : {false, true}) {

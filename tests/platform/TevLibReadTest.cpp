@@ -9,6 +9,7 @@
 
 #include <cstring>
 
+#include "PlatformSocket.h"
 #include "TevLib.h"
 #include "TevdTestSupport.h"
 
@@ -61,7 +62,8 @@ std::vector<uint8_t> Good(const std::string &id, const std::string &arg = "x") {
 
 TEST_F(TevLibRead, OpenBindsTheSocketUnderTheRootAndNamesTheContext) {
   struct stat st;
-  ASSERT_EQ(0, stat(root_.Abs("var/run/orlan/tev/async-03.sock").c_str(), &st));
+  std::string path = PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::AsyncContext, 3);
+  ASSERT_EQ(0, stat(path.c_str(), &st));
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
   char name[TEVLIB_NAME_MAX];
   ASSERT_EQ(0, TevLib_HandleToName(handle_, name));
@@ -250,14 +252,12 @@ TEST_F(TevLibRead, MalformedRecordLargerThanTheBufferIsDroppedNot27) {
 
 TEST_F(TevLibRead, DropDiagnosticNamesTheContextAtMostOncePerSecond) {
   tevdtest::FakeClock clock;
-  root_.MakeDir("dev");
-  int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-  ASSERT_GE(log, 0);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", root_.Abs("dev/log").c_str());
-  ASSERT_EQ(0, bind(log, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
+  PlatformListen how;
+  how.type = SOCK_DGRAM;
+  how.flags = SOCK_NONBLOCK;
+  int log = PlatformSocket_Listen(
+      PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::LogCollector), how);
+  ASSERT_GE(log, 0) << strerror(errno);
   std::vector<uint8_t> bad = Good("tev.net.bad");
   bad[0] = 'X';
   auto dropAndCountLines = [&](int records) {
@@ -296,7 +296,8 @@ TEST(TevLibUser, ConnectionDeliversItsRecordsThenReportsTheClose) {
   ASSERT_EQ(0, TevLib_HandleToName(user, name));
   EXPECT_STREQ("user", name);
   struct stat st;
-  ASSERT_EQ(0, stat(root.Abs("var/run/orlan/tevd-user.sock").c_str(), &st));
+  std::string path = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext);
+  ASSERT_EQ(0, stat(path.c_str(), &st));
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
 
   std::vector<uint8_t> rec = Good("tev.user.test.test0", "u");
@@ -321,12 +322,9 @@ TEST(TevLibUser, OpenConnectionWithNothingWaitingGivesLengthZero) {
   tevdtest::ScratchRoot root;
   TevLib_Handle user = nullptr;
   ASSERT_EQ(0, TevLib_UserContextOpen(22, &user));
-  int client = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", root.Abs("var/run/orlan/tevd-user.sock").c_str());
-  ASSERT_EQ(0, connect(client, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
+  int client = PlatformSocket_Connect(
+      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext), SOCK_SEQPACKET);
+  ASSERT_GE(client, 0) << strerror(errno);
   int cnx = -1;
   ASSERT_EQ(0, TevLib_UserContextNewCnx(user, &cnx));
   uint8_t buf[256];

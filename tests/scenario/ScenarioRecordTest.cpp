@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "../e2e/TevctlProcess.h"
 
 using namespace tevctltest;
@@ -107,8 +108,8 @@ TEST(ScenarioRecord, EmptyTraceFailsAndLiveWithoutDaemonFails) {
   EXPECT_NE(r.err.find("no trace line was read"), std::string::npos) << r.err;
   r = RunTevctl(root.path(), {"scenario", "record", "--history"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("cannot connect to " + root.Abs("var/run/orlan/tevd-trace.sock")), std::string::npos)
-      << r.err;
+  std::string trace = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace);
+  EXPECT_NE(r.err.find("cannot connect to " + trace), std::string::npos) << r.err;
 }
 
 // The whole road: a running daemon gets observations, the recorder follows
@@ -120,11 +121,12 @@ TEST(ScenarioRecord, LiveRecordingOfRunningDaemonReplaysAndPasses) {
   std::vector<std::pair<std::string, std::string>> env = {{"TEVD_ROOT", root.path()}};
   ASSERT_EQ(RunTevctl(root.path(), {"host", "init"}).status, 0);
   Child sink({TevctlBin(), "sink"}, env);
-  ASSERT_TRUE(WaitFor([&] { return PathExists(root.Abs("var/run/orlan/marshd-qprob.sock")); }, 5000));
+  auto exists = [&](PlatformEndpoint e) { return PathExists(PlatformEndpoint_PathUnder(root.path(), e)); };
+  ASSERT_TRUE(WaitFor([&] { return exists(PlatformEndpoint::QprobAgent); }, 5000));
   Child tevd({TevdBin()}, env);
-  ASSERT_TRUE(WaitFor([&] { return PathExists(root.Abs("var/run/orlan/tevd-user.sock")) &&
-                                   PathExists(root.Abs("var/run/orlan/tevd-trace.sock")); },
-                      20000));
+  ASSERT_TRUE(WaitFor(
+      [&] { return exists(PlatformEndpoint::UserContext) && exists(PlatformEndpoint::Trace); },
+      20000));
   PauseMs(300);   // the agents subscribe after the sockets open
 
   ASSERT_EQ(RunTevctl(root.path(), {"post", "--user", "tev.user.host.boot", "Host has booted."}).status, 0);

@@ -1,4 +1,5 @@
 // Log sink for the storage correlator tests (see ScsiTestLog.h).
+#include "PlatformSocket.h"
 #include "ScsiTestLog.h"
 
 #include <fcntl.h>
@@ -29,19 +30,11 @@ std::string MessageOf(const std::string &datagram) {
 }  // namespace
 
 LogSink::LogSink(const std::string &root) {
-  mkdir((root + "/dev").c_str(), 0755);
-  path_ = root + "/dev/log";
-  unlink(path_.c_str());
-  fd_ = socket(AF_UNIX, SOCK_DGRAM, 0);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof(addr));
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, path_.c_str(), sizeof(addr.sun_path) - 1);
-  if (fd_ >= 0 && bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
-    close(fd_);
-    fd_ = -1;
-  }
-  if (fd_ >= 0) fcntl(fd_, F_SETFL, O_NONBLOCK);
+  path_ = PlatformEndpoint_PathUnder(root, PlatformEndpoint::LogCollector);
+  PlatformListen how;
+  how.type = SOCK_DGRAM;
+  how.flags = SOCK_NONBLOCK;
+  fd_ = PlatformSocket_Listen(path_, how);
 }
 
 LogSink::~LogSink() {

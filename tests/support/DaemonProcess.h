@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "TevdTestSupport.h"
 
 namespace tevdtest {
@@ -95,7 +96,7 @@ class DaemonProcess {
 
   // Waits until the user-level socket exists: the daemon is reading.
   bool WaitReady(int timeoutMs = 5000) {
-    std::string sock = root_.Abs("var/run/orlan/tevd-user.sock");
+    std::string sock = PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::UserContext);
     for (int i = 0; i < timeoutMs / 5; ++i) {
       if (access(sock.c_str(), F_OK) == 0) {
         // Agents start right after the contexts open; give them a moment.

@@ -5,7 +5,6 @@
 
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "TevdTestSupport.h"
 
 namespace tevdtest {
@@ -29,45 +29,27 @@ inline void MakeHost(const ScratchRoot &root) {
   root.MakeDir("kfs/volumes");
 }
 
-inline bool FillAddr(const std::string &path, struct sockaddr_un *addr) {
-  memset(addr, 0, sizeof *addr);
-  addr->sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr->sun_path) {
-    return false;
-  }
-  memcpy(addr->sun_path, path.c_str(), path.size());
-  return true;
-}
-
 inline int ConnectTo(const std::string &path, int type) {
-  struct sockaddr_un addr;
-  if (!FillAddr(path, &addr)) {
-    return -1;
-  }
-  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    return -1;
-  }
-  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return -1;
-  }
   // Senders block while the daemon is behind (that is the back-pressure under
   // test) but never forever.
   struct timeval tv = {30, 0};
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-  return fd;
+  return PlatformSocket_Connect(path, type, &tv);
 }
 
 inline int ConnectUser(const ScratchRoot &root) {
-  return ConnectTo(root.Abs("var/run/orlan/tevd-user.sock"), SOCK_SEQPACKET);
+  return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext),
+                   SOCK_SEQPACKET);
+}
+
+inline int ConnectTrace(const ScratchRoot &root) {
+  return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
 }
 
 // A connected datagram socket on asynchronous context `domain` (0..21).
 inline int ConnectAsync(const ScratchRoot &root, int domain) {
-  char rel[64];
-  snprintf(rel, sizeof rel, "var/run/orlan/tev/async-%02d.sock", domain);
-  return ConnectTo(root.Abs(rel), SOCK_DGRAM);
+  return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext,
+                                              static_cast<uint32_t>(domain)),
+                   SOCK_DGRAM);
 }
 
 inline bool SendRecord(int fd, const std::vector<uint8_t> &r) {

@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +17,7 @@
 #include <string>
 #include <thread>
 
+#include "PlatformSocket.h"
 #include "TevdTestSupport.h"
 
 namespace tevdtest {
@@ -25,13 +25,8 @@ namespace tevdtest {
 class LogCapture {
  public:
   explicit LogCapture(const ScratchRoot &root) {
-    root.MakeDir("dev");
-    fd_ = socket(AF_UNIX, SOCK_DGRAM, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    std::string p = root.Abs("dev/log");
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", p.c_str());
-    bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
+    fd_ = PlatformSocket_Listen(
+        PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector), SOCK_DGRAM);
     reader_ = std::thread([this] { Drain(); });
   }
   ~LogCapture() {

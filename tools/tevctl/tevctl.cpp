@@ -11,9 +11,6 @@
 #include <ctime>
 
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "PlatformRoot.h"
@@ -217,67 +214,6 @@ std::string DirName(const std::string &path) {
   return path.substr(0, slash);
 }
 
-int MakeDirs(const std::string &dir) {
-  std::string cur;
-  size_t pos = 0;
-  while (pos <= dir.size()) {
-    size_t next = dir.find('/', pos);
-    if (next == std::string::npos) next = dir.size();
-    cur = dir.substr(0, next);
-    if (!cur.empty() && mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return errno;
-    pos = next + 1;
-  }
-  struct stat st;
-  if (stat(dir.c_str(), &st) != 0) return errno;
-  return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
-}
-
-static bool FillAddr(const std::string &path, sockaddr_un *addr) {
-  memset(addr, 0, sizeof *addr);
-  addr->sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr->sun_path) {
-    errno = ENAMETOOLONG;
-    return false;
-  }
-  memcpy(addr->sun_path, path.c_str(), path.size());
-  return true;
-}
-
-int ListenUnix(const std::string &path, int type) {
-  sockaddr_un addr;
-  if (!FillAddr(path, &addr)) return -1;
-  int rc = MakeDirs(DirName(path));
-  if (rc != 0) {
-    errno = rc;
-    return -1;
-  }
-  unlink(path.c_str());
-  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-      (type != SOCK_DGRAM && listen(fd, 64) != 0)) {
-    int saved = errno;
-    close(fd);
-    errno = saved;
-    return -1;
-  }
-  return fd;
-}
-
-int ConnectUnix(const std::string &path, int type) {
-  sockaddr_un addr;
-  if (!FillAddr(path, &addr)) return -1;
-  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-    int saved = errno;
-    close(fd);
-    errno = saved;
-    return -1;
-  }
-  return fd;
-}
-
 int WaitReadable(int fd, int timeoutMs) {
   pollfd p = {fd, POLLIN, 0};
   for (;;) {
@@ -298,28 +234,6 @@ uint64_t NowUs() {
   timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
   return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
-}
-
-std::string JsonEscape(const std::string &s) {
-  std::string out;
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char buf[8];
-          snprintf(buf, sizeof buf, "\\u%04x", c);
-          out += buf;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out;
 }
 
 void PrintLine(const std::string &line) {

@@ -5,7 +5,8 @@
 // flushes its stdout after every line so that scripts and tests can follow it.
 //
 // This header holds what the commands share: the small option parser, error
-// reporting, number parsing, UNIX socket helpers and JSON escaping.
+// reporting, number parsing and output. Sockets, paths, the host model and
+// JSON escaping are the platform's (PlatformSocket.h, PlatformRoot.h, Qprob.h).
 #pragma once
 
 #include <cstdint>
@@ -14,6 +15,9 @@
 #include <vector>
 
 #include "MsgFmt.h"
+#include "PlatformRoot.h"
+#include "PlatformSocket.h"
+#include "Qprob.h"
 
 namespace tevctl {
 
@@ -59,15 +63,8 @@ const char *TypeName(uint32_t type);
 std::string RootPath(const std::string &absolute);
 // True when TEVD_ROOT is set and not empty.
 bool HaveRoot();
-// mkdir -p of `dir`; 0 or errno.
-int MakeDirs(const std::string &dir);
 std::string DirName(const std::string &path);
 
-// UNIX sockets. Both return a descriptor or -1 with errno set. ListenUnix
-// creates the missing directories and unlinks any old file at `path` first;
-// for SOCK_DGRAM it only binds.
-int ListenUnix(const std::string &path, int type);
-int ConnectUnix(const std::string &path, int type);
 // Waits for `fd` to become readable for at most `timeoutMs` (-1: forever).
 // 1 readable, 0 timed out, -1 error.
 int WaitReadable(int fd, int timeoutMs);
@@ -76,7 +73,6 @@ int64_t NowMs();
 // Microseconds since the epoch (real-time clock).
 uint64_t NowUs();
 
-std::string JsonEscape(const std::string &s);
 // Writes a whole line plus "\n" to stdout and flushes.
 void PrintLine(const std::string &line);
 

@@ -79,7 +79,7 @@ bool CleanRel(std::string rel, std::string *out, std::string *why) {
 }
 
 int WriteFile(const std::string &path, const std::string &value) {
-  int rc = MakeDirs(DirName(path));
+  int rc = PlatformRoot_MakeDirs(DirName(path));
   if (rc != 0) return rc;
   std::string tmp = path + ".tmp";
   std::ofstream f(tmp, std::ios::trunc);
@@ -139,9 +139,8 @@ int HostInit(const char *cmd, const ParsedArgs &pa) {
     }
   }
   std::string uuidPath = ModelRoot() + "/nodes/system/systemUuid";
-  if (uuid.empty() && !force && Exists(uuidPath)) {
-    std::ifstream f(uuidPath);
-    std::getline(f, uuid);
+  if (uuid.empty() && !force) {
+    PlatformModel_Read("nodes/system/systemUuid", &uuid);   // keep the host's identity
   }
   if (uuid.empty() && !RandomUuid(&uuid)) return Fail(cmd, "cannot read /dev/urandom");
   int rc = WriteFile(uuidPath, uuid);
@@ -155,7 +154,7 @@ int HostInit(const char *cmd, const ParsedArgs &pa) {
   }
   for (const char *dir : kDirs) {
     std::string path = RootPath(std::string("/") + dir);
-    rc = MakeDirs(path);
+    rc = PlatformRoot_MakeDirs(path);
     if (rc != 0) return Fail(cmd, "cannot create %s: %s", path.c_str(), strerror(rc));
   }
   PrintLine("host model ready under " + RootPath("/") + " (uuid " + uuid + ")");
@@ -179,11 +178,8 @@ int HostGet(const char *cmd, const std::vector<std::string> &pos) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) return Fail(cmd, "no entry %s", path.c_str());
   if (S_ISDIR(st.st_mode)) return Fail(cmd, "%s is a directory", path.c_str());
-  std::ifstream f(path);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  std::string value = ss.str();
-  if (!value.empty() && value.back() == '\n') value.pop_back();
+  std::string value;
+  if (!PlatformModel_Read(rel, &value)) return Fail(cmd, "cannot read %s", path.c_str());
   PrintLine(value);
   return 0;
 }
@@ -197,7 +193,7 @@ int WriteModel(const char *cmd, const std::string &rel, const std::string &value
 int HostNic(const char *cmd, const std::vector<std::string> &pos) {
   if (pos.size() != 1) return Fail(cmd, "nic needs NAME");
   std::string path = ModelRoot() + "/nodes/net/pNics/" + PlatformModel_EscapeName(pos[0]);
-  int rc = MakeDirs(path);
+  int rc = PlatformRoot_MakeDirs(path);
   return rc == 0 ? 0 : Fail(cmd, "cannot create %s: %s", path.c_str(), strerror(rc));
 }
 

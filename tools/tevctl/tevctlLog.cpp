@@ -57,8 +57,8 @@ int CmdLog(const std::vector<std::string> &args) {
   }
   int64_t deadline = pa.Has("timeout") ? NowMs() + static_cast<int64_t>(timeout) * 1000 : -1;
 
-  std::string path = RootPath("/dev/log");
-  int fd = ListenUnix(path, SOCK_DGRAM);
+  std::string path = PlatformEndpoint_Path(PlatformEndpoint::LogCollector);
+  int fd = PlatformSocket_Listen(path, SOCK_DGRAM);
   if (fd < 0) return Fail(cmd, "cannot bind %s: %s", path.c_str(), strerror(errno));
 
   static char buf[1 << 16];

@@ -28,10 +28,8 @@ const char kUsage[] =
     "  --null-strings  a %s argument spelled NULL is sent as a null string\n";
 
 std::string ContextSocket(bool user, uint32_t domain) {
-  if (user) return RootPath("/var/run/orlan/tevd-user.sock");
-  char name[64];
-  snprintf(name, sizeof name, "/var/run/orlan/tev/async-%02u.sock", domain);
-  return RootPath(name);
+  return user ? PlatformEndpoint_Path(PlatformEndpoint::UserContext)
+              : PlatformEndpoint_Path(PlatformEndpoint::AsyncContext, domain);
 }
 
 }  // namespace

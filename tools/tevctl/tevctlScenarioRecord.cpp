@@ -309,8 +309,8 @@ int ReadLive(const ParsedArgs &pa, std::string *into) {
   if (pa.Has("seconds") && (!ParseDouble(pa.Get("seconds"), &seconds) || seconds <= 0)) {
     return Fail(cmd, "--seconds needs a positive number, not \"%s\"", pa.Get("seconds").c_str());
   }
-  std::string path = RootPath("/var/run/orlan/tevd-trace.sock");
-  int fd = ConnectUnix(path, SOCK_STREAM);
+  std::string path = PlatformEndpoint_Path(PlatformEndpoint::Trace);
+  int fd = PlatformSocket_Connect(path, SOCK_STREAM);
   if (fd < 0) {
     return Fail(cmd, "cannot connect to %s: %s (is tevd running under this root?)", path.c_str(),
                 strerror(errno));
@@ -419,7 +419,7 @@ int CmdScenarioRecord(const std::vector<std::string> &args) {
   } else {
     int rc = ReadLive(pa, &traceText);
     if (rc != 0) return rc;
-    source = RootPath("/var/run/orlan/tevd-trace.sock");
+    source = PlatformEndpoint_Path(PlatformEndpoint::Trace);
   }
 
   std::istringstream in(traceText);

@@ -77,7 +77,7 @@ std::string ArgsText(const std::vector<MsgFmt_Value> &args) {
   for (size_t i = 0; i < args.size(); ++i) {
     if (i) s += ", ";
     s += args[i].type == MSGFMT_TYPE_STRING && !args[i].isNull
-             ? "\"" + JsonEscape(args[i].str) + "\""
+             ? "\"" + Qprob_JsonEscape(args[i].str) + "\""
              : ValueText(args[i]);
   }
   return s + "]";
@@ -122,12 +122,8 @@ std::string StripSyslog(const std::string &line) {
 }
 
 std::string ReadModel(const std::string &rel, bool *exists) {
-  std::ifstream f(RootPath("/platform/" + rel));
-  *exists = static_cast<bool>(f);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  std::string v = ss.str();
-  if (!v.empty() && v.back() == '\n') v.pop_back();
+  std::string v;
+  *exists = PlatformModel_Read(rel, &v);
   return v;
 }
 
@@ -209,7 +205,7 @@ bool Runner::Setup() {
       return false;
     }
   }
-  logFd_ = ListenUnix(RootPath("/dev/log"), SOCK_DGRAM);
+  logFd_ = PlatformSocket_Listen(PlatformEndpoint_Path(PlatformEndpoint::LogCollector), SOCK_DGRAM);
   if (logFd_ < 0) {
     problems_.push_back(std::string("cannot bind dev/log: ") + strerror(errno));
     return false;
@@ -221,7 +217,7 @@ bool Runner::Setup() {
 
 void Runner::AgentStart() {
   if (agentFd_ >= 0) return;
-  agentFd_ = ListenUnix(RootPath("/var/run/orlan/marshd-qprob.sock"), SOCK_STREAM);
+  agentFd_ = PlatformSocket_Listen(PlatformEndpoint_Path(PlatformEndpoint::QprobAgent), SOCK_STREAM);
   if (agentFd_ < 0) {
     problems_.push_back(std::string("cannot listen on the qprob socket: ") + strerror(errno));
     return;
@@ -233,7 +229,7 @@ void Runner::AgentStop() {
   if (agentFd_ < 0) return;
   close(agentFd_);
   agentFd_ = -1;
-  unlink(RootPath("/var/run/orlan/marshd-qprob.sock").c_str());
+  unlink(PlatformEndpoint_Path(PlatformEndpoint::QprobAgent).c_str());
 }
 
 bool Runner::StartDaemon() {
@@ -274,8 +270,8 @@ bool Runner::StartDaemon() {
   // Ready when both context sockets exist; then a moment for the agents to
   // subscribe (a record read before that reaches nobody).
   t0_ = NowMs();
-  std::string user = RootPath("/var/run/orlan/tevd-user.sock");
-  std::string async0 = RootPath("/var/run/orlan/tev/async-00.sock");
+  std::string user = PlatformEndpoint_Path(PlatformEndpoint::UserContext);
+  std::string async0 = PlatformEndpoint_Path(PlatformEndpoint::AsyncContext, 0);
   struct stat st;
   while (stat(user.c_str(), &st) != 0 || stat(async0.c_str(), &st) != 0) {
     if (DaemonGone()) return EndedEarly();

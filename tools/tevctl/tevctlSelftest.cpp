@@ -121,7 +121,7 @@ void PauseMs(uint64_t ms) {
 int ConnectWithRetry(const std::string &path, int64_t waitMs) {
   int64_t deadline = NowMs() + waitMs;
   for (;;) {
-    int fd = ConnectUnix(path, SOCK_SEQPACKET);
+    int fd = PlatformSocket_Connect(path, SOCK_SEQPACKET);
     if (fd >= 0 || (errno != ENOENT && errno != ECONNREFUSED) || NowMs() >= deadline) return fd;
     PauseMs(20);
   }
@@ -161,7 +161,7 @@ int CmdSelftest(const std::vector<std::string> &args) {
     return Fail(cmd, "--rows must be 0..21, not \"%s\"", pa.Get("rows").c_str());
   }
 
-  std::string path = RootPath("/var/run/orlan/tevd-user.sock");
+  std::string path = PlatformEndpoint_Path(PlatformEndpoint::UserContext);
   int fd = ConnectWithRetry(path, static_cast<int64_t>(waitSec) * 1000);
   if (fd < 0) {
     return Fail(cmd, "cannot connect to %s: %s (is tevd running under this root?)", path.c_str(),

@@ -58,7 +58,7 @@ bool ReadAll(int fd, int64_t deadline, std::string *data, std::string *why) {
   }
 }
 
-void PrintError(const std::string &why) { PrintLine("{\"error\":\"" + JsonEscape(why) + "\"}"); }
+void PrintError(const std::string &why) { PrintLine("{\"error\":\"" + Qprob_JsonEscape(why) + "\"}"); }
 
 }  // namespace
 
@@ -80,8 +80,8 @@ int CmdSink(const std::vector<std::string> &args) {
   }
   int64_t deadline = pa.Has("timeout") ? NowMs() + static_cast<int64_t>(timeout) * 1000 : -1;
 
-  std::string path = RootPath("/var/run/orlan/marshd-qprob.sock");
-  int lfd = ListenUnix(path, SOCK_STREAM);
+  std::string path = PlatformEndpoint_Path(PlatformEndpoint::QprobAgent);
+  int lfd = PlatformSocket_Listen(path, SOCK_STREAM);
   if (lfd < 0) return Fail(cmd, "cannot listen on %s: %s", path.c_str(), strerror(errno));
 
   uint64_t seen = 0;

@@ -53,8 +53,8 @@ int CmdTrace(const std::vector<std::string> &args) {
   int64_t deadline = pa.Has("timeout") ? NowMs() + static_cast<int64_t>(timeout) * 1000 : -1;
   bool historyOnly = pa.Has("history");
 
-  std::string path = RootPath("/var/run/orlan/tevd-trace.sock");
-  int fd = ConnectUnix(path, SOCK_STREAM);
+  std::string path = PlatformEndpoint_Path(PlatformEndpoint::Trace);
+  int fd = PlatformSocket_Connect(path, SOCK_STREAM);
   if (fd < 0) {
     return Fail(cmd, "cannot connect to %s: %s (is tevd running under this root?)", path.c_str(),
                 strerror(errno));

@@ -284,29 +284,11 @@ int main(int argc, char **argv) {
   struct pollfd *set = nullptr;
   int capacity = kFixedEntries;
   if (rc == 0) {
-    TevdAlarm_StartThread();
-    char kernelDate[128];
-    char myDate[128];
-    if (KNO_CheckSig(21, kernelDate, sizeof kernelDate, myDate, sizeof myDate) != 0) {
-      Panic("md5 signature mismatch with running mantle built on %s (my build date: %s)\n",
-            kernelDate, myDate);
-    }
-    TevdQprob_Init();
-    if (enableTevs) {
-      rc = TevdMain_EnableAsyncTevs();
-      if (rc != 0) {
-        TevdLog("Failed to enable asynchronous observations: %s\n", strerror(rc));
-      }
-    }
+    rc = TevdMain_StartServices(enableTevs);
   }
   if (rc == 0) {
     fixedSet = static_cast<struct pollfd *>(calloc(kFixedEntries, sizeof(struct pollfd)));
-    if (fixedSet == nullptr) {
-      rc = 1;
-    }
-  }
-  if (rc == 0) {
-    rc = TevdMain_OpenContexts(contexts, fixedSet);
+    rc = fixedSet == nullptr ? 1 : TevdMain_OpenContexts(contexts, fixedSet);
   }
   if (rc != 0) {
     free(fixedSet);

@@ -11,7 +11,9 @@
 #include <cstring>
 
 #include "KNO.h"
+#include "tevdAlarm.h"
 #include "tevdLog.h"
+#include "tevdQprob.h"
 
 namespace {
 
@@ -94,6 +96,25 @@ int TevdMain_EnableAsyncTevs(void) {
   }
   if (values != nullptr) {
     KNO_ParamListDestroy(values);
+  }
+  return rc;
+}
+
+int TevdMain_StartServices(bool enableTevs) {
+  int rc = 0;
+  TevdAlarm_StartThread();
+  char kernelDate[128];
+  char myDate[128];
+  if (KNO_CheckSig(21, kernelDate, sizeof kernelDate, myDate, sizeof myDate) != 0) {
+    Panic("md5 signature mismatch with running mantle built on %s (my build date: %s)\n",
+          kernelDate, myDate);
+  }
+  TevdQprob_Init();
+  if (enableTevs) {
+    rc = TevdMain_EnableAsyncTevs();
+    if (rc != 0) {
+      TevdLog("Failed to enable asynchronous observations: %s\n", strerror(rc));
+    }
   }
   return rc;
 }

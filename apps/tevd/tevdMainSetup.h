@@ -34,6 +34,10 @@ int TevdMain_InstallSignals(void (*handler)(int));
 // for room in an agent's pipe, never a worker's system call.
 void TevdMain_SetHandledSignalsBlocked(bool blocked);
 int TevdMain_EnableAsyncTevs(void);
+// Starts the alarm thread, checks the platform's signature (a mismatch is
+// fatal), prepares posting and, when asked, enables asynchronous
+// observations; an errno value when that fails.
+int TevdMain_StartServices(bool enableTevs);
 // Opens the asynchronous contexts and the user-level listener into their
 // rows and their poll entries; an errno value on the first failure.
 int TevdMain_OpenContexts(ContextRow *contexts, struct pollfd *fixedSet);

@@ -152,6 +152,7 @@ int ReadTrace(const ParsedArgs &pa, std::string *traceText, std::string *source)
 int CmdScenarioRecord(const std::vector<std::string> &args) {
   const char *cmd = "scenario record";
   std::vector<std::string> words;
+  words.reserve(args.size());
   for (const std::string &a : args) words.push_back(a == "-o" ? "--output" : a);
   ParsedArgs pa;
   std::string why;

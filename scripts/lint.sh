@@ -23,6 +23,10 @@ fi
 #    non-negative ints (a log line's header and text lengths) to size_t.
 #  - bugprone-narrowing-conversions: the wire and record formats convert
 #    between fixed-width integers on purpose, everywhere.
+#  - bugprone-branch-clone: switches over the argument types keep one case
+#    per type on purpose, even where two print alike.
+#  - performance-inefficient-string-concatenation: "a" + b + "c" builds a
+#    diagnostic once per bad line; clarity wins there.
 #  - performance-no-int-to-ptr: a descriptor travels as a thread's void *
 #    argument by design (pthread_create takes nothing else).
 checks='-*'
@@ -31,7 +35,9 @@ checks+=',-bugprone-easily-swappable-parameters'
 checks+=',-bugprone-implicit-widening-of-multiplication-result'
 checks+=',-bugprone-misplaced-widening-cast'
 checks+=',-bugprone-narrowing-conversions'
+checks+=',-bugprone-branch-clone'
 checks+=',performance-*'
+checks+=',-performance-inefficient-string-concatenation'
 checks+=',-performance-no-int-to-ptr'
 
 files=("$@")

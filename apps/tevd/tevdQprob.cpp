@@ -16,7 +16,8 @@
 // Every connect (1 s) and send (3 s) to the agent is bounded: an
 // agent that listens but never accepts, or stopped reading, costs a
 // correlator at most that long per event, and the event is queued for retry.
-// Message layout: docs/delivery.md.
+// The retry queue lives in tevdQprobRetry.cpp. Message layout:
+// docs/delivery.md.
 #include "tevdQprob.h"
 
 #include <pthread.h>

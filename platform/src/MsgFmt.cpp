@@ -146,6 +146,8 @@ RawArg ReadVaArg(const Conv &c, va_list *vap) {
   switch (c.type) {
     case MSGFMT_TYPE_INT32: {
       int v = va_arg(va, int);
+      // "%hhd" promotes a signed char: the sign extension is the point.
+      // NOLINTNEXTLINE(bugprone-signed-char-misuse)
       if (len == "hh" && c.letter != 'c') v = static_cast<signed char>(v);
       if (len == "h") v = static_cast<short>(v);
       a.bits = static_cast<uint64_t>(static_cast<int64_t>(v));

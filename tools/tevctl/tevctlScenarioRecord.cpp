@@ -6,16 +6,10 @@
 // message text, so the rebuilt observation uses the narrowest printf
 // conversion that holds the value and its own format as the message; lines
 // that cannot be replayed faithfully are kept as comments saying why.
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
+#include <istream>
 #include <sstream>
-
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "tevctl.h"
 #include "tevctlScenario.h"

@@ -31,10 +31,6 @@ namespace {
 int32_t nextAlarmId = 0;        // guarded by tevdAlarmMutex
 bool alarmThreadStarted = false;
 
-uint64_t NowSeconds() {
-  return static_cast<uint64_t>(TevClock_Time());
-}
-
 // With the lock held: finds the first alarm in identifier order that is due at
 // `now`, advances or disarms it, and returns its handler through `handler`.
 bool TakeDueLocked(uint64_t now, TevdAlarmHandler *handler) {
@@ -102,7 +98,7 @@ int TevdAlarm_Set(int id, unsigned mode, unsigned seconds, unsigned *remaining) 
     return 1;
   }
   TevdAlarmState &alarm = it->second;
-  uint64_t now = NowSeconds();
+  uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
   if (remaining != nullptr) {
     *remaining = alarm.deadline > now ? static_cast<unsigned>(alarm.deadline - now) : 0;
   }
@@ -115,12 +111,12 @@ int TevdAlarm_Set(int id, unsigned mode, unsigned seconds, unsigned *remaining) 
 }
 
 void *TevdAlarm_ThreadMain(void *) {
-  uint64_t now = NowSeconds();
+  uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
   pthread_mutex_lock(&tevdAlarmMutex);
   for (;;) {
     TevdAlarmHandler handler = nullptr;
     if (!TakeDueLocked(now, &handler)) {
-      now = NowSeconds();
+      now = static_cast<uint64_t>(TevClock_NowSeconds());
       if (!TakeDueLocked(now, &handler)) {
         uint64_t deadline = EarliestDeadlineLocked(now);
         if (deadline == 0) {
@@ -155,7 +151,7 @@ void TevdAlarm_StartThread(void) {
 int TevdAlarm_RunDueForTest(void) {
   int ran = 0;
   for (;;) {
-    uint64_t now = NowSeconds();
+    uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
     TevdAlarmHandler handler = nullptr;
     pthread_mutex_lock(&tevdAlarmMutex);
     bool due = TakeDueLocked(now, &handler);

@@ -39,9 +39,7 @@ const char *OpenHandler(Tev *tev, SuppressionTable &table, int64_t *now) {
     return nullptr;
   }
   int64_t last = table[id];
-  struct timeval tv;
-  TevClock_GetTimeOfDay(&tv);
-  *now = static_cast<int64_t>(tv.tv_sec);
+  *now = TevClock_NowSeconds();
   if (*now - last < TEVD_CLOCK_SUPPRESS_SEC) {
     return nullptr;
   }

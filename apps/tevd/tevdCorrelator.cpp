@@ -54,7 +54,7 @@ void TevdCorrelator_Dispatch(TevHandler defaultHandler, const TevHandlerMap &map
 
 void TevdCorrelator_StartWithLists(const char *name, const std::vector<std::string> &words,
                                    const std::vector<std::string> &ids, TevHandler defaultHandler,
-                                   TevHandlerMap map) {
+                                   const TevHandlerMap &map) {
   char *full = AgentName(name);
   TevdAgent *agent = nullptr;
   if (full == nullptr || TevdAgent_Init(full, words, ids, &agent) != 0) {
@@ -70,17 +70,17 @@ void TevdCorrelator_StartWithLists(const char *name, const std::vector<std::stri
 }
 
 void TevdCorrelator_StartWithWords(const char *name, const std::vector<std::string> &words,
-                                   TevHandler defaultHandler, TevHandlerMap map) {
+                                   TevHandler defaultHandler, const TevHandlerMap &map) {
   TevdCorrelator_StartWithLists(name, words, {}, defaultHandler, map);
 }
 
 void TevdCorrelator_Start(const char *name, const char *domain, TevHandler defaultHandler,
-                          TevHandlerMap map) {
+                          const TevHandlerMap &map) {
   TevdCorrelator_StartWithWords(name, {domain}, defaultHandler, map);
 }
 
 void TevdCorrelator_StartWithWakeup(const char *name, const char *domain, TevHandler defaultHandler,
-                                    TevHandlerMap map, TevdWakeupFn wakeup, const int *fds,
+                                    const TevHandlerMap &map, TevdWakeupFn wakeup, const int *fds,
                                     int numFds) {
   char *full = AgentName(name);
   TevdAgent *agent = nullptr;

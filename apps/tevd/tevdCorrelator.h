@@ -14,14 +14,14 @@ typedef std::map<std::string, TevHandler> TevHandlerMap;
 typedef void (*TevdWakeupFn)(void);
 
 void TevdCorrelator_Start(const char *name, const char *domain, TevHandler defaultHandler,
-                          TevHandlerMap map);
+                          const TevHandlerMap &map);
 void TevdCorrelator_StartWithWords(const char *name, const std::vector<std::string> &words,
-                                   TevHandler defaultHandler, TevHandlerMap map);
+                                   TevHandler defaultHandler, const TevHandlerMap &map);
 void TevdCorrelator_StartWithLists(const char *name, const std::vector<std::string> &words,
                                    const std::vector<std::string> &ids, TevHandler defaultHandler,
-                                   TevHandlerMap map);
+                                   const TevHandlerMap &map);
 void TevdCorrelator_StartWithWakeup(const char *name, const char *domain, TevHandler defaultHandler,
-                                    TevHandlerMap map, TevdWakeupFn wakeup, const int *fds,
+                                    const TevHandlerMap &map, TevdWakeupFn wakeup, const int *fds,
                                     int numFds);
 // One dispatch on a per-observation copy of `map` (exposed for tests). Throws
 // what the handler throws.

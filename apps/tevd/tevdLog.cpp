@@ -195,7 +195,7 @@ void TevdLog_Tev(Tev *tev) {
 }
 
 bool TevdLog_Allow(TevdLogLimiter *limiter, uint64_t *skipped) {
-  int64_t now = static_cast<int64_t>(TevClock_Time());
+  int64_t now = TevClock_NowSeconds();
   int64_t last = limiter->lastSecond.load(std::memory_order_relaxed);
   // A clock that went back opens a new interval too.
   bool due = last == INT64_MIN || now - last >= TEVD_LOG_INTERVAL || now < last;

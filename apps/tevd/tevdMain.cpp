@@ -25,6 +25,7 @@
 #include "tevdAlarm.h"
 #include "tevdCorrelator.h"
 #include "tevdLog.h"
+#include "tevdMainSetup.h"
 #include "tevdNotify.h"
 #include "tevdQprob.h"
 #include "tevdTrace.h"
@@ -35,26 +36,12 @@
 
 namespace {
 
-constexpr int kNumContexts = 23;
 constexpr int kFixedEntries = 24;
 constexpr int kMaxEntries = 32;
-constexpr int kUserListener = 22;
 constexpr int kTraceListener = 23;
 constexpr size_t kBufferInitial = 8192;
 constexpr size_t kBufferCeiling = 131072;
 constexpr short kErrorBits = POLLERR | POLLHUP | POLLNVAL;  // 56
-
-struct ContextRow {
-  uint32_t domain;
-  TevLib_Handle handle;
-};
-
-const ContextRow kContextTable[kNumContexts] = {
-    {0, nullptr},  {1, nullptr},  {2, nullptr},  {3, nullptr},  {4, nullptr},  {5, nullptr},
-    {6, nullptr},  {7, nullptr},  {8, nullptr},  {9, nullptr},  {10, nullptr}, {11, nullptr},
-    {12, nullptr}, {13, nullptr}, {14, nullptr}, {15, nullptr}, {16, nullptr}, {17, nullptr},
-    {18, nullptr}, {19, nullptr}, {20, nullptr}, {21, nullptr}, {22, nullptr},
-};
 
 volatile sig_atomic_t exitRequested = 0;
 bool enableTevs = false;
@@ -66,50 +53,6 @@ void OnSignal(int sig) {
   if (sig != SIGPIPE) {
     exitRequested = 1;
   }
-}
-
-[[noreturn]] void Usage(const char *prog) {
-  printf("Usage: %s [options]\n", prog);
-  puts("valid options are:");
-  puts("\t--help|-h - display this help");
-  fflush(stdout);
-  exit(0);
-}
-
-void ParseOptions(int argc, char **argv) {
-  static const struct option kOptions[] = {
-      {"enabletevs", no_argument, nullptr, 'e'},
-      {"help", no_argument, nullptr, 'h'},
-      {"loglevel", required_argument, nullptr, 'l'},
-      {"test", no_argument, nullptr, 't'},
-      {nullptr, 0, nullptr, 0},
-  };
-  if (argc <= 1) {
-    return;
-  }
-  int c;
-  while ((c = getopt_long(argc, argv, "ehl:t", kOptions, nullptr)) == 'e') {
-    enableTevs = true;
-  }
-  if (c != -1) {
-    Usage(argv[0]);
-  }
-}
-
-// The signals that the handler takes. Every thread but the reader blocks
-// them, so a process-directed SIGTERM always interrupts the reader's poll or
-// its wait for room in an agent's pipe, never a worker's system call.
-void HandledSignals(sigset_t *set) {
-  sigemptyset(set);
-  for (int sig : {SIGTERM, SIGINT, SIGPIPE}) {
-    sigaddset(set, sig);
-  }
-}
-
-void SetHandledSignalsBlocked(bool blocked) {
-  sigset_t set;
-  HandledSignals(&set);
-  pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
 }
 
 // A descriptor held in reserve: when accept fails for want of descriptors,
@@ -158,40 +101,6 @@ void AcceptFailed(const char *what, int listenFd, int err) {
                     : listenersPausedUntil != 0 ? "; accepting again in a second" : "",
             static_cast<unsigned long long>(skipped));
   }
-}
-
-int InstallSignals() {
-  struct sigaction sa;
-  memset(&sa, 0, sizeof sa);
-  sa.sa_handler = OnSignal;
-  sigemptyset(&sa.sa_mask);
-  for (int sig : {SIGTERM, SIGINT, SIGPIPE}) {
-    if (sigaction(sig, &sa, nullptr) != 0) {
-      return errno;
-    }
-  }
-  return 0;
-}
-
-int EnableAsyncTevs() {
-  KNO_ParamList *instances = KNO_ParamListCreate();
-  KNO_ParamList *values = KNO_ParamListCreate();
-  int rc = 0;
-  if (instances == nullptr || values == nullptr) {
-    rc = ENOMEM;
-  } else {
-    KNO_ParamListAddString(instances, "Misc");
-    KNO_ParamListAddString(instances, "TevAsyncEnable");
-    KNO_ParamListAddInt(values, 1);
-    rc = MTL_ReturnStatusToErrno(KNO_Set(KNO_NODE_config_intOpts, instances, values));
-  }
-  if (instances != nullptr) {
-    KNO_ParamListDestroy(instances);
-  }
-  if (values != nullptr) {
-    KNO_ParamListDestroy(values);
-  }
-  return rc;
 }
 
 // Reads one buffer of records from `fd` and hands them to the agents.
@@ -362,53 +271,24 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
 int main(int argc, char **argv) {
   ContextRow contexts[kNumContexts];
   memcpy(contexts, kContextTable, sizeof contexts);
-  ParseOptions(argc, argv);
+  enableTevs = TevdMain_ParseOptions(argc, argv);
 
   // The library's own diagnostics carry the daemon's time prefix too.
   TevLib_SetLogFunction(TevdLogV);
-  int rc = InstallSignals();
+  int rc = TevdMain_InstallSignals(OnSignal);
   // Threads inherit the mask: everything started from here on blocks the
   // handled signals; the reader unblocks them before its loop.
-  SetHandledSignalsBlocked(true);
+  TevdMain_SetHandledSignalsBlocked(true);
   TevdAgent_SetStopFlag(&exitRequested);
   struct pollfd *fixedSet = nullptr;
   struct pollfd *set = nullptr;
   int capacity = kFixedEntries;
   if (rc == 0) {
-    TevdAlarm_StartThread();
-    char kernelDate[128];
-    char myDate[128];
-    if (KNO_CheckSig(21, kernelDate, sizeof kernelDate, myDate, sizeof myDate) != 0) {
-      Panic("md5 signature mismatch with running mantle built on %s (my build date: %s)\n",
-            kernelDate, myDate);
-    }
-    TevdQprob_Init();
-    if (enableTevs) {
-      rc = EnableAsyncTevs();
-      if (rc != 0) {
-        TevdLog("Failed to enable asynchronous observations: %s\n", strerror(rc));
-      }
-    }
+    rc = TevdMain_StartServices(enableTevs);
   }
   if (rc == 0) {
     fixedSet = static_cast<struct pollfd *>(calloc(kFixedEntries, sizeof(struct pollfd)));
-    if (fixedSet == nullptr) {
-      rc = 1;
-    }
-  }
-  for (int i = 0; rc == 0 && i < kUserListener; ++i) {
-    rc = TevLib_AsyncContextOpen(contexts[i].domain, &contexts[i].handle);
-    if (rc == 0) {
-      fixedSet[i].events = POLLIN;
-      TevLib_HandleToFd(contexts[i].handle, &fixedSet[i].fd);
-    }
-  }
-  if (rc == 0) {
-    rc = TevLib_UserContextOpen(contexts[kUserListener].domain, &contexts[kUserListener].handle);
-    if (rc == 0) {
-      fixedSet[kUserListener].events = POLLIN;
-      TevLib_HandleToFd(contexts[kUserListener].handle, &fixedSet[kUserListener].fd);
-    }
+    rc = fixedSet == nullptr ? 1 : TevdMain_OpenContexts(contexts, fixedSet);
   }
   if (rc != 0) {
     free(fixedSet);
@@ -442,7 +322,7 @@ int main(int argc, char **argv) {
       capacity = kMaxEntries;
     }
     OpenReserve();
-    SetHandledSignalsBlocked(false);
+    TevdMain_SetHandledSignalsBlocked(false);
     rc = RunLoop(contexts, set != nullptr ? set : fixedSet, capacity);
     PlatformLog_Unbatch();
   }
@@ -451,14 +331,7 @@ int main(int argc, char **argv) {
   TevdAgent_StopAll();
   free(set);
   free(fixedSet);
-  for (auto &row : contexts) {
-    if (row.handle != nullptr) {
-      int st = TevLib_Close(row.handle);
-      if (st != 0) {
-        TevdLog("Error closing handle %p: %d\n", static_cast<void *>(row.handle), st);
-      }
-    }
-  }
+  TevdMain_CloseContexts(contexts);
   TevdLog("Exiting. rc:%d\n", rc);
   return rc;
 }

@@ -93,6 +93,8 @@ int TevdNetCorrelatorLinkDown(Tev *tev);
 int TevdNetCorrelatorWatchdog(Tev *tev);
 
 void TevdNetCorrelatorSchedule(uint32_t timeout, const std::string &nic, HwnicStateType bit);
+// Whether the NIC has any of `bits` set; an unknown NIC has none.
+bool TevdNetCorrelatorHasAny(const std::string &nic, HwnicStateType bits);
 // The wake-up routine: handles every expired time-out and re-arms the alarm.
 void TevdNetCorrelator_ProcessTimeouts(void);
 void TevdNetCorrelatorReportPortgroupDown(const std::string &nic);

@@ -51,7 +51,7 @@ bool TakeNicDown(const std::string &nic) {
 }  // namespace
 
 void TevdNetCorrelatorNoteLinkDown(const std::string &nic) {
-  int64_t now = static_cast<int64_t>(TevClock_Time());
+  int64_t now = TevClock_NowSeconds();
   std::deque<int64_t> &history = tevdNet.hwnicFlapHistory[nic];
   history.push_back(now);
   // A time exactly 60 s old still counts.

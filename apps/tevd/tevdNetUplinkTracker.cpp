@@ -33,19 +33,13 @@
 
 TevdNetTracker tevdNet;
 
-namespace {
-
-uint64_t NowSeconds() {
-  struct timeval tv;
-  TevClock_GetTimeOfDay(&tv);
-  return static_cast<uint64_t>(tv.tv_sec);
-}
-
 // Testing a bit of an unknown NIC must not insert it.
-bool HasAny(const std::string &nic, HwnicStateType bits) {
+bool TevdNetCorrelatorHasAny(const std::string &nic, HwnicStateType bits) {
   auto it = tevdNet.hwnicStates.find(nic);
   return it != tevdNet.hwnicStates.end() && (it->second & bits) != 0;
 }
+
+namespace {
 
 void ClearBits(const std::string &nic, HwnicStateType bits) { tevdNet.hwnicStates[nic] &= ~bits; }
 
@@ -195,35 +189,35 @@ void HandleWatchdogExpiry(const std::string &nic) {
 void HandleExpired(const std::string &nic, uint32_t state) {
   switch (state) {
     case HWNIC_PG_DOWN:
-      if (!HasAny(nic, HWNIC_WATCHDOG)) {
+      if (!TevdNetCorrelatorHasAny(nic, HWNIC_WATCHDOG)) {
         TevdNetCorrelatorReportPortgroupDown(nic);
       }
       break;
     case HWNIC_PG_UP:
-      if (!HasAny(nic, HWNIC_WATCHDOG)) {
+      if (!TevdNetCorrelatorHasAny(nic, HWNIC_WATCHDOG)) {
         ReportPortgroupUp(nic);
       }
       break;
     case HWNIC_DVPORT_DOWN:
-      if (!HasAny(nic, HWNIC_WATCHDOG)) {
+      if (!TevdNetCorrelatorHasAny(nic, HWNIC_WATCHDOG)) {
         TevdNetCorrelatorReportDvportDown(nic);
       }
       break;
     case HWNIC_DVPORT_UP:
-      if (!HasAny(nic, HWNIC_WATCHDOG)) {
+      if (!TevdNetCorrelatorHasAny(nic, HWNIC_WATCHDOG)) {
         ReportDvportUp(nic);
       }
       break;
     case HWNIC_LINK_UP:
       ClearBits(nic, HWNIC_LINK_UP);
-      if (!HasAny(nic, HWNIC_PG_UP | HWNIC_DVPORT_UP | HWNIC_WATCHDOG)) {
+      if (!TevdNetCorrelatorHasAny(nic, HWNIC_PG_UP | HWNIC_DVPORT_UP | HWNIC_WATCHDOG)) {
         TevdQprob_Post(0, Clear, "@&!*@*@(kos.clear.net.hwnic.linkstate.up)Physical NIC %s linkstate is up",
                        nic.c_str());
       }
       break;
     case HWNIC_LINK_DOWN:
       ClearBits(nic, HWNIC_LINK_DOWN);
-      if (!HasAny(nic, HWNIC_PG_DOWN | HWNIC_DVPORT_DOWN | HWNIC_WATCHDOG)) {
+      if (!TevdNetCorrelatorHasAny(nic, HWNIC_PG_DOWN | HWNIC_DVPORT_DOWN | HWNIC_WATCHDOG)) {
         PostLinkDown(nic);
       }
       break;
@@ -254,7 +248,7 @@ std::string TevdNetCorrelatorSwitchName(const std::string &portGroup) {
 }
 
 void TevdNetCorrelatorSchedule(uint32_t timeout, const std::string &nic, HwnicStateType bit) {
-  uint64_t now = NowSeconds();
+  uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
   tevdNet.hwnicStates[nic] |= bit;
   if (tevdNet.hwnicAlarms.empty()) {
     ArmAlarm(timeout, now);
@@ -273,7 +267,7 @@ void TevdNetCorrelator_ProcessTimeouts(void) {
   if (tevdNet.hwnicAlarms.empty()) {
     return;
   }
-  uint64_t now = NowSeconds();
+  uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
   uint64_t next = std::numeric_limits<uint64_t>::max();
   for (auto it = tevdNet.hwnicAlarms.begin(); it != tevdNet.hwnicAlarms.end();) {
     const std::string &nic = it->first;
@@ -365,106 +359,4 @@ void TevdNetCorrelatorReportDvportDown(const std::string &nic) {
                    QuotedList(lists.degraded).c_str(), nic.c_str());
   }
   tevdNet.dvPortDownInfo.erase(it);
-}
-
-// ---- handlers ----------------------------------------------------------------
-
-int TevdNetCorrelatorPgUplinkDown(Tev *tev) {
-  const char *nic = nullptr;
-  const char *pg = nullptr;
-  int32_t uplinks = 0;
-  int32_t extra = 0;
-  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0 || TevdUtil_GetNameArg(tev, 1, &pg) != 0 ||
-      Tev_GetIntArg(tev, 2, &uplinks) != 0 || Tev_GetIntArg(tev, 3, &extra) != 0) {
-    return 0;
-  }
-  if (tevdNet.pgDownInfo.find(nic) == tevdNet.pgDownInfo.end()) {
-    TevdNetCorrelatorSchedule(2, nic, HWNIC_PG_DOWN);
-  }
-  tevdNet.pgDownInfo[nic].push_back(PortgroupInfo{pg, extra, uplinks});
-  return 0;
-}
-
-int TevdNetCorrelatorPgUplinkUp(Tev *tev) {
-  const char *nic = nullptr;
-  const char *pg = nullptr;
-  int32_t uplinks = 0;
-  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0 || TevdUtil_GetNameArg(tev, 1, &pg) != 0 ||
-      Tev_GetIntArg(tev, 2, &uplinks) != 0) {
-    return 0;
-  }
-  if (tevdNet.pgUpInfo.find(nic) == tevdNet.pgUpInfo.end()) {
-    TevdNetCorrelatorSchedule(2, nic, HWNIC_PG_UP);
-  }
-  tevdNet.pgUpInfo[nic].push_back(PortgroupInfo{pg, 0, uplinks});
-  return 0;
-}
-
-int TevdNetCorrelatorDvportUplinkDown(Tev *tev) {
-  const char *nic = nullptr;
-  const char *first = nullptr;
-  const char *second = nullptr;
-  int32_t uplinks = 0;
-  int32_t extra = 0;
-  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0 || TevdUtil_GetNameArg(tev, 1, &first) != 0 ||
-      TevdUtil_GetNameArg(tev, 2, &second) != 0 || Tev_GetIntArg(tev, 3, &uplinks) != 0 ||
-      Tev_GetIntArg(tev, 4, &extra) != 0) {
-    return 0;
-  }
-  if (tevdNet.dvPortDownInfo.find(nic) == tevdNet.dvPortDownInfo.end()) {
-    TevdNetCorrelatorSchedule(2, nic, HWNIC_DVPORT_DOWN);
-  }
-  tevdNet.dvPortDownInfo[nic].push_back(DvPortInfo{first, second, extra, uplinks});
-  return 0;
-}
-
-int TevdNetCorrelatorDvportUplinkUp(Tev *tev) {
-  const char *nic = nullptr;
-  const char *first = nullptr;
-  const char *second = nullptr;
-  int32_t uplinks = 0;
-  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0 || TevdUtil_GetNameArg(tev, 1, &first) != 0 ||
-      TevdUtil_GetNameArg(tev, 2, &second) != 0 || Tev_GetIntArg(tev, 3, &uplinks) != 0) {
-    return 0;
-  }
-  if (tevdNet.dvPortUpInfo.find(nic) == tevdNet.dvPortUpInfo.end()) {
-    TevdNetCorrelatorSchedule(2, nic, HWNIC_DVPORT_UP);
-  }
-  tevdNet.dvPortUpInfo[nic].push_back(DvPortInfo{first, second, 0, uplinks});
-  return 0;
-}
-
-int TevdNetCorrelatorLinkDown(Tev *tev) {
-  const char *nic = nullptr;
-  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0) {
-    return 0;
-  }
-  TevdNetCorrelatorNoteLinkDown(nic);
-  // The port reports will cover this failure.
-  if (HasAny(nic, HWNIC_PG_DOWN | HWNIC_DVPORT_DOWN)) {
-    return 0;
-  }
-  TevdNetCorrelatorSchedule(1, nic, HWNIC_LINK_DOWN);
-  return 0;
-}
-
-int TevdNetCorrelatorLinkUp(Tev *tev) {
-  const char *nic = nullptr;
-  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0) {
-    return 0;
-  }
-  if (HasAny(nic, HWNIC_PG_UP | HWNIC_DVPORT_UP)) {
-    return 0;
-  }
-  TevdNetCorrelatorSchedule(1, nic, HWNIC_LINK_UP);
-  return 0;
-}
-
-int TevdNetCorrelatorWatchdog(Tev *tev) {
-  const char *nic = nullptr;
-  if (TevdUtil_GetNameArg(tev, 0, &nic) != 0) {
-    return 0;
-  }
-  TevdNetCorrelatorSchedule(7, nic, HWNIC_WATCHDOG);
-  return 0;
 }

@@ -16,9 +16,11 @@
 // Every connect (1 s) and send (3 s) to the agent is bounded: an
 // agent that listens but never accepts, or stopped reading, costs a
 // correlator at most that long per event, and the event is queued for retry.
-// Message layout: docs/delivery.md.
+// The retry queue lives in tevdQprobRetry.cpp. Message layout:
+// docs/delivery.md.
 #include "tevdQprob.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,8 +37,8 @@
 #include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
-#include "tevdAlarm.h"
 #include "tevdLog.h"
+#include "tevdQprobInternal.h"
 #include "tevdTrace.h"
 
 namespace {
@@ -52,43 +54,19 @@ constexpr uint32_t kLengthOverhead = 72;    // fixed part counted in the total l
 constexpr int kSerialiseAttempts = 5;
 constexpr int64_t kRateWindowSeconds = 60;
 constexpr int32_t kRateLimit = 1000;
-constexpr unsigned kRetrySeconds = 180;
-constexpr int kMaxRetries = 5;
 // A full backlog is what a stuck agent looks like (a working one accepts in
 // microseconds), so a connect gives up sooner than a send.
 constexpr suseconds_t kConnectTimeoutUs = 1000000;
 constexpr time_t kSendTimeoutSeconds = 3;
 
-struct RetryEntry {
-  RetryEntry *next;
-  RetryEntry *prev;
-  int32_t failures;
-  uint64_t length;
-  uint8_t *message;
-};
-
-pthread_mutex_t retryListMutex = PTHREAD_MUTEX_INITIALIZER;
-RetryEntry retryHead;            // sentinel of the circular list, oldest first
-bool retryListInitialised = false;
-
-std::atomic<int32_t> retryAlarmId{-1};
-bool retryAlarmArmed = false;    // guarded by retryListMutex
 std::atomic<int64_t> rateWindowStart{0};
 std::atomic<int32_t> rateCount{0};
+
 // Set when a send to the agent timed out, cleared when a retry pass reaches
 // it (or finds it simply absent). While set, new events skip the immediate
 // attempt and go to the retry queue, so a stuck agent costs each correlator
 // one time-out, not one per event, and a correlator's pipe keeps draining.
 std::atomic<bool> agentStuck{false};
-
-bool LastSendTimedOut() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS; }
-
-void NoteStuck(bool stuck) {
-  if (agentStuck.exchange(stuck) != stuck && stuck) {
-    TevdLog("marshd did not take an event in time; new events are queued for retry until a "
-            "retry pass gets through.\n");
-  }
-}
 
 uint8_t hostIdentity[KNO_SYSTEM_UUID_SIZE];
 
@@ -104,35 +82,10 @@ void *sendHookCtx = nullptr;
 
 void PutU32(uint8_t *buf, size_t off, uint32_t v) { memcpy(buf + off, &v, sizeof v); }
 
-const char *MessageId(const uint8_t *message) {
-  return reinterpret_cast<const char *>(message) + TEVD_QPROB_HEADER_SIZE;
-}
-
-void InitRetryListLocked() {
-  if (!retryListInitialised) {
-    retryHead.next = &retryHead;
-    retryHead.prev = &retryHead;
-    retryListInitialised = true;
-  }
-}
-
-void UnlinkEntry(RetryEntry *e) {
-  e->prev->next = e->next;
-  e->next->prev = e->prev;
-  free(e->message);
-  free(e);
-}
-
-void ArmRetryAlarm() {
-  TevdAlarm_Set(retryAlarmId.load(std::memory_order_relaxed), 0, kRetrySeconds, nullptr);
-}
-
 // Fixed 60-second window opened by the first event after the previous one ran
 // out. Returns false when this event is over the limit.
 bool RateAllows() {
-  struct timeval tv;
-  TevClock_GetTimeOfDay(&tv);
-  int64_t now = tv.tv_sec;
+  int64_t now = TevClock_NowSeconds();
   int64_t start = rateWindowStart.load(std::memory_order_relaxed);
   // A clock that went backwards (negative distance) stays in the window.
   if (start != 0 && now - start <= kRateWindowSeconds - 1) {
@@ -186,8 +139,17 @@ int SendOverSocket(const void *message, size_t length) {
 
 }  // namespace
 
+bool TevdQprob_LastSendTimedOut(void) { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS; }
+
+void TevdQprob_NoteStuck(bool stuck) {
+  if (agentStuck.exchange(stuck) != stuck && stuck) {
+    TevdLog("marshd did not take an event in time; new events are queued for retry until a "
+            "retry pass gets through.\n");
+  }
+}
+
 void TevdQprob_Init(void) {
-  retryAlarmId.store(TevdAlarm_Register(TevdQprobAlarmHandler), std::memory_order_relaxed);
+  TevdQprobRetry_Init();
   // A failed query leaves the identity zero; the agent then sees no host.
   memset(hostIdentity, 0, sizeof hostIdentity);
   KNO_ParamList *none = KNO_ParamListCreate();
@@ -243,23 +205,26 @@ void Tevd_PostProblem(const char *idSuffix, const char *format, ...) {
   va_end(ap);
 }
 
-void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *format, va_list args,
-                     int flags) {
-  size_t size = TEVD_QPROB_INITIAL_BUFFER;
+namespace {
+
+// Allocates the zeroed message and writes the identifier, the host identity
+// and the agent's time stamp. Returns nullptr (logged where the old code
+// logged) when the event is not to be sent.
+uint8_t *StartMessage(const char *prefix, const char *idSuffix, size_t size, uint32_t *idLenOut) {
   uint8_t *buf = static_cast<uint8_t *>(calloc(1, size));
   if (buf == nullptr) {
     TevdLog("Failed to allocate %zu bytes for prob buffer.\n", size);
-    return;
+    return nullptr;
   }
   if (!RateAllows()) {
     TevdLog("Event rate limit reached. Dropping qprob: %s%s\n", prefix, idSuffix);
     free(buf);
-    return;
+    return nullptr;
   }
   size_t idLen64 = strlen(prefix) + strlen(idSuffix) + 1;
   if (idLen64 > TEVD_QPROB_MAX_ID_LENGTH) {
     free(buf);   // identifiers over 128 characters are never sent, silently
-    return;
+    return nullptr;
   }
   uint32_t idLen = static_cast<uint32_t>(idLen64);
   PutU32(buf, kOffIdLength, idLen);
@@ -271,46 +236,84 @@ void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *forma
   id[idLen - 1] = '\0';
   PutU32(buf, kOffArgCount, 0);
   memcpy(buf + kOffHostIdentity, hostIdentity + kOffHostIdentity, kHostIdentityBytes);
-  uint32_t total = idLen + kLengthOverhead;
-  PutU32(buf, kOffTotalLength, total);
+  PutU32(buf, kOffTotalLength, idLen + kLengthOverhead);
 
   int rc = MtlSyscall(MTL_SYSCALL_EVENT_TIMESTAMP, buf);
   if (rc < 0) {
     errno = -rc;   // the stamp is best effort; building goes on
   }
+  *idLenOut = idLen;
+  return buf;
+}
 
-  MsgFmt_Arg *arguments = nullptr;
-  int count = 0;
-  size_t capacity = 0;
-  bool fitted = false;
-  for (int attempt = 0; attempt < kSerialiseAttempts && !fitted; attempt++) {
+// Serialises the arguments after the identifier, doubling the (zero-filled)
+// buffer until they fit. Returns false, with *buf freed, when they never do.
+bool SerialiseArgs(uint8_t **buf, size_t *size, uint32_t total, const char *format, va_list args,
+                   MsgFmt_Arg **arguments, int *count, size_t *capacity) {
+  uint32_t idLen = total - kLengthOverhead;
+  for (int attempt = 0; attempt < kSerialiseAttempts; attempt++) {
     char *error = nullptr;
-    capacity = size - total;
+    *capacity = *size - total;
     va_list copy;
     va_copy(copy, args);
-    fitted = MsgFmt_GetArgsWithBuf(format, copy, &arguments, &count, &error,
-                                   buf + TEVD_QPROB_HEADER_SIZE + idLen, &capacity);
+    bool fitted = MsgFmt_GetArgsWithBuf(format, copy, arguments, count, &error,
+                                        *buf + TEVD_QPROB_HEADER_SIZE + idLen, capacity);
     va_end(copy);
     if (fitted) {
-      break;
+      return true;
     }
-    size_t bigger = size * 2;
-    uint8_t *grown = static_cast<uint8_t *>(realloc(buf, bigger));
+    size_t bigger = *size * 2;
+    uint8_t *grown = static_cast<uint8_t *>(realloc(*buf, bigger));
     if (grown == nullptr) {
       TevdLog("Failed to allocate %zu bytes for prob buffer.", bigger);
+      free(*buf);
+      return false;
+    }
+    // Keep the buffer zero-filled: bytes past the block travel as zeros.
+    memset(grown + *size, 0, bigger - *size);
+    *buf = grown;
+    *size = bigger;
+  }
+  free(*buf);   // too large after five attempts: dropped without a line
+  return false;
+}
+
+// Sends at once unless told not to or the agent is taken as stuck; what does
+// not go out is queued for retry. Frees the message.
+void Deliver(uint8_t *buf, uint32_t total, const char *id, int flags) {
+  if ((flags & 0xff) == 0 && !agentStuck.load()) {
+    errno = 0;
+    if (TevdQprob_Send(buf, total) == 0) {
       free(buf);
       return;
     }
-    // Keep the buffer zero-filled: bytes past the block travel as zeros.
-    memset(grown + size, 0, bigger - size);
-    buf = grown;
-    size = bigger;
+    if (TevdQprob_LastSendTimedOut()) {
+      TevdQprob_NoteStuck(true);
+    }
   }
-  if (!fitted) {
-    free(buf);   // too large after five attempts: dropped without a line
+  TevdLog("An event (%s) could not be sent immediately to marshd; queueing for retry.", id);
+  TevdQprob_Queue(buf, total);
+  free(buf);
+}
+
+}  // namespace
+
+void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *format, va_list args,
+                     int flags) {
+  size_t size = TEVD_QPROB_INITIAL_BUFFER;
+  uint32_t idLen = 0;
+  uint8_t *buf = StartMessage(prefix, idSuffix, size, &idLen);
+  if (buf == nullptr) {
     return;
   }
-  id = reinterpret_cast<char *>(buf + TEVD_QPROB_HEADER_SIZE);
+  uint32_t total = idLen + kLengthOverhead;
+  MsgFmt_Arg *arguments = nullptr;
+  int count = 0;
+  size_t capacity = 0;
+  if (!SerialiseArgs(&buf, &size, total, format, args, &arguments, &count, &capacity)) {
+    return;
+  }
+  const char *id = reinterpret_cast<const char *>(buf + TEVD_QPROB_HEADER_SIZE);
 
   uint64_t stamp;
   memcpy(&stamp, buf + kOffTimestamp, sizeof stamp);
@@ -325,22 +328,8 @@ void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *forma
   PutU32(buf, kOffTotalLength, total);
 
   TevdTrace_Record("OUT", stamp, id, buf + TEVD_QPROB_HEADER_SIZE + idLen, capacity, count);
-
-  if ((flags & 0xff) == 0 && !agentStuck.load()) {
-    errno = 0;
-    if (TevdQprob_Send(buf, total) == 0) {
-      free(buf);
-      return;
-    }
-    if (LastSendTimedOut()) {
-      NoteStuck(true);
-    }
-  }
-  TevdLog("An event (%s) could not be sent immediately to marshd; queueing for retry.", id);
-  TevdQprob_Queue(buf, total);
-  free(buf);
+  Deliver(buf, total, id, flags);
 }
-
 int TevdQprob_Send(const void *message, size_t length) {
   pthread_mutex_lock(&hookMutex);
   TevdQprobSendHook hook = sendHook;
@@ -350,102 +339,6 @@ int TevdQprob_Send(const void *message, size_t length) {
     return hook(message, length, ctx);
   }
   return SendOverSocket(message, length);
-}
-
-void TevdQprob_Queue(const void *message, size_t length) {
-  pthread_mutex_lock(&retryListMutex);
-  InitRetryListLocked();
-  pthread_mutex_unlock(&retryListMutex);
-
-  RetryEntry *entry = static_cast<RetryEntry *>(malloc(sizeof(RetryEntry)));
-  if (entry == nullptr) {
-    return;
-  }
-  entry->message = static_cast<uint8_t *>(malloc(length > 0 ? length : 1));
-  if (entry->message == nullptr) {
-    free(entry);
-    return;
-  }
-  memcpy(entry->message, message, length);
-  entry->failures = 0;
-  entry->length = length;
-
-  pthread_mutex_lock(&retryListMutex);
-  entry->prev = retryHead.prev;
-  entry->next = &retryHead;
-  retryHead.prev->next = entry;
-  retryHead.prev = entry;
-  bool arm = !retryAlarmArmed;
-  retryAlarmArmed = true;
-  pthread_mutex_unlock(&retryListMutex);
-
-  if (arm) {
-    ArmRetryAlarm();
-  }
-}
-
-void TevdQprobAlarmHandler(void) {
-  // Take the list out; sends happen without the mutex.
-  RetryEntry pass;
-  pthread_mutex_lock(&retryListMutex);
-  InitRetryListLocked();
-  if (retryHead.next == &retryHead) {
-    retryAlarmArmed = false;
-    pthread_mutex_unlock(&retryListMutex);
-    return;
-  }
-  pass.next = retryHead.next;
-  pass.prev = retryHead.prev;
-  pass.next->prev = &pass;
-  pass.prev->next = &pass;
-  retryHead.next = retryHead.prev = &retryHead;
-  pthread_mutex_unlock(&retryListMutex);
-
-  bool timedOut = false;
-  RetryEntry *next;
-  for (RetryEntry *e = pass.next; e != &pass; e = next) {
-    next = e->next;
-    // After one time-out the agent is taken as stuck for this pass: the rest
-    // count a failure without waiting again, so a pass (and every alarm
-    // behind it) takes one time-out at most.
-    int rc = -1;
-    if (!timedOut) {
-      errno = 0;
-      rc = TevdQprob_Send(e->message, e->length);
-      timedOut = rc < 0 && LastSendTimedOut();
-      NoteStuck(timedOut);
-    }
-    if (rc < 0) {
-      e->failures++;
-    }
-    int n = e->failures;
-    // Counts include the first, immediate attempt.
-    if (rc >= 0) {
-      TevdLog("Successfully sent event (%s) after %d failure%s.\n", MessageId(e->message), n + 1,
-              n == 0 ? "" : "s");
-      UnlinkEntry(e);
-    } else if (n <= kMaxRetries - 1) {
-      TevdLog("Failed to send event (%s); %d failures so far.\n", MessageId(e->message), n + 1);
-    } else {
-      TevdLog("Abandoned event (%s) after %d failures.\n", MessageId(e->message), n + 1);
-      UnlinkEntry(e);
-    }
-  }
-
-  // What stays goes back in front of what was queued during the pass.
-  pthread_mutex_lock(&retryListMutex);
-  if (pass.next != &pass) {
-    pass.prev->next = retryHead.next;
-    retryHead.next->prev = pass.prev;
-    retryHead.next = pass.next;
-    pass.next->prev = &retryHead;
-  }
-  bool more = retryHead.next != &retryHead;
-  retryAlarmArmed = more;
-  pthread_mutex_unlock(&retryListMutex);
-  if (more) {
-    ArmRetryAlarm();
-  }
 }
 
 void TevdQprob_SetSendHookForTest(TevdQprobSendHook hook, void *ctx) {
@@ -458,13 +351,7 @@ void TevdQprob_SetSendHookForTest(TevdQprobSendHook hook, void *ctx) {
 void TevdQprob_ResetForTest(void) {
   rateWindowStart.store(0, std::memory_order_relaxed);
   rateCount.store(0, std::memory_order_relaxed);
-  pthread_mutex_lock(&retryListMutex);
-  InitRetryListLocked();
-  while (retryHead.next != &retryHead) {
-    UnlinkEntry(retryHead.next);
-  }
-  retryAlarmArmed = false;
-  pthread_mutex_unlock(&retryListMutex);
+  TevdQprobRetry_ResetForTest();
   agentStuck.store(false);
   pthread_mutex_lock(&pathMutex);
   socketPathResolved = false;
@@ -472,13 +359,3 @@ void TevdQprob_ResetForTest(void) {
   pthread_mutex_unlock(&pathMutex);
 }
 
-size_t TevdQprob_RetryListLengthForTest(void) {
-  pthread_mutex_lock(&retryListMutex);
-  InitRetryListLocked();
-  size_t n = 0;
-  for (RetryEntry *e = retryHead.next; e != &retryHead; e = e->next) {
-    n++;
-  }
-  pthread_mutex_unlock(&retryListMutex);
-  return n;
-}

@@ -34,17 +34,11 @@ std::map<std::string, bool> gReportedDown;
 CounterTable gPathStateCounters;
 CounterTable gPorCounters;
 
-int64_t NowSeconds() {
-  struct timeval tv;
-  TevClock_GetTimeOfDay(&tv);
-  return static_cast<int64_t>(tv.tv_sec);
-}
-
 // Counts one observation for `name` and returns the counter afterwards (0 when
 // the name has no entry any more). `add` creates a fresh entry at 0, `remove`
 // erases it, neither counts a state change.
 uint32_t CountChange(CounterTable *table, const std::string &name, bool add, bool remove) {
-  const int64_t now = NowSeconds();
+  const int64_t now = TevClock_NowSeconds();
   if (now - table->periodStart > TEVD_SCSI_COUNT_PERIOD) {
     table->counters.clear();
     table->periodStart = now;

@@ -270,6 +270,42 @@ void TevdTestCorrelatorTimeout(void) {
   Finish();
 }
 
+namespace {
+
+void OnStartMarker(const char *id) {
+  if (started) {
+    Line("FAILURE: Duplicate test start tevs?!");
+    failures++;
+  } else {
+    Out("INFO: Received 'test start' tev: %s\n", id);
+    started = true;
+    received = 0;
+  }
+  timeoutAlarm = TevdAlarm_Register(TevdTestCorrelatorTimeout);
+  if (timeoutAlarm == -1) {
+    Line("FAIL: Failed to set alarm handler");
+    failures++;
+    Finish();
+  }
+  Line("INFO: Alarm handler ready");
+  ArmTimeout();
+}
+
+void OnEndMarker() {
+  if (!started) {
+    Line("FAILURE: Received END without matching start!");
+  }
+  started = false;
+  if (received != kNumExpected) {
+    Out("FAIL: No. of tests = %zu, but received only %u tevs.\n", kNumExpected, received);
+    failures++;
+  }
+  Out("INFO: Tests completed. Failures = %d\n", failures.load());
+  Finish();
+}
+
+}  // namespace
+
 int TevdTestCorrelatorHandleTev(Tev *tev) {
   if (!qprobTestsDone) {
     RunQprobTests();
@@ -282,35 +318,11 @@ int TevdTestCorrelatorHandleTev(Tev *tev) {
   TevdAlarm_Set(timeoutAlarm, 0, 0, nullptr);
 
   if (IsId(id, "tev.tests.marker.start")) {
-    if (started) {
-      Line("FAILURE: Duplicate test start tevs?!");
-      failures++;
-    } else {
-      Out("INFO: Received 'test start' tev: %s\n", id);
-      started = true;
-      received = 0;
-    }
-    timeoutAlarm = TevdAlarm_Register(TevdTestCorrelatorTimeout);
-    if (timeoutAlarm == -1) {
-      Line("FAIL: Failed to set alarm handler");
-      failures++;
-      Finish();
-    }
-    Line("INFO: Alarm handler ready");
-    ArmTimeout();
+    OnStartMarker(id);
     return 0;
   }
   if (IsId(id, "tev.tests.marker.end")) {
-    if (!started) {
-      Line("FAILURE: Received END without matching start!");
-    }
-    started = false;
-    if (received != kNumExpected) {
-      Out("FAIL: No. of tests = %zu, but received only %u tevs.\n", kNumExpected, received);
-      failures++;
-    }
-    Out("INFO: Tests completed. Failures = %d\n", failures.load());
-    Finish();
+    OnEndMarker();
   }
   if (IsId(id, "tev.tests.marker.corruptions.start")) {
     Line("INFO: Start corrupt TEVs window.");

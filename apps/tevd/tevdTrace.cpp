@@ -32,7 +32,6 @@
 #include "PlatformSocket.h"
 #include "TevClock.h"
 #include "tevdLog.h"
-#include "tevdTraceListeners.h"
 
 namespace {
 
@@ -105,6 +104,22 @@ void AppendSigned(std::string *line, int64_t value) {
   AppendDecimal(line, magnitude, value < 0);
 }
 
+// ",\"text\"" with the inner quotes doubled.
+void AppendQuoted(std::string *line, const char *p) {
+  line->append(",\"");
+  for (;;) {
+    const char *quote = strchr(p, '"');
+    if (quote == nullptr) {
+      line->append(p);
+      break;
+    }
+    line->append(p, static_cast<size_t>(quote - p) + 1);
+    line->push_back('"');
+    p = quote + 1;
+  }
+  line->push_back('"');
+}
+
 // One trace line, or false when a string argument cannot be read. Built by
 // appending into one string sized up front (formerly an ostringstream, which
 // cost several allocations and locale look-ups per line); the bytes are the
@@ -159,19 +174,7 @@ bool BuildLine(const char *direction, uint64_t timeStamp, const char *id, const 
           TevdLog("Invalid argument in tev with ID %s", id);
           return false;
         }
-        line->append(",\"");
-        const char *p = str != nullptr ? str : "(null)";
-        for (;;) {
-          const char *quote = strchr(p, '"');
-          if (quote == nullptr) {
-            line->append(p);
-            break;
-          }
-          line->append(p, static_cast<size_t>(quote - p) + 1);
-          line->push_back('"');
-          p = quote + 1;
-        }
-        line->push_back('"');
+        AppendQuoted(line, str != nullptr ? str : "(null)");
         break;
       }
       default:

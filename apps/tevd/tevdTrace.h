@@ -27,3 +27,6 @@ void *TevdTraceWriter(void *fd);
 // ---- test support ------------------------------------------------------------
 std::vector<std::string> TevdTrace_HistoryForTest(void);
 void TevdTrace_ResetForTest(void);
+// How many clients have a listener entry (an entry disappears once its
+// client hung up and its writer thread ended).
+size_t TevdTrace_ListenerCountForTest(void);

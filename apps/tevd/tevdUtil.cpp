@@ -5,90 +5,99 @@
 #include "tevdUtil.h"
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstring>
 
-#include "tevdLog.h"
 
 namespace {
+
 enum class State { Text, Percent, Width, Precision, Length };
+
+// The compact list being written; always leaves room for the terminator.
+struct Writer {
+  char *out;
+  size_t size;
+  size_t n;
+  bool Put(char c) {
+    if (n + 1 >= size) {
+      return false;
+    }
+    out[n++] = c;
+    return true;
+  }
+};
+
+// One character inside a conversion (*p, which may take the next one too);
+// false when the format cannot be reduced.
+bool ConversionChar(State *state, const char **p, Writer *w) {
+  const char c = **p;
+  const State st = *state;
+  if (st == State::Percent && strchr(" #+-0", c) != nullptr) {
+    return true;
+  }
+  if ((st == State::Percent || st == State::Width) && c >= '0' && c <= '9') {
+    *state = State::Width;
+    return true;
+  }
+  if ((st == State::Percent || st == State::Width) && c == '.') {
+    *state = State::Precision;
+    return true;
+  }
+  if (st == State::Precision && c >= '0' && c <= '9') {
+    return true;
+  }
+  if (st != State::Length && (c == 'h' || c == 'l' || c == 'L')) {
+    if (!w->Put('%') || !w->Put(c)) {
+      return false;
+    }
+    if ((c == 'h' || c == 'l') && (*p)[1] == c) {
+      if (!w->Put(c)) {
+        return false;
+      }
+      ++*p;
+    }
+    *state = State::Length;
+    return true;
+  }
+  if (strchr("cdiouxXs", c) == nullptr || c == '\0') {
+    return false;
+  }
+  if (st != State::Length && !w->Put('%')) {
+    return false;
+  }
+  if (!w->Put(c == 's' ? 'p' : (c == 'X' ? 'x' : c))) {
+    return false;
+  }
+  *state = State::Text;
+  return true;
 }
+
+}  // namespace
 
 int TevdUtil_CompactFormat(const char *format, char *out, size_t outSize) {
   // Even an empty list needs room for its terminator.
   if (format == nullptr || out == nullptr || outSize == 0) {
     return 22;
   }
-  size_t n = 0;
-  auto put = [&](char c) -> bool {
-    if (n + 1 >= outSize) {
-      return false;
-    }
-    out[n++] = c;
-    return true;
-  };
+  Writer w{out, outSize, 0};
   State state = State::Text;
   for (const char *p = format; *p != '\0'; ++p) {
-    char c = *p;
-    switch (state) {
-      case State::Text:
-        if (c == '%') {
-          if (p[1] == '%') {
-            ++p;  // a literal percent takes no argument
-          } else {
-            state = State::Percent;
-          }
-        }
-        break;
-      case State::Percent:
-      case State::Width:
-      case State::Precision:
-      case State::Length:
-        if (state == State::Percent && strchr(" #+-0", c) != nullptr) {
-          break;
-        }
-        if ((state == State::Percent || state == State::Width) && c >= '0' && c <= '9') {
-          state = State::Width;
-          break;
-        }
-        if ((state == State::Percent || state == State::Width) && c == '.') {
-          state = State::Precision;
-          break;
-        }
-        if (state == State::Precision && c >= '0' && c <= '9') {
-          break;
-        }
-        if (state != State::Length && (c == 'h' || c == 'l' || c == 'L')) {
-          if (!put('%') || !put(c)) {
-            return 22;
-          }
-          if ((c == 'h' || c == 'l') && p[1] == c) {
-            if (!put(c)) {
-              return 22;
-            }
-            ++p;
-          }
-          state = State::Length;
-          break;
-        }
-        if (strchr("cdiouxXs", c) == nullptr || c == '\0') {
-          return 22;
-        }
-        if (state != State::Length && !put('%')) {
-          return 22;
-        }
-        if (!put(c == 's' ? 'p' : (c == 'X' ? 'x' : c))) {
-          return 22;
-        }
-        state = State::Text;
-        break;
-      default:
-        TevdNotReached("apps/tevd/tevdUtil", 260);
+    if (state != State::Text) {
+      if (!ConversionChar(&state, &p, &w)) {
+        return 22;
+      }
+    } else if (*p == '%') {
+      if (p[1] == '%') {
+        ++p;  // a literal percent takes no argument
+      } else {
+        state = State::Percent;
+      }
     }
   }
   if (state != State::Text) {
     return 22;  // the format ends inside a conversion
   }
-  out[n] = '\0';
+  out[w.n] = '\0';
   return 0;
 }
 

@@ -63,3 +63,7 @@ inline int PlatformSocket_Listen(const std::string &path, int type) {
 // errno.
 int PlatformSocket_Connect(const std::string &path, int type,
                            const struct timeval *sendTimeout = nullptr);
+// Sends one datagram from `fd` to the socket at `path` (MSG_NOSIGNAL added
+// to `flags`, EINTR retried). 0, or an errno value; EMSGSIZE for a short send.
+int PlatformSocket_SendTo(int fd, const std::string &path, const void *data, size_t size,
+                          int flags);

@@ -68,6 +68,7 @@ std::vector<std::unique_ptr<DiskLunPartition>> DiskLun::GetPartitions() const {
   closedir(dir);
   std::sort(numbers.begin(), numbers.end());
   std::vector<std::unique_ptr<DiskLunPartition>> out;
+  out.reserve(numbers.size());
   for (int n : numbers) {
     out.push_back(std::make_unique<DiskLunPartition>(GetName(), n));
   }

@@ -11,54 +11,7 @@
 #include "PlatformInternal.h"
 
 using platform_internal::RawArg;
-
-// ---- values ----------------------------------------------------------------
-
-MsgFmt_Value MsgFmt_Value::I32(int32_t v) {
-  MsgFmt_Value r;
-  r.type = MSGFMT_TYPE_INT32;
-  r.bits = static_cast<uint64_t>(static_cast<int64_t>(v));
-  return r;
-}
-MsgFmt_Value MsgFmt_Value::I64(int64_t v) {
-  MsgFmt_Value r;
-  r.type = MSGFMT_TYPE_INT64;
-  r.bits = static_cast<uint64_t>(v);
-  return r;
-}
-MsgFmt_Value MsgFmt_Value::U32(uint32_t v) {
-  MsgFmt_Value r;
-  r.type = MSGFMT_TYPE_UINT32;
-  r.bits = v;
-  return r;
-}
-MsgFmt_Value MsgFmt_Value::U64(uint64_t v) {
-  MsgFmt_Value r;
-  r.type = MSGFMT_TYPE_UINT64;
-  r.bits = v;
-  return r;
-}
-MsgFmt_Value MsgFmt_Value::Dbl(double v) {
-  MsgFmt_Value r;
-  r.type = MSGFMT_TYPE_DOUBLE;
-  memcpy(&r.bits, &v, sizeof v);
-  return r;
-}
-MsgFmt_Value MsgFmt_Value::Str(const std::string &s) {
-  MsgFmt_Value r;
-  r.type = MSGFMT_TYPE_STRING;
-  r.str = s;
-  return r;
-}
-MsgFmt_Value MsgFmt_Value::NullStr() {
-  MsgFmt_Value r;
-  r.type = MSGFMT_TYPE_STRING;
-  r.isNull = true;
-  return r;
-}
-bool MsgFmt_Value::operator==(const MsgFmt_Value &o) const {
-  return type == o.type && bits == o.bits && isNull == o.isNull && str == o.str;
-}
+using platform_internal::WriteSlot;
 
 // ---- format parsing ----------------------------------------------------------
 
@@ -78,42 +31,8 @@ bool IsLong64(const std::string &len) {
          len == "L";
 }
 
-// Parses the conversion starting at fmt[i] == '%'.
-bool ParseConv(const char *fmt, size_t i, Conv *c, std::string *why) {
-  size_t j = i + 1;
-  while (fmt[j] != '\0' && strchr("-+ #0'", fmt[j]) != nullptr) {
-    c->flagsWidthPrec += fmt[j++];
-  }
-  if (fmt[j] == '*') {
-    *why = "'*' width takes an argument of its own and is not supported";
-    return false;
-  }
-  while (fmt[j] >= '0' && fmt[j] <= '9') {
-    c->flagsWidthPrec += fmt[j++];
-  }
-  if (fmt[j] == '.') {
-    c->flagsWidthPrec += fmt[j++];
-    if (fmt[j] == '*') {
-      *why = "'*' precision takes an argument of its own and is not supported";
-      return false;
-    }
-    while (fmt[j] >= '0' && fmt[j] <= '9') {
-      c->flagsWidthPrec += fmt[j++];
-    }
-  }
-  if ((fmt[j] == 'h' && fmt[j + 1] == 'h') || (fmt[j] == 'l' && fmt[j + 1] == 'l')) {
-    c->len.assign(fmt + j, 2);
-    j += 2;
-  } else if (fmt[j] != '\0' && strchr("hlLqjzt", fmt[j]) != nullptr) {
-    c->len.assign(fmt + j, 1);
-    j += 1;
-  }
-  c->letter = fmt[j];
-  if (c->letter == '\0') {
-    *why = "format ends inside a conversion";
-    return false;
-  }
-  c->end = j + 1;
+// The argument type the conversion letter (with its length) takes.
+bool TypeOfLetter(Conv *c, std::string *why) {
   switch (c->letter) {
     case '%':
       c->type = 0;
@@ -157,6 +76,45 @@ bool ParseConv(const char *fmt, size_t i, Conv *c, std::string *why) {
   }
 }
 
+// Parses the conversion starting at fmt[i] == '%'.
+bool ParseConv(const char *fmt, size_t i, Conv *c, std::string *why) {
+  size_t j = i + 1;
+  while (fmt[j] != '\0' && strchr("-+ #0'", fmt[j]) != nullptr) {
+    c->flagsWidthPrec += fmt[j++];
+  }
+  if (fmt[j] == '*') {
+    *why = "'*' width takes an argument of its own and is not supported";
+    return false;
+  }
+  while (fmt[j] >= '0' && fmt[j] <= '9') {
+    c->flagsWidthPrec += fmt[j++];
+  }
+  if (fmt[j] == '.') {
+    c->flagsWidthPrec += fmt[j++];
+    if (fmt[j] == '*') {
+      *why = "'*' precision takes an argument of its own and is not supported";
+      return false;
+    }
+    while (fmt[j] >= '0' && fmt[j] <= '9') {
+      c->flagsWidthPrec += fmt[j++];
+    }
+  }
+  if ((fmt[j] == 'h' && fmt[j + 1] == 'h') || (fmt[j] == 'l' && fmt[j + 1] == 'l')) {
+    c->len.assign(fmt + j, 2);
+    j += 2;
+  } else if (fmt[j] != '\0' && strchr("hlLqjzt", fmt[j]) != nullptr) {
+    c->len.assign(fmt + j, 1);
+    j += 1;
+  }
+  c->letter = fmt[j];
+  if (c->letter == '\0') {
+    *why = "format ends inside a conversion";
+    return false;
+  }
+  c->end = j + 1;
+  return TypeOfLetter(c, why);
+}
+
 bool ParseFormat(const char *format, std::vector<Conv> *convs, std::string *why) {
   if (format == nullptr) {
     *why = "null format";
@@ -188,6 +146,8 @@ RawArg ReadVaArg(const Conv &c, va_list *vap) {
   switch (c.type) {
     case MSGFMT_TYPE_INT32: {
       int v = va_arg(va, int);
+      // "%hhd" promotes a signed char: the sign extension is the point.
+      // NOLINTNEXTLINE(bugprone-signed-char-misuse)
       if (len == "hh" && c.letter != 'c') v = static_cast<signed char>(v);
       if (len == "h") v = static_cast<short>(v);
       a.bits = static_cast<uint64_t>(static_cast<int64_t>(v));
@@ -234,11 +194,6 @@ RawArg ReadVaArg(const Conv &c, va_list *vap) {
   }
   return a;
 #undef va
-}
-
-void WriteSlot(void *block, size_t index, uint32_t type, uint32_t length, uint64_t value) {
-  MsgFmt_Arg slot{type, length, value};
-  memcpy(static_cast<uint8_t *>(block) + index * MSGFMT_SLOT_SIZE, &slot, sizeof slot);
 }
 
 // ---- printing ----------------------------------------------------------------
@@ -420,13 +375,6 @@ bool MsgFmt_GetArgsWithBuf(const char *format, va_list va, MsgFmt_Arg **args, in
   return true;
 }
 
-MsgFmt_Arg MsgFmt_ReadSlot(const void *block, int index) {
-  MsgFmt_Arg slot;
-  memcpy(&slot, static_cast<const uint8_t *>(block) + static_cast<size_t>(index) * MSGFMT_SLOT_SIZE,
-         sizeof slot);
-  return slot;
-}
-
 char *MsgFmt_Asprintf(size_t *length, const char *format, const MsgFmt_Arg *args, int numArgs) {
   std::vector<RawArg> raw;
   for (int i = 0; i < numArgs; i++) {
@@ -450,147 +398,6 @@ char *MsgFmt_Asprintf(size_t *length, const char *format, const MsgFmt_Arg *args
   memcpy(out, text.c_str(), text.size() + 1);
   if (length != nullptr) *length = text.size();
   return out;
-}
-
-void MsgFmt_SwizzleArgs(MsgFmt_Arg *args, int numArgs) {
-  uintptr_t base = reinterpret_cast<uintptr_t>(args);
-  for (int i = 0; i < numArgs; i++) {
-    MsgFmt_Arg s = MsgFmt_ReadSlot(args, i);
-    if (s.type != MSGFMT_TYPE_STRING) continue;
-    s.value = s.length == MSGFMT_NULL_STRING ? 0 : static_cast<uint64_t>(s.value - base);
-    WriteSlot(args, static_cast<size_t>(i), s.type, s.length, s.value);
-  }
-}
-
-int MsgFmt_GetSwizzledString(const void *block, size_t blockSize, int numArgs, int index,
-                             const char **str) {
-  if (block == nullptr || str == nullptr || numArgs < 0 || index < 0 || index >= numArgs) {
-    return 22;
-  }
-  uint64_t slots = static_cast<uint64_t>(numArgs) * MSGFMT_SLOT_SIZE;
-  if (slots > blockSize) return 22;
-  MsgFmt_Arg s = MsgFmt_ReadSlot(block, index);
-  if (s.type != MSGFMT_TYPE_STRING) return 22;
-  if (s.length == MSGFMT_NULL_STRING) {
-    *str = nullptr;
-    return 0;
-  }
-  if (s.value < slots || s.value >= blockSize || blockSize - s.value <= s.length) return 22;
-  const char *p = static_cast<const char *>(block) + s.value;
-  if (p[s.length] != '\0' || memchr(p, '\0', s.length) != nullptr) return 22;
-  *str = p;
-  return 0;
-}
-
-std::vector<uint8_t> MsgFmt_EncodeBlock(const std::vector<MsgFmt_Value> &args) {
-  size_t size = args.size() * MSGFMT_SLOT_SIZE;
-  for (const MsgFmt_Value &v : args) {
-    if (v.type == MSGFMT_TYPE_STRING && !v.isNull) size += v.str.size() + 1;
-  }
-  std::vector<uint8_t> block(size, 0);
-  size_t strOff = args.size() * MSGFMT_SLOT_SIZE;
-  for (size_t i = 0; i < args.size(); i++) {
-    const MsgFmt_Value &v = args[i];
-    if (v.type != MSGFMT_TYPE_STRING) {
-      WriteSlot(block.data(), i, v.type, 0, v.bits);
-    } else if (v.isNull) {
-      WriteSlot(block.data(), i, v.type, MSGFMT_NULL_STRING, 0);
-    } else {
-      memcpy(block.data() + strOff, v.str.data(), v.str.size());
-      WriteSlot(block.data(), i, v.type, static_cast<uint32_t>(v.str.size()), strOff);
-      strOff += v.str.size() + 1;
-    }
-  }
-  return block;
-}
-
-namespace platform_internal {
-
-bool ParseBlock(const uint8_t *block, size_t size, uint32_t numArgs, std::vector<RawArg> *out,
-                std::string *why) {
-  auto fail = [why](const std::string &w) {
-    if (why != nullptr) *why = w;
-    return false;
-  };
-  uint64_t slots = static_cast<uint64_t>(numArgs) * MSGFMT_SLOT_SIZE;
-  if (slots > size) {
-    return fail("argument count " + std::to_string(numArgs) + " needs more than the block's " +
-                std::to_string(size) + " bytes");
-  }
-  out->clear();
-  out->reserve(numArgs);
-  uint64_t next = slots;   // strings are stored once, in argument order
-  for (uint32_t i = 0; i < numArgs; i++) {
-    MsgFmt_Arg s = MsgFmt_ReadSlot(block, static_cast<int>(i));
-    RawArg a;
-    a.type = s.type;
-    a.bits = s.value;
-    std::string where = "argument " + std::to_string(i) + ": ";
-    switch (s.type) {
-      case MSGFMT_TYPE_INT32:
-        if (s.value != static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(s.value))))
-          return fail(where + "int32 value not sign-extended");
-        break;
-      case MSGFMT_TYPE_UINT32:
-        if (s.value > 0xFFFFFFFFu) return fail(where + "uint32 value not zero-extended");
-        break;
-      case MSGFMT_TYPE_INT64:
-      case MSGFMT_TYPE_UINT64:
-      case MSGFMT_TYPE_DOUBLE:
-        break;
-      case MSGFMT_TYPE_STRING:
-        a.bits = 0;
-        if (s.length == MSGFMT_NULL_STRING) {
-          if (s.value != 0) return fail(where + "null string with a non-zero offset");
-          break;
-        }
-        if (s.value != next) return fail(where + "string offset " + std::to_string(s.value) +
-                                         " outside its place (expected " + std::to_string(next) + ")");
-        if (next + s.length >= size) return fail(where + "string runs past the block");
-        if (block[next + s.length] != '\0') return fail(where + "string not NUL-terminated");
-        if (memchr(block + next, '\0', s.length) != nullptr)
-          return fail(where + "string shorter than its length");
-        a.str = reinterpret_cast<const char *>(block + next);
-        next += static_cast<uint64_t>(s.length) + 1;
-        break;
-      default:
-        return fail(where + "unknown type " + std::to_string(s.type));
-    }
-    if (s.type != MSGFMT_TYPE_STRING && s.length != 0) {
-      return fail(where + "length field of a non-string is not 0");
-    }
-    out->push_back(a);
-  }
-  if (next != size) {
-    return fail("block is " + std::to_string(size) + " bytes, its arguments use " +
-                std::to_string(next));
-  }
-  return true;
-}
-
-}  // namespace platform_internal
-
-bool MsgFmt_DecodeBlock(const void *block, size_t size, uint32_t numArgs,
-                        std::vector<MsgFmt_Value> *out, std::string *why) {
-  std::vector<RawArg> raw;
-  if ((block == nullptr && size > 0) ||
-      !platform_internal::ParseBlock(static_cast<const uint8_t *>(block), size, numArgs, &raw, why)) {
-    return false;
-  }
-  if (out != nullptr) {
-    out->clear();
-    for (const RawArg &a : raw) {
-      MsgFmt_Value v;
-      v.type = a.type;
-      v.bits = a.bits;
-      if (a.type == MSGFMT_TYPE_STRING) {
-        v.isNull = a.str == nullptr;
-        if (a.str != nullptr) v.str = a.str;
-      }
-      out->push_back(v);
-    }
-  }
-  return true;
 }
 
 std::string MsgFmt_FormatValues(const char *format, const std::vector<MsgFmt_Value> &args) {

@@ -10,6 +10,14 @@
 
 #include "MsgFmt.h"
 
+// An open context (TevLib_Handle points to one).
+struct TevLibContext {
+  uint32_t domain = 0;
+  bool user = false;
+  int fd = -1;
+  std::string name;
+};
+
 namespace platform_internal {
 
 // One argument of a validated, swizzled block; strings point into the block.
@@ -18,6 +26,9 @@ struct RawArg {
   uint64_t bits = 0;
   const char *str = nullptr;   // nullptr for a null string (and non-strings)
 };
+
+// Writes slot `index` of a block (blocks sit at any alignment: memcpy).
+void WriteSlot(void *block, size_t index, uint32_t type, uint32_t length, uint64_t value);
 
 // Validates a swizzled block of exactly `size` bytes holding `numArgs` slots.
 bool ParseBlock(const uint8_t *block, size_t size, uint32_t numArgs, std::vector<RawArg> *out,
@@ -40,6 +51,9 @@ std::string FdName(int fd);
 // (TevLib_ReadFromFd); contexts opened by TevLib get one. Detach frees it.
 void AttachReadBatch(int fd);
 void DetachReadBatch(int fd);
+
+// TevLib's diagnostics: to the function the daemon set, else the log sink.
+void TevLibLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 void Syslog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 

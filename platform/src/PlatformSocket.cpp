@@ -49,6 +49,22 @@ bool PlatformSocket_Address(const std::string &path, struct sockaddr_un *addr) {
   return true;
 }
 
+int PlatformSocket_SendTo(int fd, const std::string &path, const void *data, size_t size,
+                          int flags) {
+  struct sockaddr_un addr;
+  if (!PlatformSocket_Address(path, &addr)) {
+    return errno;
+  }
+  for (;;) {
+    ssize_t n = sendto(fd, data, size, flags | MSG_NOSIGNAL,
+                       reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    return n < 0 ? errno : (static_cast<size_t>(n) == size ? 0 : EMSGSIZE);
+  }
+}
+
 namespace {
 
 int CloseKeepingErrno(int fd) {

@@ -117,6 +117,35 @@ int Tev_GetArgs(Tev *tev, int first, const char *format, ...) {
   return rc;
 }
 
+namespace {
+
+// Stores an integer argument in the C type its conversion names.
+void StoreInteger(void *dst, char letter, const std::string &len, uint64_t bits) {
+  if (letter == 'c' || len == "hh") StoreAs<unsigned char>(dst, bits);
+  else if (len == "h") StoreAs<unsigned short>(dst, bits);
+  else if (len.empty()) StoreAs<unsigned int>(dst, bits);
+  else if (len == "l" || len == "z" || len == "t") StoreAs<unsigned long>(dst, bits);
+  else if (len == "j") StoreAs<uintmax_t>(dst, bits);
+  else StoreAs<unsigned long long>(dst, bits);
+}
+
+// "%lf" stores a double, "%f" a float; other lengths are refused.
+int StoreDouble(void *dst, const std::string &len, uint64_t bits) {
+  double d;
+  memcpy(&d, &bits, sizeof d);
+  if (len == "l") {
+    memcpy(dst, &d, sizeof d);
+  } else if (len.empty()) {
+    float f = static_cast<float>(d);
+    memcpy(dst, &f, sizeof f);
+  } else {
+    return TEVLIB_ERR_INVAL;
+  }
+  return TEVLIB_OK;
+}
+
+}  // namespace
+
 // scanf-like: "%" [*] [width] [length] letter. '*' reads an argument without
 // storing it, as scanf's assignment suppression does.
 int Tev_GetArgsVA(Tev *tev, int first, const char *format, va_list ap) {
@@ -168,29 +197,13 @@ int Tev_GetArgsVA(Tev *tev, int first, const char *format, va_list ap) {
       if (!IsInteger(a.type)) {
         rc = TEVLIB_ERR_INVAL;
       } else if (!suppress) {
-        void *dst = va_arg(va, void *);
-        if (letter == 'c' || len == "hh") StoreAs<unsigned char>(dst, a.bits);
-        else if (len == "h") StoreAs<unsigned short>(dst, a.bits);
-        else if (len.empty()) StoreAs<unsigned int>(dst, a.bits);
-        else if (len == "l" || len == "z" || len == "t") StoreAs<unsigned long>(dst, a.bits);
-        else if (len == "j") StoreAs<uintmax_t>(dst, a.bits);
-        else StoreAs<unsigned long long>(dst, a.bits);
+        StoreInteger(va_arg(va, void *), letter, len, a.bits);
       }
     } else if (strchr("feEgGaA", letter) != nullptr) {
       if (a.type != MSGFMT_TYPE_DOUBLE) {
         rc = TEVLIB_ERR_INVAL;
       } else if (!suppress) {
-        double d;
-        memcpy(&d, &a.bits, sizeof d);
-        void *dst = va_arg(va, void *);
-        if (len == "l") {
-          memcpy(dst, &d, sizeof d);
-        } else if (len.empty()) {
-          float f = static_cast<float>(d);
-          memcpy(dst, &f, sizeof f);
-        } else {
-          rc = TEVLIB_ERR_INVAL;
-        }
+        rc = StoreDouble(va_arg(va, void *), len, a.bits);
       }
     } else {
       rc = TEVLIB_ERR_INVAL;

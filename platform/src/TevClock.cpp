@@ -36,6 +36,8 @@ time_t TevClock_Time(void) {
   return tv.tv_sec;
 }
 
+int64_t TevClock_NowSeconds(void) { return static_cast<int64_t>(TevClock_Time()); }
+
 void TevClock_SetFake(int64_t usec) {
   gFakeUs.store(usec);
   gFake.store(true);

@@ -18,7 +18,6 @@
 #include "LogCapture.h"
 #include "TevdTestSupport.h"
 #include "tevdTrace.h"
-#include "tevdTraceListeners.h"
 
 namespace {
 

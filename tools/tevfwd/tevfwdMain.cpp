@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "PlatformSocket.h"
 #include "PlatformRoot.h"
 #include "Qprob.h"
 #include "tevdVersion.h"
@@ -201,25 +202,11 @@ void FlushLog(Shared *s) {
 }
 
 int Listen(const std::string &path) {
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
-  memcpy(addr.sun_path, path.c_str(), path.size());
-  PlatformRoot_MakeDirs(path.substr(0, path.rfind('/')));
-  unlink(path.c_str());
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) return -1;
-  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 128) != 0) {
-    int e = errno;
-    close(fd);
-    errno = e;
-    return -1;
-  }
-  return fd;
+  PlatformListen how;
+  how.type = SOCK_STREAM;
+  how.flags = SOCK_NONBLOCK;
+  how.backlog = 128;
+  return PlatformSocket_Listen(path, how);
 }
 
 // Reads one connection to EOF within 2 s: tevd writes one message and closes.
@@ -390,7 +377,7 @@ int main(int argc, char **argv) {
     return left == 0 ? 0 : 1;
   }
 
-  std::string path = PlatformRoot_Path("/var/run/orlan/marshd-qprob.sock");
+  std::string path = PlatformEndpoint_Path(PlatformEndpoint::QprobAgent);
   int lfd = Listen(path);
   if (lfd < 0) {
     fprintf(stderr, "tevfwd: cannot listen on %s: %s\n", path.c_str(), strerror(errno));

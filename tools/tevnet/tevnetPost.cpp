@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "PlatformSocket.h"
 #include "PlatformRoot.h"
 #include "TevLib.h"
 #include "tevnet.h"
@@ -37,9 +38,7 @@ void Log(const char *format, ...) {
 }
 
 Poster::Poster(uint32_t domain, int dropLogSec) : dropLogSec_(dropLogSec) {
-  char rel[64];
-  snprintf(rel, sizeof rel, "/var/run/orlan/tev/async-%02u.sock", domain);
-  path_ = PlatformRoot_Path(rel);
+  path_ = PlatformEndpoint_Path(PlatformEndpoint::AsyncContext, domain);
   fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) Log("cannot create a socket: %s", strerror(errno));
   intervalStart_ = NowUs();
@@ -53,24 +52,8 @@ Poster::~Poster() {
 bool Poster::Post(const Observation &obs) {
   std::vector<uint8_t> record =
       TevRecord_Encode(obs.id, obs.message, static_cast<uint64_t>(NowUs()), obs.args);
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  int err = 0;
-  if (fd_ < 0) {
-    err = EBADF;
-  } else if (path_.size() >= sizeof addr.sun_path) {
-    err = ENAMETOOLONG;
-  } else {
-    memcpy(addr.sun_path, path_.c_str(), path_.size());
-    for (;;) {
-      ssize_t n = sendto(fd_, record.data(), record.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                         reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
-      if (n < 0 && errno == EINTR) continue;
-      err = n == static_cast<ssize_t>(record.size()) ? 0 : (n < 0 ? errno : EMSGSIZE);
-      break;
-    }
-  }
+  int err = fd_ < 0 ? EBADF
+                    : PlatformSocket_SendTo(fd_, path_, record.data(), record.size(), MSG_DONTWAIT);
   if (err == 0) {
     ReportDrops(false);
     return true;

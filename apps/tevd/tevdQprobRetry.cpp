@@ -1,0 +1,179 @@
+// The retry queue of events the agent did not take at once. The locking
+// rules are in tevdQprob.cpp's DESIGN block.
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "tevdAlarm.h"
+#include "tevdLog.h"
+#include "tevdQprob.h"
+#include "tevdQprobInternal.h"
+
+namespace {
+
+constexpr unsigned kRetrySeconds = 180;
+constexpr int kMaxRetries = 5;
+
+struct RetryEntry {
+  RetryEntry *next;
+  RetryEntry *prev;
+  int32_t failures;
+  uint64_t length;
+  uint8_t *message;
+};
+
+pthread_mutex_t retryListMutex = PTHREAD_MUTEX_INITIALIZER;
+RetryEntry retryHead;            // sentinel of the circular list, oldest first
+bool retryListInitialised = false;
+
+std::atomic<int32_t> retryAlarmId{-1};
+bool retryAlarmArmed = false;    // guarded by retryListMutex
+
+const char *MessageId(const uint8_t *message) {
+  return reinterpret_cast<const char *>(message) + TEVD_QPROB_HEADER_SIZE;
+}
+
+void InitRetryListLocked() {
+  if (!retryListInitialised) {
+    retryHead.next = &retryHead;
+    retryHead.prev = &retryHead;
+    retryListInitialised = true;
+  }
+}
+
+void UnlinkEntry(RetryEntry *e) {
+  e->prev->next = e->next;
+  e->next->prev = e->prev;
+  free(e->message);
+  free(e);
+}
+
+void ArmRetryAlarm() {
+  TevdAlarm_Set(retryAlarmId.load(std::memory_order_relaxed), 0, kRetrySeconds, nullptr);
+}
+
+}  // namespace
+
+void TevdQprobRetry_Init(void) {
+  retryAlarmId.store(TevdAlarm_Register(TevdQprobAlarmHandler), std::memory_order_relaxed);
+}
+
+void TevdQprob_Queue(const void *message, size_t length) {
+  pthread_mutex_lock(&retryListMutex);
+  InitRetryListLocked();
+  pthread_mutex_unlock(&retryListMutex);
+
+  RetryEntry *entry = static_cast<RetryEntry *>(malloc(sizeof(RetryEntry)));
+  if (entry == nullptr) {
+    return;
+  }
+  entry->message = static_cast<uint8_t *>(malloc(length > 0 ? length : 1));
+  if (entry->message == nullptr) {
+    free(entry);
+    return;
+  }
+  memcpy(entry->message, message, length);
+  entry->failures = 0;
+  entry->length = length;
+
+  pthread_mutex_lock(&retryListMutex);
+  entry->prev = retryHead.prev;
+  entry->next = &retryHead;
+  retryHead.prev->next = entry;
+  retryHead.prev = entry;
+  bool arm = !retryAlarmArmed;
+  retryAlarmArmed = true;
+  pthread_mutex_unlock(&retryListMutex);
+
+  if (arm) {
+    ArmRetryAlarm();
+  }
+}
+
+void TevdQprobAlarmHandler(void) {
+  // Take the list out; sends happen without the mutex.
+  RetryEntry pass;
+  pthread_mutex_lock(&retryListMutex);
+  InitRetryListLocked();
+  if (retryHead.next == &retryHead) {
+    retryAlarmArmed = false;
+    pthread_mutex_unlock(&retryListMutex);
+    return;
+  }
+  pass.next = retryHead.next;
+  pass.prev = retryHead.prev;
+  pass.next->prev = &pass;
+  pass.prev->next = &pass;
+  retryHead.next = retryHead.prev = &retryHead;
+  pthread_mutex_unlock(&retryListMutex);
+
+  bool timedOut = false;
+  RetryEntry *next;
+  for (RetryEntry *e = pass.next; e != &pass; e = next) {
+    next = e->next;
+    // After one time-out the agent is taken as stuck for this pass: the rest
+    // count a failure without waiting again, so a pass (and every alarm
+    // behind it) takes one time-out at most.
+    int rc = -1;
+    if (!timedOut) {
+      errno = 0;
+      rc = TevdQprob_Send(e->message, e->length);
+      timedOut = rc < 0 && TevdQprob_LastSendTimedOut();
+      TevdQprob_NoteStuck(timedOut);
+    }
+    if (rc < 0) {
+      e->failures++;
+    }
+    int n = e->failures;
+    // Counts include the first, immediate attempt.
+    if (rc >= 0) {
+      TevdLog("Successfully sent event (%s) after %d failure%s.\n", MessageId(e->message), n + 1,
+              n == 0 ? "" : "s");
+      UnlinkEntry(e);
+    } else if (n <= kMaxRetries - 1) {
+      TevdLog("Failed to send event (%s); %d failures so far.\n", MessageId(e->message), n + 1);
+    } else {
+      TevdLog("Abandoned event (%s) after %d failures.\n", MessageId(e->message), n + 1);
+      UnlinkEntry(e);
+    }
+  }
+
+  // What stays goes back in front of what was queued during the pass.
+  pthread_mutex_lock(&retryListMutex);
+  if (pass.next != &pass) {
+    pass.prev->next = retryHead.next;
+    retryHead.next->prev = pass.prev;
+    retryHead.next = pass.next;
+    pass.next->prev = &retryHead;
+  }
+  bool more = retryHead.next != &retryHead;
+  retryAlarmArmed = more;
+  pthread_mutex_unlock(&retryListMutex);
+  if (more) {
+    ArmRetryAlarm();
+  }
+}
+
+void TevdQprobRetry_ResetForTest(void) {
+  pthread_mutex_lock(&retryListMutex);
+  InitRetryListLocked();
+  while (retryHead.next != &retryHead) {
+    UnlinkEntry(retryHead.next);
+  }
+  retryAlarmArmed = false;
+  pthread_mutex_unlock(&retryListMutex);
+}
+
+size_t TevdQprob_RetryListLengthForTest(void) {
+  pthread_mutex_lock(&retryListMutex);
+  InitRetryListLocked();
+  size_t n = 0;
+  for (RetryEntry *e = retryHead.next; e != &retryHead; e = e->next) {
+    n++;
+  }
+  pthread_mutex_unlock(&retryListMutex);
+  return n;
+}

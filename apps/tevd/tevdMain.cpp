@@ -157,6 +157,116 @@ void CloseConnection(struct pollfd *set, int *count, int *index) {
   --*count;
 }
 
+// What serving one poll entry asks of the walk over the set.
+enum class Served {
+  Done,     // served: listen again
+  Skipped,  // closed, or gave way to the exit request: nothing more to do
+  Fatal,    // the loop ends with *fatal
+};
+
+// A user-level connection (or the listener itself when only the fixed set
+// exists) is readable.
+Served ServeConnection(ContextRow *contexts, struct pollfd *set, int *count, int *i) {
+  short rev = set[*i].revents;
+  int rc = ReadTevs(contexts[kUserListener].handle, set[*i].fd);
+  if (rc > 0 && exitRequested) {
+    return Served::Skipped;   // the distribution gave way to the exit request
+  }
+  // A record above the ceiling can never be read, and an end of stream
+  // without a hang-up (the peer shut down only its sending side, or sent an
+  // empty message) stays readable: either would make every poll return at
+  // once, so that connection is closed.
+  bool stuck = rc == TEVLIB_BUFFER_TOO_SMALL;
+  bool halfClosed = rc == TEVLIB_ERR_CLOSED && (rev & POLLHUP) == 0;
+  if (rc == 0 || ((rev & kErrorBits) == 0 && !stuck && !halfClosed) || *i < kFixedEntries) {
+    return Served::Done;
+  }
+  if (stuck) {
+    TevdLog("Closing a user-level connection: its next record is larger than the "
+            "%zu-byte buffer.\n", kBufferCeiling);
+  } else if (halfClosed) {
+    TevdLog("Closing a user-level connection: the peer sent an empty message or shut "
+            "down its sending side.\n");
+  }
+  CloseConnection(set, count, i);
+  return Served::Skipped;
+}
+
+// An observation context is readable.
+Served ServeContext(ContextRow *contexts, struct pollfd *set, int i, int *fatal) {
+  int rc = ReadTevs(contexts[i].handle, set[i].fd);
+  if (rc == TEVLIB_BUFFER_TOO_SMALL) {
+    char name[TEVLIB_NAME_MAX];
+    TevLib_HandleToName(contexts[i].handle, name);
+    int reset = TevLib_Reset(contexts[i].handle);
+    TevdLog("A record on %s is larger than the %zu-byte buffer; %s what was pending.\n", name,
+            kBufferCeiling, reset == 0 ? "dropped it and" : "failed to drop");
+  } else if (rc > 0) {
+    if (exitRequested) {
+      return Served::Skipped;   // the distribution gave way to the exit request
+    }
+    *fatal = rc;
+    return Served::Fatal;
+  }
+  return Served::Done;
+}
+
+Served ServeEntry(ContextRow *contexts, struct pollfd *set, int *count, int *i, int capacity,
+                  int *fatal) {
+  short rev = set[*i].revents;
+  if ((rev & POLLIN) == 0) {
+    if (*i >= kFixedEntries && (rev & kErrorBits) != 0) {
+      CloseConnection(set, count, i);
+      return Served::Skipped;
+    }
+    return Served::Done;
+  }
+  if (*i < kUserListener) {
+    return ServeContext(contexts, set, *i, fatal);
+  }
+  if (*i == kUserListener && capacity > kFixedEntries) {
+    int fd = -1;
+    int rc = TevLib_UserContextNewCnx(contexts[kUserListener].handle, &fd);
+    if (rc != 0) {
+      AcceptFailed("User-level", set[*i].fd, rc);
+    } else if (*count >= kMaxEntries) {
+      close(fd);  // eight connections at most; extra clients are dropped
+    } else {
+      set[*count] = {fd, POLLIN, 0};
+      ++*count;
+    }
+    return Served::Done;
+  }
+  if (*i == kTraceListener) {
+    int err = TevdTrace_Accept(set[*i].fd);
+    if (err != 0) {
+      AcceptFailed("Trace", set[*i].fd, err);
+    }
+    return Served::Done;
+  }
+  return ServeConnection(contexts, set, count, i);
+}
+
+// Waits for the next activity. 0, or -1 when poll failed (EINTR included).
+int WaitForActivity(struct pollfd *set, int count) {
+  // The watchdog's keep-alive and paused listeners both bound the wait; the
+  // sooner of the two wins (-1 is no bound).
+  bool paused = listenersPausedUntil != 0;
+  int timeoutMs = TevdNotify_PollTimeoutMs();
+  if (paused && (timeoutMs < 0 || timeoutMs > kPausedPollSliceMs)) {
+    timeoutMs = kPausedPollSliceMs;
+  }
+  if (poll(set, static_cast<nfds_t>(count), timeoutMs) < 0) {
+    return -1;
+  }
+  if (paused && TevClock_Time() >= listenersPausedUntil) {
+    listenersPausedUntil = 0;
+    set[kUserListener].events = POLLIN;
+    set[kTraceListener].events = POLLIN;
+  }
+  return 0;
+}
+
 int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
   int count = kFixedEntries;
   // The reader's lines go out together before it waits (main unbatches).
@@ -174,87 +284,23 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
       TevdLog("Exiting due to signal.\n");
       return 0;
     }
-    // The watchdog's keep-alive and paused listeners both bound the wait; the
-    // sooner of the two wins (-1 is no bound).
-    bool paused = listenersPausedUntil != 0;
-    int timeoutMs = TevdNotify_PollTimeoutMs();
-    if (paused && (timeoutMs < 0 || timeoutMs > kPausedPollSliceMs)) {
-      timeoutMs = kPausedPollSliceMs;
-    }
-    if (poll(set, static_cast<nfds_t>(count), timeoutMs) < 0) {
+    if (WaitForActivity(set, count) < 0) {
       if (errno == EINTR) {
         continue;
       }
       return -1;
     }
-    if (paused && TevClock_Time() >= listenersPausedUntil) {
-      listenersPausedUntil = 0;
-      set[kUserListener].events = POLLIN;
-      set[kTraceListener].events = POLLIN;
-    }
     for (int i = 0; i < count; ++i) {
-      short rev = set[i].revents;
-      if (rev == 0) {
+      if (set[i].revents == 0) {
         continue;
       }
-      if ((rev & POLLIN) == 0) {
-        if (i >= kFixedEntries && (rev & kErrorBits) != 0) {
-          CloseConnection(set, &count, &i);
-          continue;
-        }
-      } else if (i < kUserListener) {
-        int rc = ReadTevs(contexts[i].handle, set[i].fd);
-        if (rc == TEVLIB_BUFFER_TOO_SMALL) {
-          char name[TEVLIB_NAME_MAX];
-          TevLib_HandleToName(contexts[i].handle, name);
-          int reset = TevLib_Reset(contexts[i].handle);
-          TevdLog("A record on %s is larger than the %zu-byte buffer; %s what was pending.\n",
-                  name, kBufferCeiling, reset == 0 ? "dropped it and" : "failed to drop");
-        } else if (rc > 0) {
-          if (exitRequested) {
-            continue;   // the distribution gave way to the exit request
-          }
-          return rc;
-        }
-      } else if (i == kUserListener && capacity > kFixedEntries) {
-        int fd = -1;
-        int rc = TevLib_UserContextNewCnx(contexts[kUserListener].handle, &fd);
-        if (rc != 0) {
-          AcceptFailed("User-level", set[i].fd, rc);
-        } else if (count >= kMaxEntries) {
-          close(fd);  // eight connections at most; extra clients are dropped
-        } else {
-          set[count] = {fd, POLLIN, 0};
-          ++count;
-        }
-      } else if (i == kTraceListener) {
-        int err = TevdTrace_Accept(set[i].fd);
-        if (err != 0) {
-          AcceptFailed("Trace", set[i].fd, err);
-        }
-      } else {
-        // A connection, or the listener itself when only the fixed set exists.
-        int rc = ReadTevs(contexts[kUserListener].handle, set[i].fd);
-        if (rc > 0 && exitRequested) {
-          continue;   // the distribution gave way to the exit request
-        }
-        // A record above the ceiling can never be read, and an end of stream
-        // without a hang-up (the peer shut down only its sending side, or
-        // sent an empty message) stays readable: either would make every
-        // poll return at once, so that connection is closed.
-        bool stuck = rc == TEVLIB_BUFFER_TOO_SMALL;
-        bool halfClosed = rc == TEVLIB_ERR_CLOSED && (rev & POLLHUP) == 0;
-        if (rc != 0 && ((rev & kErrorBits) != 0 || stuck || halfClosed) && i >= kFixedEntries) {
-          if (stuck) {
-            TevdLog("Closing a user-level connection: its next record is larger than the "
-                    "%zu-byte buffer.\n", kBufferCeiling);
-          } else if (halfClosed) {
-            TevdLog("Closing a user-level connection: the peer sent an empty message or shut "
-                    "down its sending side.\n");
-          }
-          CloseConnection(set, &count, &i);
-          continue;
-        }
+      int fatal = 0;
+      Served served = ServeEntry(contexts, set, &count, &i, capacity, &fatal);
+      if (served == Served::Fatal) {
+        return fatal;
+      }
+      if (served == Served::Skipped) {
+        continue;
       }
       set[i].events = POLLIN;
       set[i].revents = 0;

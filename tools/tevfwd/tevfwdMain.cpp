@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -58,13 +57,7 @@ const char kUsage[] =
 std::atomic<bool> gStop{false};
 std::atomic<bool> gCounters{false};
 
-void OnSignal(int sig) {
-  if (sig == SIGUSR1) {
-    gCounters = true;
-  } else {
-    gStop = true;
-  }
-}
+void OnSignal(int sig) { (sig == SIGUSR1 ? gCounters : gStop) = true; }
 
 void Log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void Log(const char *fmt, ...) {
@@ -264,87 +257,90 @@ void AcceptAll(Shared *s, int lfd) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
+// The command line: what the forwarder is told beyond its options.
+struct CommandLine {
   tevfwd::Options opt;
   bool once = false;
-  int64_t retryMaxSec = 10, timeoutSec = 5, secs = 0;
+  int64_t retryMaxSec = 10, timeoutSec = 5;
   std::string spool;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    auto value = [&](const char **out) {
-      if (i + 1 >= argc) {
-        fprintf(stderr, "tevfwd: %s needs a value (try --help)\n", a.c_str());
-        return false;
-      }
-      *out = argv[++i];
-      return true;
-    };
-    auto seconds = [&](int64_t *out) {
-      const char *v = nullptr;
-      if (!value(&v)) return false;
-      if (!ParseSeconds(v, out)) {
-        fprintf(stderr, "tevfwd: %s wants a positive whole number, not \"%s\"\n", a.c_str(), v);
-        return false;
-      }
-      return true;
-    };
-    const char *v = nullptr;
-    if (a == "--help" || a == "-h") {
-      printf("tevfwd %s\n%s", TEVD_VERSION, kUsage);
-      return 0;
-    } else if (a == "--version") {
-      printf("tevfwd %s\n", TEVD_VERSION);
-      return 0;
-    } else if (a == "--alertmanager") {
-      if (!value(&v)) return 2;
-      opt.alertmanagers.push_back(v);
-    } else if (a == "--audits") {
-      opt.audits = true;
-    } else if (a == "--once") {
-      once = true;
-    } else if (a == "--resend") {
-      if (!seconds(&secs)) return 2;
-      opt.resendMs = secs * 1000;
-    } else if (a == "--lifetime") {
-      if (!seconds(&secs)) return 2;
-      opt.lifetimeMs = secs * 1000;
-    } else if (a == "--audit-lifetime") {
-      if (!seconds(&secs)) return 2;
-      opt.auditLifetimeMs = secs * 1000;
-    } else if (a == "--retry-max") {
-      if (!seconds(&retryMaxSec)) return 2;
-    } else if (a == "--timeout") {
-      if (!seconds(&timeoutSec)) return 2;
-    } else if (a == "--spool") {
-      if (!value(&v)) return 2;
-      spool = v;
-    } else if (a == "--spool-max") {
-      if (!seconds(&secs)) return 2;
-      opt.spoolMaxBytes = static_cast<uint64_t>(secs);
-    } else {
-      fprintf(stderr, "tevfwd: unknown option \"%s\" (try --help)\n", a.c_str());
-      return 2;
+};
+
+// Reads one option at argv[*i] (and its value). -1 to go on, else the exit
+// status (0 after --help or --version, 2 for a bad option).
+int ParseOption(int argc, char **argv, int *i, CommandLine *cl) {
+  tevfwd::Options &opt = cl->opt;
+  std::string a = argv[*i];
+  const char *v = nullptr;
+  auto value = [&](const char **out) {
+    if (*i + 1 >= argc) {
+      fprintf(stderr, "tevfwd: %s needs a value (try --help)\n", a.c_str());
+      return false;
     }
+    *out = argv[++*i];
+    return true;
+  };
+  int64_t secs = 0;
+  auto seconds = [&](int64_t *out) {
+    if (!value(&v)) return false;
+    if (!ParseSeconds(v, out)) {
+      fprintf(stderr, "tevfwd: %s wants a positive whole number, not \"%s\"\n", a.c_str(), v);
+      return false;
+    }
+    return true;
+  };
+  if (a == "--help" || a == "-h") {
+    printf("tevfwd %s\n%s", TEVD_VERSION, kUsage);
+    return 0;
   }
-  if (opt.alertmanagers.empty()) {
+  if (a == "--version") {
+    printf("tevfwd %s\n", TEVD_VERSION);
+    return 0;
+  }
+  bool ok = true;
+  if (a == "--alertmanager") {
+    ok = value(&v) && (opt.alertmanagers.push_back(v), true);
+  } else if (a == "--audits") {
+    opt.audits = true;
+  } else if (a == "--once") {
+    cl->once = true;
+  } else if (a == "--resend" || a == "--lifetime" || a == "--audit-lifetime") {
+    ok = seconds(&secs);
+    (a == "--resend" ? opt.resendMs : a == "--lifetime" ? opt.lifetimeMs : opt.auditLifetimeMs) =
+        secs * 1000;
+  } else if (a == "--retry-max") {
+    ok = seconds(&cl->retryMaxSec);
+  } else if (a == "--timeout") {
+    ok = seconds(&cl->timeoutSec);
+  } else if (a == "--spool") {
+    ok = value(&v) && (cl->spool = v, true);
+  } else if (a == "--spool-max") {
+    ok = seconds(&secs);
+    opt.spoolMaxBytes = static_cast<uint64_t>(secs);
+  } else {
+    fprintf(stderr, "tevfwd: unknown option \"%s\" (try --help)\n", a.c_str());
+    ok = false;
+  }
+  return ok ? -1 : 2;
+}
+
+// -1 to go on, else the exit status.
+int ParseCommandLine(int argc, char **argv, CommandLine *cl) {
+  for (int i = 1; i < argc; ++i) {
+    int rc = ParseOption(argc, argv, &i, cl);
+    if (rc >= 0) return rc;
+  }
+  if (cl->opt.alertmanagers.empty()) {
     fprintf(stderr, "tevfwd: give at least one --alertmanager URL (try --help)\n");
     return 2;
   }
-  if (opt.alertmanagers.size() > 32) {
+  if (cl->opt.alertmanagers.size() > 32) {
     fprintf(stderr, "tevfwd: at most 32 --alertmanager URLs\n");
     return 2;
   }
-  opt.spoolDir = spool.empty() ? PlatformRoot_Path("/var/lib/tevfwd") : spool;
-  if (int rc = PlatformRoot_MakeDirs(opt.spoolDir)) {
-    fprintf(stderr, "tevfwd: cannot create the spool %s: %s\n", opt.spoolDir.c_str(), strerror(rc));
-    return 1;
-  }
-  char host[256] = {};
-  gethostname(host, sizeof host - 1);
-  opt.hostName = host;
+  return -1;
+}
 
+void HandleSignals() {
   struct sigaction sa;
   memset(&sa, 0, sizeof sa);
   sa.sa_handler = OnSignal;   // no SA_RESTART: poll returns at once
@@ -352,6 +348,67 @@ int main(int argc, char **argv) {
   sigaction(SIGINT, &sa, nullptr);
   sigaction(SIGUSR1, &sa, nullptr);
   signal(SIGPIPE, SIG_IGN);
+}
+
+// --once: every replica until it has everything or fails once.
+int SendSpooledAndExit(Shared *s, std::vector<Replica> *reps, int64_t retryMaxMs, long timeoutMs) {
+  for (size_t r = 0; r < reps->size(); ++r) {
+    while (SendOnce(s, r, &(*reps)[r], retryMaxMs, timeoutMs) && (*reps)[r].failures == 0) {
+    }
+  }
+  PrintCounters(s);
+  size_t left = s->fwd->SpoolLength();
+  if (left != 0) Log("%zu alert(s) not delivered to every Alertmanager; they stay in the spool", left);
+  return left == 0 ? 0 : 1;
+}
+
+void SaveActive(Shared *s) {
+  std::lock_guard<std::mutex> lock(s->mu);
+  s->fwd->SaveActive();
+}
+
+// Accepts from tevd until a terminating signal; the sender thread does the HTTP.
+void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string *lastCounters) {
+  int64_t nextSave = 0, nextLog = 0;
+  while (!gStop) {
+    struct pollfd p = {lfd, POLLIN, 0};
+    if (poll(&p, 1, 200) > 0) AcceptAll(s, lfd);
+    int64_t now = NowMs();
+    {
+      std::lock_guard<std::mutex> lock(s->mu);
+      size_t before = s->fwd->SpoolLength();
+      s->fwd->Tick(now);
+      if (s->fwd->SpoolLength() != before) s->wake.notify_one();
+    }
+    if (now >= nextSave) {
+      SaveActive(s);
+      SaveCounters(s, countersPath, lastCounters);
+      nextSave = now + 1000;
+    }
+    if (now >= nextLog) {
+      FlushLog(s);
+      nextLog = now + kFailureLogIntervalMs / 6;
+    }
+    if (gCounters.exchange(false)) PrintCounters(s);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  CommandLine cl;
+  int parsed = ParseCommandLine(argc, argv, &cl);
+  if (parsed >= 0) return parsed;
+  tevfwd::Options &opt = cl.opt;
+  opt.spoolDir = cl.spool.empty() ? PlatformRoot_Path("/var/lib/tevfwd") : cl.spool;
+  if (int rc = PlatformRoot_MakeDirs(opt.spoolDir)) {
+    fprintf(stderr, "tevfwd: cannot create the spool %s: %s\n", opt.spoolDir.c_str(), strerror(rc));
+    return 1;
+  }
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  opt.hostName = host;
+  HandleSignals();
 
   tevfwd::HttpInit();
   Shared s;
@@ -362,20 +419,9 @@ int main(int argc, char **argv) {
   for (size_t r = 0; r < reps.size(); ++r) {
     reps[r].poster = std::make_unique<tevfwd::AlertPoster>(opt.alertmanagers[r]);
   }
-  const int64_t retryMaxMs = retryMaxSec * 1000;
-  const long timeoutMs = static_cast<long>(timeoutSec * 1000);
-
-  if (once) {
-    // Every replica until it has everything or fails once.
-    for (size_t r = 0; r < reps.size(); ++r) {
-      while (SendOnce(&s, r, &reps[r], retryMaxMs, timeoutMs) && reps[r].failures == 0) {
-      }
-    }
-    PrintCounters(&s);
-    size_t left = s.fwd->SpoolLength();
-    if (left != 0) Log("%zu alert(s) not delivered to every Alertmanager; they stay in the spool", left);
-    return left == 0 ? 0 : 1;
-  }
+  const int64_t retryMaxMs = cl.retryMaxSec * 1000;
+  const long timeoutMs = static_cast<long>(cl.timeoutSec * 1000);
+  if (cl.once) return SendSpooledAndExit(&s, &reps, retryMaxMs, timeoutMs);
 
   std::string path = PlatformEndpoint_Path(PlatformEndpoint::QprobAgent);
   int lfd = Listen(path);
@@ -388,39 +434,12 @@ int main(int argc, char **argv) {
   std::thread sender(SenderLoop, &s, &reps, retryMaxMs, timeoutMs);
   const std::string countersPath = PlatformRoot_Path("/var/run/orlan/tevfwd-counters.json");
   std::string lastCounters;
-  int64_t nextSave = 0, nextLog = 0;
-  while (!gStop) {
-    struct pollfd p = {lfd, POLLIN, 0};
-    if (poll(&p, 1, 200) > 0) AcceptAll(&s, lfd);
-    int64_t now = NowMs();
-    {
-      std::lock_guard<std::mutex> lock(s.mu);
-      size_t before = s.fwd->SpoolLength();
-      s.fwd->Tick(now);
-      if (s.fwd->SpoolLength() != before) s.wake.notify_one();
-    }
-    if (now >= nextSave) {
-      {
-        std::lock_guard<std::mutex> lock(s.mu);
-        s.fwd->SaveActive();
-      }
-      SaveCounters(&s, countersPath, &lastCounters);
-      nextSave = now + 1000;
-    }
-    if (now >= nextLog) {
-      FlushLog(&s);
-      nextLog = now + kFailureLogIntervalMs / 6;
-    }
-    if (gCounters.exchange(false)) PrintCounters(&s);
-  }
+  AcceptLoop(&s, lfd, countersPath, &lastCounters);
   close(lfd);
   unlink(path.c_str());
   s.wake.notify_all();
   sender.join();
-  {
-    std::lock_guard<std::mutex> lock(s.mu);
-    s.fwd->SaveActive();
-  }
+  SaveActive(&s);
   SaveCounters(&s, countersPath, &lastCounters);
   FlushLog(&s);
   PrintCounters(&s);

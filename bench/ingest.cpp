@@ -21,8 +21,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -44,7 +44,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::vector<std::string> roots;   // removed at the end of the run
+std::vector<std::string> roots;  // removed at the end of the run
 
 struct Options {
   long n = 1000000;
@@ -125,7 +125,9 @@ std::vector<std::vector<uint8_t>> BuildCorpus(size_t distinct) {
         break;
       case 1: args = {MsgFmt_Value::I32(k % 64), MsgFmt_Value::U32(90)}; break;
       case 2: args = {MsgFmt_Value::Str("vm-" + name)}; break;
-      case 3: args = {MsgFmt_Value::Str("/bin/" + name), MsgFmt_Value::I32(k), MsgFmt_Value::I32(11)}; break;
+      case 3:
+        args = {MsgFmt_Value::Str("/bin/" + name), MsgFmt_Value::I32(k), MsgFmt_Value::I32(11)};
+        break;
       case 4: args = {MsgFmt_Value::U32(93), MsgFmt_Value::Str("datastore-" + name)}; break;
       default:
         args = {MsgFmt_Value::Str(name), MsgFmt_Value::I64(k * 4096L), MsgFmt_Value::U32(12),
@@ -374,7 +376,7 @@ class SyscallCounter {
              "-p", p.c_str(), static_cast<char *>(nullptr));
       _exit(127);
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));   // perf attaches
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // perf attaches
   }
   // Stops counting; the number of system calls, or -1.
   double Stop() {
@@ -406,10 +408,10 @@ struct IngestFigures {
   long handled = 0;
   double cpuSeconds = 0;
   long fullQueueSends = 0;
-  long readerSamples = 0;        // samples of the reading thread's kernel wait
-  long readerInPipeWrite = 0;    // ... blocked writing to an agent's full pipe
-  long readerInPoll = 0;         // ... waiting for input
-  double syscalls = -1;          // system calls of every thread over the span
+  long readerSamples = 0;      // samples of the reading thread's kernel wait
+  long readerInPipeWrite = 0;  // ... blocked writing to an agent's full pipe
+  long readerInPoll = 0;       // ... waiting for input
+  double syscalls = -1;        // system calls of every thread over the span
 };
 
 // Where a thread sleeps in the kernel ("pipe_write", "do_sys_poll", ...); ""
@@ -481,7 +483,7 @@ IngestFigures MeasureIngest(const std::string &root, pid_t pid, LogCounter &log,
 // read per wake-up on the consuming thread and its log lines sent together
 // with sendmmsg before it reads again.
 constexpr unsigned kBatch = 16;
-constexpr size_t kFloorSlot = 64 * 1024;   // the corpus' records are far smaller
+constexpr size_t kFloorSlot = 64 * 1024;  // the corpus' records are far smaller
 
 [[noreturn]] void FloorMain(const std::string &root, int contexts, bool batched) {
   std::vector<pollfd> set;
@@ -593,7 +595,7 @@ constexpr size_t kFloorSlot = 64 * 1024;   // the corpus' records are far smalle
             out.insert(out.end(), d, d + len);
           }
           if (static_cast<unsigned>(got) < kBatch) {
-            break;   // drained; poll tells if more came meanwhile
+            break;  // drained; poll tells if more came meanwhile
           }
         }
       }
@@ -648,7 +650,8 @@ class QprobListener {
   // Waits for the next event; false after `seconds` without one.
   bool Next(double seconds, Clock::time_point *at, std::string *id) {
     std::unique_lock<std::mutex> g(m_);
-    if (!cv_.wait_for(g, std::chrono::duration<double>(seconds), [this] { return !got_.empty(); })) {
+    if (!cv_.wait_for(g, std::chrono::duration<double>(seconds),
+                      [this] { return !got_.empty(); })) {
       return false;
     }
     *at = got_.front().first;
@@ -678,7 +681,8 @@ class QprobListener {
       close(c);
       QprobMessage msg;
       std::string why;
-      std::string id = Qprob_Decode(bytes.data(), bytes.size(), &msg, &why) ? msg.id : "bad: " + why;
+      std::string id =
+          Qprob_Decode(bytes.data(), bytes.size(), &msg, &why) ? msg.id : "bad: " + why;
       std::lock_guard<std::mutex> g(m_);
       got_.emplace_back(at, id);
       cv_.notify_one();
@@ -702,7 +706,8 @@ void LatencyLoop(const std::string &root, int domain, QprobListener &listener, i
     std::string n = std::to_string(i);
     std::vector<uint8_t> rec = TevRecord_Encode(
         "tev.net.mtlnic.ip.duplicate", "Duplicate IP %s on %s, owner %s", 1700000000000000ull + i,
-        {MsgFmt_Value::Str("10.0." + n), MsgFmt_Value::Str("mtlnic1"), MsgFmt_Value::Str("owner-" + n)});
+        {MsgFmt_Value::Str("10.0." + n), MsgFmt_Value::Str("mtlnic1"),
+         MsgFmt_Value::Str("owner-" + n)});
     Clock::time_point t0 = Clock::now();
     if (send(fd, rec.data(), rec.size(), 0) != static_cast<ssize_t>(rec.size())) {
       Die("latency send failed");
@@ -725,7 +730,9 @@ void LatencyLoop(const std::string &root, int domain, QprobListener &listener, i
 void LatencyResults(const char *prefix, std::vector<double> us, long lost, long wrong) {
   std::sort(us.begin(), us.end());
   auto pct = [&](double q) {
-    return us.empty() ? 0.0 : us[std::min(us.size() - 1, static_cast<size_t>(q * static_cast<double>(us.size())))];
+    return us.empty() ? 0.0
+                      : us[std::min(us.size() - 1,
+                                    static_cast<size_t>(q * static_cast<double>(us.size())))];
   };
   std::string k = prefix;
   Result((k + "events").c_str(), static_cast<double>(us.size()));
@@ -762,7 +769,8 @@ void MeasureIngestAndFloor(const Options &o) {
   for (const auto &r : corpus) {
     bytes += r.size();
   }
-  Result("corpus_mean_record_bytes", static_cast<double>(bytes) / static_cast<double>(corpus.size()));
+  Result("corpus_mean_record_bytes",
+         static_cast<double>(bytes) / static_cast<double>(corpus.size()));
 
   // The floors first, each on its own root.
   for (bool batched : {false, true}) {
@@ -823,8 +831,10 @@ void MeasureIngestAndFloor(const Options &o) {
   if (!samples.empty()) {
     size_t q = samples.size() / 4;
     Result("rss_load_first_quarter_max_kib",
-           static_cast<double>(*std::max_element(samples.begin(), samples.begin() + static_cast<long>(std::max<size_t>(q, 1)))));
-    Result("rss_load_max_kib", static_cast<double>(*std::max_element(samples.begin(), samples.end())));
+           static_cast<double>(*std::max_element(
+               samples.begin(), samples.begin() + static_cast<long>(std::max<size_t>(q, 1)))));
+    Result("rss_load_max_kib",
+           static_cast<double>(*std::max_element(samples.begin(), samples.end())));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   Result("rss_after_kib", static_cast<double>(RssKiB(pid)));
@@ -875,9 +885,10 @@ int main(int argc, char **argv) {
     else if (a == "--tevctl") o.tevctl = value();
     else if (a == "--no-latency") latency = false;
     else if (a == "--no-ingest") ingest = false;
-    else Die("unknown option " + a +
-             " (--n N --contexts K --latency-runs R --latency-per-run M --tevd P --tevctl P"
-             " --no-latency --no-ingest)");
+    else
+      Die("unknown option " + a +
+          " (--n N --contexts K --latency-runs R --latency-per-run M --tevd P --tevctl P"
+          " --no-latency --no-ingest)");
   }
   if (o.contexts < 1 || o.contexts > 21 || o.n < 1 || o.latencyPerRun > 1000) {
     Die("bad option value");

@@ -123,8 +123,8 @@ void BM_TevdUtilGetArgs(benchmark::State &state) {
     uint32_t bank = 0;
     const char *status = nullptr;
     long count = 0;
-    if (TevdUtil_GetArgs(tev, "CPU %d bank %u status %s count %ld", &cpu, &bank, &status,
-                         &count) != 0) {
+    if (TevdUtil_GetArgs(tev, "CPU %d bank %u status %s count %ld", &cpu, &bank, &status, &count) !=
+        0) {
       state.SkipWithError("TevdUtil_GetArgs failed");
       break;
     }

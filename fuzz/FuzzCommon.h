@@ -26,8 +26,7 @@ struct FuzzSlots {
 
 #define FUZZ_SLOT_ARGS(s)                                                                 \
   &(s).v[0], &(s).v[1], &(s).v[2], &(s).v[3], &(s).v[4], &(s).v[5], &(s).v[6], &(s).v[7], \
-      &(s).v[8], &(s).v[9], &(s).v[10], &(s).v[11], &(s).v[12], &(s).v[13], &(s).v[14],   \
-      &(s).v[15]
+      &(s).v[8], &(s).v[9], &(s).v[10], &(s).v[11], &(s).v[12], &(s).v[13], &(s).v[14], &(s).v[15]
 
 inline void *FuzzMallocCopy(const uint8_t *data, size_t size) {
   void *p = malloc(size > 0 ? size : 1);

@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::vector<uint8_t> &rec = records[data[0] % records.size()];
   int first = (data[0] >> 2) % 5;
   std::string format(reinterpret_cast<const char *>(data + 1), size - 1);
-  format = format.c_str();   // up to the first NUL
+  format = format.c_str();  // up to the first NUL
   if (FuzzCountPercent(format) > kFuzzSlots) return 0;
   Tev *tev = nullptr;
   if (Tev_MakeTev(FuzzMallocCopy(rec.data(), rec.size()), static_cast<uint32_t>(rec.size()),

@@ -8,7 +8,7 @@
 #include "Qprob.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  std::vector<uint8_t> copy(data, data + size);   // exact-size heap copy for ASan
+  std::vector<uint8_t> copy(data, data + size);  // exact-size heap copy for ASan
   QprobMessage msg;
   std::string why;
   if (!Qprob_Decode(copy.data(), copy.size(), &msg, &why)) {

@@ -21,9 +21,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   size_t bufSize = kSizes[data[0] % 8];
   const bool dgram = (data[0] & 0x40) != 0;
   int sv[2];
-  if (socketpair(AF_UNIX, (dgram ? SOCK_DGRAM : SOCK_SEQPACKET) | SOCK_CLOEXEC, 0, sv) != 0) abort();
+  if (socketpair(AF_UNIX, (dgram ? SOCK_DGRAM : SOCK_SEQPACKET) | SOCK_CLOEXEC, 0, sv) != 0)
+    abort();
   if (dgram) platform_internal::AttachReadBatch(sv[1]);
-  std::vector<std::vector<uint8_t>> expected;   // datagram path: the good packets, in order
+  std::vector<std::vector<uint8_t>> expected;  // datagram path: the good packets, in order
   size_t seen = 0;
   bool tooSmall = false;
   size_t pos = 1;
@@ -33,11 +34,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     pos += 2;
     if (len > size - pos) len = size - pos;
     if (send(sv[0], data + pos, len, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) break;
-    if (dgram && TevRecord_IsWellFormed(data + pos, len)) expected.emplace_back(data + pos, data + pos + len);
+    if (dgram && TevRecord_IsWellFormed(data + pos, len))
+      expected.emplace_back(data + pos, data + pos + len);
     pos += len;
     sent++;
   }
-  if (!dgram && (data[0] & 0x80)) close(sv[0]), sv[0] = -1;   // peer gone after sending
+  if (!dgram && (data[0] & 0x80)) close(sv[0]), sv[0] = -1;  // peer gone after sending
   std::vector<uint8_t> buf(bufSize > 0 ? bufSize : 1);
   for (int round = 0; round < 2 * sent + 2; ++round) {
     size_t length = 0;
@@ -68,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       void *rec = malloc(recLen);
       memcpy(rec, buf.data() + off, recLen);
       Tev *tev = nullptr;
-      if (Tev_MakeTev(rec, recLen, &tev) != 0) abort();   // only good records come out
+      if (Tev_MakeTev(rec, recLen, &tev) != 0) abort();  // only good records come out
       char *msg = nullptr;
       size_t mlen = 0;
       if (Tev_GetMsg(tev, &msg, &mlen) == 0) free(msg);
@@ -76,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       off += recLen;
     }
   }
-  if (dgram && !tooSmall && seen != expected.size()) abort();   // a good record was lost
+  if (dgram && !tooSmall && seen != expected.size()) abort();  // a good record was lost
   if (dgram) platform_internal::DetachReadBatch(sv[1]);
   if (sv[0] >= 0) close(sv[0]);
   close(sv[1]);

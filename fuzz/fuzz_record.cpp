@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   bool good = TevRecord_IsWellFormed(data, size, &why);
   TevRecordView view;
   bool decoded = TevRecord_Decode(data, size, &view);
-  if (good != decoded) abort();   // validation and decoding must agree
+  if (good != decoded) abort();  // validation and decoding must agree
 
   Tev *tev = nullptr;
   int rc = Tev_MakeTev(FuzzMallocCopy(data, size), static_cast<uint32_t>(size), &tev);

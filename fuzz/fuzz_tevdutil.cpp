@@ -10,13 +10,13 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 1) return 0;
-  size_t outSize = data[0];   // 0..255, including sizes too small for the result
+  size_t outSize = data[0];  // 0..255, including sizes too small for the result
   std::string format(reinterpret_cast<const char *>(data + 1), size - 1);
   format = format.c_str();
   std::vector<char> out(outSize + 1, '\x7f');
   int rc = TevdUtil_CompactFormat(format.c_str(), out.data(), outSize);
   if (rc != 0 && rc != 22) abort();
-  if (out[outSize] != '\x7f') abort();   // wrote past the size it was given
+  if (out[outSize] != '\x7f') abort();  // wrote past the size it was given
   if (rc == 0 && strlen(out.data()) >= outSize) abort();
 
   if (FuzzCountPercent(format) > kFuzzSlots) return 0;

@@ -100,10 +100,10 @@ int main(int argc, char **argv) {
 
   d = root + "/tevdutil";
   const char *pformats[] = {"link %s is down %d", "%-10s %5.2d %llu", "%hhu %hd %ld %lx",
-                            "100%% of %s", "%X %c %i %o", "%"};
+                            "100%% of %s",        "%X %c %i %o",      "%"};
   for (size_t i = 0; i < sizeof pformats / sizeof pformats[0]; ++i) {
-    Write(d, "fmt" + std::to_string(i), Cat(static_cast<uint8_t>(i == 0 ? 255 : 8 + i),
-                                            Text(pformats[i])));
+    Write(d, "fmt" + std::to_string(i),
+          Cat(static_cast<uint8_t>(i == 0 ? 255 : 8 + i), Text(pformats[i])));
   }
 
   d = root + "/readfd";

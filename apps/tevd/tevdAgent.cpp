@@ -77,7 +77,7 @@ __attribute__((no_sanitize("null"))) void *AgentThreadMain(void *arg) {
   } catch (...) {
     TevdLog("Unknown exception in agent function(%#x).\n", AddrLow32(fn));
   }
-  PlatformLog_Unbatch();   // the agent ends: nothing may stay queued
+  PlatformLog_Unbatch();  // the agent ends: nothing may stay queued
   MarkSettled();
   return nullptr;
 }

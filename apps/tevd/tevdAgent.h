@@ -24,16 +24,16 @@ constexpr int TEVD_AGENT_MAX_EXTRA_FDS = 4;
 // errno values they stand for.
 enum TevdAgentCode : int {
   TEVD_AGENT_OK = 0,
-  TEVD_AGENT_NO_MEMORY = 1,   // Init: out of memory, or too many words or ids
-  TEVD_AGENT_BROKEN = 2,      // a pipe could not be set up, a stream or a wait failed
-  TEVD_AGENT_SHORT = 11,      // reassembly: more bytes wanted (EAGAIN)
-  TEVD_AGENT_NO_ROOM = 12,    // reassembly: no memory for the read chunk (ENOMEM)
+  TEVD_AGENT_NO_MEMORY = 1,  // Init: out of memory, or too many words or ids
+  TEVD_AGENT_BROKEN = 2,     // a pipe could not be set up, a stream or a wait failed
+  TEVD_AGENT_SHORT = 11,     // reassembly: more bytes wanted (EAGAIN)
+  TEVD_AGENT_NO_ROOM = 12,   // reassembly: no memory for the read chunk (ENOMEM)
 };
 
 struct TevSubscription {
   int32_t numPrefixes = 0;
   int32_t numIds = 0;
-  char *prefixes[TEVD_SUBSCRIPTION_MAX] = {};   // "tev.WORD"
+  char *prefixes[TEVD_SUBSCRIPTION_MAX] = {};  // "tev.WORD"
   char *ids[TEVD_SUBSCRIPTION_MAX] = {};
 };
 
@@ -75,7 +75,7 @@ int TevdAgent_NumStarted(void);
 // Waits (at most `seconds`) until every started agent has subscribed or
 // ended; true when all have.
 bool TevdAgent_WaitSettled(unsigned seconds);
-int TevdAgent_InitStreamList(void);   // 0 or the pthread_mutex_init result
+int TevdAgent_InitStreamList(void);  // 0 or the pthread_mutex_init result
 // Hands a buffer of packed records to every matching stream; 0 or errno.
 int TevdAgent_Distribute(const uint8_t *buf, size_t length);
 // The reader's exit request: a distribution waiting for room in a full pipe
@@ -98,8 +98,8 @@ int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent);
 // TEVD_AGENT_OK with *tev set, or with *tev null and *readyExtra > 0 (the
 // number of extra descriptors found readable; a record that completed in the
 // same pass comes with them and goes first); else TEVD_AGENT_BROKEN.
-int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds = nullptr,
-                      int numExtra = 0, int *readyExtra = nullptr);
+int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds = nullptr, int numExtra = 0,
+                      int *readyExtra = nullptr);
 // One read from the stream: 0 with *tev set when a record completed, 0 with
 // *tev null when more bytes are wanted, else TEVD_AGENT_BROKEN.
 // A step reads the pipe only when nothing read earlier is left over; leftover

@@ -30,8 +30,8 @@ int TakeWanted(TevStream *s) {
         return TEVD_AGENT_NO_ROOM;
       }
     }
-    ssize_t got = direct ? read(s->readFd, s->buf + s->have, s->want)
-                         : read(s->readFd, s->chunk, kChunkSize);
+    ssize_t got =
+        direct ? read(s->readFd, s->buf + s->have, s->want) : read(s->readFd, s->chunk, kChunkSize);
     if (got == 0) {
       Panic("EOF trying to read %d bytes from stream %p\n", static_cast<int>(s->want),
             static_cast<void *>(s));
@@ -170,4 +170,3 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
     }
   }
 }
-

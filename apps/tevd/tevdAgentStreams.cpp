@@ -51,7 +51,7 @@ bool WaitForRoom(int fd) {
     struct pollfd pfd = {fd, POLLOUT, 0};
     int n = poll(&pfd, 1, 200);
     if (n > 0) {
-      return true;   // room, or an error that the next write reports
+      return true;  // room, or an error that the next write reports
     }
     if (n < 0 && errno != EINTR) {
       return false;
@@ -200,7 +200,6 @@ int CloseStream(TevStream *s) {
 
 void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag) { stopFlag = flag; }
 
-
 int TevdAgent_InitStreamList(void) {
   static bool initialised = false;
   if (initialised) {
@@ -251,7 +250,7 @@ int WriteQueue(TevStream *s) {
   }
   s->outLength = 0;
   if (s->outCapacity > 2 * kQueueFlushBytes) {
-    free(s->out);   // a very large record passed; do not keep its room
+    free(s->out);  // a very large record passed; do not keep its room
     s->out = nullptr;
     s->outCapacity = 0;
   }
@@ -276,7 +275,7 @@ int Enqueue(TevStream *s, const uint8_t *rec, size_t len) {
   if (s->outLength < kQueueFlushBytes) {
     return 0;
   }
-  PlatformLog_Flush();   // the write may wait for the agent
+  PlatformLog_Flush();  // the write may wait for the agent
   return WriteQueue(s);
 }
 
@@ -327,7 +326,7 @@ int TevdAgent_Queue(const uint8_t *buf, size_t length) {
 }
 
 int TevdAgent_Flush(void) {
-  PlatformLog_Flush();   // the reader's lines first: the writes may wait
+  PlatformLog_Flush();  // the reader's lines first: the writes may wait
   LockStreams();
   int err = FlushLocked();
   UnlockStreams();
@@ -338,4 +337,3 @@ int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
   int err = TevdAgent_Queue(buf, length);
   return err != 0 ? err : TevdAgent_Flush();
 }
-

@@ -28,7 +28,7 @@ pthread_cond_t tevdAlarmMapUpdated = PTHREAD_COND_INITIALIZER;
 
 namespace {
 
-int32_t nextAlarmId = 0;        // guarded by tevdAlarmMutex
+int32_t nextAlarmId = 0;  // guarded by tevdAlarmMutex
 bool alarmThreadStarted = false;
 
 // With the lock held: finds the first alarm in identifier order that is due at

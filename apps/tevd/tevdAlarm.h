@@ -11,9 +11,9 @@
 typedef void (*TevdAlarmHandler)(void);
 
 struct TevdAlarmState {
-  uint32_t mode = 0;        // 0 one-shot, 1 periodic
-  uint32_t interval = 0;    // seconds
-  uint64_t deadline = 0;    // absolute wall-clock seconds; 0 = not armed
+  uint32_t mode = 0;      // 0 one-shot, 1 periodic
+  uint32_t interval = 0;  // seconds
+  uint64_t deadline = 0;  // absolute wall-clock seconds; 0 = not armed
   TevdAlarmHandler handler = nullptr;
 };
 

@@ -48,7 +48,7 @@ const char *OpenHandler(Tev *tev, SuppressionTable &table, int64_t *now) {
 
 struct SetValueRow {
   const char *id;
-  bool hasValue;                 // reads one "%d"
+  bool hasValue;  // reads one "%d"
   void (*post)(int32_t value);
 };
 
@@ -60,17 +60,19 @@ const SetValueRow kSetValueRows[] = {
      }},
     {"tev.clock.parameter.set.maxNegPhaseCorrection", true,
      [](int32_t v) {
-       TevdQprob_Post(0, Problem,
-                      "@&!*@*@(kos.problem.clock.parameter.set.maxNegPhaseCorrection)setting system "
-                      "clock parameter maxNegPhaseCorrection to %d",
-                      v);
+       TevdQprob_Post(
+           0, Problem,
+           "@&!*@*@(kos.problem.clock.parameter.set.maxNegPhaseCorrection)setting system "
+           "clock parameter maxNegPhaseCorrection to %d",
+           v);
      }},
     {"tev.clock.parameter.set.maxPosPhaseCorrection", true,
      [](int32_t v) {
-       TevdQprob_Post(0, Problem,
-                      "@&!*@*@(kos.problem.clock.parameter.set.maxPosPhaseCorrection)setting system "
-                      "clock parameter maxPosPhaseCorrection to %d",
-                      v);
+       TevdQprob_Post(
+           0, Problem,
+           "@&!*@*@(kos.problem.clock.parameter.set.maxPosPhaseCorrection)setting system "
+           "clock parameter maxPosPhaseCorrection to %d",
+           v);
      }},
     {"tev.clock.parameter.set.numLargeCorrections", true,
      [](int32_t v) {
@@ -93,7 +95,7 @@ const SetValueRow kSetValueRows[] = {
 struct DeltaRow {
   const char *id;
   const char *format;
-  int first;                     // index of the first value filled (0-based)
+  int first;  // index of the first value filled (0-based)
   void (*post)(const int32_t v[6]);
 };
 

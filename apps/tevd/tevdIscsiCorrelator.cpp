@@ -40,8 +40,8 @@ constexpr TevdRow kIscsiRows[] = {
      TevdRead::OneCall, "ssh", "102",
      "@&!*@*@(kos.problem.storage.iscsi.discovery.login.error)iSCSI discovery to %s on %s "
      "failed. The Discovery target returned a login error of: %s."},
-    {"tev.iscsi.isns.discovery.error", TevdIscsiCorrelatorDoTranslation, Problem,
-     TevdRead::OneCall, "ssss", "1023",
+    {"tev.iscsi.isns.discovery.error", TevdIscsiCorrelatorDoTranslation, Problem, TevdRead::OneCall,
+     "ssss", "1023",
      "@&!*@*@(kos.problem.storage.iscsi.isns.discovery.error)iSns discovery to %s on %s failed. "
      "(%s : %s)."},
 };

@@ -24,15 +24,15 @@ struct KfsUuid {
   unsigned int w1 = 0;
   unsigned short w2 = 0;
   unsigned char b[6] = {0, 0, 0, 0, 0, 0};
-  char text[36] = {0};   // 35 characters and the NUL
+  char text[36] = {0};  // 35 characters and the NUL
 };
 
-#define KFS_UUID_OUT(u) &(u).w0, &(u).w1, &(u).w2, &(u).b[0], &(u).b[1], &(u).b[2], \
-                        &(u).b[3], &(u).b[4], &(u).b[5]
+#define KFS_UUID_OUT(u) \
+  &(u).w0, &(u).w1, &(u).w2, &(u).b[0], &(u).b[1], &(u).b[2], &(u).b[3], &(u).b[4], &(u).b[5]
 
 void KfsUuidFormat(KfsUuid *u) {
-  Str_Sprintf(u->text, sizeof u->text, KFS_UUID_FMT, u->w0, u->w1, u->w2, u->b[0], u->b[1],
-              u->b[2], u->b[3], u->b[4], u->b[5]);
+  Str_Sprintf(u->text, sizeof u->text, KFS_UUID_FMT, u->w0, u->w1, u->w2, u->b[0], u->b[1], u->b[2],
+              u->b[3], u->b[4], u->b[5]);
 }
 
 const char *KfsId(Tev *tev) {
@@ -224,8 +224,7 @@ int TevdKfsCorrelatorDoVolumeNameAndLabel(Tev *tev) {
     // A problem, not a clear: the agent's catalogue knows it under this id.
     TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.heartbeat.recovered)%s %s", u.text, label);
   } else if (Tev_IsID(id, "tev.kfs.journal.createfailed")) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.journal.createfailed)%s %s", u.text,
-                   label);
+    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.journal.createfailed)%s %s", u.text, label);
   } else if (Tev_IsID(id, "tev.kfs.heartbeat.unrecoverable")) {
     TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.heartbeat.unrecoverable)%s %s", u.text,
                    label);

@@ -51,7 +51,8 @@ int FormatPrefix(char *buf, size_t size, const struct timeval &tv, bool withMill
   size_t len = strftime(buf, size, "%Y-%m-%dT%H:%M:%SZ: ", &tmv);
   // The zone letter labels local time on purpose; only the fraction is added.
   if (withMillis && len >= 3) {
-    int n = snprintf(buf + len - 3, size - (len - 3), ".%03dZ: ", static_cast<int>(tv.tv_usec / 1000));
+    int n =
+        snprintf(buf + len - 3, size - (len - 3), ".%03dZ: ", static_cast<int>(tv.tv_usec / 1000));
     if (n > 0) {
       len = len - 3 + static_cast<size_t>(n);
       if (len >= size) {
@@ -171,7 +172,7 @@ void Panic(const char *format, ...) {
   char *bare = MsgFmt_Asprintf(nullptr, format, nullptr, 0);
   TevdLog("%s", bare != nullptr ? bare : "");
   free(bare);
-  PlatformLog_Flush();   // this thread's queued lines, the panic's among them
+  PlatformLog_Flush();  // this thread's queued lines, the panic's among them
   abort();
 }
 

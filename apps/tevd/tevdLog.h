@@ -3,8 +3,8 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <cstdarg>
+#include <cstdint>
 
 #include "Str.h"
 #include "TevLib.h"

@@ -6,10 +6,10 @@
 // with the loop but the stream lock and the trace history.
 #include <fcntl.h>
 #include <getopt.h>
-#include <sys/socket.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -97,8 +97,9 @@ void AcceptFailed(const char *what, int listenFd, int err) {
   if (TevdLog_Allow(&acceptLimiter, &skipped)) {
     TevdLog("%s accept() failed: %s%s (%llu more accept failures since the last report)\n", what,
             strerror(err),
-            dropped ? "; the pending connection was closed"
-                    : listenersPausedUntil != 0 ? "; accepting again in a second" : "",
+            dropped                     ? "; the pending connection was closed"
+            : listenersPausedUntil != 0 ? "; accepting again in a second"
+                                        : "",
             static_cast<unsigned long long>(skipped));
   }
 }
@@ -170,7 +171,7 @@ Served ServeConnection(ContextRow *contexts, struct pollfd *set, int *count, int
   short rev = set[*i].revents;
   int rc = ReadTevs(contexts[kUserListener].handle, set[*i].fd);
   if (rc > 0 && exitRequested) {
-    return Served::Skipped;   // the distribution gave way to the exit request
+    return Served::Skipped;  // the distribution gave way to the exit request
   }
   // A record above the ceiling can never be read, and an end of stream
   // without a hang-up (the peer shut down only its sending side, or sent an
@@ -182,11 +183,14 @@ Served ServeConnection(ContextRow *contexts, struct pollfd *set, int *count, int
     return Served::Done;
   }
   if (stuck) {
-    TevdLog("Closing a user-level connection: its next record is larger than the "
-            "%zu-byte buffer.\n", kBufferCeiling);
+    TevdLog(
+        "Closing a user-level connection: its next record is larger than the "
+        "%zu-byte buffer.\n",
+        kBufferCeiling);
   } else if (halfClosed) {
-    TevdLog("Closing a user-level connection: the peer sent an empty message or shut "
-            "down its sending side.\n");
+    TevdLog(
+        "Closing a user-level connection: the peer sent an empty message or shut "
+        "down its sending side.\n");
   }
   CloseConnection(set, count, i);
   return Served::Skipped;
@@ -203,7 +207,7 @@ Served ServeContext(ContextRow *contexts, struct pollfd *set, int i, int *fatal)
             kBufferCeiling, reset == 0 ? "dropped it and" : "failed to drop");
   } else if (rc > 0) {
     if (exitRequested) {
-      return Served::Skipped;   // the distribution gave way to the exit request
+      return Served::Skipped;  // the distribution gave way to the exit request
     }
     *fatal = rc;
     return Served::Fatal;

@@ -10,7 +10,7 @@
 #include "TevLib.h"
 
 constexpr int kNumContexts = 23;
-constexpr int kUserListener = 22;   // the last context: the user-level listener
+constexpr int kUserListener = 22;  // the last context: the user-level listener
 
 struct ContextRow {
   uint32_t domain;

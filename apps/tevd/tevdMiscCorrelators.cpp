@@ -62,7 +62,9 @@ void TevdCpuCorrelator_SetAlarms(void) {
 
 int TevdCpuCorrelator_Handle(Tev *tev) { return LogCpuObservation(tev); }
 
-void TevdCorrelator_StartHardware(void) { TevdCorrelator_Start("Hardware", "hardware", LogObservation, {}); }
+void TevdCorrelator_StartHardware(void) {
+  TevdCorrelator_Start("Hardware", "hardware", LogObservation, {});
+}
 void TevdCorrelator_StartCpu(void) {
   TevdCpuCorrelator_SetAlarms();
   TevdCorrelator_Start("cpu", "cpu", LogCpuObservation, {});
@@ -70,8 +72,12 @@ void TevdCorrelator_StartCpu(void) {
 void TevdCorrelator_StartUW(void) { TevdCorrelator_Start("UserWorld", "uw", LogObservation, {}); }
 void TevdCorrelator_StartSwap(void) { TevdCorrelator_Start("SWAP", "swap", LogObservation, {}); }
 void TevdCorrelator_StartVM(void) { TevdCorrelator_Start("VM", "vm", LogObservation, {}); }
-void TevdCorrelator_StartMigrate(void) { TevdCorrelator_Start("migrate", "migrate", LogObservation, {}); }
-void TevdCorrelator_StartLumafs(void) { TevdCorrelator_Start("Lumafs", "lumafs", LogObservation, {}); }
+void TevdCorrelator_StartMigrate(void) {
+  TevdCorrelator_Start("migrate", "migrate", LogObservation, {});
+}
+void TevdCorrelator_StartLumafs(void) {
+  TevdCorrelator_Start("Lumafs", "lumafs", LogObservation, {});
+}
 void TevdCorrelator_StartVfat(void) { TevdCorrelator_Start("Vfat", "vfat", LogObservation, {}); }
 void TevdCorrelator_StartNimbo(void) { TevdCorrelator_Start("Nimbo", "nimbo", LogObservation, {}); }
 

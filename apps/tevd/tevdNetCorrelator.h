@@ -49,21 +49,21 @@ enum : HwnicStateType {
 };
 
 struct HwnicAlarmInfo {
-  uint32_t state;     // exactly one HWNIC_* bit
-  uint32_t timeout;   // seconds
-  uint64_t start;     // wall-clock seconds when scheduled
+  uint32_t state;    // exactly one HWNIC_* bit
+  uint32_t timeout;  // seconds
+  uint64_t start;    // wall-clock seconds when scheduled
 };
 
 struct PortgroupInfo {
   std::string name;
-  int32_t extra;      // carried, never consulted
-  int32_t uplinks;    // active uplinks left
+  int32_t extra;    // carried, never consulted
+  int32_t uplinks;  // active uplinks left
 };
 
 struct DvPortInfo {
   std::string first;
   std::string second;
-  int32_t extra;      // carried, never consulted
+  int32_t extra;  // carried, never consulted
   int32_t uplinks;
 };
 
@@ -76,9 +76,9 @@ struct TevdNetTracker {
   std::map<std::string, std::vector<PortgroupInfo>> pgUpInfo;
   std::map<std::string, std::vector<DvPortInfo>> dvPortDownInfo;
   std::map<std::string, std::vector<DvPortInfo>> dvPortUpInfo;
-  int tevdNetAlarmId = -1;          // alarm slot armed by the tracker; -1 = none
-  uint64_t alarmDuration = 0;       // seconds the alarm was last armed for
-  uint64_t alarmArmedAt = 0;        // when (wall-clock seconds)
+  int tevdNetAlarmId = -1;     // alarm slot armed by the tracker; -1 = none
+  uint64_t alarmDuration = 0;  // seconds the alarm was last armed for
+  uint64_t alarmArmedAt = 0;   // when (wall-clock seconds)
   // Link flapping: link-down times per NIC, oldest first.
   std::map<std::string, std::deque<int64_t>> hwnicFlapHistory;
 };

@@ -41,9 +41,9 @@ struct TevdPRInjectedMCEsPerVM {
 
 namespace {
 
-uint64_t gThreshold;          // T
-int32_t gThresholdInterval;   // I, a percentage of T
-uint64_t gLastReported;       // N of the last threshold event
+uint64_t gThreshold;         // T
+int32_t gThresholdInterval;  // I, a percentage of T
+uint64_t gLastReported;      // N of the last threshold event
 bool gNotRetiredReported;
 std::map<int32_t, TevdPRInjectedMCEsPerVM> gInjected;
 
@@ -191,11 +191,12 @@ int TevdPageRetireCorrelatorSelectedNotRetired(Tev *tev) {
   if (gNotRetiredReported) {
     return 0;
   }
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.pageretire.selectedbutnotretired.high)Number of host physical "
-                 "memory pages that have been selected for retirement but could not yet be retired "
-                 "is high: %lu",
-                 count);
+  TevdQprob_Post(
+      0, Problem,
+      "@&!*@*@(kos.problem.pageretire.selectedbutnotretired.high)Number of host physical "
+      "memory pages that have been selected for retirement but could not yet be retired "
+      "is high: %lu",
+      count);
   gNotRetiredReported = true;
   return 0;
 }

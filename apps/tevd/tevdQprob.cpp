@@ -46,11 +46,11 @@ namespace {
 // Header field offsets of the qprob message.
 constexpr size_t kOffTimestamp = 0;
 constexpr size_t kOffHostIdentity = 16;
-constexpr size_t kHostIdentityBytes = 38;   // bytes 16..53 of the UUID record
+constexpr size_t kHostIdentityBytes = 38;  // bytes 16..53 of the UUID record
 constexpr size_t kOffTotalLength = 56;
 constexpr size_t kOffArgCount = 60;
 constexpr size_t kOffIdLength = 64;
-constexpr uint32_t kLengthOverhead = 72;    // fixed part counted in the total length
+constexpr uint32_t kLengthOverhead = 72;  // fixed part counted in the total length
 constexpr int kSerialiseAttempts = 5;
 constexpr int64_t kRateWindowSeconds = 60;
 constexpr int32_t kRateLimit = 1000;
@@ -73,7 +73,7 @@ uint8_t hostIdentity[KNO_SYSTEM_UUID_SIZE];
 // The agent's socket path under TEVD_ROOT, resolved once rather than on every
 // post; tests forget it when they switch roots.
 pthread_mutex_t pathMutex = PTHREAD_MUTEX_INITIALIZER;
-std::string &socketPath = *new std::string;   // never destroyed: posts may race exit()
+std::string &socketPath = *new std::string;  // never destroyed: posts may race exit()
 bool socketPathResolved = false;
 
 pthread_mutex_t hookMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -139,12 +139,15 @@ int SendOverSocket(const void *message, size_t length) {
 
 }  // namespace
 
-bool TevdQprob_LastSendTimedOut(void) { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS; }
+bool TevdQprob_LastSendTimedOut(void) {
+  return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS;
+}
 
 void TevdQprob_NoteStuck(bool stuck) {
   if (agentStuck.exchange(stuck) != stuck && stuck) {
-    TevdLog("marshd did not take an event in time; new events are queued for retry until a "
-            "retry pass gets through.\n");
+    TevdLog(
+        "marshd did not take an event in time; new events are queued for retry until a "
+        "retry pass gets through.\n");
   }
 }
 
@@ -174,8 +177,7 @@ void TevdQprob_Post(int flags, EventClass cls, const char *templ, ...) {
       prefix = "kos.problem.";
       skip = 20;
       break;
-    default:
-      TevdNotReached("apps/tevd/tevdQprob", 608);
+    default: TevdNotReached("apps/tevd/tevdQprob", 608);
   }
   // Every template carries ")" after the identifier; the scan is unbounded.
   const char *start = templ + skip;
@@ -223,7 +225,7 @@ uint8_t *StartMessage(const char *prefix, const char *idSuffix, size_t size, uin
   }
   size_t idLen64 = strlen(prefix) + strlen(idSuffix) + 1;
   if (idLen64 > TEVD_QPROB_MAX_ID_LENGTH) {
-    free(buf);   // identifiers over 128 characters are never sent, silently
+    free(buf);  // identifiers over 128 characters are never sent, silently
     return nullptr;
   }
   uint32_t idLen = static_cast<uint32_t>(idLen64);
@@ -240,7 +242,7 @@ uint8_t *StartMessage(const char *prefix, const char *idSuffix, size_t size, uin
 
   int rc = MtlSyscall(MTL_SYSCALL_EVENT_TIMESTAMP, buf);
   if (rc < 0) {
-    errno = -rc;   // the stamp is best effort; building goes on
+    errno = -rc;  // the stamp is best effort; building goes on
   }
   *idLenOut = idLen;
   return buf;
@@ -274,7 +276,7 @@ bool SerialiseArgs(uint8_t **buf, size_t *size, uint32_t total, const char *form
     *buf = grown;
     *size = bigger;
   }
-  free(*buf);   // too large after five attempts: dropped without a line
+  free(*buf);  // too large after five attempts: dropped without a line
   return false;
 }
 
@@ -358,4 +360,3 @@ void TevdQprob_ResetForTest(void) {
   socketPath.clear();
   pthread_mutex_unlock(&pathMutex);
 }
-

@@ -14,7 +14,7 @@ enum : int32_t { Problem = 0, Audit = 1, Clear = 2 };
 
 constexpr size_t TEVD_QPROB_HEADER_SIZE = 68;
 constexpr size_t TEVD_QPROB_INITIAL_BUFFER = 1171;
-constexpr uint32_t TEVD_QPROB_MAX_ID_LENGTH = 129;   // with the NUL
+constexpr uint32_t TEVD_QPROB_MAX_ID_LENGTH = 129;  // with the NUL
 
 void TevdQprob_Init(void);
 void TevdQprob_Post(int flags, EventClass cls, const char *templ, ...) TEV_PRINTF(3, 4);

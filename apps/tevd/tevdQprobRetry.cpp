@@ -26,11 +26,11 @@ struct RetryEntry {
 };
 
 pthread_mutex_t retryListMutex = PTHREAD_MUTEX_INITIALIZER;
-RetryEntry retryHead;            // sentinel of the circular list, oldest first
+RetryEntry retryHead;  // sentinel of the circular list, oldest first
 bool retryListInitialised = false;
 
 std::atomic<int32_t> retryAlarmId{-1};
-bool retryAlarmArmed = false;    // guarded by retryListMutex
+bool retryAlarmArmed = false;  // guarded by retryListMutex
 
 const char *MessageId(const uint8_t *message) {
   return reinterpret_cast<const char *>(message) + TEVD_QPROB_HEADER_SIZE;

@@ -154,8 +154,7 @@ int TevdScsiCorrelatorDoPathDown(Tev *tev) {
                      "device %s. Path %s is down. Affected datastores: %s.",
                      device.c_str(), path, datastores.c_str());
       break;
-    default:
-      break;
+    default: break;
   }
   gReportedDown[device] = true;
   return 0;
@@ -177,7 +176,7 @@ int TevdScsiCorrelatorDoPathUp(Tev *tev) {
   }
   auto down = gReportedDown.find(device);
   if (down == gReportedDown.end() || !down->second) {
-    return 0;   // no clear without an earlier problem
+    return 0;  // no clear without an earlier problem
   }
   // The entry goes first: whatever the status now, the problem is answered.
   gReportedDown.erase(down);
@@ -199,10 +198,8 @@ int TevdScsiCorrelatorDoPathUp(Tev *tev) {
                      "device %s (Datastores: %s) restored. Path %s is active again.",
                      device.c_str(), datastores.c_str(), path);
       break;
-    case 1:
-      break;   // still no path: nothing to clear yet
-    default:
-      TevdNotReached("apps/tevd/tevdScsiCorrelator", 1018);
+    case 1: break;  // still no path: nothing to clear yet
+    default: TevdNotReached("apps/tevd/tevdScsiCorrelator", 1018);
   }
   return 0;
 }

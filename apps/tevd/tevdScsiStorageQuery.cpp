@@ -83,16 +83,16 @@ bool TevdScsiCorrelator_GetDatastores(const std::string &device, std::string *te
         continue;
       }
       if (number == 0) {
-        continue;   // the whole disk, never a file system of its own
+        continue;  // the whole disk, never a file system of its own
       }
       KfsPartitionVolumeQuery query;
       memset(&query, 0, sizeof(query));
       snprintf(query.partition, sizeof(query.partition), "%s:%d", device.c_str(), number);
       if (KfsVolumes_Ioctl(dirFd, KFS_IOCTL_PARTITION_VOLUME, &query) != 0) {
         if (errno == ENOENT) {
-          continue;   // no file system on this partition
+          continue;  // no file system on this partition
         }
-        break;        // keep what was gathered
+        break;  // keep what was gathered
       }
       const std::string volume(query.volume, strnlen(query.volume, sizeof(query.volume)));
       bool duplicate = false;

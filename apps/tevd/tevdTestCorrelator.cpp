@@ -97,9 +97,7 @@ void Line(const char *text) {
   _exit(failures.load());
 }
 
-bool IsId(const char *id, const char *expected) {
-  return id != nullptr && Tev_IsID(id, expected);
-}
+bool IsId(const char *id, const char *expected) { return id != nullptr && Tev_IsID(id, expected); }
 
 char *HugeString() {
   char *s = static_cast<char *>(malloc(kHugeSize));
@@ -258,9 +256,7 @@ int CompareWithRow(Tev *tev, const char *id, const ExpectedTev &row) {
   return n + CheckGetArgs(tev, id);
 }
 
-void ArmTimeout() {
-  TevdAlarm_Set(timeoutAlarm, 0, kTimeoutSeconds, nullptr);
-}
+void ArmTimeout() { TevdAlarm_Set(timeoutAlarm, 0, kTimeoutSeconds, nullptr); }
 
 }  // namespace
 
@@ -365,9 +361,7 @@ int TevdTestCorrelatorHandleTev(Tev *tev) {
   return 0;
 }
 
-TevHandlerMap TevdTestCorrelator_Map(void) {
-  return TevHandlerMap();
-}
+TevHandlerMap TevdTestCorrelator_Map(void) { return TevHandlerMap(); }
 
 void TevdCorrelator_StartTest(void) {
   TevdCorrelator_Start("TevdTest", "tests", TevdTestCorrelatorHandleTev, TevdTestCorrelator_Map());
@@ -382,10 +376,6 @@ void TevdTestCorrelator_ResetForTest(bool qprobDone) {
   timeoutAlarm = -1;
 }
 
-int TevdTestCorrelator_FailuresForTest(void) {
-  return failures.load();
-}
+int TevdTestCorrelator_FailuresForTest(void) { return failures.load(); }
 
-unsigned TevdTestCorrelator_ReceivedForTest(void) {
-  return received;
-}
+unsigned TevdTestCorrelator_ReceivedForTest(void) { return received; }

@@ -20,10 +20,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -37,9 +37,9 @@ namespace {
 
 struct Listener {
   std::vector<std::string> pending;
-  size_t pendingBytes = 0;   // of `pending`, not of the batch being written
+  size_t pendingBytes = 0;  // of `pending`, not of the batch being written
   bool closing = false;
-  bool overflowed = false;   // cut off for falling too far behind
+  bool overflowed = false;  // cut off for falling too far behind
 };
 
 // A client that does not read must not make the daemon's memory grow without
@@ -69,14 +69,14 @@ pthread_mutex_t traceMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t traceUpdated = PTHREAD_COND_INITIALIZER;
 // Never destroyed: the process may exit() (self-test) while client threads
 // and producers still run, and they must not meet destructed containers.
-std::deque<std::string> &history = *new std::deque<std::string>;   // guarded by traceMutex
-uint64_t historySize = 0;                                          // guarded by traceMutex
+std::deque<std::string> &history = *new std::deque<std::string>;    // guarded by traceMutex
+uint64_t historySize = 0;                                           // guarded by traceMutex
 std::map<int, Listener> &listeners = *new std::map<int, Listener>;  // guarded by traceMutex
 
 constexpr int kBacklog = 128;
 
 const char *ErrorText(int err, char *buf, size_t size) {
-  return strerror_r(err, buf, size);   // GNU form: returns the text
+  return strerror_r(err, buf, size);  // GNU form: returns the text
 }
 
 int FdOf(void *arg) { return static_cast<int>(reinterpret_cast<intptr_t>(arg)); }
@@ -177,9 +177,7 @@ bool BuildLine(const char *direction, uint64_t timeStamp, const char *id, const 
         AppendQuoted(line, str != nullptr ? str : "(null)");
         break;
       }
-      default:
-        line->append(",???");
-        break;
+      default: line->append(",???"); break;
     }
   }
   line->push_back('\n');
@@ -207,26 +205,27 @@ bool WriteAll(int fd, const std::string &line) {
 int TevdTrace_Open(const char *path) {
   PlatformListen how;
   how.type = SOCK_STREAM;
-  how.mode = 0660;   // trace clients see every observation: the daemon's user and group only
+  how.mode = 0660;  // trace clients see every observation: the daemon's user and group only
   how.backlog = kBacklog;
-  return PlatformSocket_Listen(path != nullptr ? std::string(path)
-                                               : PlatformEndpoint_Path(PlatformEndpoint::Trace),
-                               how);
+  return PlatformSocket_Listen(
+      path != nullptr ? std::string(path) : PlatformEndpoint_Path(PlatformEndpoint::Trace), how);
 }
 
 int TevdTrace_Accept(int listenFd) {
   char err[128];
   int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd < 0) {
-    return errno;   // the caller reports it, once per interval
+    return errno;  // the caller reports it, once per interval
   }
   if (clientCount.fetch_add(1) >= kMaxClients) {
     clientCount.fetch_sub(1);
     close(fd);
     uint64_t skipped = 0;
     if (TevdLog_Allow(&refusedLimiter, &skipped)) {
-      TevdLog("Trace client refused: %d clients already connected (%llu more refused since the "
-              "last report)\n", kMaxClients, static_cast<unsigned long long>(skipped));
+      TevdLog(
+          "Trace client refused: %d clients already connected (%llu more refused since the "
+          "last report)\n",
+          kMaxClients, static_cast<unsigned long long>(skipped));
     }
     return 0;
   }
@@ -284,7 +283,7 @@ void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id,
     l.pendingBytes += line.size();
   }
   historySize += line.size();
-  history.push_back(std::move(line));   // the history keeps the one built
+  history.push_back(std::move(line));  // the history keeps the one built
   // Keep at most 128 KiB, but never drop the newest line.
   while (historySize > TEVD_TRACE_HISTORY_MAX && history.size() > 1) {
     historySize -= history.front().size();
@@ -303,7 +302,7 @@ void *TevdTraceServeMain(void *arg) {
   pthread_mutex_lock(&traceMutex);
   Listener &listener = listeners[fd];
   listener.pending.insert(listener.pending.end(), history.begin(), history.end());
-  listener.pending.push_back("\n");   // separates the replay from live lines
+  listener.pending.push_back("\n");  // separates the replay from live lines
   listener.pendingBytes = historySize + 1;
   pthread_mutex_unlock(&traceMutex);
 

@@ -50,7 +50,7 @@ int ReadOneCall(Tev *tev, const char *kinds, int n, RawArg *raw) {
     const char *conv = kinds[i] == 's'   ? "%p"
                        : kinds[i] == 'd' ? "%d"
                        : kinds[i] == 'l' ? "%lu"
-                                         : "%u";   // u, h
+                                         : "%u";  // u, h
     used += static_cast<size_t>(
         snprintf(format + used, sizeof format - used, i == 0 ? "%s" : " %s", conv));
     out[i] = &raw[i];
@@ -167,17 +167,15 @@ int TevdTranslate_Row(Tev *tev, const TevdRow &row, const char *id) {
         a.p = hexText[k];
         break;
       case 'd':
-        if (*p == 'l') {   // %lu: the unsigned value, widened
+        if (*p == 'l') {  // %lu: the unsigned value, widened
           a.size = 'q';
           a.q = static_cast<uint32_t>(r.d);
         } else {
           a.w = static_cast<uint32_t>(r.d);
         }
         break;
-      case 'u':
-        a.w = r.u;
-        break;
-      default:   // 'l'
+      case 'u': a.w = r.u; break;
+      default:  // 'l'
         a.size = 'q';
         a.q = r.l;
         break;

@@ -50,7 +50,7 @@ struct TevdRow {
   // Digit k: the argument that fills the template's conversion k; "" fills
   // the conversions with the arguments in order.
   const char *order = "";
-  const char *templ = nullptr;   // null: the handler posts its own events
+  const char *templ = nullptr;  // null: the handler posts its own events
   // [0]: logged when a one-call read fails, or argument 0 of a by-index read;
   // [i]: argument i's line (falls back to [0]). Each takes (identifier,
   // error) or (error). All null: a failed read is silent.
@@ -62,7 +62,7 @@ struct TevdRows {
   const TevdRow *rows;
   size_t count;
   template <size_t N>
-  constexpr TevdRows(const TevdRow (&r)[N]) : rows(r), count(N) {}   // NOLINT: implicit on purpose
+  constexpr TevdRows(const TevdRow (&r)[N]) : rows(r), count(N) {}  // NOLINT: implicit on purpose
 };
 
 // Every row's identifier with its handler.
@@ -138,16 +138,11 @@ constexpr int Conversions(const char *text, char *out, int max) {
 constexpr bool Fits(char kind, char conversion) {
   switch (kind) {
     case 's':
-    case 'h':
-      return conversion == 's';
-    case 'd':
-      return conversion == 'd' || conversion == 'x' || conversion == 'U';
-    case 'u':
-      return conversion == 'u' || conversion == 'x';
-    case 'l':
-      return conversion == 'U' || conversion == 'D';
-    default:
-      return false;
+    case 'h': return conversion == 's';
+    case 'd': return conversion == 'd' || conversion == 'x' || conversion == 'U';
+    case 'u': return conversion == 'u' || conversion == 'x';
+    case 'l': return conversion == 'U' || conversion == 'D';
+    default: return false;
   }
 }
 

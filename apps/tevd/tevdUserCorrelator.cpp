@@ -11,9 +11,9 @@
 namespace {
 
 #define USER_ROW(tev, cls, ev, kinds, text)                                  \
-  {                                                                         \
+  {                                                                          \
     tev, TevdUserCorrelatorTranslate, cls, TevdRead::ByIndexDown, kinds, "", \
-        "@&!*@*@(" ev ")" text                                              \
+        "@&!*@*@(" ev ")" text                                               \
   }
 
 constexpr TevdRow kUserRows[] = {
@@ -46,8 +46,7 @@ constexpr TevdRow kUserRows[] = {
              "kos.problem.kosimage.install.invalidhardware", "ss",
              "The image cannot be installed on this hardware (%s): %s."),
     USER_ROW("tev.user.kosimage.install.stage.error", Problem,
-             "kos.problem.kosimage.install.stage.error", "ss",
-             "Staging the image %s failed: %s."),
+             "kos.problem.kosimage.install.stage.error", "ss", "Staging the image %s failed: %s."),
     USER_ROW("tev.user.kosimage.install.error", Problem, "kos.problem.kosimage.install.error", "s",
              "Image installation failed: %s."),
     USER_ROW("tev.user.dhclient.lease.none", Problem, "kos.problem.dhclient.lease.none", "s",
@@ -63,8 +62,8 @@ constexpr TevdRow kUserRows[] = {
     USER_ROW("tev.user.coredump.extraction.failed.nospace", Problem,
              "kos.problem.coredump.extraction.failed.nospace", "d",
              "A core dump could not be extracted: %lu MB of free space are needed."),
-    USER_ROW("tev.user.coredump.unconfigured2", Problem, "kos.problem.coredump.unconfigured2",
-             "", "No core dump target is configured; host core dumps cannot be saved."),
+    USER_ROW("tev.user.coredump.unconfigured2", Problem, "kos.problem.coredump.unconfigured2", "",
+             "No core dump target is configured; host core dumps cannot be saved."),
     USER_ROW("tev.user.coredump.capacity.insufficient", Problem,
              "kos.problem.coredump.capacity.insufficient", "d",
              "The core dump target is too small; at least %lu MB are needed."),
@@ -88,8 +87,8 @@ constexpr TevdRow kUserRows[] = {
     USER_ROW("tev.user.kcon.factory.network.restored", Audit,
              "kos.audit.kcon.network.factoryrestore", "",
              "The network settings were restored to factory defaults from the console."),
-    USER_ROW("tev.user.kcon.restarting.hostagents", Audit, "kos.audit.kcon.hostagents.restart",
-             "", "The management agents are being restarted from the console."),
+    USER_ROW("tev.user.kcon.restarting.hostagents", Audit, "kos.audit.kcon.hostagents.restart", "",
+             "The management agents are being restarted from the console."),
     USER_ROW("tev.user.kcon.network.restart", Audit, "kos.audit.kcon.network.restart", "s",
              "The management network was restarted from the console: %s."),
     USER_ROW("tev.user.kcon.restore.factory.defaults", Audit,
@@ -128,10 +127,10 @@ constexpr TevdRow kUserRows[] = {
     USER_ROW("tev.user.account.locked", Audit, "kos.audit.account.locked", "sdd",
              "The account of user %s was locked after %d failed logins; it unlocks in %d "
              "seconds."),
-    USER_ROW("tev.user.maintenancemode.entering", Audit, "kos.audit.maintenancemode.entering",
-             "", "The host has begun entering maintenance mode."),
-    USER_ROW("tev.user.maintenancemode.canceled", Audit, "kos.audit.maintenancemode.canceled",
-             "", "Entering maintenance mode was canceled."),
+    USER_ROW("tev.user.maintenancemode.entering", Audit, "kos.audit.maintenancemode.entering", "",
+             "The host has begun entering maintenance mode."),
+    USER_ROW("tev.user.maintenancemode.canceled", Audit, "kos.audit.maintenancemode.canceled", "",
+             "Entering maintenance mode was canceled."),
     USER_ROW("tev.user.maintenancemode.entered", Audit, "kos.audit.maintenancemode.entered", "",
              "The host has entered maintenance mode."),
     USER_ROW("tev.user.maintenancemode.exited", Audit, "kos.audit.maintenancemode.exited", "",
@@ -197,13 +196,9 @@ int TevdUserCorrelatorDoIormBadVersion(Tev *tev) {
   return TevdTranslate_ById(tev, kUserRows, TevdUserCorrelatorDoIormBadVersion, false);
 }
 
-int TevdUserCorrelatorIgnore(Tev *tev) {
-  return 0;
-}
+int TevdUserCorrelatorIgnore(Tev *tev) { return 0; }
 
-int TevdUserCorrelator_NumRows(void) {
-  return kNumUserRows;
-}
+int TevdUserCorrelator_NumRows(void) { return kNumUserRows; }
 
 TevHandlerMap TevdUserCorrelator_BuildMap(void) { return TevdTranslate_BuildMap(kUserRows); }
 

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstring>
 
-
 namespace {
 
 enum class State { Text, Percent, Width, Precision, Length };

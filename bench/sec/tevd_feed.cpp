@@ -26,8 +26,8 @@
 #include <thread>
 #include <vector>
 
-#include "PlatformSocket.h"
 #include "MsgFmt.h"
+#include "PlatformSocket.h"
 #include "Qprob.h"
 #include "TevLib.h"
 
@@ -57,7 +57,10 @@ double CpuSeconds(pid_t pid, double *system = nullptr) {
   unsigned long long ut = 0, st = 0;
   for (int i = 3; rest >> f; ++i) {
     if (i == 14) ut = std::stoull(f);
-    if (i == 15) { st = std::stoull(f); break; }
+    if (i == 15) {
+      st = std::stoull(f);
+      break;
+    }
   }
   double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
   if (system != nullptr) *system = static_cast<double>(st) / tick;
@@ -146,7 +149,8 @@ int main(int argc, char **argv) {
       close(c);
       QprobMessage msg;
       std::string why;
-      std::string line = Qprob_Decode(bytes.data(), bytes.size(), &msg, &why) ? Format(msg) : "bad " + why;
+      std::string line =
+          Qprob_Decode(bytes.data(), bytes.size(), &msg, &why) ? Format(msg) : "bad " + why;
       std::lock_guard<std::mutex> g(m);
       events.push_back(line);
       lastEvent = Clock::now();
@@ -214,9 +218,9 @@ int main(int argc, char **argv) {
   FILE *out = fopen(argv[5], "w");
   for (const std::string &e : events) fprintf(out, "%s\n", e.c_str());
   fclose(out);
-  printf("RESULT tevd_observations %zu\nRESULT tevd_logged %ld\nRESULT tevd_events %zu\n", records.size(),
-         observed.load() - before, events.size());
-  printf("RESULT tevd_cpu_s %.3f\nRESULT tevd_system_s %.3f\nRESULT tevd_handled_after_s %.3f\n", cpuS,
-         sys1 - sys0, handledAt);
+  printf("RESULT tevd_observations %zu\nRESULT tevd_logged %ld\nRESULT tevd_events %zu\n",
+         records.size(), observed.load() - before, events.size());
+  printf("RESULT tevd_cpu_s %.3f\nRESULT tevd_system_s %.3f\nRESULT tevd_handled_after_s %.3f\n",
+         cpuS, sys1 - sys0, handledAt);
   return 0;
 }

@@ -22,7 +22,7 @@ class Path {
  public:
   explicit Path(std::string name) : name_(std::move(name)) {}
   const std::string &GetName() const { return name_; }
-  std::string GetDeviceName() const;   // platform/storage/paths/PATH
+  std::string GetDeviceName() const;  // platform/storage/paths/PATH
  private:
   std::string name_;
 };
@@ -32,7 +32,7 @@ class Lun {
   explicit Lun(std::string name) : name_(std::move(name)) {}
   virtual ~Lun() = default;
   const std::string &GetName() const { return name_; }
-  uint32_t GetPathRedundancyStatus() const;   // devices/DEVICE/status
+  uint32_t GetPathRedundancyStatus() const;  // devices/DEVICE/status
  private:
   std::string name_;
 };
@@ -42,6 +42,7 @@ class DiskLunPartition {
   DiskLunPartition(std::string device, int number) : device_(std::move(device)), number_(number) {}
   int GetPartitionNumber() const { return number_; }
   const std::string &GetDeviceName() const { return device_; }
+
  private:
   std::string device_;
   int number_;
@@ -76,9 +77,11 @@ class HostFactory {
 namespace Network {
 class PortGroup {
  public:
-  PortGroup(std::string name, std::string vswitch) : name_(std::move(name)), vswitch_(std::move(vswitch)) {}
+  PortGroup(std::string name, std::string vswitch)
+      : name_(std::move(name)), vswitch_(std::move(vswitch)) {}
   const std::string &GetName() const { return name_; }
   const std::string &GetVirtualSwitchName() const { return vswitch_; }
+
  private:
   std::string name_;
   std::string vswitch_;

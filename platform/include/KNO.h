@@ -5,11 +5,11 @@
 #include <cstdint>
 
 enum KNO_Node {
-  KNO_NODE_config_intOpts,             // instances: group, option; values: integer
-  KNO_NODE_system_systemUuid,          // 56-byte record
+  KNO_NODE_config_intOpts,               // instances: group, option; values: integer
+  KNO_NODE_system_systemUuid,            // 56-byte record
   KNO_NODE_system_pageRetire_threshold,  // 8 bytes, unsigned
-  KNO_NODE_vm_vmmGroupInfo,            // instance: group id; 2308-byte record, name at 260
-  KNO_NODE_net_pNics_linkFlapping,     // instance: NIC name; input: integer
+  KNO_NODE_vm_vmmGroupInfo,              // instance: group id; 2308-byte record, name at 260
+  KNO_NODE_net_pNics_linkFlapping,       // instance: NIC name; input: integer
 };
 
 constexpr size_t KNO_SYSTEM_UUID_SIZE = 56;
@@ -57,8 +57,8 @@ constexpr int MTL_SYSCALL_EVENT_TIMESTAMP = 1216;
 // Cluster file system volume look-up that stands for the ioctl on "/kfs/volumes/".
 constexpr unsigned long KFS_IOCTL_PARTITION_VOLUME = 3038;
 struct KfsPartitionVolumeQuery {
-  char partition[128];   // "device:N"
-  char volume[256];      // receives the volume name
+  char partition[128];  // "device:N"
+  char volume[256];     // receives the volume name
 };
 // Opens "/kfs/volumes/" under the root (a directory descriptor), or -1.
 int KfsVolumes_Open(void);

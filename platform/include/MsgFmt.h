@@ -33,8 +33,8 @@ static_assert(sizeof(MsgFmt_Arg) == MSGFMT_SLOT_SIZE, "slot is 16 bytes");
 // A decoded argument.
 struct MsgFmt_Value {
   uint32_t type = 0;
-  uint64_t bits = 0;       // integers sign/zero-extended; double: IEEE bits
-  bool isNull = false;     // strings only
+  uint64_t bits = 0;    // integers sign/zero-extended; double: IEEE bits
+  bool isNull = false;  // strings only
   std::string str;
 
   static MsgFmt_Value I32(int32_t v);

@@ -17,11 +17,11 @@ namespace Util {
 class Sysinfo {
  public:
   explicit Sysinfo(KNO_Node node) : node_(node) {}
-  void SetInstance(int64_t id);                 // numeric instance (replaces the path)
+  void SetInstance(int64_t id);  // numeric instance (replaces the path)
   void AddInstancePath(const std::string &part);
   void AddInput(int64_t value);
-  void Get(void *out, size_t size) const;       // throws on failure
-  void Set() const;                             // throws on failure
+  void Get(void *out, size_t size) const;  // throws on failure
+  void Set() const;                        // throws on failure
  private:
   KNO_Node node_;
   std::vector<std::string> instances_;
@@ -34,7 +34,7 @@ class AdvancedIntegerOptionImpl {
  public:
   AdvancedIntegerOptionImpl(std::string group, std::string name)
       : group_(std::move(group)), name_(std::move(name)) {}
-  int64_t GetValue() const;    // platform/options/GROUP/NAME; throws when absent
+  int64_t GetValue() const;  // platform/options/GROUP/NAME; throws when absent
  private:
   std::string group_;
   std::string name_;

@@ -10,7 +10,7 @@ int PlatformRoot_MakeDirs(const std::string &path);
 // Host-model file helpers (names containing '/' use %2F). Throw
 // HostCtl::Lib::HostCtlException when the file is absent/unwritable.
 std::string PlatformModel_EscapeName(const std::string &name);
-std::string PlatformModel_Path(const std::string &relative);   // root + "/platform/" + relative
+std::string PlatformModel_Path(const std::string &relative);  // root + "/platform/" + relative
 bool PlatformModel_Read(const std::string &relative, std::string *value);
 bool PlatformModel_Write(const std::string &relative, const std::string &value);
 

@@ -13,11 +13,11 @@
 #include <string>
 
 enum class PlatformEndpoint {
-  UserContext,    // SOCK_SEQPACKET, the daemon listens: user processes post records
-  AsyncContext,   // SOCK_DGRAM, the daemon binds one per domain 00..21
-  Trace,          // SOCK_STREAM, the daemon listens: trace history, then live lines
-  QprobAgent,     // SOCK_STREAM, the management agent listens: one qprob message per connection
-  LogCollector,   // SOCK_DGRAM, whoever collects the log binds it (only with a root)
+  UserContext,   // SOCK_SEQPACKET, the daemon listens: user processes post records
+  AsyncContext,  // SOCK_DGRAM, the daemon binds one per domain 00..21
+  Trace,         // SOCK_STREAM, the daemon listens: trace history, then live lines
+  QprobAgent,    // SOCK_STREAM, the management agent listens: one qprob message per connection
+  LogCollector,  // SOCK_DGRAM, whoever collects the log binds it (only with a root)
 };
 
 // The log collector's relative path, for the log sink, which builds its
@@ -39,10 +39,10 @@ std::string PlatformEndpoint_PathUnder(const std::string &root, PlatformEndpoint
 bool PlatformSocket_Address(const std::string &path, struct sockaddr_un *addr);
 
 struct PlatformListen {
-  int type = SOCK_STREAM;   // SOCK_STREAM, SOCK_SEQPACKET or SOCK_DGRAM
-  int flags = 0;            // more socket() flags (SOCK_NONBLOCK); SOCK_CLOEXEC always
-  mode_t mode = 0;          // 0: as the umask leaves it; else the socket file's mode
-  int backlog = 64;         // not used for SOCK_DGRAM
+  int type = SOCK_STREAM;  // SOCK_STREAM, SOCK_SEQPACKET or SOCK_DGRAM
+  int flags = 0;           // more socket() flags (SOCK_NONBLOCK); SOCK_CLOEXEC always
+  mode_t mode = 0;         // 0: as the umask leaves it; else the socket file's mode
+  int backlog = 64;        // not used for SOCK_DGRAM
 };
 
 // Creates the missing directories of `path`, replaces whatever file is there,

@@ -11,11 +11,11 @@
 
 struct QprobMessage {
   uint64_t timestampUs = 0;
-  std::string hostUuid;           // text at offset 16 (36 characters, or empty)
+  std::string hostUuid;  // text at offset 16 (36 characters, or empty)
   uint32_t totalLength = 0;
-  uint32_t idLength = 0;          // with the NUL
-  std::string id;                 // e.g. "kos.problem.net.hwnic.linkstate.down"
-  std::string className;          // "problem", "audit", "clear" or "" when unknown
+  uint32_t idLength = 0;  // with the NUL
+  std::string id;         // e.g. "kos.problem.net.hwnic.linkstate.down"
+  std::string className;  // "problem", "audit", "clear" or "" when unknown
   std::vector<MsgFmt_Value> args;
 };
 

@@ -15,11 +15,11 @@
 // Library status codes. 0 is success; the others are errno-like values.
 enum {
   TEVLIB_OK = 0,
-  TEVLIB_ERR_IO = 5,              // a read or socket call failed
+  TEVLIB_ERR_IO = 5,  // a read or socket call failed
   TEVLIB_ERR_NOMEM = 12,
   TEVLIB_ERR_INVAL = 22,
-  TEVLIB_BUFFER_TOO_SMALL = 27,   // first pending record does not fit; nothing consumed
-  TEVLIB_ERR_CLOSED = 104,        // a user connection's peer went away
+  TEVLIB_BUFFER_TOO_SMALL = 27,  // first pending record does not fit; nothing consumed
+  TEVLIB_ERR_CLOSED = 104,       // a user connection's peer went away
 };
 
 constexpr uint32_t TEVLIB_NUM_ASYNC_DOMAINS = 22;
@@ -39,7 +39,9 @@ class TevRecordHeader {
   uint32_t ArgCount() const { return Field<uint32_t>(24); }
   uint32_t ArgsOffset() const { return Field<uint32_t>(28); }
   // The identifier right after the header (NUL-terminated in a whole record).
-  const char *Id() const { return reinterpret_cast<const char *>(record_ + TEV_RECORD_HEADER_SIZE); }
+  const char *Id() const {
+    return reinterpret_cast<const char *>(record_ + TEV_RECORD_HEADER_SIZE);
+  }
 
  private:
   template <typename T>
@@ -51,7 +53,7 @@ class TevRecordHeader {
   const uint8_t *record_;
 };
 
-struct TevLibContext;                      // opaque
+struct TevLibContext;  // opaque
 typedef TevLibContext *TevLib_Handle;
 
 int TevLib_AsyncContextOpen(uint32_t domain, TevLib_Handle *handle);
@@ -75,7 +77,7 @@ int TevLib_Reset(TevLib_Handle handle);
 constexpr size_t TEVLIB_NAME_MAX = 32;
 int TevLib_HandleToName(TevLib_Handle handle, char *name);
 int TevLib_UserContextNewCnx(TevLib_Handle handle, int *fd);
-int TevLib_UserContextCloseCnx(int fd);   // negative on failure
+int TevLib_UserContextCloseCnx(int fd);  // negative on failure
 int TevLib_Close(TevLib_Handle handle);
 // Where the library's own diagnostics go (a dropped record, a new user-level
 // connection): by default the platform log; a program that formats its log
@@ -88,20 +90,20 @@ uint64_t TevLib_DroppedRecords(void);
 uint64_t TevLib_RefusedRecords(void);
 
 // ---- one observation -------------------------------------------------------
-struct Tev;                                // opaque
+struct Tev;  // opaque
 
 // Takes over `record` (malloc'd) in every case: on failure it is freed.
 // Returns 0 and the new Tev, or 22 with *tev = nullptr for a malformed record.
 int Tev_MakeTev(void *record, uint32_t length, Tev **tev);
 void Tev_Free(Tev *tev);
-int Tev_GetID(Tev *tev, const char **id);                 // points into the Tev
-int Tev_GetMsg(Tev *tev, char **msg, size_t *length);      // malloc'd; caller frees
+int Tev_GetID(Tev *tev, const char **id);              // points into the Tev
+int Tev_GetMsg(Tev *tev, char **msg, size_t *length);  // malloc'd; caller frees
 int Tev_GetTimestamp(Tev *tev, uint64_t *usec);
 bool Tev_IsID(const char *id, const char *other);
 int Tev_GetArgCount(Tev *tev, uint32_t *count);
 // A null string argument (type 6, length 0xFFFFFFFF) is a string: both string
 // accessors succeed and deliver a null pointer.
-int Tev_GetStringArg(Tev *tev, int index, const char **str); // points into the Tev
+int Tev_GetStringArg(Tev *tev, int index, const char **str);  // points into the Tev
 int Tev_GetIntArg(Tev *tev, int index, int32_t *value);
 // scanf-like: each conversion takes the next argument from `first` on. %p and
 // %s store a `const char *` (null for a null string); integer conversions
@@ -115,8 +117,7 @@ const uint8_t *Tev_RecordBytes(Tev *tev, uint32_t *length);
 // ---- producers ---------------------------------------------------------------
 // Builds one record. Arguments are values as MsgFmt_Value (types 1..6).
 std::vector<uint8_t> TevRecord_Encode(const std::string &id, const std::string &message,
-                                      uint64_t timestampUs,
-                                      const std::vector<MsgFmt_Value> &args);
+                                      uint64_t timestampUs, const std::vector<MsgFmt_Value> &args);
 // Full validation of one record of exactly `length` bytes; on failure `why`
 // (if given) names the first problem found.
 bool TevRecord_IsWellFormed(const uint8_t *record, size_t length, std::string *why = nullptr);

@@ -81,7 +81,8 @@ int KNO_CheckSig(int which, char *kernelDate, size_t kernelDateSize, char *myDat
   std::string line = content.substr(0, content.find('\n'));
   size_t b = line.find_first_not_of(" \t");
   size_t e = b == std::string::npos ? std::string::npos : line.find_first_of(" \t", b);
-  std::string word = b == std::string::npos ? "" : line.substr(b, e == std::string::npos ? e : e - b);
+  std::string word =
+      b == std::string::npos ? "" : line.substr(b, e == std::string::npos ? e : e - b);
   if (word == KNO_BUILD_SIGNATURE) {
     return 0;
   }
@@ -133,7 +134,8 @@ int KNO_Set(KNO_Node node, const KNO_ParamList *instances, const KNO_ParamList *
           !platform_internal::ParseInt64(value, &v)) {
         return KNO_STATUS_BAD_PARAM;
       }
-      std::string rel = "options/" + PlatformModel_EscapeName(a) + "/" + PlatformModel_EscapeName(b);
+      std::string rel =
+          "options/" + PlatformModel_EscapeName(a) + "/" + PlatformModel_EscapeName(b);
       return PlatformModel_Write(rel, value) ? KNO_STATUS_OK : KNO_STATUS_NOT_FOUND;
     }
     case KNO_NODE_net_pNics_linkFlapping: {
@@ -141,8 +143,7 @@ int KNO_Set(KNO_Node node, const KNO_ParamList *instances, const KNO_ParamList *
       std::string rel = "nodes/net/pNics/" + PlatformModel_EscapeName(a) + "/linkFlapping";
       return PlatformModel_Write(rel, value) ? KNO_STATUS_OK : KNO_STATUS_NOT_FOUND;
     }
-    default:
-      return KNO_STATUS_BAD_PARAM;   // read-only nodes
+    default: return KNO_STATUS_BAD_PARAM;  // read-only nodes
   }
 }
 
@@ -164,13 +165,15 @@ int KNO_Get(KNO_Node node, const KNO_ParamList *instances, void *out, size_t out
     case KNO_NODE_system_pageRetire_threshold: {
       uint64_t v;
       if (outSize < sizeof v) return KNO_STATUS_BAD_PARAM;
-      if (!PlatformModel_Read("nodes/system/pageRetire/threshold", &text)) return KNO_STATUS_NOT_FOUND;
+      if (!PlatformModel_Read("nodes/system/pageRetire/threshold", &text))
+        return KNO_STATUS_NOT_FOUND;
       if (!platform_internal::ParseUint64(text, &v)) return KNO_STATUS_BAD_PARAM;
       memcpy(out, &v, sizeof v);
       return KNO_STATUS_OK;
     }
     case KNO_NODE_vm_vmmGroupInfo: {
-      if (outSize < KNO_VMM_GROUP_INFO_SIZE || !Param(instances, 0, &a)) return KNO_STATUS_BAD_PARAM;
+      if (outSize < KNO_VMM_GROUP_INFO_SIZE || !Param(instances, 0, &a))
+        return KNO_STATUS_BAD_PARAM;
       if (!PlatformModel_Read("nodes/vm/vmmGroupInfo/" + PlatformModel_EscapeName(a), &text)) {
         return KNO_STATUS_NOT_FOUND;
       }
@@ -187,7 +190,8 @@ int KNO_Get(KNO_Node node, const KNO_ParamList *instances, void *out, size_t out
           !Param(instances, 1, &b)) {
         return KNO_STATUS_BAD_PARAM;
       }
-      std::string rel = "options/" + PlatformModel_EscapeName(a) + "/" + PlatformModel_EscapeName(b);
+      std::string rel =
+          "options/" + PlatformModel_EscapeName(a) + "/" + PlatformModel_EscapeName(b);
       if (!PlatformModel_Read(rel, &text)) return KNO_STATUS_NOT_FOUND;
       int64_t v;
       if (!platform_internal::ParseInt64(text, &v) || v < INT32_MIN || v > INT32_MAX) {
@@ -205,21 +209,16 @@ int KNO_Get(KNO_Node node, const KNO_ParamList *instances, void *out, size_t out
       memcpy(out, &rec, sizeof rec);
       return KNO_STATUS_OK;
     }
-    default:
-      return KNO_STATUS_BAD_PARAM;
+    default: return KNO_STATUS_BAD_PARAM;
   }
 }
 
 int MTL_ReturnStatusToErrno(int status) {
   switch (status) {
-    case KNO_STATUS_OK:
-      return 0;
-    case KNO_STATUS_NOT_FOUND:
-      return ENOENT;
-    case KNO_STATUS_BAD_PARAM:
-      return EINVAL;
-    default:
-      return EIO;
+    case KNO_STATUS_OK: return 0;
+    case KNO_STATUS_NOT_FOUND: return ENOENT;
+    case KNO_STATUS_BAD_PARAM: return EINVAL;
+    default: return EIO;
   }
 }
 
@@ -228,7 +227,8 @@ int MtlSyscall(int number, void *arg) {
   if (arg == nullptr) return -EFAULT;
   struct timespec ts;
   TevClock_GetRealtime(&ts);
-  uint64_t us = static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+  uint64_t us =
+      static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
   memcpy(arg, &us, sizeof us);
   return 0;
 }

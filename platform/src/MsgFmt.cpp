@@ -19,11 +19,11 @@ namespace {
 
 // One printf conversion: "%", flags, width, precision, length, letter.
 struct Conv {
-  size_t end = 0;          // index just past the conversion letter
+  size_t end = 0;  // index just past the conversion letter
   std::string flagsWidthPrec;
-  std::string len;         // "", "hh", "h", "l", "ll", "L", "q", "j", "z", "t"
+  std::string len;  // "", "hh", "h", "l", "ll", "L", "q", "j", "z", "t"
   char letter = 0;
-  uint32_t type = 0;       // 0: takes no argument ("%%")
+  uint32_t type = 0;  // 0: takes no argument ("%%")
 };
 
 bool IsLong64(const std::string &len) {
@@ -34,22 +34,14 @@ bool IsLong64(const std::string &len) {
 // The argument type the conversion letter (with its length) takes.
 bool TypeOfLetter(Conv *c, std::string *why) {
   switch (c->letter) {
-    case '%':
-      c->type = 0;
-      return true;
+    case '%': c->type = 0; return true;
     case 'd':
-    case 'i':
-      c->type = IsLong64(c->len) ? MSGFMT_TYPE_INT64 : MSGFMT_TYPE_INT32;
-      return true;
-    case 'c':
-      c->type = MSGFMT_TYPE_INT32;
-      return true;
+    case 'i': c->type = IsLong64(c->len) ? MSGFMT_TYPE_INT64 : MSGFMT_TYPE_INT32; return true;
+    case 'c': c->type = MSGFMT_TYPE_INT32; return true;
     case 'u':
     case 'x':
     case 'X':
-    case 'o':
-      c->type = IsLong64(c->len) ? MSGFMT_TYPE_UINT64 : MSGFMT_TYPE_UINT32;
-      return true;
+    case 'o': c->type = IsLong64(c->len) ? MSGFMT_TYPE_UINT64 : MSGFMT_TYPE_UINT32; return true;
     case 'f':
     case 'F':
     case 'e':
@@ -57,9 +49,7 @@ bool TypeOfLetter(Conv *c, std::string *why) {
     case 'g':
     case 'G':
     case 'a':
-    case 'A':
-      c->type = MSGFMT_TYPE_DOUBLE;
-      return true;
+    case 'A': c->type = MSGFMT_TYPE_DOUBLE; return true;
     case 's':
       if (!c->len.empty()) {
         *why = "wide strings are not supported";
@@ -67,12 +57,8 @@ bool TypeOfLetter(Conv *c, std::string *why) {
       }
       c->type = MSGFMT_TYPE_STRING;
       return true;
-    case 'p':
-      c->type = MSGFMT_TYPE_UINT64;
-      return true;
-    default:
-      *why = std::string("unsupported conversion '%") + c->letter + "'";
-      return false;
+    case 'p': c->type = MSGFMT_TYPE_UINT64; return true;
+    default: *why = std::string("unsupported conversion '%") + c->letter + "'"; return false;
   }
 }
 
@@ -186,11 +172,8 @@ RawArg ReadVaArg(const Conv &c, va_list *vap) {
       memcpy(&a.bits, &d, sizeof d);
       break;
     }
-    case MSGFMT_TYPE_STRING:
-      a.str = va_arg(va, const char *);
-      break;
-    default:
-      break;
+    case MSGFMT_TYPE_STRING: a.str = va_arg(va, const char *); break;
+    default: break;
   }
   return a;
 #undef va
@@ -219,8 +202,8 @@ void AppendV(std::string *out, const char *conv, ...) {
 // value in its natural form instead of reading a wrong type.
 void PrintArg(std::string *out, const Conv &c, const RawArg &a) {
   std::string conv = "%" + c.flagsWidthPrec;
-  bool integer = a.type >= MSGFMT_TYPE_INT32 && a.type <= MSGFMT_TYPE_UINT64 &&
-                 a.type != MSGFMT_TYPE_DOUBLE;
+  bool integer =
+      a.type >= MSGFMT_TYPE_INT32 && a.type <= MSGFMT_TYPE_UINT64 && a.type != MSGFMT_TYPE_DOUBLE;
   bool wide = a.type == MSGFMT_TYPE_INT64 || a.type == MSGFMT_TYPE_UINT64;
   switch (c.letter) {
     case 'd':
@@ -257,25 +240,17 @@ void PrintArg(std::string *out, const Conv &c, const RawArg &a) {
   }
   switch (a.type) {
     case MSGFMT_TYPE_INT32:
-    case MSGFMT_TYPE_INT64:
-      AppendV(out, "%lld", static_cast<long long>(a.bits));
-      return;
+    case MSGFMT_TYPE_INT64: AppendV(out, "%lld", static_cast<long long>(a.bits)); return;
     case MSGFMT_TYPE_UINT32:
-    case MSGFMT_TYPE_UINT64:
-      AppendV(out, "%llu", static_cast<unsigned long long>(a.bits));
-      return;
+    case MSGFMT_TYPE_UINT64: AppendV(out, "%llu", static_cast<unsigned long long>(a.bits)); return;
     case MSGFMT_TYPE_DOUBLE: {
       double d;
       memcpy(&d, &a.bits, sizeof d);
       AppendV(out, "%g", d);
       return;
     }
-    case MSGFMT_TYPE_STRING:
-      out->append(a.str != nullptr ? a.str : "(null)");
-      return;
-    default:
-      out->append("?");
-      return;
+    case MSGFMT_TYPE_STRING: out->append(a.str != nullptr ? a.str : "(null)"); return;
+    default: out->append("?"); return;
   }
 }
 
@@ -294,7 +269,7 @@ std::string FormatRaw(const char *format, const std::vector<RawArg> &args) {
     Conv c;
     std::string why;
     if (!ParseConv(format, i, &c, &why)) {
-      out += format[i++];   // not a conversion we know: keep the text as it is
+      out += format[i++];  // not a conversion we know: keep the text as it is
       continue;
     }
     i = c.end;
@@ -384,9 +359,9 @@ char *MsgFmt_Asprintf(size_t *length, const char *format, const MsgFmt_Arg *args
     a.bits = s.value;
     if (s.type == MSGFMT_TYPE_STRING) {
       a.bits = 0;
-      a.str = s.length == MSGFMT_NULL_STRING ? nullptr
-                                              : reinterpret_cast<const char *>(
-                                                    static_cast<uintptr_t>(s.value));
+      a.str = s.length == MSGFMT_NULL_STRING
+                  ? nullptr
+                  : reinterpret_cast<const char *>(static_cast<uintptr_t>(s.value));
     }
     raw.push_back(a);
   }

@@ -140,7 +140,7 @@ bool ParseBlock(const uint8_t *block, size_t size, uint32_t numArgs, std::vector
   }
   out->clear();
   out->reserve(numArgs);
-  uint64_t next = slots;   // strings are stored once, in argument order
+  uint64_t next = slots;  // strings are stored once, in argument order
   for (uint32_t i = 0; i < numArgs; i++) {
     MsgFmt_Arg s = MsgFmt_ReadSlot(block, static_cast<int>(i));
     RawArg a;
@@ -157,16 +157,16 @@ bool ParseBlock(const uint8_t *block, size_t size, uint32_t numArgs, std::vector
         break;
       case MSGFMT_TYPE_INT64:
       case MSGFMT_TYPE_UINT64:
-      case MSGFMT_TYPE_DOUBLE:
-        break;
+      case MSGFMT_TYPE_DOUBLE: break;
       case MSGFMT_TYPE_STRING:
         a.bits = 0;
         if (s.length == MSGFMT_NULL_STRING) {
           if (s.value != 0) return fail(where + "null string with a non-zero offset");
           break;
         }
-        if (s.value != next) return fail(where + "string offset " + std::to_string(s.value) +
-                                         " outside its place (expected " + std::to_string(next) + ")");
+        if (s.value != next)
+          return fail(where + "string offset " + std::to_string(s.value) +
+                      " outside its place (expected " + std::to_string(next) + ")");
         if (next + s.length >= size) return fail(where + "string runs past the block");
         if (block[next + s.length] != '\0') return fail(where + "string not NUL-terminated");
         if (memchr(block + next, '\0', s.length) != nullptr)
@@ -174,8 +174,7 @@ bool ParseBlock(const uint8_t *block, size_t size, uint32_t numArgs, std::vector
         a.str = reinterpret_cast<const char *>(block + next);
         next += static_cast<uint64_t>(s.length) + 1;
         break;
-      default:
-        return fail(where + "unknown type " + std::to_string(s.type));
+      default: return fail(where + "unknown type " + std::to_string(s.type));
     }
     if (s.type != MSGFMT_TYPE_STRING && s.length != 0) {
       return fail(where + "length field of a non-string is not 0");
@@ -195,7 +194,8 @@ bool MsgFmt_DecodeBlock(const void *block, size_t size, uint32_t numArgs,
                         std::vector<MsgFmt_Value> *out, std::string *why) {
   std::vector<RawArg> raw;
   if ((block == nullptr && size > 0) ||
-      !platform_internal::ParseBlock(static_cast<const uint8_t *>(block), size, numArgs, &raw, why)) {
+      !platform_internal::ParseBlock(static_cast<const uint8_t *>(block), size, numArgs, &raw,
+                                     why)) {
     return false;
   }
   if (out != nullptr) {

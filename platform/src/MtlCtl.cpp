@@ -59,7 +59,8 @@ void Sysinfo::Set() const {
 
 namespace Adv {
 int64_t AdvancedIntegerOptionImpl::GetValue() const {
-  std::string rel = "options/" + PlatformModel_EscapeName(group_) + "/" + PlatformModel_EscapeName(name_);
+  std::string rel =
+      "options/" + PlatformModel_EscapeName(group_) + "/" + PlatformModel_EscapeName(name_);
   std::string text;
   if (!PlatformModel_Read(rel, &text)) {
     throw HostCtlException("advanced option " + group_ + "/" + name_ + " is absent");
@@ -87,7 +88,8 @@ void VirtualMachine::Kill(int64_t how) const {
   }
 }
 
-std::unique_ptr<VirtualMachine> ResourceInfoImpl::GetVirtualMachineByWorldId(int32_t worldId) const {
+std::unique_ptr<VirtualMachine> ResourceInfoImpl::GetVirtualMachineByWorldId(
+    int32_t worldId) const {
   struct stat st;
   if (stat(PlatformModel_Path(VmDir(worldId)).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     throw HostCtlException("no virtual machine with world id " + std::to_string(worldId));

@@ -24,7 +24,7 @@ namespace platform_internal {
 struct RawArg {
   uint32_t type = 0;
   uint64_t bits = 0;
-  const char *str = nullptr;   // nullptr for a null string (and non-strings)
+  const char *str = nullptr;  // nullptr for a null string (and non-strings)
 };
 
 // Writes slot `index` of a block (blocks sit at any alignment: memcpy).

@@ -74,8 +74,9 @@ int LogHeadText(char *out, size_t size) {
     time_t secs = now.tv_sec;
     struct tm tm;
     localtime_r(&secs, &tm);
-    h.len = snprintf(h.text, sizeof h.text, "<14>%s %2d %02d:%02d:%02d tevd: ",
-                     kMonths[tm.tm_mon % 12], tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    h.len =
+        snprintf(h.text, sizeof h.text, "<14>%s %2d %02d:%02d:%02d tevd: ", kMonths[tm.tm_mon % 12],
+                 tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
     if (h.len < 0 || static_cast<size_t>(h.len) >= sizeof h.text) {
       return -1;
     }
@@ -118,7 +119,7 @@ int LogSocket() {
   int expected = -1;
   if (!__atomic_compare_exchange_n(&logFd, &expected, fd, false, __ATOMIC_ACQ_REL,
                                    __ATOMIC_ACQUIRE)) {
-    close(fd);   // another thread made one first
+    close(fd);  // another thread made one first
     return expected;
   }
   return fd;
@@ -150,16 +151,15 @@ void ReportDropped(int fd, const struct sockaddr_un *addr) {
   if (head < 0) {
     return;
   }
-  int len = snprintf(line + head, sizeof line - static_cast<size_t>(head),
-                     "%llu log lines dropped\n", n);
+  int len =
+      snprintf(line + head, sizeof line - static_cast<size_t>(head), "%llu log lines dropped\n", n);
   // The collector has just taken a line, so the report may wait for room
   // (bounded by the socket's send time-out): sent without waiting it could
   // find the queue refilled by that line and stay unreported while the
   // daemon is quiet.
-  if (len > 0 &&
-      sendto(fd, line, static_cast<size_t>(head + len), MSG_NOSIGNAL,
-             reinterpret_cast<const struct sockaddr *>(addr), sizeof *addr) < 0) {
-    __atomic_add_fetch(&droppedLines, n, __ATOMIC_ACQ_REL);   // still full: report later
+  if (len > 0 && sendto(fd, line, static_cast<size_t>(head + len), MSG_NOSIGNAL,
+                        reinterpret_cast<const struct sockaddr *>(addr), sizeof *addr) < 0) {
+    __atomic_add_fetch(&droppedLines, n, __ATOMIC_ACQ_REL);  // still full: report later
   }
 }
 
@@ -188,7 +188,7 @@ void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr)
       return;
     }
     if (errno != EBADF && errno != ENOTSOCK) {
-      return;   // no collector, ...: dropped silently
+      return;  // no collector, ...: dropped silently
     }
     DropLogSocket(fd);
   }
@@ -202,7 +202,7 @@ struct LineQueue {
   bool on;
   unsigned count;
   size_t used;
-  struct sockaddr_un addr;   // every queued line goes to this collector
+  struct sockaddr_un addr;  // every queued line goes to this collector
   size_t offset[kLines];
   size_t length[kLines];
   char bytes[kBytes];
@@ -256,7 +256,7 @@ void SendQueued(LineQueue &q) {
       DropLogSocket(fd);
       continue;
     }
-    ++done;   // no collector, ...: dropped silently
+    ++done;  // no collector, ...: dropped silently
   }
   q.count = 0;
   q.used = 0;
@@ -273,7 +273,7 @@ bool QueueLine(const char *datagram, size_t size, const struct sockaddr_un *addr
     SendQueued(q);
   }
   if (size > LineQueue::kBytes) {
-    return false;   // sent on its own, after the lines before it
+    return false;  // sent on its own, after the lines before it
   }
   if (q.count == 0) {
     q.addr = *addr;

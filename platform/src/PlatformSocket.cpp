@@ -12,19 +12,15 @@
 
 std::string PlatformEndpoint_Relative(PlatformEndpoint endpoint, uint32_t domain) {
   switch (endpoint) {
-    case PlatformEndpoint::UserContext:
-      return "var/run/orlan/tevd-user.sock";
+    case PlatformEndpoint::UserContext: return "var/run/orlan/tevd-user.sock";
     case PlatformEndpoint::AsyncContext: {
       char name[64];
       snprintf(name, sizeof name, "var/run/orlan/tev/async-%02u.sock", domain);
       return name;
     }
-    case PlatformEndpoint::Trace:
-      return "var/run/orlan/tevd-trace.sock";
-    case PlatformEndpoint::QprobAgent:
-      return "var/run/orlan/marshd-qprob.sock";
-    case PlatformEndpoint::LogCollector:
-      return kPlatformLogCollectorRelative;
+    case PlatformEndpoint::Trace: return "var/run/orlan/tevd-trace.sock";
+    case PlatformEndpoint::QprobAgent: return "var/run/orlan/marshd-qprob.sock";
+    case PlatformEndpoint::LogCollector: return kPlatformLogCollectorRelative;
   }
   return "";
 }

@@ -126,9 +126,7 @@ std::string Qprob_ToJson(const QprobMessage &msg) {
       case MSGFMT_TYPE_UINT32:
         out += "\"uint32\",\"value\":" + std::to_string(static_cast<uint32_t>(v.bits));
         break;
-      case MSGFMT_TYPE_UINT64:
-        out += "\"uint64\",\"value\":" + std::to_string(v.bits);
-        break;
+      case MSGFMT_TYPE_UINT64: out += "\"uint64\",\"value\":" + std::to_string(v.bits); break;
       case MSGFMT_TYPE_DOUBLE: {
         double d;
         memcpy(&d, &v.bits, sizeof d);
@@ -150,9 +148,7 @@ std::string Qprob_ToJson(const QprobMessage &msg) {
           JsonString(&out, v.str);
         }
         break;
-      default:
-        out += "\"unknown\",\"value\":null";
-        break;
+      default: out += "\"unknown\",\"value\":null"; break;
     }
     out += "}";
   }

@@ -94,7 +94,7 @@ int Tev_GetStringArg(Tev *tev, int index, const char **str) {
   }
   const platform_internal::RawArg &a = tev->view.args[static_cast<size_t>(index)];
   if (a.type != MSGFMT_TYPE_STRING) return TEVLIB_ERR_INVAL;
-  *str = a.str;   // null for a null string
+  *str = a.str;  // null for a null string
   return TEVLIB_OK;
 }
 

@@ -55,11 +55,12 @@ void TevLib_SetLogFunction(TevLib_LogFn fn) { logFunction.store(fn); }
 namespace {
 
 std::mutex gNamesMutex;
-std::map<int, std::string> gNames;   // guarded by gNamesMutex
+std::map<int, std::string> gNames;  // guarded by gNamesMutex
 
 std::string SocketPath(uint32_t domain) {
-  return domain == TEVLIB_USER_DOMAIN ? PlatformEndpoint_Path(PlatformEndpoint::UserContext)
-                                      : PlatformEndpoint_Path(PlatformEndpoint::AsyncContext, domain);
+  return domain == TEVLIB_USER_DOMAIN
+             ? PlatformEndpoint_Path(PlatformEndpoint::UserContext)
+             : PlatformEndpoint_Path(PlatformEndpoint::AsyncContext, domain);
 }
 
 int OpenContext(uint32_t domain, bool user, TevLib_Handle *handle) {
@@ -149,8 +150,8 @@ int TevLib_UserContextNewCnx(TevLib_Handle handle, int *fd) {
   socklen_t credLen = sizeof cred;
   if (getsockopt(c, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) == 0 && credLen == sizeof cred) {
     platform_internal::TevLibLog("User-level connection from pid %d uid %u gid %u\n",
-                              static_cast<int>(cred.pid), static_cast<unsigned>(cred.uid),
-                              static_cast<unsigned>(cred.gid));
+                                 static_cast<int>(cred.pid), static_cast<unsigned>(cred.uid),
+                                 static_cast<unsigned>(cred.gid));
   } else {
     platform_internal::TevLibLog("User-level connection from an unknown peer\n");
   }
@@ -173,4 +174,3 @@ int TevLib_Close(TevLib_Handle handle) {
   delete handle;
   return rc;
 }
-

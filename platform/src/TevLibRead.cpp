@@ -32,15 +32,15 @@ std::atomic<int64_t> gLastDropLogSec{INT64_MIN};
 struct ReadBatch {
   static constexpr unsigned kSlots = 16;
   static constexpr size_t kSlotSize = TEV_RECORD_MAX_SIZE;
-  uint8_t *arena = nullptr;        // kSlots * kSlotSize, mapped on first use
-  uint32_t length[kSlots] = {};    // real datagram sizes (may exceed kSlotSize)
-  unsigned next = 0;               // first slot not yet served
-  unsigned count = 0;              // slots filled by the last receive
-  bool drained = false;            // the last receive found the queue empty
+  uint8_t *arena = nullptr;      // kSlots * kSlotSize, mapped on first use
+  uint32_t length[kSlots] = {};  // real datagram sizes (may exceed kSlotSize)
+  unsigned next = 0;             // first slot not yet served
+  unsigned count = 0;            // slots filled by the last receive
+  bool drained = false;          // the last receive found the queue empty
 };
 
 std::mutex gBatchesMutex;
-std::map<int, ReadBatch *> gBatches;   // guarded by gBatchesMutex
+std::map<int, ReadBatch *> gBatches;  // guarded by gBatchesMutex
 
 ReadBatch *FindBatch(int fd) {
   std::lock_guard<std::mutex> lock(gBatchesMutex);
@@ -54,8 +54,8 @@ void NoteDropped(int fd, const std::string &why) {
   int64_t last = gLastDropLogSec.load();
   if (now != last && gLastDropLogSec.compare_exchange_strong(last, now)) {
     TevLibLog("TevLib: dropped a malformed record on %s: %s (%llu dropped so far)\n",
-                              platform_internal::FdName(fd).c_str(), why.c_str(),
-                              static_cast<unsigned long long>(total));
+              platform_internal::FdName(fd).c_str(), why.c_str(),
+              static_cast<unsigned long long>(total));
   }
 }
 
@@ -85,18 +85,18 @@ void NoteRefused(const struct ucred &peer, const char *id) {
   int64_t now = TevClock_NowSeconds();
   int64_t last = gLastRefusedLogSec.load();
   if (now != last && gLastRefusedLogSec.compare_exchange_strong(last, now)) {
-    TevLibLog("TevLib: refused %.128s from pid %d uid %u on user: unprivileged peers may post only "
-           "tev.user. and tev.tests. (%llu refused so far)\n",
-           id, static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
-           static_cast<unsigned long long>(total));
+    TevLibLog(
+        "TevLib: refused %.128s from pid %d uid %u on user: unprivileged peers may post only "
+        "tev.user. and tev.tests. (%llu refused so far)\n",
+        id, static_cast<int>(peer.pid), static_cast<unsigned>(peer.uid),
+        static_cast<unsigned long long>(total));
   }
 }
 
 // Takes the pending record off the socket without keeping it.
 void Discard(int fd) {
   char dummy;
-  while (recv(fd, &dummy, sizeof dummy, MSG_DONTWAIT | MSG_TRUNC) < 0 && errno == EINTR) {
-  }
+  while (recv(fd, &dummy, sizeof dummy, MSG_DONTWAIT | MSG_TRUNC) < 0 && errno == EINTR) {}
 }
 
 }  // namespace
@@ -186,13 +186,13 @@ int ReadBatched(int fd, ReadBatch *b, uint8_t *out, size_t size, size_t *length)
   for (;;) {
     if (b->next == b->count) {
       if (b->drained) {
-        b->drained = false;   // the next call asks the socket again
+        b->drained = false;  // the next call asks the socket again
         break;
       }
       int n = Refill(fd, b);
       if (n < 0) {
         if (errno == EINTR) continue;
-        if (used > 0) break;   // report the error on the next call
+        if (used > 0) break;  // report the error on the next call
         return errno == ENOMEM ? TEVLIB_ERR_NOMEM : TEVLIB_ERR_IO;
       }
       if (n == 0) {
@@ -243,7 +243,7 @@ struct ucred PeerOf(int fd) {
   struct ucred peer = {0, 0, 0};
   socklen_t credLen = sizeof peer;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &credLen) != 0 || credLen != sizeof peer) {
-    peer.uid = static_cast<uid_t>(-1);   // unknown: no more than an unprivileged peer
+    peer.uid = static_cast<uid_t>(-1);  // unknown: no more than an unprivileged peer
     peer.pid = 0;
   }
   return peer;
@@ -294,7 +294,7 @@ int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length) {
     if (n < 0) {
       if (errno == EINTR) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-      if (used > 0) break;   // report the error on the next call
+      if (used > 0) break;  // report the error on the next call
       return seq && (errno == ECONNRESET || errno == EPIPE) ? TEVLIB_ERR_CLOSED : TEVLIB_ERR_IO;
     }
     if (n == 0 && seq) {

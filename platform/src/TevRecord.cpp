@@ -37,8 +37,7 @@ size_t Pad8(size_t n) { return (n + 7) & ~static_cast<size_t>(7); }
 }  // namespace
 
 std::vector<uint8_t> TevRecord_Encode(const std::string &id, const std::string &message,
-                                      uint64_t timestampUs,
-                                      const std::vector<MsgFmt_Value> &args) {
+                                      uint64_t timestampUs, const std::vector<MsgFmt_Value> &args) {
   std::vector<uint8_t> block = MsgFmt_EncodeBlock(args);
   size_t msgOff = TEV_RECORD_HEADER_SIZE + id.size() + 1;
   size_t argOff = Pad8(msgOff + message.size() + 1);
@@ -81,7 +80,8 @@ bool ParseRecord(const uint8_t *rec, size_t length, RawRecord *out, std::string 
   if (msgOff <= TEV_RECORD_HEADER_SIZE || msgOff >= length) {
     return fail("message offset " + std::to_string(msgOff) + " outside the record");
   }
-  if (argOff % 8 != 0) return fail("argument offset " + std::to_string(argOff) + " not a multiple of 8");
+  if (argOff % 8 != 0)
+    return fail("argument offset " + std::to_string(argOff) + " not a multiple of 8");
   if (argOff <= msgOff || argOff > length) {
     return fail("argument offset " + std::to_string(argOff) + " outside the record");
   }

@@ -192,9 +192,7 @@ bool ParseValue(uint32_t type, const std::string &text, bool nullStrings, MsgFmt
     case MSGFMT_TYPE_STRING:
       *out = (nullStrings && text == "NULL") ? MsgFmt_Value::NullStr() : MsgFmt_Value::Str(text);
       break;
-    default:
-      *why = "unsupported argument type " + std::to_string(type);
-      return false;
+    default: *why = "unsupported argument type " + std::to_string(type); return false;
   }
   if (!ok) *why = "\"" + text + "\" is not a valid " + TypeName(type);
   return ok;
@@ -277,17 +275,18 @@ const Command kCommands[] = {
     {"log", "collect the daemon's log datagrams from dev/log under the root", tevctl::CmdLog},
     {"host", "create and edit the host model under the root", tevctl::CmdHost},
     {"selftest", "post the self-test observation sequence", tevctl::CmdSelftest},
-    {"scenario", "play scenario files against a fresh tevd and check the events", tevctl::CmdScenario},
+    {"scenario", "play scenario files against a fresh tevd and check the events",
+     tevctl::CmdScenario},
     {"fwd", "print the counters of tevfwd, the forwarder to Alertmanager", tevctl::CmdFwd},
     {"version", "print the version of tevctl and tevd", CmdVersion},
 };
 
 void Usage(FILE *to) {
-  fprintf(to,
-          "tevctl " TEVD_VERSION "\n"
-          "Usage: tevctl [--root DIR] COMMAND [options] [arguments]\n"
-          "All paths resolve under DIR, else under $TEVD_ROOT, else under /.\n"
-          "Commands:\n");
+  fprintf(to, "tevctl " TEVD_VERSION
+              "\n"
+              "Usage: tevctl [--root DIR] COMMAND [options] [arguments]\n"
+              "All paths resolve under DIR, else under $TEVD_ROOT, else under /.\n"
+              "Commands:\n");
   for (const Command &c : kCommands) fprintf(to, "  %-9s %s\n", c.name, c.summary);
   fprintf(to, "Run 'tevctl COMMAND --help' for a command's options.\n");
 }

@@ -30,11 +30,11 @@ int Fail(const char *cmd, const char *format, ...) __attribute__((format(printf,
 // follow an identifier. "--name=value" and "--name value" are both accepted.
 // "--root DIR" is known to every command and sets TEVD_ROOT. "-h" is "--help".
 struct OptionDef {
-  const char *name;     // without the leading "--"
+  const char *name;  // without the leading "--"
   bool takesValue;
 };
 struct ParsedArgs {
-  std::map<std::string, std::string> opts;   // flags map to ""
+  std::map<std::string, std::string> opts;  // flags map to ""
   std::vector<std::string> positional;
   bool Has(const std::string &name) const { return opts.count(name) != 0; }
   std::string Get(const std::string &name, const std::string &dflt = "") const;

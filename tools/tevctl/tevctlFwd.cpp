@@ -31,7 +31,8 @@ int CmdFwd(const std::vector<std::string> &args) {
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   std::string path = RootPath("/var/run/orlan/tevfwd-counters.json");
   std::ifstream in(path);
-  if (!in) return Fail(cmd, "cannot read %s: %s (is tevfwd running?)", path.c_str(), strerror(errno));
+  if (!in)
+    return Fail(cmd, "cannot read %s: %s (is tevfwd running?)", path.c_str(), strerror(errno));
   std::string line;
   std::getline(in, line);
   if (line.empty()) return Fail(cmd, "%s is empty", path.c_str());

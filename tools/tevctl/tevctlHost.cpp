@@ -40,10 +40,8 @@ struct DefaultEntry {
   const char *value;
 };
 const DefaultEntry kDefaults[] = {
-    {"options/Net/LinkFlappingThreshold", "10"},
-    {"options/PageRetire/ThresholdInterval", "10"},
-    {"options/PageRetire/ApeiLoggingEnabled", "1"},
-    {"options/Misc/TevAsyncEnable", "0"},
+    {"options/Net/LinkFlappingThreshold", "10"},    {"options/PageRetire/ThresholdInterval", "10"},
+    {"options/PageRetire/ApeiLoggingEnabled", "1"}, {"options/Misc/TevAsyncEnable", "0"},
     {"nodes/system/pageRetire/threshold", "512"},
 };
 // Directories `init` creates, relative to the root.
@@ -117,12 +115,12 @@ bool RandomUuid(std::string *out) {
   ssize_t n = read(fd, b, sizeof b);
   close(fd);
   if (n != static_cast<ssize_t>(sizeof b)) return false;
-  b[6] = static_cast<unsigned char>((b[6] & 0x0f) | 0x40);   // version 4
-  b[8] = static_cast<unsigned char>((b[8] & 0x3f) | 0x80);   // RFC 4122 variant
+  b[6] = static_cast<unsigned char>((b[6] & 0x0f) | 0x40);  // version 4
+  b[8] = static_cast<unsigned char>((b[8] & 0x3f) | 0x80);  // RFC 4122 variant
   char text[37];
   snprintf(text, sizeof text,
-           "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0], b[1],
-           b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+           "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0], b[1], b[2],
+           b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
   *out = text;
   return true;
 }
@@ -140,7 +138,7 @@ int HostInit(const char *cmd, const ParsedArgs &pa) {
   }
   std::string uuidPath = ModelRoot() + "/nodes/system/systemUuid";
   if (uuid.empty() && !force) {
-    PlatformModel_Read("nodes/system/systemUuid", &uuid);   // keep the host's identity
+    PlatformModel_Read("nodes/system/systemUuid", &uuid);  // keep the host's identity
   }
   if (uuid.empty() && !RandomUuid(&uuid)) return Fail(cmd, "cannot read /dev/urandom");
   int rc = WriteFile(uuidPath, uuid);
@@ -234,7 +232,8 @@ int HostVm(const char *cmd, const ParsedArgs &pa) {
   const std::vector<std::string> &pos = pa.positional;
   if (pos.size() != 2) return Fail(cmd, "vm needs WORLDID and NAME");
   int64_t id;
-  if (!ParseI64(pos[0], 32, &id)) return Fail(cmd, "world id \"%s\" is not a number", pos[0].c_str());
+  if (!ParseI64(pos[0], 32, &id))
+    return Fail(cmd, "world id \"%s\" is not a number", pos[0].c_str());
   int rc = WriteModel(cmd, "vms/" + pos[0] + "/name", pos[1]);
   if (rc == 0 && pa.Has("group")) {
     int64_t gid;

@@ -27,7 +27,7 @@ std::string StripPrefix(const std::string &line) {
   if (line.empty() || line[0] != '<') return line;
   size_t close = line.find('>');
   if (close == std::string::npos || close < 2) return line;
-  size_t stamp = close + 1;                     // "Mmm dd hh:mm:ss " is 16 characters
+  size_t stamp = close + 1;  // "Mmm dd hh:mm:ss " is 16 characters
   if (line.size() < stamp + 16 || line[stamp + 15] != ' ') return line;
   size_t colon = line.find(": ", stamp + 16);
   if (colon == std::string::npos) return line;

@@ -38,10 +38,10 @@ int CmdPost(const std::vector<std::string> &args) {
   const char *cmd = "post";
   ParsedArgs pa;
   std::string why;
-  if (!ParseArgs(args,
-                 {{"user", false}, {"domain", true}, {"ts", true}, {"msg", true},
-                  {"null-strings", false}},
-                 &pa, &why)) {
+  if (!ParseArgs(
+          args,
+          {{"user", false}, {"domain", true}, {"ts", true}, {"msg", true}, {"null-strings", false}},
+          &pa, &why)) {
     return Fail(cmd, "%s", why.c_str());
   }
   if (pa.Has("help")) {
@@ -49,7 +49,8 @@ int CmdPost(const std::vector<std::string> &args) {
     return 0;
   }
   if (pa.positional.size() < 2) return Fail(cmd, "needs ID and FORMAT (try --help)");
-  if (pa.Has("user") && pa.Has("domain")) return Fail(cmd, "--user and --domain exclude each other");
+  if (pa.Has("user") && pa.Has("domain"))
+    return Fail(cmd, "--user and --domain exclude each other");
 
   bool user = pa.Has("user");
   uint64_t domain = 0;

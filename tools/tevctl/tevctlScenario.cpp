@@ -52,6 +52,23 @@ std::string FindTevd() {
 
 }  // namespace
 
+// `scenario check FILE...`: parses every file and reports each one.
+int CheckFiles(const std::vector<std::string> &positional) {
+  if (positional.size() < 2) return Fail("scenario", "check needs at least one FILE (try --help)");
+  std::vector<std::string> errors;
+  for (size_t i = 1; i < positional.size(); ++i) {
+    scenario::Scenario sc;
+    size_t before = errors.size();
+    if (scenario::Parse(positional[i], &sc, &errors) && errors.size() == before) {
+      printf("%s: ok (%zu steps, %zu expectations, ends at %.3f s)\n", sc.file.c_str(),
+             sc.steps.size(), sc.expects.size(), sc.end);
+    }
+  }
+  fflush(stdout);
+  for (const std::string &e : errors) fprintf(stderr, "%s\n", e.c_str());
+  return errors.empty() ? 0 : 2;
+}
+
 int CmdScenario(const std::vector<std::string> &args) {
   const char *cmd = "scenario";
   ParsedArgs lead;
@@ -62,29 +79,17 @@ int CmdScenario(const std::vector<std::string> &args) {
     return lead.Has("help") ? 0 : 2;
   }
   if (lead.positional[0] == "record") {
-    return CmdScenarioRecord(std::vector<std::string>(lead.positional.begin() + 1, lead.positional.end()));
+    return CmdScenarioRecord(
+        std::vector<std::string>(lead.positional.begin() + 1, lead.positional.end()));
   }
-  if (lead.positional[0] == "check") {
-    if (lead.positional.size() < 2) return Fail(cmd, "check needs at least one FILE (try --help)");
-    std::vector<std::string> errors;
-    for (size_t i = 1; i < lead.positional.size(); ++i) {
-      scenario::Scenario sc;
-      size_t before = errors.size();
-      if (scenario::Parse(lead.positional[i], &sc, &errors) && errors.size() == before) {
-        printf("%s: ok (%zu steps, %zu expectations, ends at %.3f s)\n", sc.file.c_str(),
-               sc.steps.size(), sc.expects.size(), sc.end);
-      }
-    }
-    fflush(stdout);
-    for (const std::string &e : errors) fprintf(stderr, "%s\n", e.c_str());
-    return errors.empty() ? 0 : 2;
-  }
+  if (lead.positional[0] == "check") return CheckFiles(lead.positional);
   if (lead.positional[0] != "run") {
     return Fail(cmd, "unknown sub-command \"%s\" (try --help)", lead.positional[0].c_str());
   }
   std::vector<std::string> rest(lead.positional.begin() + 1, lead.positional.end());
   ParsedArgs pa;
-  if (!ParseArgs(rest, {{"tevd", true}, {"keep", false}}, &pa, &why)) return Fail(cmd, "%s", why.c_str());
+  if (!ParseArgs(rest, {{"tevd", true}, {"keep", false}}, &pa, &why))
+    return Fail(cmd, "%s", why.c_str());
   if (pa.Has("help")) {
     fputs(kUsage, stdout);
     return 0;
@@ -93,7 +98,8 @@ int CmdScenario(const std::vector<std::string> &args) {
 
   std::vector<scenario::Scenario> all(pa.positional.size());
   std::vector<std::string> errors;
-  for (size_t i = 0; i < pa.positional.size(); ++i) scenario::Parse(pa.positional[i], &all[i], &errors);
+  for (size_t i = 0; i < pa.positional.size(); ++i)
+    scenario::Parse(pa.positional[i], &all[i], &errors);
   if (!errors.empty()) {
     fflush(stdout);
     for (const std::string &e : errors) fprintf(stderr, "%s\n", e.c_str());

@@ -35,25 +35,25 @@ struct Step {
 struct Expect {
   enum Kind { Event, NoEvent, Log, File, Exit } kind = Event;
   int line = 0;
-  std::string text;          // the line as written, for the report
-  double from = 0, to = 0;   // window in seconds from t = 0
-  std::string cls;           // Event: problem|audit|clear|*
-  std::string pattern;       // Event/NoEvent: identifier (glob); Log: text; File: REL
-  std::vector<std::string> args;   // Event: argument words ("*" matches any)
-  bool anyArgs = true;       // Event: no argument words given
-  std::string value;         // File: expected content
-  int exitCode = 0;          // Exit: status, or signal when `exitSignal`
+  std::string text;               // the line as written, for the report
+  double from = 0, to = 0;        // window in seconds from t = 0
+  std::string cls;                // Event: problem|audit|clear|*
+  std::string pattern;            // Event/NoEvent: identifier (glob); Log: text; File: REL
+  std::vector<std::string> args;  // Event: argument words ("*" matches any)
+  bool anyArgs = true;            // Event: no argument words given
+  std::string value;              // File: expected content
+  int exitCode = 0;               // Exit: status, or signal when `exitSignal`
   bool exitSignal = false;
 };
 
 struct Scenario {
   std::string file;
-  std::vector<std::vector<std::string>> setup;   // "host" lines, words after "host"
+  std::vector<std::vector<std::string>> setup;  // "host" lines, words after "host"
   std::vector<std::string> tevdArgs;
-  std::vector<std::string> tevdEnv;              // NAME=VALUE
-  std::vector<Step> steps;                       // sorted by time when parsed
+  std::vector<std::string> tevdEnv;  // NAME=VALUE
+  std::vector<Step> steps;           // sorted by time when parsed
   std::vector<Expect> expects;
-  double end = 0;                                // when the daemon is stopped
+  double end = 0;  // when the daemon is stopped
 };
 
 // Reads and checks `path`. False with "FILE:LINE: reason" lines in `errors`.
@@ -77,7 +77,7 @@ struct TraceArg {
   std::string text;
 };
 struct TraceLine {
-  int64_t wallNs = 0;   // the wall-clock time the daemon traced it
+  int64_t wallNs = 0;  // the wall-clock time the daemon traced it
   bool in = true;
   uint64_t stamp = 0;
   std::string id;
@@ -88,14 +88,14 @@ enum class TraceParse { Ok, More, Bad };
 TraceParse ParseTraceLine(const std::string &line, TraceLine *out, std::string *why);
 
 struct RecordOptions {
-  double early = 1.0;   // an event's window opens this long before its traced moment
-  double late = 1.5;    // and closes this long after it
-  std::string setup;    // text put at the head of the scenario (host, tevd lines)
+  double early = 1.0;  // an event's window opens this long before its traced moment
+  double late = 1.5;   // and closes this long after it
+  std::string setup;   // text put at the head of the scenario (host, tevd lines)
 };
 // Writes the scenario for the trace read from `in` into `text`. Skipped
 // lines and a summary go to `notes`. False when no trace line was read.
-bool Record(std::istream &in, const std::string &source, const RecordOptions &opts, std::string *text,
-            std::vector<std::string> *notes);
+bool Record(std::istream &in, const std::string &source, const RecordOptions &opts,
+            std::string *text, std::vector<std::string> *notes);
 
 }  // namespace scenario
 int CmdScenarioRecord(const std::vector<std::string> &args);

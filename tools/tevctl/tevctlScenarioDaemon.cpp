@@ -93,7 +93,8 @@ bool Runner::DaemonGone() {
 bool Runner::EndedEarly() {
   int64_t drain = NowMs() + 200;
   while (NowMs() < drain && (outFd_ >= 0 || errFd_ >= 0)) Service(20);
-  if (!HasExitExpect(sc_)) problems_.push_back("tevd ended before it was ready: " + StatusText(status_));
+  if (!HasExitExpect(sc_))
+    problems_.push_back("tevd ended before it was ready: " + StatusText(status_));
   return false;
 }
 

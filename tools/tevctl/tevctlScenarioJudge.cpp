@@ -32,10 +32,8 @@ std::string ValueText(const MsgFmt_Value &v) {
       snprintf(buf, sizeof buf, "%g", d);
       return buf;
     }
-    case MSGFMT_TYPE_STRING:
-      return v.isNull ? "NULL" : v.str;
-    default:
-      return "?";
+    case MSGFMT_TYPE_STRING: return v.isNull ? "NULL" : v.str;
+    default: return "?";
   }
 }
 
@@ -137,7 +135,8 @@ void JudgeExit(const Expect &x, const RunRecord &rec, Verdict *v) {
   int st = rec.status;
   v->pass = rec.exited && (x.exitSignal ? WIFSIGNALED(st) && WTERMSIG(st) == x.exitCode
                                         : WIFEXITED(st) && WEXITSTATUS(st) == x.exitCode);
-  if (!v->pass) v->instead.push_back(rec.exited ? "tevd ended with " + StatusText(st) : "tevd did not end");
+  if (!v->pass)
+    v->instead.push_back(rec.exited ? "tevd ended with " + StatusText(st) : "tevd did not end");
 }
 
 }  // namespace

@@ -21,8 +21,8 @@ struct EventSeen {
 struct RunRecord {
   const std::vector<EventSeen> &events;
   const std::vector<std::pair<double, std::string>> &logs;
-  const std::vector<double> &fileHit;          // per expectation: first time the value was seen (-1)
-  const std::vector<std::string> &fileLast;    // per expectation: the last value read
+  const std::vector<double> &fileHit;        // per expectation: first time the value was seen (-1)
+  const std::vector<std::string> &fileLast;  // per expectation: the last value read
   bool exited;
   int status;
 };

@@ -110,13 +110,15 @@ bool CheckHost(Ctx &c, const std::vector<std::string> &w) {
       size_t first = 1;
       if (w[1] == "--group") {
         int64_t g;
-        if (w.size() != 5 || !ParseI64(w[2], 64, &g)) return c.Err("expected \"host vm --group GID WORLDID NAME\"");
+        if (w.size() != 5 || !ParseI64(w[2], 64, &g))
+          return c.Err("expected \"host vm --group GID WORLDID NAME\"");
         first = 3;
       } else if (w.size() != 3) {
         return c.Err(std::string("expected \"") + s.usage + "\"");
       }
       int64_t id;
-      if (!ParseI64(w[first], 32, &id)) return c.Err("world id \"" + w[first] + "\" is not a number");
+      if (!ParseI64(w[first], 32, &id))
+        return c.Err("world id \"" + w[first] + "\" is not a number");
     }
     return true;
   }
@@ -138,7 +140,8 @@ bool ParsePost(Ctx &c, const std::vector<std::string> &w, size_t i, Step *s) {
     } else if (w[i] == "--msg" && i + 1 < w.size()) {
       s->message = w[++i];
     } else {
-      return c.Err("unknown post option \"" + w[i] + "\" (expected --user, --domain N, --msg TEXT)");
+      return c.Err("unknown post option \"" + w[i] +
+                   "\" (expected --user, --domain N, --msg TEXT)");
     }
   }
   if (i + 2 > w.size()) return c.Err("expected \"post [--user] ID FORMAT [ARG...]\"");
@@ -202,6 +205,29 @@ bool ParseAt(Ctx &c, const std::vector<std::string> &w, Scenario *sc) {
   return true;
 }
 
+// "expect event CLASS ID [ARG...] within A..B".
+bool ParseExpectEvent(Ctx &c, const std::vector<std::string> &w, Expect *ep) {
+  Expect &e = *ep;
+  e.kind = Expect::Event;
+  if (w.size() < 6) return c.Err("expected \"expect event CLASS ID [ARG...] within A..B\"");
+  e.cls = w[2];
+  if (e.cls != "problem" && e.cls != "audit" && e.cls != "clear" && e.cls != "*") {
+    return c.Err("event class must be problem, audit, clear or *, not \"" + e.cls + "\"");
+  }
+  e.pattern = w[3];
+  if (e.pattern.compare(0, 4, "kos.") != 0) {
+    return c.Err("event identifier \"" + e.pattern + "\" must begin with \"kos.\"");
+  }
+  size_t within = w.size() - 2;
+  e.args.assign(w.begin() + 4, w.begin() + static_cast<long>(within));
+  e.anyArgs = e.args.empty();
+  if (e.args.size() == 1 && e.args[0] == "-") {  // "-": exactly no arguments
+    e.args.clear();
+    e.anyArgs = false;
+  }
+  return ParseWindow(c, w, within, &e);
+}
+
 bool ParseExpect(Ctx &c, const std::vector<std::string> &w, const std::string &raw, Scenario *sc) {
   Expect e;
   e.line = c.line;
@@ -211,32 +237,17 @@ bool ParseExpect(Ctx &c, const std::vector<std::string> &w, const std::string &r
   if (w.size() < 2) return c.Err("expected \"expect event|no event|log|file|exit ...\"");
   const std::string &k = w[1];
   if (k == "event") {
-    e.kind = Expect::Event;
-    if (w.size() < 6) return c.Err("expected \"expect event CLASS ID [ARG...] within A..B\"");
-    e.cls = w[2];
-    if (e.cls != "problem" && e.cls != "audit" && e.cls != "clear" && e.cls != "*") {
-      return c.Err("event class must be problem, audit, clear or *, not \"" + e.cls + "\"");
-    }
-    e.pattern = w[3];
-    if (e.pattern.compare(0, 4, "kos.") != 0) {
-      return c.Err("event identifier \"" + e.pattern + "\" must begin with \"kos.\"");
-    }
-    size_t within = w.size() - 2;
-    e.args.assign(w.begin() + 4, w.begin() + static_cast<long>(within));
-    e.anyArgs = e.args.empty();
-    if (e.args.size() == 1 && e.args[0] == "-") {   // "-": exactly no arguments
-      e.args.clear();
-      e.anyArgs = false;
-    }
-    if (!ParseWindow(c, w, within, &e)) return false;
+    if (!ParseExpectEvent(c, w, &e)) return false;
   } else if (k == "no") {
     e.kind = Expect::NoEvent;
-    if (w.size() != 6 || w[2] != "event") return c.Err("expected \"expect no event PATTERN within A..B\"");
+    if (w.size() != 6 || w[2] != "event")
+      return c.Err("expected \"expect no event PATTERN within A..B\"");
     e.pattern = w[3];
     if (!ParseWindow(c, w, 4, &e)) return false;
   } else if (k == "log") {
     e.kind = Expect::Log;
-    if (w.size() != 5 || w[2].empty()) return c.Err("expected \"expect log TEXT within A..B\" (quote TEXT)");
+    if (w.size() != 5 || w[2].empty())
+      return c.Err("expected \"expect log TEXT within A..B\" (quote TEXT)");
     e.pattern = w[2];
     if (!ParseWindow(c, w, 3, &e)) return false;
   } else if (k == "file") {
@@ -302,7 +313,8 @@ bool ParseLine(Ctx &c, const std::string &raw, Scenario *sc) {
     if (w.size() != 2 || !ParseSeconds(w[1], &sc->end)) return c.Err("expected \"end SECONDS\"");
     return true;
   }
-  return c.Err("expected host, at, expect, tevd or end at the start of the line, not \"" + k + "\"");
+  return c.Err("expected host, at, expect, tevd or end at the start of the line, not \"" + k +
+               "\"");
 }
 
 }  // namespace

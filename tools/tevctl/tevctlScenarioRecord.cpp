@@ -191,7 +191,8 @@ std::string PostLine(const TraceLine &l, double t, std::string *problem) {
       words += " " + Quote(a.text);
     } else {
       conv = "%?";
-      *problem = "argument " + std::to_string(k + 1) + " has a type the trace does not show (\"???\")";
+      *problem =
+          "argument " + std::to_string(k + 1) + " has a type the trace does not show (\"???\")";
     }
     format += (k ? " " : "") + conv;
   }
@@ -213,20 +214,20 @@ std::string ExpectLine(const TraceLine &l, double from, double to, std::string *
     // Unknown types, null strings (traced as "(null)") and what a line cannot
     // hold match anything.
     if (a.kind == TraceArg::Integer) words += " " + a.text;
-    else if (a.kind == TraceArg::String && a.text != "(null)" && a.text.find('\n') == std::string::npos &&
-             !(l.args.size() == 1 && a.text == "-"))
+    else if (a.kind == TraceArg::String && a.text != "(null)" &&
+             a.text.find('\n') == std::string::npos && !(l.args.size() == 1 && a.text == "-"))
       words += " " + Quote(a.text);
     else words += " *";
   }
   if (l.args.empty()) words = " -";
-  return "expect event " + (cls.empty() ? "*" : cls) + " " + LiteralGlob(l.id) + words + " within " +
-         Seconds(from) + ".." + Seconds(to);
+  return "expect event " + (cls.empty() ? "*" : cls) + " " + LiteralGlob(l.id) + words +
+         " within " + Seconds(from) + ".." + Seconds(to);
 }
 
 }  // namespace
 
-bool Record(std::istream &in, const std::string &source, const RecordOptions &opts, std::string *text,
-            std::vector<std::string> *warnings) {
+bool Record(std::istream &in, const std::string &source, const RecordOptions &opts,
+            std::string *text, std::vector<std::string> *warnings) {
   std::vector<TraceLine> lines;
   std::string raw, pending, why;
   int lineNo = 0, firstOfPending = 0;
@@ -234,7 +235,7 @@ bool Record(std::istream &in, const std::string &source, const RecordOptions &op
     ++lineNo;
     if (pending.empty()) {
       firstOfPending = lineNo;
-      if (raw.empty() || raw == "\r") continue;   // the end of the history, or spacing
+      if (raw.empty() || raw == "\r") continue;  // the end of the history, or spacing
       pending = raw;
     } else {
       pending += "\n" + raw;
@@ -243,7 +244,8 @@ bool Record(std::istream &in, const std::string &source, const RecordOptions &op
     TraceParse r = ParseTraceLine(pending, &l, &why);
     if (r == TraceParse::More) continue;
     if (r == TraceParse::Bad) {
-      warnings->push_back(source + ":" + std::to_string(firstOfPending) + ": " + why + "; line skipped");
+      warnings->push_back(source + ":" + std::to_string(firstOfPending) + ": " + why +
+                          "; line skipped");
     } else {
       lines.push_back(l);
     }
@@ -258,7 +260,8 @@ bool Record(std::istream &in, const std::string &source, const RecordOptions &op
   std::ostringstream o;
   o << "# Recorded by tevctl scenario record from " << source << ".\n"
     << "# Times are seconds from the first trace line; each event is expected from "
-    << Seconds(opts.early) << " s before to " << Seconds(opts.late) << " s after the moment it was traced.\n"
+    << Seconds(opts.early) << " s before to " << Seconds(opts.late)
+    << " s after the moment it was traced.\n"
     << "# The trace shows integers and strings only, no message text: see docs/scenarios.md.\n";
   if (!opts.setup.empty()) o << "\n" << opts.setup << (opts.setup.back() == '\n' ? "" : "\n");
   o << "\n";

@@ -158,8 +158,14 @@ int CmdScenarioRecord(const std::vector<std::string> &args) {
   ParsedArgs pa;
   std::string why;
   if (!ParseArgs(words,
-                 {{"from-trace", true}, {"history", false}, {"live", false}, {"seconds", true},
-                  {"early", true}, {"late", true}, {"setup", true}, {"output", true}},
+                 {{"from-trace", true},
+                  {"history", false},
+                  {"live", false},
+                  {"seconds", true},
+                  {"early", true},
+                  {"late", true},
+                  {"setup", true},
+                  {"output", true}},
                  &pa, &why)) {
     return Fail(cmd, "%s", why.c_str());
   }
@@ -172,7 +178,8 @@ int CmdScenarioRecord(const std::vector<std::string> &args) {
   if (fromFile && (pa.Has("history") || pa.Has("live") || pa.Has("seconds"))) {
     return Fail(cmd, "--history, --live and --seconds are for live recording, not --from-trace");
   }
-  if (pa.Has("history") && pa.Has("live")) return Fail(cmd, "--history and --live exclude each other");
+  if (pa.Has("history") && pa.Has("live"))
+    return Fail(cmd, "--history and --live exclude each other");
   scenario::RecordOptions opts;
   int rc = 0;
   if (!ReadRecordOptions(pa, &opts, &rc)) return rc;

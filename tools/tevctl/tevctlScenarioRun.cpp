@@ -5,15 +5,15 @@
 // the timeline when each step falls due and watches the files that `expect
 // file` names. Expectations are judged at the end from what was recorded, so
 // the report can show what arrived instead.
+#include <fnmatch.h>
+#include <ftw.h>
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fnmatch.h>
 #include <fstream>
-#include <ftw.h>
 #include <sstream>
 
 #include <fcntl.h>
@@ -86,7 +86,8 @@ bool Runner::Setup() {
 
 void Runner::AgentStart() {
   if (agentFd_ >= 0) return;
-  agentFd_ = PlatformSocket_Listen(PlatformEndpoint_Path(PlatformEndpoint::QprobAgent), SOCK_STREAM);
+  agentFd_ =
+      PlatformSocket_Listen(PlatformEndpoint_Path(PlatformEndpoint::QprobAgent), SOCK_STREAM);
   if (agentFd_ < 0) {
     problems_.push_back(std::string("cannot listen on the qprob socket: ") + strerror(errno));
     return;
@@ -194,7 +195,8 @@ void Runner::Play(const Step &s) {
       for (const std::string &w : s.words) text += " " + w;
       Note("HOST", text);
       fflush(stdout);
-      if (CmdHost(s.words) != 0) problems_.push_back("line " + std::to_string(s.line) + ": " + text + " failed");
+      if (CmdHost(s.words) != 0)
+        problems_.push_back("line " + std::to_string(s.line) + ": " + text + " failed");
       break;
     }
     case Step::AgentStop:
@@ -247,8 +249,8 @@ bool Runner::Go() {
       Service(std::max(0, std::min(ms, 20)));
     }
     if (exited_ && !HasExitExpect(sc_)) {
-      problems_.push_back("tevd ended during the scenario at " + std::to_string(exitAt_) + " s: " +
-                          StatusText(status_));
+      problems_.push_back("tevd ended during the scenario at " + std::to_string(exitAt_) +
+                          " s: " + StatusText(status_));
     }
   }
   if (pid_ > 0) Stop();
@@ -260,7 +262,8 @@ bool Runner::Go() {
 bool Runner::Judge() {
   int failed = JudgeExpectations(sc_, {events_, logs_, fileHit_, fileLast_, exited_, status_});
   // A daemon stopped by us must end cleanly unless the scenario says otherwise.
-  if (!HasExitExpect(sc_) && exited_ && stopping_ && !(WIFEXITED(status_) && WEXITSTATUS(status_) == 0)) {
+  if (!HasExitExpect(sc_) && exited_ && stopping_ &&
+      !(WIFEXITED(status_) && WEXITSTATUS(status_) == 0)) {
     problems_.push_back("tevd ended with " + StatusText(status_) + " after SIGTERM");
   }
   for (const std::string &p : problems_) printf("  ERROR %s\n", p.c_str());
@@ -276,8 +279,8 @@ bool Runner::Judge() {
   if (pass) {
     printf("  result: PASS (%zu expectations)\n", sc_.expects.size());
   } else {
-    printf("  result: FAIL (%d of %zu expectations failed, %zu errors)\n", failed, sc_.expects.size(),
-           problems_.size());
+    printf("  result: FAIL (%d of %zu expectations failed, %zu errors)\n", failed,
+           sc_.expects.size(), problems_.size());
   }
   if (opts_.keep && !root_.empty()) printf("  root kept at %s\n", root_.c_str());
   fflush(stdout);

@@ -31,7 +31,9 @@ class Runner {
 
  private:
   double Now() const { return static_cast<double>(NowMs() - t0_) / 1000.0; }
-  void Note(const std::string &tag, const std::string &text) { lines_.push_back({Now(), tag, text}); }
+  void Note(const std::string &tag, const std::string &text) {
+    lines_.push_back({Now(), tag, text});
+  }
   bool Setup();
   bool StartDaemon();
   void Service(int timeoutMs);
@@ -58,11 +60,11 @@ class Runner {
   bool stopping_ = false;
   std::vector<Conn> conns_;
   std::vector<EventSeen> events_;
-  std::vector<Line> lines_;      // the timeline: IN, OUT, LOG, HOST, AGENT, ERROR
+  std::vector<Line> lines_;  // the timeline: IN, OUT, LOG, HOST, AGENT, ERROR
   std::vector<std::pair<double, std::string>> logs_;
   std::string out_, err_;
-  std::vector<std::string> problems_;   // run errors that fail the scenario
-  std::vector<double> fileHit_;         // per expectation: first time the value was seen (-1)
+  std::vector<std::string> problems_;  // run errors that fail the scenario
+  std::vector<double> fileHit_;        // per expectation: first time the value was seen (-1)
   std::vector<std::string> fileLast_;
 };
 

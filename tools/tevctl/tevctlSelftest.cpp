@@ -56,7 +56,8 @@ std::vector<Row> AsyncRows() {
        "16045690984833335023",
        {V::U32(3735928559u), V::U32(0xdeadbeefu), V::U64(16045690984833335023ull)}},
       {"tev.tests.async.withStringParams",
-       "this is an observation with a string parameter: some string", {V::Str("some string")}},
+       "this is an observation with a string parameter: some string",
+       {V::Str("some string")}},
       {"tev.tests.async.withLongStringParam",
        "this is an observation with a string parameter: some looong long long long long long "
        "string",
@@ -185,8 +186,8 @@ int CmdSelftest(const std::vector<std::string> &args) {
       status = Fail(cmd, "sending %s failed: %s", r.id, n < 0 ? strerror(errno) : "short send");
       break;
     }
-    PrintLine(std::string("posted ") + r.id + " (" + std::to_string(r.args.size()) +
-              " args): \"" + r.message + "\"");
+    PrintLine(std::string("posted ") + r.id + " (" + std::to_string(r.args.size()) + " args): \"" +
+              r.message + "\"");
   }
   close(fd);
   return status;

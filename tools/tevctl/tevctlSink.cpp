@@ -58,7 +58,9 @@ bool ReadAll(int fd, int64_t deadline, std::string *data, std::string *why) {
   }
 }
 
-void PrintError(const std::string &why) { PrintLine("{\"error\":\"" + Qprob_JsonEscape(why) + "\"}"); }
+void PrintError(const std::string &why) {
+  PrintLine("{\"error\":\"" + Qprob_JsonEscape(why) + "\"}");
+}
 
 }  // namespace
 
@@ -90,9 +92,10 @@ int CmdSink(const std::vector<std::string> &args) {
     int ready = WaitReadable(lfd, RemainingMs(deadline));
     if (ready == 0) {
       if (count != 0) {
-        status = Fail(cmd, "timed out after %llu s with %llu of %llu messages",
-                      static_cast<unsigned long long>(timeout),
-                      static_cast<unsigned long long>(seen), static_cast<unsigned long long>(count));
+        status =
+            Fail(cmd, "timed out after %llu s with %llu of %llu messages",
+                 static_cast<unsigned long long>(timeout), static_cast<unsigned long long>(seen),
+                 static_cast<unsigned long long>(count));
       }
       break;
     }

@@ -61,7 +61,7 @@ int CmdTrace(const std::vector<std::string> &args) {
   }
   fflush(stdout);
   char buf[65536];
-  bool atLineStart = true;   // the history's end is a "\n" at the start of a line
+  bool atLineStart = true;  // the history's end is a "\n" at the start of a line
   int status = 0;
   for (;;) {
     int left = deadline < 0 ? -1 : static_cast<int>(std::max<int64_t>(0, deadline - NowMs()));

@@ -97,7 +97,7 @@ void Forwarder::Accept(const QprobMessage &msg, int64_t nowMs) {
   }
   const bool problem = msg.className == "problem";
   const bool audit = msg.className == "audit";
-  if (!problem && !(audit && opt_.audits)) return;   // clears without a pairing row, unknown classes
+  if (!problem && !(audit && opt_.audits)) return;  // clears without a pairing row, unknown classes
 
   const EventTemplate *t = FindTemplate(msg.id);
   std::vector<std::string> names = ArgLabelNames(t != nullptr ? t->text : nullptr, msg.args.size());
@@ -308,7 +308,8 @@ size_t Forwarder::Recover(int64_t nowMs) {
     json alert;
     if (ReadFile(EntryPath(seq), &text)) alert = json::parse(text, nullptr, false);
     if (!alert.is_object() || !alert.contains("labels") || !alert["labels"].is_object() ||
-        !alert.value("startsAt", json()).is_number() || !alert.value("endsAt", json()).is_number()) {
+        !alert.value("startsAt", json()).is_number() ||
+        !alert.value("endsAt", json()).is_number()) {
       log_.push_back("dropping unreadable spool entry " + EntryPath(seq));
       unlink(EntryPath(seq).c_str());
       ++counters_.dropped;
@@ -340,8 +341,8 @@ size_t Forwarder::Recover(int64_t nowMs) {
 
 std::string Forwarder::CountersJson() const {
   const Counters &c = counters_;
-  return json{{"received", c.received}, {"sent", c.sent},         {"resolved", c.resolved},
-              {"spooled", c.spooled},   {"dropped", c.dropped},   {"expired", c.expired},
+  return json{{"received", c.received},   {"sent", c.sent},           {"resolved", c.resolved},
+              {"spooled", c.spooled},     {"dropped", c.dropped},     {"expired", c.expired},
               {"malformed", c.malformed}, {"waiting", spool_.size()}, {"active", active_.size()}}
       .dump();
 }

@@ -42,8 +42,8 @@ struct Counters {
 // One alert on its way out. `endsAtMs` 0: firing, its end is set when sent.
 struct Entry {
   uint64_t seq = 0;
-  nlohmann::json alert;   // {"labels":{..},"annotations":{..},"startsAt":ms,"endsAt":ms,"args":[..]}
-  uint32_t pending = 0;   // replicas (bit i) still to receive it
+  nlohmann::json alert;  // {"labels":{..},"annotations":{..},"startsAt":ms,"endsAt":ms,"args":[..]}
+  uint32_t pending = 0;  // replicas (bit i) still to receive it
   bool onDisk = false;
   size_t bytes = 0;
 };
@@ -85,7 +85,7 @@ class Forwarder {
 
  private:
   struct Active {
-    nlohmann::json alert;   // as in Entry, endsAtMs 0
+    nlohmann::json alert;  // as in Entry, endsAtMs 0
     int64_t startsAtMs = 0;
   };
   void Push(nlohmann::json alert, bool durable);
@@ -100,7 +100,7 @@ class Forwarder {
   size_t spoolBytes_ = 0;
   uint64_t nextSeq_ = 1;
   uint32_t allReplicas_ = 0;
-  std::map<std::string, Active> active_;   // by fingerprint (alertname + labels)
+  std::map<std::string, Active> active_;  // by fingerprint (alertname + labels)
   bool activeDirty_ = false;
   int64_t nextResendMs_ = 0;
   uint64_t droppedUnlogged_ = 0;

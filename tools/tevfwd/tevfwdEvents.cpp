@@ -17,8 +17,9 @@ const std::vector<EventTemplate> &Templates() {
 
 const EventTemplate *FindTemplate(const std::string &id) {
   const auto &rows = Templates();
-  auto it = std::lower_bound(rows.begin(), rows.end(), id,
-                             [](const EventTemplate &t, const std::string &k) { return k.compare(t.id) > 0; });
+  auto it = std::lower_bound(
+      rows.begin(), rows.end(), id,
+      [](const EventTemplate &t, const std::string &k) { return k.compare(t.id) > 0; });
   return it != rows.end() && id == it->id ? &*it : nullptr;
 }
 
@@ -27,9 +28,10 @@ namespace {
 // Words that never name an argument ("... on %s", "... being %s").
 bool IsFiller(const std::string &w) {
   static const std::set<std::string> filler = {
-      "a", "an", "the", "to", "of", "on", "for", "in", "at", "by", "from", "with", "and", "or",
-      "is", "are", "be", "being", "been", "was", "has", "have", "as", "if", "that", "this",
-      "than", "into", "via", "after", "before", "per", "set", "value", "not", "no"};
+      "a",    "an",   "the",   "to",     "of",  "on",  "for",   "in",   "at",
+      "by",   "from", "with",  "and",    "or",  "is",  "are",   "be",   "being",
+      "been", "was",  "has",   "have",   "as",  "if",  "that",  "this", "than",
+      "into", "via",  "after", "before", "per", "set", "value", "not",  "no"};
   return filler.count(w) != 0;
 }
 
@@ -56,7 +58,7 @@ bool SkipConversion(const char *text, size_t *i) {
 std::vector<std::string> ArgLabelNames(const char *text, size_t numArgs) {
   std::vector<std::string> names;
   std::set<std::string> used;
-  std::vector<std::string> words;   // words since the previous conversion
+  std::vector<std::string> words;  // words since the previous conversion
   std::string word;
   auto endWord = [&] {
     if (!word.empty() && isalpha(static_cast<unsigned char>(word[0]))) words.push_back(word);

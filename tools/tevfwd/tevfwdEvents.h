@@ -12,8 +12,8 @@
 namespace tevfwd {
 
 struct EventTemplate {
-  const char *id;     // "kos.problem.net.hwnic.linkstate.down"
-  const char *text;   // the printf text of the daemon's log line
+  const char *id;    // "kos.problem.net.hwnic.linkstate.down"
+  const char *text;  // the printf text of the daemon's log line
 };
 
 // Every template of the daemon, sorted by id.

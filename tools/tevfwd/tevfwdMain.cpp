@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
-#include "PlatformSocket.h"
 #include "PlatformRoot.h"
+#include "PlatformSocket.h"
 #include "Qprob.h"
 #include "tevdVersion.h"
 #include "tevfwdCore.h"
@@ -70,7 +70,8 @@ void Log(const char *fmt, ...) {
 }
 
 int64_t NowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
+      .count();
 }
 
 bool ParseSeconds(const char *s, int64_t *out) {
@@ -94,7 +95,7 @@ struct Replica {
   std::unique_ptr<tevfwd::AlertPoster> poster;
   int64_t nextTryMs = 0;
   int64_t backoffMs = 0;
-  uint64_t failures = 0;          // consecutive
+  uint64_t failures = 0;  // consecutive
   uint64_t unloggedFailures = 0;
   int64_t nextLogMs = 0;
 };
@@ -130,7 +131,8 @@ bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeou
   }
   if (status == 400 || status == 422) {
     // Alertmanager refuses the alerts themselves: sending them again cannot help.
-    Log("%s refused %zu alert(s) (HTTP %ld); dropped", rep->poster->url().c_str(), seqs.size(), status);
+    Log("%s refused %zu alert(s) (HTTP %ld); dropped", rep->poster->url().c_str(), seqs.size(),
+        status);
     std::lock_guard<std::mutex> lock(s->mu);
     s->fwd->Delivered(r, seqs, true);
     return true;
@@ -142,7 +144,8 @@ bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeou
   if (now >= rep->nextLogMs) {
     std::string what = status < 0 ? why : "HTTP " + std::to_string(status);
     Log("delivery to %s failed: %s (%llu failure(s) since the last line); alerts wait in the spool",
-        rep->poster->url().c_str(), what.c_str(), static_cast<unsigned long long>(rep->unloggedFailures));
+        rep->poster->url().c_str(), what.c_str(),
+        static_cast<unsigned long long>(rep->unloggedFailures));
     rep->unloggedFailures = 0;
     rep->nextLogMs = now + kFailureLogIntervalMs;
   }
@@ -234,7 +237,7 @@ bool ReadMessage(int fd, std::string *data, std::string *why) {
 void AcceptAll(Shared *s, int lfd) {
   for (;;) {
     int cfd = accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (cfd < 0) return;   // EAGAIN: no more waiting
+    if (cfd < 0) return;  // EAGAIN: no more waiting
     std::string data, why;
     bool whole = ReadMessage(cfd, &data, &why);
     close(cfd);
@@ -305,8 +308,9 @@ int ParseOption(int argc, char **argv, int *i, CommandLine *cl) {
     cl->once = true;
   } else if (a == "--resend" || a == "--lifetime" || a == "--audit-lifetime") {
     ok = seconds(&secs);
-    (a == "--resend" ? opt.resendMs : a == "--lifetime" ? opt.lifetimeMs : opt.auditLifetimeMs) =
-        secs * 1000;
+    (a == "--resend"     ? opt.resendMs
+     : a == "--lifetime" ? opt.lifetimeMs
+                         : opt.auditLifetimeMs) = secs * 1000;
   } else if (a == "--retry-max") {
     ok = seconds(&cl->retryMaxSec);
   } else if (a == "--timeout") {
@@ -343,7 +347,7 @@ int ParseCommandLine(int argc, char **argv, CommandLine *cl) {
 void HandleSignals() {
   struct sigaction sa;
   memset(&sa, 0, sizeof sa);
-  sa.sa_handler = OnSignal;   // no SA_RESTART: poll returns at once
+  sa.sa_handler = OnSignal;  // no SA_RESTART: poll returns at once
   sigaction(SIGTERM, &sa, nullptr);
   sigaction(SIGINT, &sa, nullptr);
   sigaction(SIGUSR1, &sa, nullptr);
@@ -353,12 +357,12 @@ void HandleSignals() {
 // --once: every replica until it has everything or fails once.
 int SendSpooledAndExit(Shared *s, std::vector<Replica> *reps, int64_t retryMaxMs, long timeoutMs) {
   for (size_t r = 0; r < reps->size(); ++r) {
-    while (SendOnce(s, r, &(*reps)[r], retryMaxMs, timeoutMs) && (*reps)[r].failures == 0) {
-    }
+    while (SendOnce(s, r, &(*reps)[r], retryMaxMs, timeoutMs) && (*reps)[r].failures == 0) {}
   }
   PrintCounters(s);
   size_t left = s->fwd->SpoolLength();
-  if (left != 0) Log("%zu alert(s) not delivered to every Alertmanager; they stay in the spool", left);
+  if (left != 0)
+    Log("%zu alert(s) not delivered to every Alertmanager; they stay in the spool", left);
   return left == 0 ? 0 : 1;
 }
 
@@ -422,7 +426,6 @@ int main(int argc, char **argv) {
   const int64_t retryMaxMs = cl.retryMaxSec * 1000;
   const long timeoutMs = static_cast<long>(cl.timeoutSec * 1000);
   if (cl.once) return SendSpooledAndExit(&s, &reps, retryMaxMs, timeoutMs);
-
   std::string path = PlatformEndpoint_Path(PlatformEndpoint::QprobAgent);
   int lfd = Listen(path);
   if (lfd < 0) {

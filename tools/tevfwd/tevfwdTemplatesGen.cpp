@@ -32,7 +32,8 @@ std::string ReadLiteral(const std::string &s, size_t *i) {
       case 'x': {
         int v = 0;
         while (p < s.size() && isxdigit(static_cast<unsigned char>(s[p]))) {
-          v = v * 16 + (isdigit(static_cast<unsigned char>(s[p])) ? s[p] - '0' : (tolower(s[p]) - 'a' + 10));
+          v = v * 16 +
+              (isdigit(static_cast<unsigned char>(s[p])) ? s[p] - '0' : (tolower(s[p]) - 'a' + 10));
           ++p;
         }
         out.push_back(static_cast<char>(v));
@@ -41,7 +42,8 @@ std::string ReadLiteral(const std::string &s, size_t *i) {
       default:
         if (e >= '0' && e <= '7') {
           int v = e - '0';
-          for (int k = 0; k < 2 && p < s.size() && s[p] >= '0' && s[p] <= '7'; ++k) v = v * 8 + (s[p++] - '0');
+          for (int k = 0; k < 2 && p < s.size() && s[p] >= '0' && s[p] <= '7'; ++k)
+            v = v * 8 + (s[p++] - '0');
           out.push_back(static_cast<char>(v));
         } else {
           out.push_back(e);
@@ -79,7 +81,7 @@ int main() {
   int conflicts = 0;
   for (size_t i = 0; i < src.size();) {
     char c = src[i];
-    if (c == '\'') {   // a character literal: skip it whole ('"' would start a string)
+    if (c == '\'') {  // a character literal: skip it whole ('"' would start a string)
       size_t p = i + 1;
       while (p < src.size() && src[p] != '\'') p += src[p] == '\\' ? 2 : 1;
       i = p + 1;
@@ -100,7 +102,7 @@ int main() {
     }
     if (text.compare(0, sizeof kMarker - 1, kMarker) != 0) continue;
     size_t close = text.find(')');
-    if (close == std::string::npos) continue;   // a prefix, not a template
+    if (close == std::string::npos) continue;  // a prefix, not a template
     std::string id = text.substr(sizeof kMarker - 1, close - (sizeof kMarker - 1));
     std::string body = text.substr(close + 1);
     if (id.compare(0, 4, "kos.") != 0 || id.find_first_of(" %") != std::string::npos) continue;

@@ -98,7 +98,8 @@ void PostAll(Poster &poster, const std::vector<Observation> &obs) {
 void Describe(const NetState &state) {
   std::string nics;
   for (const auto &n : state.nics) {
-    nics += (nics.empty() ? "" : ", ") + n.first + (n.second.carrier ? " (carrier)" : " (no carrier)");
+    nics +=
+        (nics.empty() ? "" : ", ") + n.first + (n.second.carrier ? " (carrier)" : " (no carrier)");
   }
   Log("watching %zu NIC%s: %s", state.nics.size(), state.nics.size() == 1 ? "" : "s",
       nics.empty() ? "none" : nics.c_str());
@@ -137,12 +138,14 @@ void Enforce(Netlink &nl, const Options &opts, const NetState &state, const Flap
     // A flapping link still carries traffic between its flaps: when no other
     // uplink of its switch has carrier (or it serves no switch, so nothing is
     // known of the host's other ways out), taking it down can cut the host off.
-    int others = nic.vswitch.empty() ? 0 : state.UplinksWithCarrier(nic.vswitch) - (nic.carrier ? 1 : 0);
+    int others =
+        nic.vswitch.empty() ? 0 : state.UplinksWithCarrier(nic.vswitch) - (nic.carrier ? 1 : 0);
     if (opts.enforce == 1 && others == 0) {
       Log("%s: tevd reports the link flapping; NOT taking it down: %s (--enforce=all would)",
           v.nic.c_str(),
-          nic.vswitch.empty() ? "it is not an uplink of a switch, and may be the host's only way out"
-                              : ("no other uplink of switch " + nic.vswitch + " has carrier").c_str());
+          nic.vswitch.empty()
+              ? "it is not an uplink of a switch, and may be the host's only way out"
+              : ("no other uplink of switch " + nic.vswitch + " has carrier").c_str());
       return;
     }
     if (!nic.adminUp) {
@@ -159,7 +162,8 @@ void Enforce(Netlink &nl, const Options &opts, const NetState &state, const Flap
   }
   std::string why;
   if (nl.SetAdminUp(nic.ifindex, !v.down, &why) < 0) {
-    Log("%s: cannot set it administratively %s: %s", v.nic.c_str(), v.down ? "down" : "up", why.c_str());
+    Log("%s: cannot set it administratively %s: %s", v.nic.c_str(), v.down ? "down" : "up",
+        why.c_str());
   } else if (v.down) {
     Log("%s: link flapping: set administratively down (write 0 to its linkFlapping node to bring it back)",
         v.nic.c_str());

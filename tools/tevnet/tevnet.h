@@ -19,7 +19,7 @@ namespace tevnet {
 struct Link {
   int ifindex = 0;
   std::string name;
-  std::string kind;      // IFLA_INFO_KIND: "" for hardware, "veth", "bridge", "bond", ...
+  std::string kind;  // IFLA_INFO_KIND: "" for hardware, "veth", "bridge", "bond", ...
   bool loopback = false;
   bool ether = false;    // ARPHRD_ETHER
   bool adminUp = false;  // IFF_UP
@@ -31,8 +31,8 @@ struct Options {
   std::vector<std::string> include;  // fnmatch patterns; empty: every physical NIC
   std::vector<std::string> exclude;
   bool once = false;
-  int enforce = 0;                   // 0 log only, 1 act, 2 act even on a switch's last uplink
-  uint32_t domain = 0;               // asynchronous context the observations go to
+  int enforce = 0;      // 0 log only, 1 act, 2 act even on a switch's last uplink
+  uint32_t domain = 0;  // asynchronous context the observations go to
   int dropLogSec = 10;
 };
 
@@ -42,9 +42,9 @@ struct NetState {
     int ifindex = 0;
     bool carrier = false;
     bool adminUp = false;
-    std::string vswitch;   // "" when not an uplink of a switch
+    std::string vswitch;  // "" when not an uplink of a switch
   };
-  std::map<std::string, Nic> nics;                         // by name
+  std::map<std::string, Nic> nics;                           // by name
   std::map<std::string, std::vector<std::string>> switches;  // switch -> member NICs, by name
   int UplinksWithCarrier(const std::string &vswitch) const;
 };
@@ -108,7 +108,7 @@ class FlapNodes {
  public:
   struct Verdict {
     std::string nic;
-    bool down;   // 1 written: take the NIC down; 0: bring it back
+    bool down;  // 1 written: take the NIC down; 0: bring it back
   };
   // New writes since the last call (a value that changed, or 1 written again).
   std::vector<Verdict> Check(const NetState &state);

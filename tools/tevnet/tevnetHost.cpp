@@ -78,7 +78,8 @@ bool MakeDir(const std::string &relative) {
 
 // Removes a directory of plain files (the entries this producer owns).
 void RemoveEntry(const std::string &relative) {
-  for (const std::string &f : ListDir(relative)) unlink(PlatformModel_Path(relative + "/" + f).c_str());
+  for (const std::string &f : ListDir(relative))
+    unlink(PlatformModel_Path(relative + "/" + f).c_str());
   if (rmdir(PlatformModel_Path(relative).c_str()) != 0) {
     Log("host model: cannot remove %s: %s", PlatformModel_Path(relative).c_str(), strerror(errno));
   }
@@ -87,12 +88,14 @@ void RemoveEntry(const std::string &relative) {
 // The port group made for `vswitch` goes when it is no longer needed, unless
 // someone has since pointed it at another switch.
 void DropMadePortGroup(const std::string &vswitch) {
-  std::string marker = std::string(kSwitches) + "/" + PlatformModel_EscapeName(vswitch) + "/portgroup";
+  std::string marker =
+      std::string(kSwitches) + "/" + PlatformModel_EscapeName(vswitch) + "/portgroup";
   std::string pg;
   if (!PlatformModel_Read(marker, &pg)) return;
   std::string file = std::string(kPortGroups) + "/" + PlatformModel_EscapeName(pg);
   std::string target;
-  if (PlatformModel_Read(file, &target) && target == vswitch) unlink(PlatformModel_Path(file).c_str());
+  if (PlatformModel_Read(file, &target) && target == vswitch)
+    unlink(PlatformModel_Path(file).c_str());
   unlink(PlatformModel_Path(marker).c_str());
 }
 
@@ -169,7 +172,8 @@ void SyncHostModel(const NetState &state) {
 std::vector<FlapNodes::Verdict> FlapNodes::Check(const NetState &state) {
   std::vector<Verdict> out;
   for (const auto &n : state.nics) {
-    std::string rel = std::string(kPNics) + "/" + PlatformModel_EscapeName(n.first) + "/linkFlapping";
+    std::string rel =
+        std::string(kPNics) + "/" + PlatformModel_EscapeName(n.first) + "/linkFlapping";
     struct stat st;
     if (stat(PlatformModel_Path(rel).c_str(), &st) != 0) {
       seen_[n.first] = Seen{"", 0};
@@ -189,8 +193,8 @@ std::vector<FlapNodes::Verdict> FlapNodes::Check(const NetState &state) {
     } else if (now.value == "0") {
       out.push_back(Verdict{n.first, false});
     } else {
-      Log("%s: ignoring link-flapping value \"%s\" (expected 1 or 0)", PlatformModel_Path(rel).c_str(),
-          now.value.c_str());
+      Log("%s: ignoring link-flapping value \"%s\" (expected 1 or 0)",
+          PlatformModel_Path(rel).c_str(), now.value.c_str());
     }
   }
   return out;

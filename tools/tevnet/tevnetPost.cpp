@@ -11,8 +11,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "PlatformSocket.h"
 #include "PlatformRoot.h"
+#include "PlatformSocket.h"
 #include "TevLib.h"
 #include "tevnet.h"
 

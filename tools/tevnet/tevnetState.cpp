@@ -93,14 +93,15 @@ std::vector<Observation> TransitionObservations(const NetState &state, const std
     int members = static_cast<int>(state.switches.at(vswitch).size());
     for (const std::string &pg : portGroups(vswitch)) {
       if (up) {
-        out.push_back(Make(kPgUpId, kPgUpFmt,
-                           {MsgFmt_Value::Str(nic), MsgFmt_Value::Str(pg), MsgFmt_Value::I32(uplinks)}));
+        out.push_back(
+            Make(kPgUpId, kPgUpFmt,
+                 {MsgFmt_Value::Str(nic), MsgFmt_Value::Str(pg), MsgFmt_Value::I32(uplinks)}));
       } else {
         // The fourth argument, which the daemon carries but never reads, is
         // the switch's number of uplinks.
         out.push_back(Make(kPgDownId, kPgDownFmt,
-                           {MsgFmt_Value::Str(nic), MsgFmt_Value::Str(pg), MsgFmt_Value::I32(uplinks),
-                            MsgFmt_Value::I32(members)}));
+                           {MsgFmt_Value::Str(nic), MsgFmt_Value::Str(pg),
+                            MsgFmt_Value::I32(uplinks), MsgFmt_Value::I32(members)}));
       }
     }
   }
@@ -122,8 +123,9 @@ std::vector<Observation> DiffObservations(const NetState &before, const NetState
   // Start from the new membership with the old carriers and apply the
   // changes one by one.
   NetState work = after;
-  for (auto &n : work.nics) n.second.carrier = before.nics.count(n.first) ? before.nics.at(n.first).carrier
-                                                                          : n.second.carrier;
+  for (auto &n : work.nics)
+    n.second.carrier =
+        before.nics.count(n.first) ? before.nics.at(n.first).carrier : n.second.carrier;
   std::vector<Observation> out;
   for (const auto &c : changed) {
     bool up = after.nics.at(c.second).carrier;

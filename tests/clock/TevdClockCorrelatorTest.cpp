@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdClockCorrelator.h"
 #include "tevdCorrelator.h"
@@ -42,7 +42,7 @@ class ClockTest : public ::testing::Test {
   tevdtest::ScratchRoot root;
   tevdtest::FakeClock clock;
   tevdtest::EventCapture events;
-  tevdtest::LogCapture log{root};
+  tevdtest::LogLines log{root};
 };
 
 // One good observation of each identifier, and its handler.

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdAgent.h"
 #include "tevdLog.h"
@@ -207,7 +207,7 @@ TEST_F(AgentTest, PipeClosedBeforeAnyByteOfARecordPanicsInTheHeaderRead) {
 
 TEST_F(AgentTest, StorageApdObservationReachesTheApdWordAndNotTheScsiWord) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   TevdAgent *apd = nullptr;
   TevdAgent *scsi = nullptr;
   ASSERT_EQ(0, TevdAgent_InitOne("apdWordAgent", "storage.apd", &apd));
@@ -229,7 +229,7 @@ TEST_F(AgentTest, StorageApdObservationReachesTheApdWordAndNotTheScsiWord) {
 
 TEST_F(AgentTest, LoggerWithElevenWordsFailsInitialisationWithCode1AndTheTrailingBlank) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   // On a thread of its own: initialisation renames the calling thread.
   std::thread logger(TevdLogger_Start);
   logger.join();

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdAgent.h"
 #include "tevdCorrelator.h"
@@ -82,7 +82,7 @@ void OnWakeup() { ++wakeups; }
 TEST(TevdCorrelatorThreadTest, RuntimeErrorLosesOneObservationIntEndsTheAgent) {
   signal(SIGPIPE, SIG_IGN);
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   static bool init = (TevdAgent_InitStreamList() == 0);
   ASSERT_TRUE(init);
   TevdAgent_Start(StartThrower);
@@ -105,7 +105,7 @@ TEST(TevdCorrelatorThreadTest, RuntimeErrorLosesOneObservationIntEndsTheAgent) {
 
 TEST(TevdCorrelatorThreadTest, ThirtyThirdAgentIsRefused) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   while (TevdAgent_NumStarted() < TEVD_MAX_AGENTS) {
     TevdAgent_Start([] {});
   }

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "PlatformRoot.h"
 #include "TevClock.h"
 #include "TevdTestSupport.h"
@@ -152,7 +152,7 @@ TEST(TevdLogFastPathTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
 
 TEST(TevdLogFastPathTest, ConcurrentLinesArriveWholeAndEachOnce) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   const int threads = 6;
   const int perThread = 200;
   std::vector<std::thread> workers;
@@ -213,7 +213,7 @@ TEST(TevdLogFastPathTest, BatchedLinesArriveAtTheFlushUnchangedAndInOrder) {
 
 TEST(TevdLogFastPathTest, FullBatchIsSentWithoutWaitingForTheFlush) {
   ScratchRoot root;
-  LogCapture capture(root);
+  LogLines capture(root);
   std::thread([&] {
     PlatformLog_BatchLines();
     for (int i = 0; i < 40; i++) TevdLog("line %d\n", i);

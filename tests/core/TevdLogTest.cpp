@@ -10,7 +10,7 @@
 
 #include "TevClock.h"
 #include "TevdTestSupport.h"
-#include "LogCapture.h"
+#include "Harness.h"
 #include "tevdLog.h"
 
 using namespace tevdtest;
@@ -48,7 +48,7 @@ TEST(TevdLogTest, TimePrefixShowsLocalTimeWithMillisecondsAndTheZLabel) {
 
 TEST(TevdLogTest, LinesReachTheRootsLogCaptureInSyslogForm) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   FakeClock clock(LocalEpoch(7, 8, 9));
   TevdLog("hello %d\n", 42);
   std::string line = log.Next();
@@ -58,7 +58,7 @@ TEST(TevdLogTest, LinesReachTheRootsLogCaptureInSyslogForm) {
 
 TEST(TevdLogTest, ObservationLineCarriesThreadNameStampIdAndMessage) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   VThreadBase_SetName("netCorrelator");
   TevPtr tev = MakeTev("tev.net.hwnic.linkstate.down", {S("hwnic1")}, "m", 1234);
   TevdLog_Tev(tev.get());
@@ -69,7 +69,7 @@ TEST(TevdLogTest, ObservationLineCarriesThreadNameStampIdAndMessage) {
 
 TEST(TevdLogDeathTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   EXPECT_EXIT(Panic("x %d", 5), ::testing::KilledBySignal(SIGABRT), "^Tevd - Panic: x 5$");
   std::string first = log.Next();
   std::string second = log.Next();

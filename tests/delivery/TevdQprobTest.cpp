@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "DeliveryLogSink.h"
+#include "Harness.h"
 #include "Str.h"
 #include "TevClock.h"
 #include "TevdTestSupport.h"
@@ -71,7 +71,7 @@ class TevdQprobTest : public ::testing::Test {
 
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
-  delivery::LogSink log_{root_};
+  tevdtest::LogLines log_{root_};
   Wire wire_;
 };
 
@@ -150,7 +150,7 @@ TEST_F(TevdQprobTest, LocalLogLineCarriesThreadStampIdentifierAndText) {
   ASSERT_EQ(1u, wire_.sent.size());
   std::string expected = "[qprobTest] " + std::to_string(U64At(wire_.sent[0], 0)) +
                          "us: [kos.problem.net.hwnic.linkstate.down] Physical NIC hwnic1 "
-                         "linkstate is down\n";
+                         "linkstate is down";
   EXPECT_EQ(std::vector<std::string>({expected}), log_.Take());
 }
 
@@ -176,7 +176,7 @@ TEST_F(TevdQprobTest, ThousandAndFirstEventOfWindowIsDropped) {
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.b)n %d", 1000);  // 1001st
   EXPECT_EQ(1000u, wire_.sent.size());
   EXPECT_EQ(std::vector<std::string>({"Event rate limit reached. Dropping qprob: "
-                                      "kos.problem.rate.b\n"}),
+                                      "kos.problem.rate.b"}),
             log_.Take());
   // 60 s after the window's start a new one opens with a count of 1.
   clock_.Advance(1);
@@ -188,7 +188,7 @@ TEST_F(TevdQprobTest, ThousandAndFirstEventOfWindowIsDropped) {
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.d)n");
   EXPECT_EQ(2000u, wire_.sent.size());
   EXPECT_EQ(std::vector<std::string>({"Event rate limit reached. Dropping qprob: "
-                                      "kos.problem.rate.d\n"}),
+                                      "kos.problem.rate.d"}),
             log_.Take());
 }
 
@@ -258,7 +258,7 @@ TEST_F(TevdQprobTest, FailedSendQueuesAndFirstRetrySucceeds) {
   clock_.Advance(1);
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
   EXPECT_EQ(std::vector<std::string>({"Successfully sent event (kos.problem.r.one) after 1 "
-                                      "failure.\n"}),
+                                      "failure."}),
             log_.Take());
   ASSERT_EQ(1u, wire_.sent.size());
   EXPECT_EQ(std::string("kos.problem.r.one"),
@@ -273,11 +273,11 @@ TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r.gone)x");
   log_.Take();
   const char *expected[] = {
-      "Failed to send event (kos.problem.r.gone); 2 failures so far.\n",
-      "Failed to send event (kos.problem.r.gone); 3 failures so far.\n",
-      "Failed to send event (kos.problem.r.gone); 4 failures so far.\n",
-      "Failed to send event (kos.problem.r.gone); 5 failures so far.\n",
-      "Abandoned event (kos.problem.r.gone) after 6 failures.\n",
+      "Failed to send event (kos.problem.r.gone); 2 failures so far.",
+      "Failed to send event (kos.problem.r.gone); 3 failures so far.",
+      "Failed to send event (kos.problem.r.gone); 4 failures so far.",
+      "Failed to send event (kos.problem.r.gone); 5 failures so far.",
+      "Abandoned event (kos.problem.r.gone) after 6 failures.",
   };
   for (const char *line : expected) {
     clock_.Advance(180);
@@ -300,8 +300,8 @@ TEST_F(TevdQprobTest, RetryPassHandlesOldestFirstAndKeepsOnlyFailures) {
   clock_.Advance(180);
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
   EXPECT_EQ(std::vector<std::string>(
-                {"Successfully sent event (kos.problem.q.a) after 1 failure.\n",
-                 "Successfully sent event (kos.problem.q.b) after 1 failure.\n"}),
+                {"Successfully sent event (kos.problem.q.a) after 1 failure.",
+                 "Successfully sent event (kos.problem.q.b) after 1 failure."}),
             log_.Take());
 }
 
@@ -317,7 +317,7 @@ TEST_F(TevdQprobTest, NonZeroFlagsQueueWithoutAnAttemptButStillLog) {
   clock_.Advance(180);
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
   EXPECT_EQ(std::vector<std::string>({"Successfully sent event (kos.problem.later) after 1 "
-                                      "failure.\n"}),
+                                      "failure."}),
             log_.Take());
   // Only the low byte counts: 0x100 sends at once.
   TevdQprob_Post(0x100, Problem, "@&!*@*@(kos.problem.now)x");

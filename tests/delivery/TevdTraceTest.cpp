@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdTrace.h"
 #include "tevdTraceListeners.h"
@@ -84,7 +84,7 @@ TEST_F(TevdTraceTest, TimeKeepsNineDigitsOfNanoseconds) {
 }
 
 TEST_F(TevdTraceTest, UnreadableStringDiscardsRecordWithLogLine) {
-  tevdtest::LogCapture log(root_);
+  tevdtest::LogLines log(root_);
   std::vector<uint8_t> bad = MsgFmt_EncodeBlock({V::Str("abcd")});
   bad[8] = 0x88;   // the string's offset points far outside the block
   bad[9] = 0x13;

@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "DaemonProcess.h"
-#include "ReliabilityHarness.h"
+#include "Harness.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 
 namespace {

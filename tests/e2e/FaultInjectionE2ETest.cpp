@@ -12,10 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "DaemonProcess.h"
-#include "FaultClients.h"
+#include "Harness.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 
 namespace {
@@ -91,7 +90,7 @@ TEST(FaultInjectionE2ETest, SigtermWhileTheReaderWaitsOnAFullAgentPipe) {
   ScratchRoot root;
   MakeHost(root);
   LogLines log(root);
-  StuckAgent agent(root);
+  AgentStandIn agent(root, AgentStandIn::Stuck);
   ASSERT_TRUE(agent.ok());
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
@@ -126,7 +125,7 @@ TEST(FaultInjectionE2ETest, ShutdownWithinTwoSecondsBehindAStuckRetryPass) {
   const char kQueued[] = "An event (kos.problem.test.test2) could not be sent immediately";
   ASSERT_TRUE(SendRecord(user, Event(1)));   // no agent yet: queued
   ASSERT_TRUE(log.WaitCount(kQueued, 1, kWait));
-  StuckAgent agent(root);
+  AgentStandIn agent(root, AgentStandIn::Stuck);
   ASSERT_TRUE(agent.ok());
   // The next pass (one real second at 180 times the speed) connects to the
   // stuck agent and waits there; then the agent's file goes, so the next
@@ -241,7 +240,7 @@ TEST(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) 
   ScratchRoot root;
   MakeHost(root);
   LogLines log(root);
-  auto agent = std::make_unique<StuckAgent>(root);
+  auto agent = std::make_unique<AgentStandIn>(root, AgentStandIn::Stuck);
   ASSERT_TRUE(agent->ok());
   DaemonProcess d(root, {}, FastClockEnv());
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
@@ -295,7 +294,7 @@ TEST(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) 
 TEST(FaultInjectionE2ETest, StoppedLogCollectorDoesNotStallIntake) {
   ScratchRoot root;
   MakeHost(root);
-  StoppedCollector collector(root);
+  LogLines collector(root, LogLines::Stopped);
   AgentStandIn agent(root, AgentStandIn::Read);
   ASSERT_TRUE(agent.ok());
   DaemonProcess d(root);

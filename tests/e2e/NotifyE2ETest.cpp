@@ -10,10 +10,9 @@
 #include <chrono>
 #include <string>
 
-#include "DaemonProcess.h"
-#include "ReliabilityHarness.h"
+#include "Harness.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 using Clock = std::chrono::steady_clock;
 

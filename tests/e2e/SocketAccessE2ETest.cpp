@@ -11,9 +11,8 @@
 #include <cstdio>
 #include <string>
 
-#include "DaemonProcess.h"
+#include "Harness.h"
 #include "DaemonSockets.h"
-#include "LogCapture.h"
 #include "TevdTestSupport.h"
 
 using namespace tevdtest;
@@ -31,7 +30,7 @@ int ModeOf(const std::string &path) {
 TEST(SocketAccessE2ETest, DaemonSocketsAreNeverWorldWritable) {
   ScratchRoot root;
   MakeHost(root);
-  LogCapture log(root);
+  LogLines log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());
   EXPECT_EQ(0660, ModeOf(root.Abs("var/run/orlan/tevd-user.sock")));

@@ -15,10 +15,9 @@
 #include <thread>
 #include <vector>
 
-#include "DaemonProcess.h"
-#include "ReliabilityHarness.h"
+#include "Harness.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 
 namespace {

@@ -14,9 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "DaemonProcess.h"
+#include "Harness.h"
 #include "DaemonSockets.h"
-#include "LogCapture.h"
 #include "TevdTestSupport.h"
 
 using namespace tevdtest;
@@ -32,7 +31,7 @@ std::vector<uint8_t> Good(const std::string &id, const std::string &msg) {
 TEST(UserFaultsE2ETest, GarbageAndHalfRecordAreDroppedAndTheConnectionStaysServed) {
   ScratchRoot root;
   MakeHost(root);
-  LogCapture log(root);
+  LogLines log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());
   int fd = ConnectUser(root);
@@ -54,7 +53,7 @@ TEST(UserFaultsE2ETest, GarbageAndHalfRecordAreDroppedAndTheConnectionStaysServe
 TEST(UserFaultsE2ETest, OversizedRecordOnOneConnectionLeavesTheOthersServed) {
   ScratchRoot root;
   MakeHost(root);
-  LogCapture log(root);
+  LogLines log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());
   int big = ConnectUser(root);

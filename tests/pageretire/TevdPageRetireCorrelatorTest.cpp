@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdCorrelator.h"
 #include "tevdPageRetireCorrelator.h"
@@ -207,7 +207,7 @@ TEST_F(PageRetireTest, MissingOptionsAreFatal) {
 // ---- injected machine checks -------------------------------------------------
 
 TEST_F(PageRetireTest, KillsAtFiftiethInjectionSpanningTwoSecondsAndNeverTwice) {
-  tevdtest::LogCapture log(root);
+  tevdtest::LogLines log(root);
   Inject(0x1234, 7);
   clock.Advance(2);
   Inject(0x1234, 7, 48);

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "HostCtl.h"
-#include "LogCapture.h"
+#include "Harness.h"
 #include "KNO.h"
 #include "MtlCtl.h"
 #include "PlatformRoot.h"
@@ -230,7 +230,7 @@ TEST_F(HostModel, LogLineGoesToDevLogAsOneSyslogDatagram) {
   };
   logf("dropped %s", "silently");   // no collector yet: nothing happens
   {
-    tevdtest::LogCapture log(root_);
+    tevdtest::LogLines log(root_);
     logf("Exiting. rc:%d\n", 0);
     EXPECT_EQ("<14>Nov 14 22:13:20 tevd: Exiting. rc:0\n", log.Next());
   }

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "ScsiTestLog.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdScsiCorrelator.h"
 
@@ -47,7 +47,6 @@ class ScsiPathTest : public ::testing::Test {
     for (int i = 0; i < times; i++) {
       tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
       TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
-      log_.Pump();
     }
   }
   void Down(const std::string &path, const std::string &left, int times = 1) {
@@ -78,7 +77,7 @@ class ScsiPathTest : public ::testing::Test {
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
   tevdtest::EventCapture capture_;
-  scsitest::LogSink log_{root_.path()};
+  tevdtest::LogLines log_{root_};
   TevHandlerMap map_ = TevdScsiCorrelator_BuildMap();
 };
 

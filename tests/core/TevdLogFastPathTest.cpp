@@ -45,26 +45,6 @@ class ZoneGuard {
   std::string old_;
 };
 
-int BindCollector(const ScratchRoot &root) {
-  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", root.Abs("dev/log").c_str());
-  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return -1;
-  }
-  struct timeval tv = {2, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  return fd;
-}
-
-std::string Receive(int fd) {
-  static char buf[65536];
-  ssize_t n = recv(fd, buf, sizeof buf, 0);
-  return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
-}
-
 }  // namespace
 
 TEST(TevdLogFastPathTest, ZoneChangeWithinOneSecondShowsInTheVeryNextPrefix) {
@@ -84,34 +64,30 @@ TEST(TevdLogFastPathTest, ZoneChangeWithinOneSecondShowsInTheVeryNextPrefix) {
 TEST(TevdLogFastPathTest, ZoneChangeWithinOneSecondShowsInTheSyslogHeader) {
   ZoneGuard zone;
   ScratchRoot root;
-  root.MakeDir("dev");
-  int log = BindCollector(root);
-  ASSERT_GE(log, 0);
+  LogLines log(root);
+  ASSERT_TRUE(log.ok());
   FakeClock clock(1700000000);
   zone.Set("UTC0");
   TevdLog("a\n");
-  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: a\n", Receive(log));
+  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: a\n", log.Next());
   zone.Set("XST-3");
   TevdLog("b\n");
-  EXPECT_EQ("<14>Nov 15 01:13:20 tevd: 2023-11-15T01:13:20.000Z: b\n", Receive(log));
-  close(log);
+  EXPECT_EQ("<14>Nov 15 01:13:20 tevd: 2023-11-15T01:13:20.000Z: b\n", log.Next());
 }
 
 TEST(TevdLogFastPathTest, NextSecondIsNotServedFromTheCache) {
   ZoneGuard zone;
   zone.Set("UTC0");
   ScratchRoot root;
-  root.MakeDir("dev");
-  int log = BindCollector(root);
-  ASSERT_GE(log, 0);
+  LogLines log(root);
+  ASSERT_TRUE(log.ok());
   FakeClock clock(1700000000);
   clock.AdvanceUs(999999);
   TevdLog("x\n");
-  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.999Z: x\n", Receive(log));
+  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.999Z: x\n", log.Next());
   clock.AdvanceUs(1);
   TevdLog("y\n");
-  EXPECT_EQ("<14>Nov 14 22:13:21 tevd: 2023-11-14T22:13:21.000Z: y\n", Receive(log));
-  close(log);
+  EXPECT_EQ("<14>Nov 14 22:13:21 tevd: 2023-11-14T22:13:21.000Z: y\n", log.Next());
 }
 
 // Lines around both stack buffers (1024 bytes in TevdLog, 2048 in the sink)
@@ -120,34 +96,28 @@ TEST(TevdLogFastPathTest, LinesLongerThanTheStackBuffersArriveWhole) {
   ZoneGuard zone;
   zone.Set("UTC0");
   ScratchRoot root;
-  root.MakeDir("dev");
-  int log = BindCollector(root);
-  ASSERT_GE(log, 0);
+  LogLines log(root);
+  ASSERT_TRUE(log.ok());
   FakeClock clock(1700000000);
   for (size_t size : {0u, 990u, 1000u, 1100u, 1990u, 2020u, 2100u, 9000u}) {
     std::string body(size, 'q');
     TevdLog("%s|%d\n", body.c_str(), 7);
-    EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: " + body + "|7\n", Receive(log))
+    EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: " + body + "|7\n", log.Next())
         << "body of " << size;
   }
-  close(log);
 }
 
 TEST(TevdLogFastPathTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
   ScratchRoot root;
-  root.MakeDir("dev");
-  int first = BindCollector(root);
-  ASSERT_GE(first, 0);
-  TevdLog("to the first\n");
-  EXPECT_NE(std::string::npos, Receive(first).find("Z: to the first\n"));
-  close(first);
-  root.Remove("dev/log");
+  {
+    LogLines first(root);
+    TevdLog("to the first\n");
+    EXPECT_NE(std::string::npos, first.Next().find("Z: to the first\n"));
+  }
   TevdLog("to nobody\n");   // dropped silently
-  int second = BindCollector(root);
-  ASSERT_GE(second, 0);
+  LogLines second(root);
   TevdLog("to the second\n");
-  EXPECT_NE(std::string::npos, Receive(second).find("Z: to the second\n"));
-  close(second);
+  EXPECT_NE(std::string::npos, second.Next().find("Z: to the second\n"));
 }
 
 TEST(TevdLogFastPathTest, ConcurrentLinesArriveWholeAndEachOnce) {
@@ -186,9 +156,8 @@ TEST(TevdLogFastPathTest, BatchedLinesArriveAtTheFlushUnchangedAndInOrder) {
   ZoneGuard zone;
   zone.Set("UTC0");
   ScratchRoot root;
-  root.MakeDir("dev");
-  int log = BindCollector(root);
-  ASSERT_GE(log, 0);
+  LogLines log(root);
+  ASSERT_TRUE(log.ok());
   FakeClock clock(1700000000);
   const std::string head = "<14>Nov 14 22:13:";
   const std::string longBody(20000, 'L');
@@ -197,18 +166,16 @@ TEST(TevdLogFastPathTest, BatchedLinesArriveAtTheFlushUnchangedAndInOrder) {
     TevdLog("first %d\n", 1);
     clock.Advance(1);
     TevdLog("second\n");
-    char probe[16];
-    EXPECT_LT(recv(log, probe, sizeof probe, MSG_DONTWAIT), 0) << "a line left before the flush";
+    EXPECT_TRUE(log.Take().empty()) << "a line left before the flush";
     TevdLog("%s\n", longBody.c_str());
     TevdLog("after\n");
     PlatformLog_Flush();
     PlatformLog_Unbatch();
   }).join();
-  EXPECT_EQ(head + "20 tevd: 2023-11-14T22:13:20.000Z: first 1\n", Receive(log));
-  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: second\n", Receive(log));
-  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: " + longBody + "\n", Receive(log));
-  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: after\n", Receive(log));
-  close(log);
+  EXPECT_EQ(head + "20 tevd: 2023-11-14T22:13:20.000Z: first 1\n", log.Next());
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: second\n", log.Next());
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: " + longBody + "\n", log.Next());
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: after\n", log.Next());
 }
 
 TEST(TevdLogFastPathTest, FullBatchIsSentWithoutWaitingForTheFlush) {

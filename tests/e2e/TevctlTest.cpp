@@ -123,58 +123,6 @@ TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
   for (size_t i = 0; i < want.size(); ++i) EXPECT_TRUE(v.args[i] == want[i]) << "argument " << i;
 }
 
-TEST(TevctlPost, DomainAndMsgOptionsPickSocketAndText) {
-  ScratchRoot root;
-  int fd = BindUnix(root.Abs("var/run/orlan/tev/async-07.sock"), SOCK_DGRAM);
-  ASSERT_GE(fd, 0);
-  RunResult r = RunTevctl(root, {"post", "--domain", "7", "--msg", "given text",
-                                        "tev.scsi.x", "%s", "ignored-in-text"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  std::vector<uint8_t> rec = Receive(fd, 2000);
-  close(fd);
-  TevRecordView v;
-  ASSERT_TRUE(TevRecord_Decode(rec.data(), rec.size(), &v));
-  EXPECT_EQ(v.message, "given text");
-  ASSERT_EQ(v.args.size(), 1u);
-  EXPECT_TRUE(v.args[0] == MsgFmt_Value::Str("ignored-in-text"));
-}
-
-TEST(TevctlPost, UserOptionSendsOverSeqpacketConnection) {
-  ScratchRoot root;
-  int lfd = BindUnix(root.Abs("var/run/orlan/tevd-user.sock"), SOCK_SEQPACKET);
-  ASSERT_GE(lfd, 0);
-  Process c(root, TevctlBin(), {"post", "--user", "tev.user.boot", "Host is booting: %s", "now"}, {}, "c");
-  pollfd p = {lfd, POLLIN, 0};
-  ASSERT_EQ(poll(&p, 1, 2000), 1);
-  int cfd = accept(lfd, nullptr, nullptr);
-  ASSERT_GE(cfd, 0);
-  std::vector<uint8_t> rec = Receive(cfd, 2000);
-  close(cfd);
-  close(lfd);
-  EXPECT_EQ(c.ExitCode(2000), 0) << c.Stderr();
-  TevRecordView v;
-  ASSERT_TRUE(TevRecord_Decode(rec.data(), rec.size(), &v));
-  EXPECT_EQ(v.id, "tev.user.boot");
-  EXPECT_EQ(v.message, "Host is booting: now");
-}
-
-TEST(TevctlPost, NullStringOnlyWithFlag) {
-  ScratchRoot root;
-  int fd = BindUnix(root.Abs(kAsync00), SOCK_DGRAM);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(RunTevctl(root, {"post", "tev.a.b", "%s", "NULL"}).status, 0);
-  ASSERT_EQ(RunTevctl(root, {"post", "--null-strings", "tev.a.b", "%s", "NULL"}).status, 0);
-  TevRecordView plain, nulled;
-  std::vector<uint8_t> r1 = Receive(fd, 2000), r2 = Receive(fd, 2000);
-  close(fd);
-  ASSERT_TRUE(TevRecord_Decode(r1.data(), r1.size(), &plain));
-  ASSERT_TRUE(TevRecord_Decode(r2.data(), r2.size(), &nulled));
-  ASSERT_EQ(plain.args.size(), 1u);
-  ASSERT_EQ(nulled.args.size(), 1u);
-  EXPECT_TRUE(plain.args[0] == MsgFmt_Value::Str("NULL"));
-  EXPECT_TRUE(nulled.args[0].isNull);
-}
-
 struct PostErrorCase {
   const char *name;
   std::vector<std::string> args;
@@ -202,18 +150,6 @@ TEST(TevctlPost, BadInputExitsNonZeroWithOneLineReasonAndSendsNothing) {
   }
   EXPECT_TRUE(Receive(fd, 0).empty()) << "a rejected post still sent a record";
   close(fd);
-}
-
-TEST(TevctlPost, MissingDaemonSocketIsReported) {
-  ScratchRoot root;
-  for (const std::vector<std::string> &args :
-       {std::vector<std::string>{"post", "tev.a.b", "x"},
-        std::vector<std::string>{"post", "--user", "tev.a.b", "x"}}) {
-    RunResult r = RunTevctl(root, args);
-    EXPECT_NE(r.status, 0);
-    EXPECT_EQ(CountLines(r.err), 1u) << r.err;
-    EXPECT_NE(r.err.find("is tevd running"), std::string::npos) << r.err;
-  }
 }
 
 // A qprob message built byte by byte: ts 1000, host UUID text at 16, total
@@ -273,13 +209,6 @@ TEST(TevctlSink, DecodesHandBuiltMessageAndSurvivesMalformedOnes) {
   EXPECT_LT(ok.find("\"ab\""), ok.find("-2")) << "arguments out of order: " << ok;
 }
 
-TEST(TevctlSink, CountNotReachedBeforeTimeoutFails) {
-  ScratchRoot root;
-  RunResult r = RunTevctl(root, {"sink", "--count", "1", "--timeout", "0"});
-  EXPECT_NE(r.status, 0);
-  EXPECT_NE(r.err.find("0 of 1 messages"), std::string::npos) << r.err;
-}
-
 TEST(TevctlLog, PrintsEachDatagramAsOneLine) {
   ScratchRoot root;
   Process log(root, TevctlBin(), {"log", "--count", "2", "--timeout", "5"}, {}, "log");
@@ -336,50 +265,6 @@ TEST(TevctlHost, InitCreatesEveryNodeOptionAndDirectory) {
     struct stat st;
     EXPECT_TRUE(stat(root.Abs(dir).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) << dir;
   }
-}
-
-TEST(TevctlHost, InitKeepsExistingValuesUnlessForced) {
-  ScratchRoot root;
-  ASSERT_EQ(RunTevctl(root, {"host", "init"}).status, 0);
-  std::string uuid = Slurp(root.Abs("platform/nodes/system/systemUuid"));
-  ASSERT_EQ(uuid.size(), 37u) << uuid;
-  ASSERT_EQ(RunTevctl(root, {"host", "set", "options/Net/LinkFlappingThreshold", "3"}).status,
-            0);
-  ASSERT_EQ(RunTevctl(root, {"host", "init"}).status, 0);
-  EXPECT_EQ(Slurp(root.Abs("platform/nodes/system/systemUuid")), uuid);
-  EXPECT_EQ(Slurp(root.Abs("platform/options/Net/LinkFlappingThreshold")), "3\n");
-  ASSERT_EQ(RunTevctl(root, {"host", "init", "--force"}).status, 0);
-  EXPECT_EQ(Slurp(root.Abs("platform/options/Net/LinkFlappingThreshold")), "10\n");
-  EXPECT_NE(Slurp(root.Abs("platform/nodes/system/systemUuid")), uuid);
-}
-
-TEST(TevctlHost, EntryCommandsWriteModelFiles) {
-  ScratchRoot root;
-  const std::vector<std::vector<std::string>> cmds = {
-      {"host", "nic", "hwnic3"},
-      {"host", "portgroup", "pg guests/2", "ksw1"},
-      {"host", "path", "hba1:C0:T0:L4", "naa.600a"},
-      {"host", "device", "naa.600a", "2", "1=datastore1", "2="},
-      {"host", "vm", "--group", "77", "1234", "web01"},
-      {"host", "set", "platform/kernel-build", "abc 2024-01-01"},
-  };
-  for (const auto &c : cmds) {
-    RunResult r = RunTevctl(root, c);
-    EXPECT_EQ(r.status, 0) << c[1] << ": " << r.err;
-  }
-  struct stat st;
-  EXPECT_TRUE(stat(root.Abs("platform/nodes/net/pNics/hwnic3").c_str(), &st) == 0 &&
-              S_ISDIR(st.st_mode));
-  EXPECT_EQ(Slurp(root.Abs("platform/network/portgroups/pg guests%2F2")), "ksw1\n");
-  EXPECT_EQ(Slurp(root.Abs("platform/storage/paths/hba1:C0:T0:L4")), "naa.600a\n");
-  EXPECT_EQ(Slurp(root.Abs("platform/storage/devices/naa.600a/status")), "2\n");
-  EXPECT_EQ(Slurp(root.Abs("platform/storage/devices/naa.600a/partitions/1")), "datastore1\n");
-  EXPECT_EQ(Slurp(root.Abs("platform/storage/devices/naa.600a/partitions/2")), "\n");
-  EXPECT_EQ(Slurp(root.Abs("platform/vms/1234/name")), "web01\n");
-  EXPECT_EQ(Slurp(root.Abs("platform/nodes/vm/vmmGroupInfo/77")), "web01\n");
-  RunResult got = RunTevctl(root, {"host", "get", "kernel-build"});
-  EXPECT_EQ(got.status, 0);
-  EXPECT_EQ(got.out, "abc 2024-01-01\n");
 }
 
 TEST(TevctlHost, BadEntriesAreRejected) {

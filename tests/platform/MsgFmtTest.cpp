@@ -277,7 +277,8 @@ TEST(QprobDecode, MalformedMessagesAreRefused) {
          memcpy(m->data() + 64, &v, 4);
        }},
       {"IdentifierWithoutNul", [](std::vector<uint8_t> *m) { (*m)[68 + 11] = 'x'; }},
-      {"HostIdentityUnterminated", [](std::vector<uint8_t> *m) { memset(m->data() + 16, 'a', 38); }},
+      // No NUL in the 38-byte field, and none in the padding after it either.
+      {"HostIdentityUnterminated", [](std::vector<uint8_t> *m) { memset(m->data() + 16, 'a', 40); }},
       {"ArgumentCountTooLarge", [](std::vector<uint8_t> *m) {
          uint32_t v = 9;
          memcpy(m->data() + 60, &v, 4);

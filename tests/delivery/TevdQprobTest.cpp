@@ -352,39 +352,22 @@ class TevdQprobSocketTest : public ::testing::Test {
     TevdQprob_ResetForTest();
     TevdAlarm_ResetForTest();
   }
-  int Listen() {
-    root_.MakeDir("var/run/orlan");
-    std::string path = root_.Abs("var/run/orlan/marshd-qprob.sock");
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    EXPECT_EQ(0, bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
-    EXPECT_EQ(0, listen(fd, 8));
-    return fd;
-  }
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
 };
 
 TEST_F(TevdQprobSocketTest, MessageArrivesWholeOnOneConnection) {
-  int lfd = Listen();
+  tevdtest::AgentStandIn agent(root_, tevdtest::AgentStandIn::Read);
+  ASSERT_TRUE(agent.ok());
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.sock.test)%s", "abc");
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
-  int cfd = accept(lfd, nullptr, nullptr);
-  ASSERT_GE(cfd, 0);
-  Bytes got;
-  uint8_t chunk[512];
-  ssize_t n;
-  while ((n = read(cfd, chunk, sizeof chunk)) > 0) {
-    got.insert(got.end(), chunk, chunk + n);
-  }
-  close(cfd);
-  close(lfd);
-  ASSERT_EQ(72u + 22u + 16u + 4u, got.size());
-  EXPECT_EQ(got.size(), U32At(got, 56));
-  EXPECT_EQ(std::string("kos.problem.sock.test"), std::string(reinterpret_cast<char *>(&got[68])));
+  // The stand-in decodes a connection's bytes only once the sender closed it,
+  // and refuses a message whose length field is not the bytes it read.
+  ASSERT_TRUE(tevdtest::Eventually([&] { return agent.Accepted() == 1 && agent.Messages().size() + agent.Bad() == 1; },
+                                   5000));
+  ASSERT_EQ(1u, agent.Messages().size());
+  EXPECT_EQ("kos.problem.sock.test", agent.Messages()[0].id);
+  EXPECT_EQ(std::vector<std::string>{"S:abc"}, tevdtest::ArgsText(agent.Messages()[0].args));
 }
 
 TEST_F(TevdQprobSocketTest, AbsentAgentSocketFailsSendAndQueues) {

@@ -193,17 +193,4 @@ TEST_F(TevdTraceClientTest, EachClientGetsHistoryThenBlankLineThenLiveLinesAndMa
   close(b);
 }
 
-TEST_F(TevdTraceClientTest, VanishedClientDoesNotDisturbAnother) {
-  int a = Connect();
-  int b = Connect();
-  EXPECT_TRUE(WaitForListeners(2));
-  close(a);
-  EXPECT_TRUE(WaitForListeners(1));   // its writer ended and its entry is gone
-  for (int i = 0; i < 50; i++) Record("IN", static_cast<uint64_t>(i), "tev.after.b");
-  auto lines = ReadLines(b, 51);
-  ASSERT_EQ(51u, lines.size());
-  EXPECT_EQ("1700000000.000005000,IN,49,tev.after.b,\n", lines[50]);
-  close(b);
-}
-
 }  // namespace

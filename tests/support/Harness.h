@@ -241,7 +241,6 @@ inline RunResult RunTevctl(const ScratchRoot &root, const std::vector<std::strin
 // Lines gathered by a reader thread, waited on by count of a substring.
 class LineStore {
  public:
-  void SetOnLine(std::function<void(const std::string &)> f) { onLine_ = std::move(f); }
   size_t Count(const std::string &text) {
     std::lock_guard<std::mutex> lock(mu_);
     size_t n = 0;
@@ -305,9 +304,6 @@ class LineStore {
 
  protected:
   void AddLocked(std::string line) {
-    if (onLine_) {
-      onLine_(line);
-    }
     lines_.push_back(std::move(line));
     cv_.notify_all();
   }
@@ -319,7 +315,6 @@ class LineStore {
   std::vector<std::string> lines_;
 
  private:
-  std::function<void(const std::string &)> onLine_;
   std::condition_variable cv_;
   size_t next_ = 0;
 };

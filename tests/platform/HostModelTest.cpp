@@ -146,6 +146,11 @@ TEST_F(HostModel, SystemUuidRecordBytes) {
   EXPECT_EQ(0, memcmp(binary, rec, 16));
   EXPECT_STREQ("4c4c4544-0031-3510-8052-b4c04f4e3232", reinterpret_cast<const char *>(rec + 16));
   EXPECT_EQ(0, memcmp(zero, rec + 52, 4));
+  // A digit that is not hexadecimal, in either case, is not an identity.
+  for (const char *bad : {"4C4C4544-0031-3510-8052-B4C04F4E323G", "4c4c4544-0031-3510-8052-b4c04f4e323z"}) {
+    root_.Write("platform/nodes/system/systemUuid", std::string(bad) + "\n");
+    EXPECT_NE(0, KNO_Get(KNO_NODE_system_systemUuid, nullptr, rec, sizeof rec)) << bad;
+  }
 }
 
 TEST_F(HostModel, ThresholdAndGroupNameNodes) {

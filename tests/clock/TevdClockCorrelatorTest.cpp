@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdClockCorrelator.h"
 #include "tevdCorrelator.h"
@@ -42,7 +42,7 @@ class ClockTest : public ::testing::Test {
   tevdtest::ScratchRoot root;
   tevdtest::FakeClock clock;
   tevdtest::EventCapture events;
-  tevdtest::LogCapture log{root};
+  tevdtest::LogLines log{root};
 };
 
 // One good observation of each identifier, and its handler.
@@ -85,7 +85,7 @@ TEST_F(ClockTest, EachIdentifierGoesToItsHandlerAndRepeatsWithinAnHourAreSuppres
     EXPECT_EQ(Ids{EventOf(o.id)}, Handle(o.handler, o.id, o.args));
     clock.Advance(600);
     EXPECT_EQ(Ids{}, Handle(o.handler, o.id, o.args));
-    clock.Advance(2999);   // a suppressed observation must not restart the hour
+    clock.Advance(2999);  // a suppressed observation must not restart the hour
     EXPECT_EQ(Ids{}, Handle(o.handler, o.id, o.args));
     clock.Advance(1);
     EXPECT_EQ(Ids{EventOf(o.id)}, Handle(o.handler, o.id, o.args));
@@ -109,7 +109,7 @@ TEST_F(ClockTest, EachHandlerKeepsItsOwnSuppressionTable) {
 TEST_F(ClockTest, ClockSteppedBackKeepsSuppressingUntilAnHourPastLast) {
   const char *id = "tev.clock.state.reset";
   EXPECT_EQ(Ids{EventOf(id)}, Handle(TevdClockCorrelator_SetValue, id));
-  clock.Advance(-7200);   // an unsigned difference would look huge and pass
+  clock.Advance(-7200);  // an unsigned difference would look huge and pass
   EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_SetValue, id));
   clock.Advance(7200 + 3599);
   EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_SetValue, id));
@@ -128,7 +128,7 @@ TEST_F(ClockTest, EveryLossOfSyncLetsTheNextSyncThrough) {
     clock.Advance(60);
     EXPECT_EQ(Ids{EventOf(kSync)}, Handle(TevdClockCorrelator_Sync, kSync));
     clock.Advance(60);
-    EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_Sync, kSync));   // no loss in between
+    EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_Sync, kSync));  // no loss in between
   }
 }
 
@@ -136,12 +136,12 @@ TEST_F(ClockTest, UnreadableObservationsPostNothingAndLeaveTheirEntries) {
   EXPECT_EQ(Ids{EventOf(kSync)}, Handle(TevdClockCorrelator_Sync, kSync));
   clock.Advance(60);
   // An unreadable step does not re-enable sync, but suppresses itself.
-  EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_Sync, "tev.clock.correction.step.unsync",
-                          {S("x"), I(5)}));
+  EXPECT_EQ(Ids{},
+            Handle(TevdClockCorrelator_Sync, "tev.clock.correction.step.unsync", {S("x"), I(5)}));
   clock.Advance(60);
   EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_Sync, kSync));
-  EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_Sync, "tev.clock.correction.step.unsync",
-                          {I(1), I(5)}));
+  EXPECT_EQ(Ids{},
+            Handle(TevdClockCorrelator_Sync, "tev.clock.correction.step.unsync", {I(1), I(5)}));
   const char *param = "tev.clock.parameter.set.numLargeCorrections";
   EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_SetValue, param, {}));
   EXPECT_EQ(Ids{}, Handle(TevdClockCorrelator_SetValue, param, {S("three")}));
@@ -161,18 +161,24 @@ TEST_F(ClockTest, EventsCarryTheirValuesInMessageOrder) {
     std::vector<MsgFmt_Value> args;
     const char *logged;
   } cases[] = {
-      {TevdClockCorrelator_CorrectionDelta, "tev.clock.correction.delta.warning",
+      {TevdClockCorrelator_CorrectionDelta,
+       "tev.clock.correction.delta.warning",
        {I(1700000000), I(5000), I(40), I(30), I(2), I(4)},
        "[kos.problem.clock.correction.delta.warning] system clock stepped to "
        "1700000000.000005000, but delta 40 > 30 seconds, 2/4 large corrections\n"},
-      {TevdClockCorrelator_CorrectionDelta, "tev.clock.correction.delta.failed",
+      {TevdClockCorrelator_CorrectionDelta,
+       "tev.clock.correction.delta.failed",
        {I(1700000001), I(7), I(41), I(31), I(3)},
        "[kos.problem.clock.correction.delta.failed] system clock step to 1700000001.000000007 "
        "failed, delta 41 > 31 seconds, number of large corrections > 3\n"},
-      {TevdClockCorrelator_Sync, "tev.clock.correction.step.unsync", {I(1700000003), I(123456789)},
+      {TevdClockCorrelator_Sync,
+       "tev.clock.correction.step.unsync",
+       {I(1700000003), I(123456789)},
        "[kos.problem.clock.correction.step.unsync] system clock stepped to 1700000003.123456789, "
        "lost sync to upstream time servers\n"},
-      {TevdClockCorrelator_SetValue, "tev.clock.parameter.set.maxNegPhaseCorrection", {I(-100)},
+      {TevdClockCorrelator_SetValue,
+       "tev.clock.parameter.set.maxNegPhaseCorrection",
+       {I(-100)},
        "[kos.problem.clock.parameter.set.maxNegPhaseCorrection] setting system clock parameter "
        "maxNegPhaseCorrection to -100\n"},
   };

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdAgent.h"
 #include "tevdLog.h"
@@ -37,21 +37,22 @@ class AgentTest : public ::testing::Test {
 
 TEST_F(AgentTest, SubscriptionMatchesWholeDomainWordsAndExactIds) {
   TevdAgent *agent = nullptr;
-  ASSERT_EQ(0, TevdAgent_Init("matchAgent", {"net", "storage.apd"}, {"tev.scsi.exact.one"}, &agent));
+  ASSERT_EQ(0,
+            TevdAgent_Init("matchAgent", {"net", "storage.apd"}, {"tev.scsi.exact.one"}, &agent));
   struct Row {
     const char *id;
     bool match;
   } rows[] = {
       {"tev.net.hwnic.linkstate.down", true},
-      {"tev.net", false},                 // the bare prefix
-      {"tev.network.x", false},           // extends the word without a dot
+      {"tev.net", false},        // the bare prefix
+      {"tev.network.x", false},  // extends the word without a dot
       {"tev.net.", true},
       {"tev.storage.apd.start", true},
       {"tev.storage.other", false},
       {"tev.scsi.exact.one", true},
       {"tev.scsi.exact.one.more", false},
       {"tev.scsi.exact", false},
-      {"tev.NET.hwnic", false},           // case-sensitive
+      {"tev.NET.hwnic", false},  // case-sensitive
   };
   for (const Row &r : rows) {
     EXPECT_EQ(r.match, TevdAgent_SubscriptionMatches(agent->sub, r.id)) << r.id;
@@ -78,7 +79,8 @@ TEST_F(AgentTest, RecordWrittenInTwoPiecesReassemblesIntoOneObservation) {
   size_t from = 0;
   Tev *tev = nullptr;
   for (size_t cut : cuts) {
-    ASSERT_EQ(static_cast<ssize_t>(cut - from), write(agent->stream->writeFd, rec.data() + from, cut - from));
+    ASSERT_EQ(static_cast<ssize_t>(cut - from),
+              write(agent->stream->writeFd, rec.data() + from, cut - from));
     ASSERT_EQ(0, TevdAgent_ReassembleStep(agent->stream, &tev));
     EXPECT_EQ(nullptr, tev);
     from = cut;
@@ -155,7 +157,8 @@ TEST_F(AgentTest, RecordsReadTogetherComeOutOneByOneInOrder) {
       Record("tev.net.large", {S(std::string(40000, 'l'))}), Record("tev.net.d")};
   std::vector<uint8_t> all;
   for (const auto &r : recs) all.insert(all.end(), r.begin(), r.end());
-  ASSERT_EQ(static_cast<ssize_t>(all.size()), write(agent->stream->writeFd, all.data(), all.size()));
+  ASSERT_EQ(static_cast<ssize_t>(all.size()),
+            write(agent->stream->writeFd, all.data(), all.size()));
   for (size_t i = 0; i < recs.size(); i++) {
     Tev *tev = nullptr;
     ASSERT_EQ(0, TevdAgent_WaitTev(agent, &tev));
@@ -207,7 +210,7 @@ TEST_F(AgentTest, PipeClosedBeforeAnyByteOfARecordPanicsInTheHeaderRead) {
 
 TEST_F(AgentTest, StorageApdObservationReachesTheApdWordAndNotTheScsiWord) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   TevdAgent *apd = nullptr;
   TevdAgent *scsi = nullptr;
   ASSERT_EQ(0, TevdAgent_InitOne("apdWordAgent", "storage.apd", &apd));
@@ -215,7 +218,7 @@ TEST_F(AgentTest, StorageApdObservationReachesTheApdWordAndNotTheScsiWord) {
   std::vector<uint8_t> r = Record("tev.storage.apd.start");
   ASSERT_EQ(0, TevdAgent_Distribute(r.data(), r.size()));
   struct pollfd pfd = {scsi->pollFd, POLLIN, 0};
-  EXPECT_EQ(0, poll(&pfd, 1, 0));   // nothing written to the scsi pipe
+  EXPECT_EQ(0, poll(&pfd, 1, 0));  // nothing written to the scsi pipe
   Tev *t = nullptr;
   ASSERT_EQ(0, TevdAgent_WaitTev(apd, &t));
   const char *id = nullptr;
@@ -229,7 +232,7 @@ TEST_F(AgentTest, StorageApdObservationReachesTheApdWordAndNotTheScsiWord) {
 
 TEST_F(AgentTest, LoggerWithElevenWordsFailsInitialisationWithCode1AndTheTrailingBlank) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   // On a thread of its own: initialisation renames the calling thread.
   std::thread logger(TevdLogger_Start);
   logger.join();

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdAgent.h"
 #include "tevdCorrelator.h"
@@ -82,7 +82,7 @@ void OnWakeup() { ++wakeups; }
 TEST(TevdCorrelatorThreadTest, RuntimeErrorLosesOneObservationIntEndsTheAgent) {
   signal(SIGPIPE, SIG_IGN);
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   static bool init = (TevdAgent_InitStreamList() == 0);
   ASSERT_TRUE(init);
   TevdAgent_Start(StartThrower);
@@ -105,7 +105,7 @@ TEST(TevdCorrelatorThreadTest, RuntimeErrorLosesOneObservationIntEndsTheAgent) {
 
 TEST(TevdCorrelatorThreadTest, ThirtyThirdAgentIsRefused) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   while (TevdAgent_NumStarted() < TEVD_MAX_AGENTS) {
     TevdAgent_Start([] {});
   }
@@ -122,9 +122,8 @@ TEST(TevdCorrelatorThreadTest, ThreeWakeupBytesGiveOneCallback) {
   ASSERT_EQ(3, write(fds[1], "abc", 3));
   static int wakeFd;
   wakeFd = fds[0];
-  TevdAgent_Start([] {
-    TevdCorrelator_StartWithWakeup("waker", "waker", nullptr, {}, OnWakeup, &wakeFd, 1);
-  });
+  TevdAgent_Start(
+      [] { TevdCorrelator_StartWithWakeup("waker", "waker", nullptr, {}, OnWakeup, &wakeFd, 1); });
   for (int i = 0; i < 200 && wakeups == 0; ++i) {
     usleep(10000);
   }

@@ -13,8 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "PlatformSocket.h"
-#include "LogCapture.h"
+#include "Harness.h"
 #include "PlatformRoot.h"
 #include "TevClock.h"
 #include "TevdTestSupport.h"
@@ -46,33 +45,16 @@ class ZoneGuard {
   std::string old_;
 };
 
-int BindCollector(const ScratchRoot &root) {
-  int fd = PlatformSocket_Listen(
-      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector), SOCK_DGRAM);
-  if (fd < 0) {
-    return -1;
-  }
-  struct timeval tv = {2, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  return fd;
-}
-
-std::string Receive(int fd) {
-  static char buf[65536];
-  ssize_t n = recv(fd, buf, sizeof buf, 0);
-  return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
-}
-
 }  // namespace
 
 TEST(TevdLogFastPathTest, ZoneChangeWithinOneSecondShowsInTheVeryNextPrefix) {
   ZoneGuard zone;
-  FakeClock clock(1700000000);   // 2023-11-14 22:13:20 UTC
+  FakeClock clock(1700000000);  // 2023-11-14 22:13:20 UTC
   char buf[32];
   zone.Set("UTC0");
   TevdLog_TimePrefix(buf, sizeof buf, true);
   EXPECT_STREQ("2023-11-14T22:13:20.000Z: ", buf);
-  zone.Set("XST-3");   // three hours east, same second
+  zone.Set("XST-3");  // three hours east, same second
   TevdLog_TimePrefix(buf, sizeof buf, true);
   EXPECT_STREQ("2023-11-15T01:13:20.000Z: ", buf);
   TevdLog_TimePrefix(buf, sizeof buf, false);
@@ -82,34 +64,30 @@ TEST(TevdLogFastPathTest, ZoneChangeWithinOneSecondShowsInTheVeryNextPrefix) {
 TEST(TevdLogFastPathTest, ZoneChangeWithinOneSecondShowsInTheSyslogHeader) {
   ZoneGuard zone;
   ScratchRoot root;
-  root.MakeDir("dev");
-  int log = BindCollector(root);
-  ASSERT_GE(log, 0);
+  LogLines log(root);
+  ASSERT_TRUE(log.ok());
   FakeClock clock(1700000000);
   zone.Set("UTC0");
   TevdLog("a\n");
-  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: a\n", Receive(log));
+  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: a\n", log.Next());
   zone.Set("XST-3");
   TevdLog("b\n");
-  EXPECT_EQ("<14>Nov 15 01:13:20 tevd: 2023-11-15T01:13:20.000Z: b\n", Receive(log));
-  close(log);
+  EXPECT_EQ("<14>Nov 15 01:13:20 tevd: 2023-11-15T01:13:20.000Z: b\n", log.Next());
 }
 
 TEST(TevdLogFastPathTest, NextSecondIsNotServedFromTheCache) {
   ZoneGuard zone;
   zone.Set("UTC0");
   ScratchRoot root;
-  root.MakeDir("dev");
-  int log = BindCollector(root);
-  ASSERT_GE(log, 0);
+  LogLines log(root);
+  ASSERT_TRUE(log.ok());
   FakeClock clock(1700000000);
   clock.AdvanceUs(999999);
   TevdLog("x\n");
-  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.999Z: x\n", Receive(log));
+  EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.999Z: x\n", log.Next());
   clock.AdvanceUs(1);
   TevdLog("y\n");
-  EXPECT_EQ("<14>Nov 14 22:13:21 tevd: 2023-11-14T22:13:21.000Z: y\n", Receive(log));
-  close(log);
+  EXPECT_EQ("<14>Nov 14 22:13:21 tevd: 2023-11-14T22:13:21.000Z: y\n", log.Next());
 }
 
 // Lines around both stack buffers (1024 bytes in TevdLog, 2048 in the sink)
@@ -118,39 +96,33 @@ TEST(TevdLogFastPathTest, LinesLongerThanTheStackBuffersArriveWhole) {
   ZoneGuard zone;
   zone.Set("UTC0");
   ScratchRoot root;
-  root.MakeDir("dev");
-  int log = BindCollector(root);
-  ASSERT_GE(log, 0);
+  LogLines log(root);
+  ASSERT_TRUE(log.ok());
   FakeClock clock(1700000000);
   for (size_t size : {0u, 990u, 1000u, 1100u, 1990u, 2020u, 2100u, 9000u}) {
     std::string body(size, 'q');
     TevdLog("%s|%d\n", body.c_str(), 7);
-    EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: " + body + "|7\n", Receive(log))
+    EXPECT_EQ("<14>Nov 14 22:13:20 tevd: 2023-11-14T22:13:20.000Z: " + body + "|7\n", log.Next())
         << "body of " << size;
   }
-  close(log);
 }
 
 TEST(TevdLogFastPathTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
   ScratchRoot root;
-  root.MakeDir("dev");
-  int first = BindCollector(root);
-  ASSERT_GE(first, 0);
-  TevdLog("to the first\n");
-  EXPECT_NE(std::string::npos, Receive(first).find("Z: to the first\n"));
-  close(first);
-  root.Remove(PlatformEndpoint_Relative(PlatformEndpoint::LogCollector));
-  TevdLog("to nobody\n");   // dropped silently
-  int second = BindCollector(root);
-  ASSERT_GE(second, 0);
+  {
+    LogLines first(root);
+    TevdLog("to the first\n");
+    EXPECT_NE(std::string::npos, first.Next().find("Z: to the first\n"));
+  }
+  TevdLog("to nobody\n");  // dropped silently
+  LogLines second(root);
   TevdLog("to the second\n");
-  EXPECT_NE(std::string::npos, Receive(second).find("Z: to the second\n"));
-  close(second);
+  EXPECT_NE(std::string::npos, second.Next().find("Z: to the second\n"));
 }
 
 TEST(TevdLogFastPathTest, ConcurrentLinesArriveWholeAndEachOnce) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   const int threads = 6;
   const int perThread = 200;
   std::vector<std::thread> workers;
@@ -184,9 +156,8 @@ TEST(TevdLogFastPathTest, BatchedLinesArriveAtTheFlushUnchangedAndInOrder) {
   ZoneGuard zone;
   zone.Set("UTC0");
   ScratchRoot root;
-  root.MakeDir("dev");
-  int log = BindCollector(root);
-  ASSERT_GE(log, 0);
+  LogLines log(root);
+  ASSERT_TRUE(log.ok());
   FakeClock clock(1700000000);
   const std::string head = "<14>Nov 14 22:13:";
   const std::string longBody(20000, 'L');
@@ -195,23 +166,21 @@ TEST(TevdLogFastPathTest, BatchedLinesArriveAtTheFlushUnchangedAndInOrder) {
     TevdLog("first %d\n", 1);
     clock.Advance(1);
     TevdLog("second\n");
-    char probe[16];
-    EXPECT_LT(recv(log, probe, sizeof probe, MSG_DONTWAIT), 0) << "a line left before the flush";
+    EXPECT_TRUE(log.Take().empty()) << "a line left before the flush";
     TevdLog("%s\n", longBody.c_str());
     TevdLog("after\n");
     PlatformLog_Flush();
     PlatformLog_Unbatch();
   }).join();
-  EXPECT_EQ(head + "20 tevd: 2023-11-14T22:13:20.000Z: first 1\n", Receive(log));
-  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: second\n", Receive(log));
-  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: " + longBody + "\n", Receive(log));
-  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: after\n", Receive(log));
-  close(log);
+  EXPECT_EQ(head + "20 tevd: 2023-11-14T22:13:20.000Z: first 1\n", log.Next());
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: second\n", log.Next());
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: " + longBody + "\n", log.Next());
+  EXPECT_EQ(head + "21 tevd: 2023-11-14T22:13:21.000Z: after\n", log.Next());
 }
 
 TEST(TevdLogFastPathTest, FullBatchIsSentWithoutWaitingForTheFlush) {
   ScratchRoot root;
-  LogCapture capture(root);
+  LogLines capture(root);
   std::thread([&] {
     PlatformLog_BatchLines();
     for (int i = 0; i < 40; i++) TevdLog("line %d\n", i);

@@ -8,9 +8,9 @@
 #include <ctime>
 #include <string>
 
+#include "Harness.h"
 #include "TevClock.h"
 #include "TevdTestSupport.h"
-#include "LogCapture.h"
 #include "tevdLog.h"
 
 using namespace tevdtest;
@@ -34,7 +34,7 @@ int64_t LocalEpoch(int h, int m, int s) {
 
 TEST(TevdLogTest, TimePrefixShowsLocalTimeWithMillisecondsAndTheZLabel) {
   FakeClock clock(LocalEpoch(7, 8, 9));
-  clock.AdvanceUs(123);   // 07:08:09.000123 -> .000
+  clock.AdvanceUs(123);  // 07:08:09.000123 -> .000
   char buf[32];
   int n = TevdLog_TimePrefix(buf, sizeof buf, true);
   EXPECT_STREQ("2024-05-06T07:08:09.000Z: ", buf);
@@ -48,7 +48,7 @@ TEST(TevdLogTest, TimePrefixShowsLocalTimeWithMillisecondsAndTheZLabel) {
 
 TEST(TevdLogTest, LinesReachTheRootsLogCaptureInSyslogForm) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   FakeClock clock(LocalEpoch(7, 8, 9));
   TevdLog("hello %d\n", 42);
   std::string line = log.Next();
@@ -58,18 +58,19 @@ TEST(TevdLogTest, LinesReachTheRootsLogCaptureInSyslogForm) {
 
 TEST(TevdLogTest, ObservationLineCarriesThreadNameStampIdAndMessage) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   VThreadBase_SetName("netCorrelator");
   TevPtr tev = MakeTev("tev.net.hwnic.linkstate.down", {S("hwnic1")}, "m", 1234);
   TevdLog_Tev(tev.get());
   std::string line = log.Next();
-  EXPECT_NE(std::string::npos, line.find("Z: [netCorrelator] 1234us: [tev.net.hwnic.linkstate.down] m"))
+  EXPECT_NE(std::string::npos,
+            line.find("Z: [netCorrelator] 1234us: [tev.net.hwnic.linkstate.down] m"))
       << line;
 }
 
 TEST(TevdLogDeathTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
   ScratchRoot root;
-  LogCapture log(root);
+  LogLines log(root);
   EXPECT_EXIT(Panic("x %d", 5), ::testing::KilledBySignal(SIGABRT), "^Tevd - Panic: x 5$");
   std::string first = log.Next();
   std::string second = log.Next();

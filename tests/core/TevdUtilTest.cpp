@@ -27,7 +27,8 @@ TEST(TevdUtilTest, FormatsReduceToBareConversionLists) {
 }
 
 TEST(TevdUtilTest, UnacceptedFormatsAreRefusedWith22) {
-  const char *bad[] = {"%f", "value %g", "%p", "%n", "ends inside %", "ends inside %-08l", "%10.2e"};
+  const char *bad[] = {"%f",    "value %g", "%p", "%n", "ends inside %", "ends inside %-08l",
+                       "%10.2e"};
   for (const char *f : bad) {
     char out[64];
     EXPECT_EQ(22, TevdUtil_CompactFormat(f, out, sizeof out)) << f;
@@ -41,7 +42,7 @@ TEST(TevdUtilTest, NoRoomForTheTerminatorIsRefusedWithoutWriting) {
   EXPECT_EQ(22, TevdUtil_CompactFormat("", out, 0));
   EXPECT_EQ(22, TevdUtil_CompactFormat("text only", out, 0));
   EXPECT_EQ('x', out[0]);
-  EXPECT_EQ(22, TevdUtil_CompactFormat("%d", out, 2));   // "%d" needs 3 bytes
+  EXPECT_EQ(22, TevdUtil_CompactFormat("%d", out, 2));  // "%d" needs 3 bytes
   EXPECT_EQ(0, TevdUtil_CompactFormat("%d", out, 3));
   EXPECT_STREQ("%d", out);
   EXPECT_EQ(22, TevdUtil_CompactFormat(nullptr, out, sizeof out));
@@ -51,7 +52,8 @@ TEST(TevdUtilTest, ReadsArgumentsByTheMessageFormat) {
   TevPtr tev = MakeTev("tev.pageretire.mce.injected", {U(0x1234), I(77)});
   unsigned page = 0;
   int vm = 0;
-  ASSERT_EQ(0, TevdUtil_GetArgs(tev.get(), "Injected MCE for PPN %x into virtual machine %d.", &page, &vm));
+  ASSERT_EQ(0, TevdUtil_GetArgs(tev.get(), "Injected MCE for PPN %x into virtual machine %d.",
+                                &page, &vm));
   EXPECT_EQ(0x1234u, page);
   EXPECT_EQ(77, vm);
 

@@ -13,7 +13,7 @@
 
 namespace {
 
-std::vector<int> fired;   // alarm identifiers in the order their handlers ran
+std::vector<int> fired;  // alarm identifiers in the order their handlers ran
 int selfRearmId = -1;
 
 template <int N>
@@ -23,7 +23,7 @@ void Record() {
 
 void SlowPeriodic() {
   fired.push_back(0);
-  TevClock_Advance(2 * 1000000);   // the handler takes two seconds
+  TevClock_Advance(2 * 1000000);  // the handler takes two seconds
 }
 
 void RearmOnce() {
@@ -58,9 +58,9 @@ TEST_F(TevdAlarmTest, SeventeenthRegistrationIsRefused) {
 TEST_F(TevdAlarmTest, SetReportsTheSecondsLeftOfTheOldDeadline) {
   struct Row {
     const char *what;
-    int id;              // -1: the registered alarm
+    int id;  // -1: the registered alarm
     unsigned mode;
-    unsigned armFor;     // 0: left unarmed
+    unsigned armFor;  // 0: left unarmed
     int wait;
     unsigned remaining;  // reported by a disarming Set
     int result;
@@ -68,7 +68,7 @@ TEST_F(TevdAlarmTest, SetReportsTheSecondsLeftOfTheOldDeadline) {
       {"never armed", -1, 0, 0, 100000, 0, 0},
       {"armed", -1, 0, 30, 10, 20, 0},
       {"deadline passed", -1, 0, 5, 7, 0, 0},
-      {"bad mode", -1, 2, 30, 10, 77, 1},   // remaining untouched
+      {"bad mode", -1, 2, 30, 10, 77, 1},  // remaining untouched
       {"unregistered", 3, 0, 30, 10, 0, 1},
   };
   for (const Row &r : rows) {
@@ -82,7 +82,7 @@ TEST_F(TevdAlarmTest, SetReportsTheSecondsLeftOfTheOldDeadline) {
     unsigned remaining = 77;
     EXPECT_EQ(r.result, TevdAlarm_Set(r.id < 0 ? id : r.id, r.mode, 0, &remaining));
     EXPECT_EQ(r.remaining, remaining);
-    clock_.Advance(1000);   // a failed Set leaves the alarm armed
+    clock_.Advance(1000);  // a failed Set leaves the alarm armed
     EXPECT_EQ(r.result != 0 && r.armFor > 0 ? 1 : 0, TevdAlarm_RunDueForTest());
   }
   EXPECT_EQ(1, TevdAlarm_Set(-1, 0, 5, nullptr));

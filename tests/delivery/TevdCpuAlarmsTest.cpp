@@ -2,7 +2,7 @@
 // and what they report, on the fake clock.
 #include <gtest/gtest.h>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevClock.h"
 #include "TevdTestSupport.h"
 #include "tevdAlarm.h"
@@ -19,7 +19,7 @@ class TevdCpuAlarmsTest : public ::testing::Test {
 
 TEST_F(TevdCpuAlarmsTest, TwoPeriodicAlarmsReportTheObservationsOfTheirPeriod) {
   tevdtest::ScratchRoot root;
-  tevdtest::LogCapture log(root);
+  tevdtest::LogLines log(root);
   TevdCpuCorrelator_SetAlarms();
   ASSERT_EQ(2u, tevdAlarmMap.size());
   EXPECT_EQ(1u, tevdAlarmMap[0].mode);

@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "PlatformSocket.h"
-#include "DeliveryLogSink.h"
+#include "Harness.h"
 #include "Str.h"
 #include "TevClock.h"
 #include "TevdTestSupport.h"
@@ -60,7 +59,7 @@ class TevdQprobTest : public ::testing::Test {
     TevdAlarm_ResetForTest();
     TevdQprob_ResetForTest();
     TevdTrace_ResetForTest();
-    TevdQprob_Init();   // retry alarm gets identifier 0
+    TevdQprob_Init();  // retry alarm gets identifier 0
     TevdQprob_SetSendHookForTest(RecordingHook, &wire_);
     log_.Take();
   }
@@ -72,7 +71,7 @@ class TevdQprobTest : public ::testing::Test {
 
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
-  delivery::LogSink log_{root_};
+  tevdtest::LogLines log_{root_};
   Wire wire_;
 };
 
@@ -91,19 +90,19 @@ TEST_F(TevdQprobTest, OneStringEventHasExactHeaderIdentifierAndBlock) {
   EXPECT_EQ(37u, U32At(m, 64));
   EXPECT_EQ(std::string("kos.problem.net.hwnic.linkstate.down") + '\0',
             std::string(reinterpret_cast<const char *>(&m[68]), 37));
-  const uint8_t block[23] = {6, 0, 0, 0, 6, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0,
-                             'h', 'w', 'n', 'i', 'c', '1', 0};
+  const uint8_t block[23] = {6, 0, 0, 0, 6,   0,   0,   0,   16,  0,   0, 0,
+                             0, 0, 0, 0, 'h', 'w', 'n', 'i', 'c', '1', 0};
   EXPECT_EQ(Bytes(block, block + 23), Bytes(m.begin() + 105, m.begin() + 128));
   EXPECT_EQ(Bytes(4, 0), Bytes(m.begin() + 128, m.end()));
 }
 
 TEST_F(TevdQprobTest, MixedArgumentsSerialiseAsTypedSlots) {
-  const char *none = getenv("TEVD_QPROB_TEST_UNSET_VARIABLE");   // a null string
+  const char *none = getenv("TEVD_QPROB_TEST_UNSET_VARIABLE");  // a null string
   TevdQprob_Post(0, Clear, "@&!*@*@(kos.clear.x.y)%d %u %ld %lu %s %s", -3, 7u, -5L, 9UL, "a\"b",
                  none);
   ASSERT_EQ(1u, wire_.sent.size());
   const Bytes &m = wire_.sent[0];
-  EXPECT_EQ(14u, U32At(m, 64));   // "kos.clear.x.y" + NUL
+  EXPECT_EQ(14u, U32At(m, 64));  // "kos.clear.x.y" + NUL
   EXPECT_EQ(6u, U32At(m, 60));
   const size_t b = 68 + 14;
   // Six slots (96 bytes) then "a\"b\0" (4 bytes); the null string has no bytes.
@@ -151,7 +150,7 @@ TEST_F(TevdQprobTest, LocalLogLineCarriesThreadStampIdentifierAndText) {
   ASSERT_EQ(1u, wire_.sent.size());
   std::string expected = "[qprobTest] " + std::to_string(U64At(wire_.sent[0], 0)) +
                          "us: [kos.problem.net.hwnic.linkstate.down] Physical NIC hwnic1 "
-                         "linkstate is down\n";
+                         "linkstate is down";
   EXPECT_EQ(std::vector<std::string>({expected}), log_.Take());
 }
 
@@ -171,13 +170,13 @@ TEST_F(TevdQprobTest, ThousandAndFirstEventOfWindowIsDropped) {
     log_.Take();
   }
   clock_.Advance(59);
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.a)n %d", 999);   // 1000th passes
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.a)n %d", 999);  // 1000th passes
   log_.Take();
   EXPECT_EQ(1000u, wire_.sent.size());
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.b)n %d", 1000);  // 1001st
   EXPECT_EQ(1000u, wire_.sent.size());
   EXPECT_EQ(std::vector<std::string>({"Event rate limit reached. Dropping qprob: "
-                                      "kos.problem.rate.b\n"}),
+                                      "kos.problem.rate.b"}),
             log_.Take());
   // 60 s after the window's start a new one opens with a count of 1.
   clock_.Advance(1);
@@ -189,7 +188,7 @@ TEST_F(TevdQprobTest, ThousandAndFirstEventOfWindowIsDropped) {
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.d)n");
   EXPECT_EQ(2000u, wire_.sent.size());
   EXPECT_EQ(std::vector<std::string>({"Event rate limit reached. Dropping qprob: "
-                                      "kos.problem.rate.d\n"}),
+                                      "kos.problem.rate.d"}),
             log_.Take());
 }
 
@@ -235,7 +234,7 @@ TEST_F(TevdQprobTest, BufferGrowsByDoublingUntilTheArgumentsFit) {
 }
 
 TEST_F(TevdQprobTest, ArgumentsTooLargeForFifthBufferAreDroppedSilently) {
-  std::string huge(18650 - 16, 'z');   // one byte more than the last buffer holds
+  std::string huge(18650 - 16, 'z');  // one byte more than the last buffer holds
   log_.Take();
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.g)%s", huge.c_str());
   EXPECT_EQ(0, wire_.attempts);
@@ -250,23 +249,24 @@ TEST_F(TevdQprobTest, FailedSendQueuesAndFirstRetrySucceeds) {
   EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
   auto lines = log_.Take();
   ASSERT_EQ(2u, lines.size());
-  EXPECT_EQ("An event (kos.problem.r.one) could not be sent immediately to marshd; queueing for "
-            "retry.",
-            lines[1]);
+  EXPECT_EQ(
+      "An event (kos.problem.r.one) could not be sent immediately to marshd; queueing for "
+      "retry.",
+      lines[1]);
   wire_.fail = false;
   clock_.Advance(179);
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());
   clock_.Advance(1);
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
   EXPECT_EQ(std::vector<std::string>({"Successfully sent event (kos.problem.r.one) after 1 "
-                                      "failure.\n"}),
+                                      "failure."}),
             log_.Take());
   ASSERT_EQ(1u, wire_.sent.size());
   EXPECT_EQ(std::string("kos.problem.r.one"),
             std::string(reinterpret_cast<const char *>(&wire_.sent[0][68])));
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
   clock_.Advance(1000);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());   // nothing left: not re-armed
+  EXPECT_EQ(0, TevdAlarm_RunDueForTest());  // nothing left: not re-armed
 }
 
 TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
@@ -274,11 +274,11 @@ TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r.gone)x");
   log_.Take();
   const char *expected[] = {
-      "Failed to send event (kos.problem.r.gone); 2 failures so far.\n",
-      "Failed to send event (kos.problem.r.gone); 3 failures so far.\n",
-      "Failed to send event (kos.problem.r.gone); 4 failures so far.\n",
-      "Failed to send event (kos.problem.r.gone); 5 failures so far.\n",
-      "Abandoned event (kos.problem.r.gone) after 6 failures.\n",
+      "Failed to send event (kos.problem.r.gone); 2 failures so far.",
+      "Failed to send event (kos.problem.r.gone); 3 failures so far.",
+      "Failed to send event (kos.problem.r.gone); 4 failures so far.",
+      "Failed to send event (kos.problem.r.gone); 5 failures so far.",
+      "Abandoned event (kos.problem.r.gone) after 6 failures.",
   };
   for (const char *line : expected) {
     clock_.Advance(180);
@@ -300,10 +300,10 @@ TEST_F(TevdQprobTest, RetryPassHandlesOldestFirstAndKeepsOnlyFailures) {
   log_.Take();
   clock_.Advance(180);
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  EXPECT_EQ(std::vector<std::string>(
-                {"Successfully sent event (kos.problem.q.a) after 1 failure.\n",
-                 "Successfully sent event (kos.problem.q.b) after 1 failure.\n"}),
-            log_.Take());
+  EXPECT_EQ(
+      std::vector<std::string>({"Successfully sent event (kos.problem.q.a) after 1 failure.",
+                                "Successfully sent event (kos.problem.q.b) after 1 failure."}),
+      log_.Take());
 }
 
 TEST_F(TevdQprobTest, NonZeroFlagsQueueWithoutAnAttemptButStillLog) {
@@ -312,13 +312,14 @@ TEST_F(TevdQprobTest, NonZeroFlagsQueueWithoutAnAttemptButStillLog) {
   EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
   auto lines = log_.Take();
   ASSERT_EQ(2u, lines.size());
-  EXPECT_EQ("An event (kos.problem.later) could not be sent immediately to marshd; queueing for "
-            "retry.",
-            lines[1]);
+  EXPECT_EQ(
+      "An event (kos.problem.later) could not be sent immediately to marshd; queueing for "
+      "retry.",
+      lines[1]);
   clock_.Advance(180);
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
   EXPECT_EQ(std::vector<std::string>({"Successfully sent event (kos.problem.later) after 1 "
-                                      "failure.\n"}),
+                                      "failure."}),
             log_.Take());
   // Only the low byte counts: 0x100 sends at once.
   TevdQprob_Post(0x100, Problem, "@&!*@*@(kos.problem.now)x");
@@ -353,35 +354,22 @@ class TevdQprobSocketTest : public ::testing::Test {
     TevdQprob_ResetForTest();
     TevdAlarm_ResetForTest();
   }
-  int Listen() {
-    PlatformListen how;
-    how.backlog = 8;
-    int fd = PlatformSocket_Listen(
-        PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent), how);
-    EXPECT_GE(fd, 0) << strerror(errno);
-    return fd;
-  }
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
 };
 
 TEST_F(TevdQprobSocketTest, MessageArrivesWholeOnOneConnection) {
-  int lfd = Listen();
+  tevdtest::AgentStandIn agent(root_, tevdtest::AgentStandIn::Read);
+  ASSERT_TRUE(agent.ok());
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.sock.test)%s", "abc");
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
-  int cfd = accept(lfd, nullptr, nullptr);
-  ASSERT_GE(cfd, 0);
-  Bytes got;
-  uint8_t chunk[512];
-  ssize_t n;
-  while ((n = read(cfd, chunk, sizeof chunk)) > 0) {
-    got.insert(got.end(), chunk, chunk + n);
-  }
-  close(cfd);
-  close(lfd);
-  ASSERT_EQ(72u + 22u + 16u + 4u, got.size());
-  EXPECT_EQ(got.size(), U32At(got, 56));
-  EXPECT_EQ(std::string("kos.problem.sock.test"), std::string(reinterpret_cast<char *>(&got[68])));
+  // The stand-in decodes a connection's bytes only once the sender closed it,
+  // and refuses a message whose length field is not the bytes it read.
+  ASSERT_TRUE(tevdtest::Eventually(
+      [&] { return agent.Accepted() == 1 && agent.Messages().size() + agent.Bad() == 1; }, 5000));
+  ASSERT_EQ(1u, agent.Messages().size());
+  EXPECT_EQ("kos.problem.sock.test", agent.Messages()[0].id);
+  EXPECT_EQ(std::vector<std::string>{"S:abc"}, tevdtest::ArgsText(agent.Messages()[0].args));
 }
 
 TEST_F(TevdQprobSocketTest, AbsentAgentSocketFailsSendAndQueues) {

@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "DaemonProcess.h"
-#include "ReliabilityHarness.h"
+#include "Harness.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 
 namespace {
@@ -40,8 +39,10 @@ std::map<std::string, int> Received(AgentStandIn &agent) {
   return got;
 }
 
-const char kQueued0[] = "An event (kos.problem.test.test0) could not be sent immediately to marshd; queueing for retry.";
-const char kQueued2[] = "An event (kos.problem.test.test2) could not be sent immediately to marshd; queueing for retry.";
+const char kQueued0[] =
+    "An event (kos.problem.test.test0) could not be sent immediately to marshd; queueing for retry.";
+const char kQueued2[] =
+    "An event (kos.problem.test.test2) could not be sent immediately to marshd; queueing for retry.";
 
 }  // namespace
 
@@ -70,21 +71,25 @@ TEST(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOldest
   ASSERT_TRUE(SendRecord(user, Test0()));
   ASSERT_TRUE(log.WaitCount(kQueued0, 1, kWait))
       << "running " << d.Running() << ", " << log.Size() << " log lines; stderr: " << d.Stderr();
-  ASSERT_TRUE(log.WaitCount("Failed to send event (kos.problem.test.test0); 2 failures so far.", 1, kWait));
-  ASSERT_TRUE(log.WaitCount("Failed to send event (kos.problem.test.test0); 4 failures so far.", 1, kWait));
+  ASSERT_TRUE(
+      log.WaitCount("Failed to send event (kos.problem.test.test0); 2 failures so far.", 1, kWait));
+  ASSERT_TRUE(
+      log.WaitCount("Failed to send event (kos.problem.test.test0); 4 failures so far.", 1, kWait));
   // B1..B3 join the queue three passes later.
   for (int i = 1; i <= 3; ++i) {
     ASSERT_TRUE(SendRecord(user, Test2(i)));
   }
   ASSERT_TRUE(log.WaitCount(kQueued2, 3, kWait));
-  ASSERT_TRUE(log.WaitCount("Abandoned event (kos.problem.test.test0) after 6 failures.", 1, kWait));
+  ASSERT_TRUE(
+      log.WaitCount("Abandoned event (kos.problem.test.test0) after 6 failures.", 1, kWait));
   EXPECT_EQ(0u, log.Count("Failed to send event (kos.problem.test.test0); 6 failures so far."));
 
   // The agent is back: the next pass delivers B1..B3, each once.
   AgentStandIn agent(root, AgentStandIn::Read);
   ASSERT_TRUE(agent.ok());
   ASSERT_TRUE(log.WaitCount("Successfully sent event (kos.problem.test.test2) after ", 3, kWait));
-  for (const std::string &l : log.Matching("Successfully sent event (kos.problem.test.test2) after ")) {
+  for (const std::string &l :
+       log.Matching("Successfully sent event (kos.problem.test.test2) after ")) {
     // Queued between the third and fourth pass, failed at the fourth and
     // fifth at least: 3 counting the first attempt, more if the agent's
     // return missed the sixth pass on a slow machine.
@@ -103,7 +108,8 @@ TEST(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOldest
   ASSERT_TRUE(SendRecord(user, Test0()));
   ASSERT_TRUE(log.WaitCount(kQueued0, 2, kWait));
   // The pass that fails D would also show any B still queued: none is.
-  ASSERT_TRUE(log.WaitCount("Failed to send event (kos.problem.test.test0); 2 failures so far.", 2, kWait));
+  ASSERT_TRUE(
+      log.WaitCount("Failed to send event (kos.problem.test.test0); 2 failures so far.", 2, kWait));
   EXPECT_EQ(bFailures, log.Count("Failed to send event (kos.problem.test.test2)"));
   AgentStandIn again(root, AgentStandIn::Read);
   ASSERT_TRUE(again.ok());
@@ -155,7 +161,8 @@ TEST(AgentFaultsE2ETest, AgentThatNeverReadsDoesNotStallTheDaemonAndAWorkingOneG
     ASSERT_TRUE(Eventually([&] { return mute.Accepted() >= static_cast<size_t>(kEvents); }, 20000));
     EXPECT_EQ(0u, log.Count("could not be sent immediately"));
     // Observations of other domains are handled meanwhile.
-    ASSERT_TRUE(SendRecord(user, TevRecord_Encode("tev.vm.during", "while the agent is mute", 1, {})));
+    ASSERT_TRUE(
+        SendRecord(user, TevRecord_Encode("tev.vm.during", "while the agent is mute", 1, {})));
     ASSERT_TRUE(log.WaitCount("[tev.vm.during] while the agent is mute", 1, 20000));
   }
   AgentStandIn agent(root, AgentStandIn::Read);

@@ -12,17 +12,16 @@
 #include <string>
 #include <vector>
 
+#include "Harness.h"
 #include "PlatformSocket.h"
-#include "DaemonProcess.h"
-#include "FaultClients.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 
 namespace {
 
 const int kWait = 30000;
-const int kExitMs = 2000;   // every fault: SIGTERM ends the daemon within this
+const int kExitMs = 2000;  // every fault: SIGTERM ends the daemon within this
 
 std::vector<uint8_t> Vm(const std::string &msg, size_t payload = 0) {
   std::vector<MsgFmt_Value> args;
@@ -43,8 +42,9 @@ void ExpectPromptCleanExit(DaemonProcess &d) {
   auto start = std::chrono::steady_clock::now();
   d.Signal(SIGTERM);
   ASSERT_TRUE(d.Wait(kExitMs)) << "still running " << kExitMs << " ms after SIGTERM";
-  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                std::chrono::steady_clock::now() - start).count();
+  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                  start)
+                .count();
   ASSERT_TRUE(WIFEXITED(d.status())) << d.Stderr();
   EXPECT_EQ(0, WEXITSTATUS(d.status())) << d.Stderr();
   ::testing::Test::RecordProperty("exit_ms", static_cast<int>(ms));
@@ -61,11 +61,7 @@ class Flood {
           }
           done_ = true;
         }) {}
-  ~Flood() { Join(); }
-  // Before the descriptor is closed: a send still under way would race it.
-  void Join() {
-    if (thread_.joinable()) thread_.join();
-  }
+  ~Flood() { thread_.join(); }
   int sent() const { return sent_; }
   bool done() const { return done_; }
 
@@ -77,8 +73,9 @@ class Flood {
 
 bool SkipFastClock(std::string *why) {
 #if defined(__SANITIZE_THREAD__)
-  *why = "libfaketime bypasses ThreadSanitizer's pthread_cond_timedwait interceptor (see "
-         "AgentFaultsE2ETest)";
+  *why =
+      "libfaketime bypasses ThreadSanitizer's pthread_cond_timedwait interceptor (see "
+      "AgentFaultsE2ETest)";
   return true;
 #endif
   if (access(kFaketimeLib, R_OK) != 0) {
@@ -96,7 +93,7 @@ TEST(FaultInjectionE2ETest, SigtermWhileTheReaderWaitsOnAFullAgentPipe) {
   ScratchRoot root;
   MakeHost(root);
   LogLines log(root);
-  StuckAgent agent(root);
+  AgentStandIn agent(root, AgentStandIn::Stuck);
   ASSERT_TRUE(agent.ok());
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
@@ -110,7 +107,6 @@ TEST(FaultInjectionE2ETest, SigtermWhileTheReaderWaitsOnAFullAgentPipe) {
   EXPECT_FALSE(flood.done()) << "the reader never had to wait";
   ExpectPromptCleanExit(d);
   shutdown(user, SHUT_RDWR);
-  flood.Join();
   close(user);
 }
 
@@ -130,9 +126,9 @@ TEST(FaultInjectionE2ETest, ShutdownWithinTwoSecondsBehindAStuckRetryPass) {
   int user = ConnectUser(root);
   ASSERT_GE(user, 0);
   const char kQueued[] = "An event (kos.problem.test.test2) could not be sent immediately";
-  ASSERT_TRUE(SendRecord(user, Event(1)));   // no agent yet: queued
+  ASSERT_TRUE(SendRecord(user, Event(1)));  // no agent yet: queued
   ASSERT_TRUE(log.WaitCount(kQueued, 1, kWait));
-  StuckAgent agent(root);
+  AgentStandIn agent(root, AgentStandIn::Stuck);
   ASSERT_TRUE(agent.ok());
   // The next pass (one real second at 180 times the speed) connects to the
   // stuck agent and waits there; then the agent's file goes, so the next
@@ -165,12 +161,12 @@ TEST(FaultInjectionE2ETest, EmptyMessagesAndHalfClosedConnectionsAreClosedWithAL
     }
     bad.push_back(fd);
   }
-  EXPECT_TRUE(log.WaitCount("Closing a user-level connection: the peer sent an empty message", 8,
-                            kWait));
+  EXPECT_TRUE(
+      log.WaitCount("Closing a user-level connection: the peer sent an empty message", 8, kWait));
   double cpu = CpuShare(d.pid(), 1000);
   EXPECT_LT(cpu, 0.3) << "the loop spins";
   RecordProperty("cpu_share_percent", static_cast<int>(cpu * 100));
-  int good = ConnectUser(root);   // a slot is free again
+  int good = ConnectUser(root);  // a slot is free again
   ASSERT_TRUE(SendRecord(good, Vm("after the bad connections")));
   EXPECT_TRUE(log.WaitCount("[tev.vm.fault] after the bad connections", 1, kWait));
   close(good);
@@ -215,7 +211,8 @@ TEST(FaultInjectionE2ETest, DescriptorExhaustionNeitherSpinsNorFloodsTheLog) {
   ASSERT_EQ(0, prlimit(d.pid(), RLIMIT_NOFILE, &tight, nullptr)) << strerror(errno);
   std::vector<int> clients;
   for (int i = 0; i < 5; ++i) {
-    clients.push_back(ConnectTrace(root));
+    clients.push_back(
+        ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM));
     clients.push_back(ConnectUser(root));
   }
   ASSERT_TRUE(log.WaitCount("accept() failed: Too many open files", 1, kWait));
@@ -227,9 +224,9 @@ TEST(FaultInjectionE2ETest, DescriptorExhaustionNeitherSpinsNorFloodsTheLog) {
   RecordProperty("accept_failure_lines", static_cast<int>(lines));
   ASSERT_EQ(0, prlimit(d.pid(), RLIMIT_NOFILE, &old, nullptr));
   for (int fd : clients) {
-    close(fd);   // each was dropped by way of the reserve, or waited
+    close(fd);  // each was dropped by way of the reserve, or waited
   }
-  TraceReader later(root);   // descriptors again: served as before
+  TraceReader later(root);  // descriptors again: served as before
   ASSERT_TRUE(later.ok());
   EXPECT_TRUE(later.WaitLive(kWait));
   ExpectPromptCleanExit(d);
@@ -247,7 +244,7 @@ TEST(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) 
   ScratchRoot root;
   MakeHost(root);
   LogLines log(root);
-  auto agent = std::make_unique<StuckAgent>(root);
+  auto agent = std::make_unique<AgentStandIn>(root, AgentStandIn::Stuck);
   ASSERT_TRUE(agent->ok());
   DaemonProcess d(root, {}, FastClockEnv());
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
@@ -257,7 +254,7 @@ TEST(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) 
   int async = ConnectAsync(root, 4);
   ASSERT_GE(user, 0);
   ASSERT_GE(async, 0);
-  const int kEvents = Scaled(600);   // under the limit of 1000 events a minute
+  const int kEvents = Scaled(600);  // under the limit of 1000 events a minute
   std::vector<double> latencies;
   {
     Flood flood(user, kEvents, [](int i) { return Event(i, 200); });
@@ -267,8 +264,9 @@ TEST(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) 
       ASSERT_TRUE(SendRecord(async, Vm(text)));
       ASSERT_TRUE(log.WaitCount("[tev.vm.fault] " + text + "\n", 1, kWait));
       ASSERT_TRUE(trace.WaitCount(",IN,1,tev.vm.fault,", static_cast<size_t>(i) + 1, kWait));
-      latencies.push_back(std::chrono::duration<double, std::milli>(
-                              std::chrono::steady_clock::now() - sent).count());
+      latencies.push_back(
+          std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - sent)
+              .count());
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   }
@@ -282,8 +280,8 @@ TEST(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) 
   agent.reset();
   AgentStandIn good(root, AgentStandIn::Read);
   ASSERT_TRUE(good.ok());
-  EXPECT_TRUE(Eventually([&] { return good.Messages().size() >= static_cast<size_t>(kEvents); },
-                         kWait));
+  EXPECT_TRUE(
+      Eventually([&] { return good.Messages().size() >= static_cast<size_t>(kEvents); }, kWait));
   std::set<int32_t> seen;
   for (const QprobMessage &m : good.Messages()) {
     EXPECT_TRUE(seen.insert(static_cast<int32_t>(m.args[0].bits)).second) << "sent twice";
@@ -301,7 +299,7 @@ TEST(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) 
 TEST(FaultInjectionE2ETest, StoppedLogCollectorDoesNotStallIntake) {
   ScratchRoot root;
   MakeHost(root);
-  StoppedCollector collector(root);
+  LogLines collector(root, LogLines::Stopped);
   AgentStandIn agent(root, AgentStandIn::Read);
   ASSERT_TRUE(agent.ok());
   DaemonProcess d(root);
@@ -314,18 +312,20 @@ TEST(FaultInjectionE2ETest, StoppedLogCollectorDoesNotStallIntake) {
     ASSERT_TRUE(SendRecord(user, Event(i)));
   }
   // Two log lines per event: 450 s at 250 ms a line before.
-  EXPECT_TRUE(Eventually([&] { return agent.Messages().size() >= static_cast<size_t>(kEvents); },
-                         10000));
+  EXPECT_TRUE(
+      Eventually([&] { return agent.Messages().size() >= static_cast<size_t>(kEvents); }, 10000));
   double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   printf("stopped collector: %zu of %d events delivered in %.2f s\n", agent.Messages().size(),
          kEvents, secs);
   collector.Resume();
   // Lines that meet the collector's queue still full as it starts draining
   // are dropped too, so the test keeps talking until one gets through.
-  EXPECT_TRUE(Eventually([&] {
-    EXPECT_TRUE(SendRecord(user, Vm("collector back")));
-    return collector.WaitCount("[tev.vm.fault] collector back", 1, 100);
-  }, kWait));
+  EXPECT_TRUE(Eventually(
+      [&] {
+        EXPECT_TRUE(SendRecord(user, Vm("collector back")));
+        return collector.WaitCount("[tev.vm.fault] collector back", 1, 100);
+      },
+      kWait));
   EXPECT_TRUE(collector.WaitCount(" log lines dropped", 1, kWait));
   ExpectPromptCleanExit(d);
   close(user);
@@ -344,7 +344,8 @@ TEST(FaultInjectionE2ETest, UnprivilegedPeersGetOnlyWhatTheSecurityDocumentGrant
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
   TraceReader trace(root);
   ASSERT_TRUE(trace.WaitLive(kWait));
-  const std::string userSock = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext);
+  const std::string userSock =
+      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext);
   const std::string traceSock = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace);
   const std::string asyncSock =
       PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext, 4);
@@ -354,9 +355,9 @@ TEST(FaultInjectionE2ETest, UnprivilegedPeersGetOnlyWhatTheSecurityDocumentGrant
     bool inGroup;
     bool connects;
   } table[] = {
-      {&userSock, SOCK_SEQPACKET, true, true},   {&traceSock, SOCK_STREAM, true, true},
-      {&asyncSock, SOCK_DGRAM, true, false},     {&userSock, SOCK_SEQPACKET, false, false},
-      {&traceSock, SOCK_STREAM, false, false},   {&asyncSock, SOCK_DGRAM, false, false},
+      {&userSock, SOCK_SEQPACKET, true, true}, {&traceSock, SOCK_STREAM, true, true},
+      {&asyncSock, SOCK_DGRAM, true, false},   {&userSock, SOCK_SEQPACKET, false, false},
+      {&traceSock, SOCK_STREAM, false, false}, {&asyncSock, SOCK_DGRAM, false, false},
   };
   for (const Access &a : table) {
     int rc = AsNobody(a.inGroup, [&] {
@@ -369,9 +370,8 @@ TEST(FaultInjectionE2ETest, UnprivilegedPeersGetOnlyWhatTheSecurityDocumentGrant
     EXPECT_EQ(a.connects ? 0 : 1, rc) << *a.path << (a.inGroup ? " in group" : " not in group");
   }
   // A group member posts what the kernel and other parts own, then its own.
-  const std::vector<std::string> kernelIds = {"tev.net.hwnic.linkstate.down",
-                                              "tev.scsi.device.state.permanentloss",
-                                              "tev.vm.fault"};
+  const std::vector<std::string> kernelIds = {
+      "tev.net.hwnic.linkstate.down", "tev.scsi.device.state.permanentloss", "tev.vm.fault"};
   int rc = AsNobody(true, [&] {
     int fd = ConnectTo(userSock, SOCK_SEQPACKET);
     for (int i = 0; i < 12; ++i) {
@@ -435,8 +435,7 @@ TEST(FaultInjectionE2ETest, TraceClientsAreBoundedInPendingBytesAndNumber) {
   // Its socket was shut down: reading drains what was sent, then ends.
   char buf[65536];
   ssize_t n;
-  while ((n = read(stalled, buf, sizeof buf)) > 0) {
-  }
+  while ((n = read(stalled, buf, sizeof buf)) > 0) {}
   EXPECT_EQ(0, n);
   close(stalled);
   long threads = ProcStatus(d.pid(), "Threads");
@@ -489,7 +488,7 @@ TEST(FaultInjectionE2ETest, SmallerFaultsAreExplainedAndSignalsReachOnlyTheReade
   LogLines log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
-  TraceReader trace(root);   // its two threads count as workers too
+  TraceReader trace(root);  // its two threads count as workers too
   ASSERT_TRUE(trace.WaitLive(kWait));
   int fd = ConnectUser(root);
   ASSERT_TRUE(SendRecord(fd, Vm("too big", 131100)));

@@ -24,10 +24,9 @@
 #include <thread>
 #include <vector>
 
-#include "DaemonProcess.h"
-#include "ReliabilityHarness.h"
+#include "Harness.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 
 namespace {
@@ -96,7 +95,8 @@ TEST(LoadE2ETest, EightConnectionsAndFourContextsLoseNothingAndStayBounded) {
       const char *id = p < users ? "tev.vm.load" : "tev.hardware.load";
       for (int i = 0; i < each; ++i) {
         std::string key = std::to_string(p) + "/" + std::to_string(i);
-        if (!SendRecord(fds[p], TevRecord_Encode(id, key, 1, {MsgFmt_Value::Str(key), MsgFmt_Value::I32(i)}))) {
+        if (!SendRecord(fds[p], TevRecord_Encode(id, key, 1,
+                                                 {MsgFmt_Value::Str(key), MsgFmt_Value::I32(i)}))) {
           ++failed;
         }
       }

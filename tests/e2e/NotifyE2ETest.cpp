@@ -10,11 +10,10 @@
 #include <chrono>
 #include <string>
 
+#include "Harness.h"
 #include "PlatformSocket.h"
-#include "DaemonProcess.h"
-#include "ReliabilityHarness.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 using Clock = std::chrono::steady_clock;
 
@@ -63,10 +62,16 @@ class NotifyListener : public LineStore {
       std::string all(buf, static_cast<size_t>(n));
       for (size_t start = 0; start < all.size();) {
         size_t nl = all.find('\n', start);
-        std::string line = all.substr(start, nl == std::string::npos ? std::string::npos : nl - start);
+        std::string line =
+            all.substr(start, nl == std::string::npos ? std::string::npos : nl - start);
         start = nl == std::string::npos ? all.size() : nl + 1;
         if (line == "READY=1") {
-          socketsAtReady_ = Exists(PlatformEndpoint::UserContext) && Exists(PlatformEndpoint::Trace);
+          socketsAtReady_ =
+              access(
+                  PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::UserContext).c_str(),
+                  F_OK) == 0 &&
+              access(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::Trace).c_str(),
+                     F_OK) == 0;
         } else if (line == "WATCHDOG=1") {
           std::lock_guard<std::mutex> lock(mu_);
           lastWatchdog_ = Clock::now();
@@ -74,9 +79,6 @@ class NotifyListener : public LineStore {
         Add(line);
       }
     }
-  }
-  bool Exists(PlatformEndpoint endpoint) const {
-    return access(PlatformEndpoint_PathUnder(root_.path(), endpoint).c_str(), F_OK) == 0;
   }
   const ScratchRoot &root_;
   std::string path_;
@@ -128,8 +130,8 @@ TEST(NotifyE2ETest, ReadyAfterSocketsWatchdogOnlyWhileTheLoopRunsStoppingOnSigte
   ASSERT_GE(agent, 0);
   int user = ConnectUser(root);
   ASSERT_GE(user, 0);
-  std::vector<uint8_t> big =
-      TevRecord_Encode("tev.user.test.test1s", "%s", 1, {MsgFmt_Value::Str(std::string(1000, 'x'))});
+  std::vector<uint8_t> big = TevRecord_Encode("tev.user.test.test1s", "%s", 1,
+                                              {MsgFmt_Value::Str(std::string(1000, 'x'))});
   int sent = 0;
   for (int i = 0; i < 2000; ++i) {
     if (send(user, big.data(), big.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
@@ -138,8 +140,8 @@ TEST(NotifyE2ETest, ReadyAfterSocketsWatchdogOnlyWhileTheLoopRunsStoppingOnSigte
     ++sent;
   }
   ASSERT_LT(sent, 2000) << "the daemon kept reading: the agent never blocked";
-  ASSERT_TRUE(Eventually([&] { return Clock::now() - notify.lastWatchdog() > std::chrono::seconds(1); },
-                         kWait))
+  ASSERT_TRUE(Eventually(
+      [&] { return Clock::now() - notify.lastWatchdog() > std::chrono::seconds(1); }, kWait))
       << "the keep-alive went on while the reader was blocked";
   size_t silent = notify.Count("WATCHDOG=1");
   EXPECT_TRUE(d.Running());
@@ -148,7 +150,8 @@ TEST(NotifyE2ETest, ReadyAfterSocketsWatchdogOnlyWhileTheLoopRunsStoppingOnSigte
   // and the keep-alive comes back.
   unlink(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent).c_str());
   close(agent);
-  EXPECT_TRUE(notify.WaitCount("WATCHDOG=1", silent + 5, kWait)) << "no keep-alive after the release";
+  EXPECT_TRUE(notify.WaitCount("WATCHDOG=1", silent + 5, kWait))
+      << "no keep-alive after the release";
   EXPECT_EQ(0u, notify.Count("STOPPING=1"));
 
   close(user);

@@ -15,11 +15,10 @@
 #include <thread>
 #include <vector>
 
+#include "Harness.h"
 #include "PlatformSocket.h"
-#include "DaemonProcess.h"
-#include "ReliabilityHarness.h"
 
-using namespace reltest;
+using namespace tevdtest;
 using tevdtest::DaemonProcess;
 
 namespace {
@@ -35,7 +34,8 @@ std::vector<uint8_t> Record(const std::string &id, const std::string &msg, size_
 }
 
 // Every text in `expected` handled exactly once, nothing else.
-void ExpectEachOnce(const std::map<std::string, int> &got, const std::vector<std::string> &expected) {
+void ExpectEachOnce(const std::map<std::string, int> &got,
+                    const std::vector<std::string> &expected) {
   std::map<std::string, int> want;
   for (const std::string &e : expected) {
     want[e] = 1;
@@ -63,13 +63,15 @@ void StopCleanly(DaemonProcess &d) {
 
 }  // namespace
 
-TEST(SurroundingsFaultsE2ETest, TraceClientThatStopsReadingHoldsBackNeitherAnotherClientNorTheCorrelators) {
+TEST(SurroundingsFaultsE2ETest,
+     TraceClientThatStopsReadingHoldsBackNeitherAnotherClientNorTheCorrelators) {
   ScratchRoot root;
   MakeHost(root);
   LogLines log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady(20000)) << d.Stderr();
-  int mute = ConnectTrace(root);
+  int mute =
+      ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
   ASSERT_GE(mute, 0);
   TraceReader reader(root);
   ASSERT_TRUE(reader.ok());
@@ -134,7 +136,8 @@ TEST(SurroundingsFaultsE2ETest, TraceClientsVanishingMidWriteLeaveNoThreadBehind
   ASSERT_GT(threads, 0);
   const int clients = 20;
   for (int c = 0; c < clients; ++c) {
-    int fd = ConnectTrace(root);
+    int fd =
+        ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
     ASSERT_GE(fd, 0);
     if (c % 2 == 1) {
       char buf[1000];
@@ -192,8 +195,9 @@ TEST(SurroundingsFaultsE2ETest, ContextFloodedPastTheBufferCeilingLosesNothing) 
       unsigned seed = 7u + static_cast<unsigned>(p);
       for (int i = 0; i < each; ++i) {
         size_t payload = 100 + rand_r(&seed) % 100000;
-        if (!SendRecord(fd, Record("tev.hardware.flood",
-                                   "flood " + std::to_string(p) + "/" + std::to_string(i), payload))) {
+        if (!SendRecord(fd,
+                        Record("tev.hardware.flood",
+                               "flood " + std::to_string(p) + "/" + std::to_string(i), payload))) {
           ++failed;
         }
       }
@@ -342,15 +346,18 @@ TEST(SurroundingsFaultsE2ETest, SigpipeStormWhileTrafficFlowsLosesNothing) {
   for (int i = 0; i < n; ++i) {
     texts.push_back("storm " + std::to_string(i));
     // Large records split across pipe writes, so agents also block mid-record.
-    ASSERT_TRUE(SendRecord(i % 2 ? user : async, Record("tev.vm.storm", texts.back(), i % 7 ? 100 : 20000)));
+    ASSERT_TRUE(SendRecord(i % 2 ? user : async,
+                           Record("tev.vm.storm", texts.back(), i % 7 ? 100 : 20000)));
     if (i < events) {
-      ASSERT_TRUE(SendRecord(user, TevRecord_Encode("tev.user.test.test2", "two", 1,
-                                                    {MsgFmt_Value::I32(i), MsgFmt_Value::Str("s")})));
+      ASSERT_TRUE(
+          SendRecord(user, TevRecord_Encode("tev.user.test.test2", "two", 1,
+                                            {MsgFmt_Value::I32(i), MsgFmt_Value::Str("s")})));
     }
   }
   bool handled = log.WaitCount("[tev.vm.storm] ", static_cast<size_t>(n), kWait);
   bool traced = reader.WaitCount(",IN,1,tev.vm.storm,,", static_cast<size_t>(n), kWait);
-  bool delivered = Eventually([&] { return agent.Messages().size() >= static_cast<size_t>(events); }, kWait);
+  bool delivered =
+      Eventually([&] { return agent.Messages().size() >= static_cast<size_t>(events); }, kWait);
   stop = true;
   storm.join();
   EXPECT_TRUE(handled) << log.Count("[tev.vm.storm] ") << " of " << n;

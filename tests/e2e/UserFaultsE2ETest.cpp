@@ -3,20 +3,19 @@
 // (or, for the oversized record, the other connections) stay served.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstring>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "DaemonProcess.h"
 #include "DaemonSockets.h"
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 
 using namespace tevdtest;
@@ -32,7 +31,7 @@ std::vector<uint8_t> Good(const std::string &id, const std::string &msg) {
 TEST(UserFaultsE2ETest, GarbageAndHalfRecordAreDroppedAndTheConnectionStaysServed) {
   ScratchRoot root;
   MakeHost(root);
-  LogCapture log(root);
+  LogLines log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());
   int fd = ConnectUser(root);
@@ -41,7 +40,8 @@ TEST(UserFaultsE2ETest, GarbageAndHalfRecordAreDroppedAndTheConnectionStaysServe
   ASSERT_TRUE(SendRecord(fd, std::vector<uint8_t>(garbage.begin(), garbage.end())));
   EXPECT_NE("", log.WaitFor("dropped a malformed record on user"));
   std::vector<uint8_t> whole = Good("tev.vm.half", "half");
-  ASSERT_TRUE(SendRecord(fd, std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2)));
+  ASSERT_TRUE(
+      SendRecord(fd, std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2)));
   ASSERT_TRUE(SendRecord(fd, Good("tev.vm.after", "after the bad ones")));
   EXPECT_NE("", log.WaitFor("[tev.vm.after] after the bad ones"));
   close(fd);
@@ -54,7 +54,7 @@ TEST(UserFaultsE2ETest, GarbageAndHalfRecordAreDroppedAndTheConnectionStaysServe
 TEST(UserFaultsE2ETest, OversizedRecordOnOneConnectionLeavesTheOthersServed) {
   ScratchRoot root;
   MakeHost(root);
-  LogCapture log(root);
+  LogLines log(root);
   DaemonProcess d(root);
   ASSERT_TRUE(d.WaitReady());
   int big = ConnectUser(root);

@@ -32,7 +32,8 @@ TEST(TevfwdTables, EveryTemplateGivesValidDistinctLabelNames) {
     for (const std::string &n : names) {
       EXPECT_TRUE(std::regex_match(n, valid)) << t.id << ": " << n;
       EXPECT_TRUE(seen.insert(n).second) << t.id << ": " << n << " twice";
-      EXPECT_TRUE(n != "alertname" && n != "host" && n != "instance" && n != "class" && n != "severity")
+      EXPECT_TRUE(n != "alertname" && n != "host" && n != "instance" && n != "class" &&
+                  n != "severity")
           << t.id;
     }
   }
@@ -122,12 +123,13 @@ TEST(TevfwdForwarder, ProblemFiresAndItsClearResolvesOnlyTheSameObject) {
             MsgFmt_FormatValues(tevfwd::FindTemplate("kos.problem.net.redundancy.lost")->text,
                                 {S("ksw0"), S("hwnic0"), S("pg-guests")}));
   EXPECT_EQ(a["startsAt"], tevfwd::Rfc3339(t0));
-  EXPECT_EQ(a["endsAt"], tevfwd::Rfc3339(t0 + 3 * 60000));   // firing: three re-sends ahead
+  EXPECT_EQ(a["endsAt"], tevfwd::Rfc3339(t0 + 3 * 60000));  // firing: three re-sends ahead
   EXPECT_EQ(f.SpoolLength(), 0u);
   EXPECT_EQ(f.counters().sent, 2u);
 
   // Argument order differs between the two events: NIC 2 of the clear is NIC 1 of the problem.
-  f.Accept(Msg("kos.clear.net.redundancy.restored", {S("ksw0"), S("pg-other"), S("hwnic1")}), t0 + 5000);
+  f.Accept(Msg("kos.clear.net.redundancy.restored", {S("ksw0"), S("pg-other"), S("hwnic1")}),
+           t0 + 5000);
   json resolved = DeliverAll(&f, t0 + 5000);
   ASSERT_EQ(resolved.size(), 1u);
   EXPECT_EQ(resolved[0]["labels"]["nic"], "hwnic1");
@@ -145,7 +147,7 @@ TEST(TevfwdForwarder, ResendAndLifetimeFollowTheClock) {
   Forwarder f(Opts());
   const int64_t t0 = 1000000;
   f.Accept(Msg("kos.problem.scsi.device.state.off", {S("naa.1")}), t0);
-  f.Tick(t0);   // first tick: the spool is not empty, nothing is added
+  f.Tick(t0);  // first tick: the spool is not empty, nothing is added
   EXPECT_EQ(f.SpoolLength(), 1u);
   DeliverAll(&f, t0);
   f.Tick(t0 + 59999);
@@ -188,7 +190,8 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitAndSurvivesARestart) {
   {
     Forwarder f(o);
     for (int i = 0; i < 20; ++i) {
-      f.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic" + std::to_string(i))}), 1000000 + i);
+      f.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic" + std::to_string(i))}),
+               1000000 + i);
     }
     EXPECT_LT(f.SpoolLength(), 20u);
     EXPECT_EQ(f.counters().dropped, 20u - f.SpoolLength());
@@ -224,11 +227,12 @@ TEST(TevfwdForwarder, BadBytesAndDamagedSpoolFilesAreSurvived) {
   json sent = DeliverAll(&f, 1000000);
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0]["labels"]["device"], "naa.\xef\xbf\xbd\xef\xbf\xbd");
-  root.Write("spool/0000000000000007.json", "{\"labels\":{\"alertname\":7},\"startsAt\":1,\"endsAt\":0}");
+  root.Write("spool/0000000000000007.json",
+             "{\"labels\":{\"alertname\":7},\"startsAt\":1,\"endsAt\":0}");
   root.Write("spool/0000000000000008.json", "not json");
   root.Write("spool/active.json", "[{\"labels\":[]},{\"labels\":{\"class\":{}},\"endsAt\":1}]");
   Forwarder g(Opts(root.Abs("spool")));
-  EXPECT_EQ(g.Recover(2000000), 1u);   // entry 7 is an alert, if an odd one
+  EXPECT_EQ(g.Recover(2000000), 1u);  // entry 7 is an alert, if an odd one
   EXPECT_EQ(g.counters().dropped, 1u);
   EXPECT_FALSE(g.TakeLogLines().empty());
 }

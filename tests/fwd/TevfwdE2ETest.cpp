@@ -92,7 +92,8 @@ class Webhook {
     size_t n = 0;
     for (const json &b : bodies_) {
       bool has = false;
-      for (const json &a : b.value("alerts", json::array())) has |= a["labels"].value("alertname", "") == alertname;
+      for (const json &a : b.value("alerts", json::array()))
+        has |= a["labels"].value("alertname", "") == alertname;
       n += has && b.value("status", "") == status;
     }
     return n;
@@ -156,14 +157,13 @@ class Cluster {
     for (int i = 0; i < 2; ++i) {
       std::string d = root_.Abs("am/data" + std::to_string(i));
       am_[i] = std::make_unique<Child>(
-          std::vector<std::string>{kAlertmanager, "--config.file=" + root_.Abs("am/config.yml"),
-                                   "--storage.path=" + d,
-                                   "--web.listen-address=127.0.0.1:" + std::to_string(web_[i]),
-                                   "--cluster.listen-address=127.0.0.1:" + std::to_string(gossip_[i]),
-                                   "--cluster.peer=127.0.0.1:" + std::to_string(gossip_[1 - i]),
-                                   "--cluster.peer-timeout=1s", "--cluster.gossip-interval=50ms",
-                                   "--cluster.pushpull-interval=1s", "--cluster.settle-timeout=2s",
-                                   "--log.level=warn"},
+          std::vector<std::string>{
+              kAlertmanager, "--config.file=" + root_.Abs("am/config.yml"), "--storage.path=" + d,
+              "--web.listen-address=127.0.0.1:" + std::to_string(web_[i]),
+              "--cluster.listen-address=127.0.0.1:" + std::to_string(gossip_[i]),
+              "--cluster.peer=127.0.0.1:" + std::to_string(gossip_[1 - i]),
+              "--cluster.peer-timeout=1s", "--cluster.gossip-interval=50ms",
+              "--cluster.pushpull-interval=1s", "--cluster.settle-timeout=2s", "--log.level=warn"},
           std::vector<std::pair<std::string, std::string>>{});
     }
     for (int i = 0; i < 2; ++i) {
@@ -207,14 +207,20 @@ class TevfwdE2E : public ::testing::Test {
     cluster_->Start();
   }
   void StartForwarder(std::vector<std::string> extra = {}) {
-    std::vector<std::string> argv = {FwdBin(), "--alertmanager", cluster_->Url(0), "--alertmanager",
-                                     cluster_->Url(1), "--retry-max", "1"};
+    std::vector<std::string> argv = {FwdBin(),
+                                     "--alertmanager",
+                                     cluster_->Url(0),
+                                     "--alertmanager",
+                                     cluster_->Url(1),
+                                     "--retry-max",
+                                     "1"};
     argv.insert(argv.end(), extra.begin(), extra.end());
     // A killed forwarder leaves its socket behind; wait for the new one.
     unlink(root_.Abs("var/run/orlan/marshd-qprob.sock").c_str());
-    fwd_ = std::make_unique<Child>(argv, std::vector<std::pair<std::string, std::string>>{
-                                             {"TEVD_ROOT", root_.path()}});
-    ASSERT_TRUE(WaitFor([&] { return tevctltest::PathExists(root_.Abs("var/run/orlan/marshd-qprob.sock")); }, 5000))
+    fwd_ = std::make_unique<Child>(
+        argv, std::vector<std::pair<std::string, std::string>>{{"TEVD_ROOT", root_.path()}});
+    ASSERT_TRUE(WaitFor(
+        [&] { return tevctltest::PathExists(root_.Abs("var/run/orlan/marshd-qprob.sock")); }, 5000))
         << fwd_->err();
   }
   void Post(const std::vector<std::string> &args) {
@@ -260,7 +266,7 @@ TEST_F(TevfwdE2E, ProblemFiresOnBothReplicasNotifiesOnceAndItsClearResolves) {
     }
   }
   ASSERT_TRUE(WaitFor([&] { return hook_.Count("firing", id) >= 1; }, 15000));
-  tevctltest::PauseMs(3000);   // past the second replica's turn (peer timeout 1 s)
+  tevctltest::PauseMs(3000);  // past the second replica's turn (peer timeout 1 s)
   EXPECT_EQ(hook_.Count("firing", id), 1u) << "the cluster notified more than once";
 
   Post({"tev.scsi.device.state.on", "%s", "naa.600a0b80001"});
@@ -274,7 +280,8 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   ASSERT_TRUE(tevd.WaitReady());
   const std::string id = "kos.problem.dhclient.lease.none";
   cluster_->Stop();
-  for (int i = 0; i < 4; ++i) Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic" + std::to_string(i)});
+  for (int i = 0; i < 4; ++i)
+    Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic" + std::to_string(i)});
   ASSERT_TRUE(WaitFor([&] { return SpoolFiles() == 4; }, 5000)) << SpoolFiles() << " spool entries";
   fwd_->Signal(SIGKILL);
   fwd_->Wait(5000);
@@ -282,19 +289,28 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic4"});
   cluster_->Start();
   EXPECT_TRUE(WaitFor([&] { return cluster_->BothList(id, 5); }, 20000))
-      << CountAlerts(cluster_->port(0), id) << " and " << CountAlerts(cluster_->port(1), id) << " of 5\n"
+      << CountAlerts(cluster_->port(0), id) << " and " << CountAlerts(cluster_->port(1), id)
+      << " of 5\n"
       << fwd_->err();
   EXPECT_TRUE(WaitFor([&] { return SpoolFiles() == 0; }, 5000));
   fwd_->Signal(SIGUSR1);
-  EXPECT_TRUE(WaitFor([&] { fwd_->Pump(50); return fwd_->err().find("counters: received 1 sent 5 ") != std::string::npos; }, 5000))
+  EXPECT_TRUE(WaitFor(
+      [&] {
+        fwd_->Pump(50);
+        return fwd_->err().find("counters: received 1 sent 5 ") != std::string::npos;
+      },
+      5000))
       << fwd_->err();
   // The same counters through tevctl (the file is rewritten every second).
   json c;
-  EXPECT_TRUE(WaitFor([&] {
-    auto r = tevctltest::RunTevctl(root_.path(), {"fwd"});
-    c = json::parse(r.out, nullptr, false);
-    return r.status == 0 && c.is_object() && c["sent"] == 5 && c["waiting"] == 0;
-  }, 5000)) << c.dump();
+  EXPECT_TRUE(WaitFor(
+      [&] {
+        auto r = tevctltest::RunTevctl(root_.path(), {"fwd"});
+        c = json::parse(r.out, nullptr, false);
+        return r.status == 0 && c.is_object() && c["sent"] == 5 && c["waiting"] == 0;
+      },
+      5000))
+      << c.dump();
   EXPECT_EQ(c["received"], 1);
   EXPECT_EQ(c["active"], 5);
 }
@@ -308,8 +324,8 @@ TEST_F(TevfwdE2E, OnceSendsTheSpoolAndSaysWhetherAllArrived) {
   ASSERT_TRUE(WaitFor([&] { return SpoolFiles() == 1; }, 5000));
   fwd_->Signal(SIGTERM);
   ASSERT_EQ(fwd_->Wait(5000), 0) << fwd_->err();
-  std::vector<std::string> once = {FwdBin(), "--alertmanager", cluster_->Url(0), "--alertmanager",
-                                   cluster_->Url(1), "--once"};
+  std::vector<std::string> once = {FwdBin(),         "--alertmanager", cluster_->Url(0),
+                                   "--alertmanager", cluster_->Url(1), "--once"};
   std::vector<std::pair<std::string, std::string>> env = {{"TEVD_ROOT", root_.path()}};
   Child down(once, env);
   EXPECT_EQ(down.Wait(10000), 1) << "nothing could be delivered: " << down.err();
@@ -343,7 +359,8 @@ TEST_F(TevfwdE2E, KeepsUpWithTheDaemonsRateLimit) {
   ASSERT_EQ(messages.size(), 1000u);
 
   std::vector<std::string> argv = {FwdBin(), "--alertmanager", cluster_->Url(0)};
-  fwd_ = std::make_unique<Child>(argv, std::vector<std::pair<std::string, std::string>>{{"TEVD_ROOT", root_.path()}});
+  fwd_ = std::make_unique<Child>(
+      argv, std::vector<std::pair<std::string, std::string>>{{"TEVD_ROOT", root_.path()}});
   std::string sock = root_.Abs("var/run/orlan/marshd-qprob.sock");
   ASSERT_TRUE(WaitFor([&] { return tevctltest::PathExists(sock); }, 5000));
   long long start = tevctltest::NowMs();
@@ -366,8 +383,10 @@ TEST_F(TevfwdE2E, KeepsUpWithTheDaemonsRateLimit) {
     if (f == 15) stime = std::stoll(field);
   }
   double cpu = static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
-  printf("[ MEASURED ] 1000 events: accepted in %lld ms, all listed by Alertmanager after %lld ms; "
-         "forwarder CPU %.2f s\n", accepted, delivered, cpu);
+  printf(
+      "[ MEASURED ] 1000 events: accepted in %lld ms, all listed by Alertmanager after %lld ms; "
+      "forwarder CPU %.2f s\n",
+      accepted, delivered, cpu);
   RecordProperty("cpu_seconds", std::to_string(cpu));
   // tevd needs a minute to send these; the forwarder must need far less than a core for it.
   EXPECT_LT(cpu, 15.0);

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdKfsCorrelator.h"
 
@@ -35,50 +35,30 @@ struct KfsCase {
 
 const char *const kUuidText = "00000001-00000002-0003-001122334455";
 
-std::vector<KfsCase> AllKfsCases() {
+// One row per argument shape (the UUID before, between and after strings).
+std::vector<KfsCase> ShapeCases() {
   const std::string u = kUuidText;
   return {
-      {"tev.kfs.error.volume.is.locked", {S("naa.600")}, "kos.problem.kfs.error.volume.is.locked",
+      {"tev.kfs.error.volume.is.locked",
+       {S("naa.600")},
+       "kos.problem.kfs.error.volume.is.locked",
        {"S:naa.600"}},
-      {"tev.kfs.extent.offline", {S("naa.601"), S("ds1")}, "kos.problem.kfs.extent.offline",
-       {"S:naa.601", "S:ds1"}},
-      {"tev.kfs.extent.online", {S("naa.602"), S("ds2")}, "kos.problem.kfs.extent.online",
-       {"S:naa.602", "S:ds2"}},
-      {"tev.kfs.volume.mounted", {S("fs3"), S("vol3"), S("ATS-only")},
-       "kos.audit.kfs.volume.mounted", {"S:fs3", "S:vol3", "S:ATS-only"}},
-      {"tev.kfs.volume.umounted", {S("fs4"), S("vol4")}, "kos.audit.kfs.volume.umounted",
-       {"S:fs4", "S:vol4"}},
-      {"tev.kfs.ats.support.lost", {S("vol5")}, "kos.problem.kfs.ats.support.lost", {"S:vol5"}},
-      {"tev.kfs.spanstate.incompatibility.detected", Cat({S("vol6")}, Uuid123()),
-       "kos.problem.kfs.spanstate.incompatibility.detected", {"S:vol6", "S:" + u}},
+      {"tev.kfs.volume.mounted",
+       {S("fs3"), S("vol3"), S("ATS-only")},
+       "kos.audit.kfs.volume.mounted",
+       {"S:fs3", "S:vol3", "S:ATS-only"}},
       {"tev.kfs.lockmode.inconsistency.detected",
        Cat(Cat({S("vol7")}, Uuid123()), {S("ATS"), S("SCSI"), S("mixed")}),
        "kos.problem.kfs.lockmode.inconsistency.detected",
        {"S:vol7", "S:" + u, "S:ATS", "S:SCSI", "S:mixed"}},
-      {"tev.kfs.ats.incompatibility.detected", Cat({S("vol8")}, Uuid123()),
-       "kos.problem.kfs.ats.incompatibility.detected", {"S:vol8", "S:" + u}},
-      {"tev.kfs.spanned.lockmode.inconsistency.detected",
-       Cat(Cat({S("vol9")}, Uuid123()), {S("a"), S("b"), S("c")}),
-       "kos.problem.kfs.spanned.lockmode.inconsistency.detected",
-       {"S:vol9", "S:" + u, "S:a", "S:b", "S:c"}},
-      {"tev.kfs.heartbeat.timedout", Cat(Uuid123(), {S("L10")}),
-       "kos.problem.kfs.heartbeat.timedout", {"S:" + u, "S:L10"}},
-      {"tev.kfs.heartbeat.recovered", Cat(Uuid123(), {S("L11")}),
-       "kos.problem.kfs.heartbeat.recovered", {"S:" + u, "S:L11"}},
-      {"tev.kfs.journal.createfailed", Cat(Uuid123(), {S("L12")}),
-       "kos.problem.kfs.journal.createfailed", {"S:" + u, "S:L12"}},
-      {"tev.kfs.heartbeat.unrecoverable", Cat(Uuid123(), {S("L13")}),
-       "kos.problem.kfs.heartbeat.unrecoverable", {"S:" + u, "S:L13"}},
-      {"tev.kfs.lock.corruptondisk.v2", Cat(Uuid123(), {S("L14")}),
-       "kos.problem.kfs.lock.corruptondisk.v2", {"S:" + u, "S:L14"}},
-      {"tev.kfs.resource.corruptondisk", Cat(Uuid123(), {S("L15")}),
-       "kos.problem.kfs.resource.corruptondisk", {"S:" + u, "S:L15"}},
-      {"tev.kfs.heartbeat.corruptondisk", Cat(Uuid123(), {S("L16")}),
-       "kos.problem.kfs.heartbeat.corruptondisk", {"S:" + u, "S:L16"}},
-      {"tev.kfs.nfs.server.disconnect", Cat(Cat({S("srv17"), S("/exp17")}, Uuid123()), {S("n17")}),
-       "kos.problem.kfs.nfs.server.disconnect", {"S:srv17", "S:/exp17", "S:" + u, "S:n17"}},
-      {"tev.kfs.nfs.server.restored", Cat(Cat({S("srv18"), S("/exp18")}, Uuid123()), {S("n18")}),
-       "kos.problem.kfs.nfs.server.restored", {"S:srv18", "S:/exp18", "S:" + u, "S:n18"}},
+      {"tev.kfs.heartbeat.recovered",
+       Cat(Uuid123(), {S("L11")}),
+       "kos.problem.kfs.heartbeat.recovered",
+       {"S:" + u, "S:L11"}},
+      {"tev.kfs.nfs.server.restored",
+       Cat(Cat({S("srv18"), S("/exp18")}, Uuid123()), {S("n18")}),
+       "kos.problem.kfs.nfs.server.restored",
+       {"S:srv18", "S:/exp18", "S:" + u, "S:n18"}},
   };
 }
 
@@ -96,10 +76,8 @@ class KfsCorrelatorTest : public ::testing::Test {
   TevHandlerMap map_ = TevdKfsCorrelator_BuildMap();
 };
 
-TEST_F(KfsCorrelatorTest, EveryRegisteredIdPostsItsEventWithArgumentsInOrder) {
-  std::vector<KfsCase> cases = AllKfsCases();
-  ASSERT_EQ(cases.size(), 19u);
-  EXPECT_EQ(map_.size(), 19u);
+TEST_F(KfsCorrelatorTest, EachArgumentShapePostsItsEventWithArgumentsInOrder) {
+  std::vector<KfsCase> cases = ShapeCases();
   for (const KfsCase &c : cases) {
     SCOPED_TRACE(c.tevId);
     Dispatch(c.tevId, c.in);
@@ -111,7 +89,7 @@ TEST_F(KfsCorrelatorTest, EveryRegisteredIdPostsItsEventWithArgumentsInOrder) {
 }
 
 TEST_F(KfsCorrelatorTest, OnlyMountAndUnmountAreAuditsOnTheWire) {
-  for (const KfsCase &c : AllKfsCases()) {
+  for (const KfsCase &c : ShapeCases()) {
     SCOPED_TRACE(c.tevId);
     Dispatch(c.tevId, c.in);
     std::vector<QprobMessage> got = events_.Take();
@@ -120,15 +98,6 @@ TEST_F(KfsCorrelatorTest, OnlyMountAndUnmountAreAuditsOnTheWire) {
     const bool audit = id == "tev.kfs.volume.mounted" || id == "tev.kfs.volume.umounted";
     EXPECT_EQ(got[0].className, audit ? "audit" : "problem");
   }
-}
-
-TEST_F(KfsCorrelatorTest, RecoveredAndRestoredArePostedAsProblemsNotClears) {
-  Dispatch("tev.kfs.heartbeat.recovered", Cat(Uuid123(), {S("x")}));
-  Dispatch("tev.kfs.nfs.server.restored", Cat(Cat({S("a"), S("b")}, Uuid123()), {S("c")}));
-  std::vector<QprobMessage> got = events_.Take();
-  ASSERT_EQ(got.size(), 2u);
-  EXPECT_EQ(got[0].className, "problem");
-  EXPECT_EQ(got[1].className, "problem");
 }
 
 TEST_F(KfsCorrelatorTest, UuidIsPrintedAsThirtyFiveCharactersWithZeroPadding) {
@@ -161,7 +130,7 @@ TEST_F(KfsCorrelatorTest, UuidIsPrintedAsThirtyFiveCharactersWithZeroPadding) {
 }
 
 TEST_F(KfsCorrelatorTest, UnreadableArgumentsPostNothingAndLogNothing) {
-  tevdtest::LogCapture log(root_);
+  tevdtest::LogLines log(root_);
   struct {
     const char *id;
     std::vector<MsgFmt_Value> in;
@@ -195,7 +164,7 @@ TEST_F(KfsCorrelatorTest, UnreadableArgumentsPostNothingAndLogNothing) {
 }
 
 TEST_F(KfsCorrelatorTest, AtsSupportLostKeepsItsOwnSpellingInTheLogLine) {
-  tevdtest::LogCapture log(root_);
+  tevdtest::LogLines log(root_);
   tevdtest::TevPtr tev = tevdtest::MakeTev("tev.kfs.ats.support.lost", {S("vol5")});
   TevdKfsCorrelatorDoATSSupportLost(tev.get());
   std::string line = log.WaitFor("kos.problem.kfs.ats.support.lost");

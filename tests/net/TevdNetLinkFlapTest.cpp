@@ -49,25 +49,26 @@ class LinkFlapTest : public ::testing::Test {
 
 TEST_F(LinkFlapTest, DownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
   struct Row {
-    const char *threshold;   // nullptr: the option is absent
+    const char *threshold;  // nullptr: the option is absent
     std::vector<int> downs;
     size_t posted;
     size_t history;
   } rows[] = {
       {"3", {0, 10, 20}, 0, 3},
-      {"3", {0, 10, 20, 30}, 1, 0},   // the fourth: posted, history emptied
-      {"3", {0, 10, 20, 60}, 1, 0},   // exactly 60 s old still counts
-      {"3", {0, 10, 20, 61}, 0, 3},   // older is pruned
+      {"3", {0, 10, 20, 30}, 1, 0},  // the fourth: posted, history emptied
+      {"3", {0, 10, 20, 60}, 1, 0},  // exactly 60 s old still counts
+      {"3", {0, 10, 20, 61}, 0, 3},  // older is pruned
       {"3", {0, 1, 2, 3, 4, 5, 6, 7}, 2, 0},
-      {"0", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, 0, 10},   // 0: never, but still recorded
+      {"0", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, 0, 10},  // 0: never, but still recorded
       {"0", {0, 1, 2, 70}, 0, 1},
       {nullptr, {0, 1, 2, 3, 4}, 0, 5},
   };
   for (const Row &r : rows) {
-    SCOPED_TRACE(::testing::Message() << (r.threshold ? r.threshold : "absent") << " x"
-                                      << r.downs.size());
+    SCOPED_TRACE(::testing::Message()
+                 << (r.threshold ? r.threshold : "absent") << " x" << r.downs.size());
     TevdNetCorrelator_ResetForTest();
-    if (r.threshold) root_.Write(kThreshold, r.threshold); else root_.Remove(kThreshold);
+    if (r.threshold) root_.Write(kThreshold, r.threshold);
+    else root_.Remove(kThreshold);
     root_.Remove(kNode);
     EXPECT_EQ(r.posted, DownsAt(r.downs));
     EXPECT_EQ(r.history, History());

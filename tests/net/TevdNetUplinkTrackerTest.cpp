@@ -20,7 +20,7 @@ using tevdtest::S;
 
 namespace {
 
-using Seen = std::vector<std::string>;   // "second id arg arg ..."
+using Seen = std::vector<std::string>;  // "second id arg arg ..."
 
 class UplinkTrackerTest : public ::testing::Test {
  protected:
@@ -100,7 +100,7 @@ TEST_F(UplinkTrackerTest, LossesAreClassifiedByUplinksLeftAndReportedAtTwoSecond
   PgDown("hwnic1", "pg guests", 0);
   PgDown("hwnic1", "pg-mgmt", 1);
   PgDown("hwnic1", "pg-storage", 3);
-  PgDown("hwnic1", "pg-storage", -1);   // negative counts are in no list
+  PgDown("hwnic1", "pg-storage", -1);  // negative counts are in no list
   EXPECT_EQ(Seen{}, RunFor(1));
   EXPECT_EQ((Seen{"2 kos.problem.net.connectivity.lost S:ksw0 S:hwnic1 S:\"pg guests\"",
                   "2 kos.problem.net.redundancy.lost S:ksw0 S:hwnic1 S:\"pg-mgmt\"",
@@ -159,7 +159,8 @@ TEST_F(UplinkTrackerTest, BareLinkDownAndUpReportedAfterOneSecondUnlessAPortGrou
   EXPECT_EQ(Seen{"2 kos.clear.net.hwnic.linkstate.up S:hwnic6"}, RunFor(1));
   PgDown("hwnic5", "pg guests", 0);
   Nic("hwnic.linkstate.down", "hwnic5");
-  EXPECT_EQ(Seen{"4 kos.problem.net.connectivity.lost S:ksw0 S:hwnic5 S:\"pg guests\""}, RunFor(10));
+  EXPECT_EQ(Seen{"4 kos.problem.net.connectivity.lost S:ksw0 S:hwnic5 S:\"pg guests\""},
+            RunFor(10));
 }
 
 TEST_F(UplinkTrackerTest, DistributedPortsAreLabelledFirstSlashSecond) {
@@ -168,10 +169,11 @@ TEST_F(UplinkTrackerTest, DistributedPortsAreLabelledFirstSlashSecond) {
   DvDown("hwnic7", "dvs-B", "7", 1);
   DvDown("hwnic7", "dvs-C", "9", 2);
   DvDown("hwnic7", "dvs-C", "8", -3);
-  EXPECT_EQ((Seen{"2 kos.problem.net.dvport.connectivity.lost S:\"dvs-A/101\", \"dvs-A/102\" S:hwnic7",
-                  "2 kos.problem.net.dvport.redundancy.lost S:\"dvs-B/7\" S:hwnic7",
-                  "2 kos.problem.net.dvport.redundancy.degraded S:\"dvs-C/9\" S:hwnic7"}),
-            RunFor(2));
+  EXPECT_EQ(
+      (Seen{"2 kos.problem.net.dvport.connectivity.lost S:\"dvs-A/101\", \"dvs-A/102\" S:hwnic7",
+            "2 kos.problem.net.dvport.redundancy.lost S:\"dvs-B/7\" S:hwnic7",
+            "2 kos.problem.net.dvport.redundancy.degraded S:\"dvs-C/9\" S:hwnic7"}),
+      RunFor(2));
   DvUp("hwnic7", "dvs-A", "101", 2);
   DvUp("hwnic7", "dvs-B", "7", 1);
   EXPECT_EQ((Seen{"4 kos.clear.net.dvport.connectivity.restored S:\"dvs-B/7\" S:hwnic7",
@@ -192,7 +194,8 @@ TEST_F(UplinkTrackerTest, WatchdogFoldsDownAndUpIntoOneResetAndClearsAllBits) {
     EXPECT_EQ(Seen{"7 kos.problem.net.hwnic.watchdog.reset S:hwnic8"}, RunFor(1));
     EXPECT_EQ(0u, Bits("hwnic8"));
     EXPECT_EQ(0u, tevdNet.pgDownInfo.count("hwnic8") + tevdNet.pgUpInfo.count("hwnic8") +
-                      tevdNet.dvPortDownInfo.count("hwnic8") + tevdNet.dvPortUpInfo.count("hwnic8"));
+                      tevdNet.dvPortDownInfo.count("hwnic8") +
+                      tevdNet.dvPortUpInfo.count("hwnic8"));
     EXPECT_EQ(Seen{}, RunFor(10));
   }
 }
@@ -212,7 +215,7 @@ TEST_F(UplinkTrackerTest, WatchdogHoldsLossUntilItsExpiryAndStaysSet) {
 TEST_F(UplinkTrackerTest, BareLinkDownDuringWatchdogIsNeverReported) {
   Nic("uplink.watchdog.timeout", "hwnic10");
   Nic("hwnic.linkstate.down", "hwnic10");
-  EXPECT_EQ(Seen{}, RunFor(10));   // the link-down bit was cleared at 1 s: not down
+  EXPECT_EQ(Seen{}, RunFor(10));  // the link-down bit was cleared at 1 s: not down
 }
 
 TEST_F(UplinkTrackerTest, WatchdogExpiryWithPendingBareLinkDownReportsItOnce) {
@@ -231,14 +234,14 @@ TEST_F(UplinkTrackerTest, ScheduleRearmsOnlyForShorterUnsigned32BitDistance) {
   uint64_t t0 = tevdNet.alarmArmedAt;
   EXPECT_EQ(7u, tevdNet.alarmDuration);
   RunFor(1);
-  TevdNetCorrelatorSchedule(2, "hwnicX", HWNIC_PG_DOWN);   // 2 - t0 + now = 3 < 7
+  TevdNetCorrelatorSchedule(2, "hwnicX", HWNIC_PG_DOWN);  // 2 - t0 + now = 3 < 7
   EXPECT_EQ(3u, tevdNet.alarmDuration);
   EXPECT_EQ(t0 + 1, tevdNet.alarmArmedAt);
-  TevdNetCorrelatorSchedule(7, "hwnicY", HWNIC_WATCHDOG);   // 7, not < 3
+  TevdNetCorrelatorSchedule(7, "hwnicY", HWNIC_WATCHDOG);  // 7, not < 3
   EXPECT_EQ(3u, tevdNet.alarmDuration);
   EXPECT_EQ(2u, tevdNet.hwnicAlarms["hwnicX"].size());
   EXPECT_EQ(1u, tevdNet.hwnicAlarms["hwnicY"].size());
-  clock_.Advance(-10);   // 2 - armedAt + now wraps to a huge distance: left alone
+  clock_.Advance(-10);  // 2 - armedAt + now wraps to a huge distance: left alone
   TevdNetCorrelatorSchedule(2, "hwnicY", HWNIC_PG_DOWN);
   EXPECT_EQ(3u, tevdNet.alarmDuration);
   EXPECT_EQ(t0 + 1, tevdNet.alarmArmedAt);

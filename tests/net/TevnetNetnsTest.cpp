@@ -8,15 +8,13 @@
 
 #include <fstream>
 
-#include "DaemonProcess.h"
 #include "DaemonSockets.h"
-#include "ReliabilityHarness.h"
-#include "TevctlProcess.h"
+#include "Harness.h"
 
 namespace {
 
-using reltest::AgentStandIn;
-using reltest::Eventually;
+using tevdtest::AgentStandIn;
+using tevdtest::Eventually;
 using tevdtest::ScratchRoot;
 
 std::string IpBin() {
@@ -37,7 +35,8 @@ class TevnetNetns : public ::testing::Test {
     }
     haveNs_ = true;
     ASSERT_TRUE(In("link add ksw0 type bridge") && In("link set ksw0 up"));
-    for (const char *i : {"0", "1"}) AddUplink("ksw0", std::string("hwnic") + i, std::string("lnk") + i);
+    for (const char *i : {"0", "1"})
+      AddUplink("ksw0", std::string("hwnic") + i, std::string("lnk") + i);
     tevdtest::MakeHost(root_);
     root_.Write("platform/options/Net/LinkFlappingThreshold", "2");
     root_.Write("platform/network/portgroups/pg-guests", "ksw0");
@@ -64,7 +63,8 @@ class TevnetNetns : public ::testing::Test {
                 In("link set " + peer + " up"));
   }
   bool AdminUp(const std::string &nic) {
-    FILE *p = popen((IpBin() + " -n " + ns_ + " -o link show " + nic + " 2>/dev/null").c_str(), "r");
+    FILE *p =
+        popen((IpBin() + " -n " + ns_ + " -o link show " + nic + " 2>/dev/null").c_str(), "r");
     if (p == nullptr) return false;
     char buf[512] = "";
     bool got = fgets(buf, sizeof buf, p) != nullptr;
@@ -76,25 +76,17 @@ class TevnetNetns : public ::testing::Test {
     return flags.find(",UP,") != std::string::npos;
   }
 
-  std::string Err() {
-    tevnet_->Pump(50);
-    return tevnet_->err();
-  }
+  std::string Err() { return tevnet_->Stderr(); }
   void StartTevnet(const std::vector<std::string> &extra = {}) {
-    std::vector<std::string> argv = {IpBin(), "netns", "exec", ns_,
-                                     tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
-                                     "--include", "hwnic*"};
+    std::vector<std::string> argv = {
+        "netns",     "exec",  ns_, tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
+        "--include", "hwnic*"};
     argv.insert(argv.end(), extra.begin(), extra.end());
-    tevnet_.reset(new tevctltest::Child(argv, {{"TEVD_ROOT", root_.path()}}));
+    tevnet_.reset(new tevdtest::Process(root_, IpBin(), argv, {}, "tevnet"));
     ASSERT_TRUE(WaitLog("watching 2 NICs", 5000)) << Err();
   }
   bool WaitLog(const std::string &text, int timeoutMs) {
-    return Eventually(
-        [&] {
-          tevnet_->Pump(10);
-          return tevnet_->err().find(text) != std::string::npos;
-        },
-        timeoutMs);
+    return Eventually([&] { return tevnet_->Stderr().find(text) != std::string::npos; }, timeoutMs);
   }
   // The first event `id` posted at or after index `from`, waited for.
   bool WaitEvent(const std::string &id, QprobMessage *out, int timeoutMs = 6000) {
@@ -123,9 +115,9 @@ class TevnetNetns : public ::testing::Test {
   void Flap(const std::string &peer, int times) {
     for (int i = 0; i < times; ++i) {
       ASSERT_TRUE(In("link set " + peer + " down"));
-      tevctltest::PauseMs(150);
+      std::this_thread::sleep_for(std::chrono::milliseconds(150));
       ASSERT_TRUE(In("link set " + peer + " up"));
-      tevctltest::PauseMs(150);
+      std::this_thread::sleep_for(std::chrono::milliseconds(150));
     }
   }
 
@@ -134,7 +126,7 @@ class TevnetNetns : public ::testing::Test {
   ScratchRoot root_;
   std::unique_ptr<AgentStandIn> agent_;
   std::unique_ptr<tevdtest::DaemonProcess> tevd_;
-  std::unique_ptr<tevctltest::Child> tevnet_;
+  std::unique_ptr<tevdtest::Process> tevnet_;
 };
 
 const char kBothGroups[] = "\"pg-guests\", \"pg-mgmt\"";
@@ -199,18 +191,17 @@ TEST_F(TevnetNetns, LastUplinkWithCarrierIsNotTakenDownWithoutEnforceAll) {
   Flap("lnk1", 3);
   QprobMessage m;
   ASSERT_TRUE(WaitEvent("kos.problem.net.hwnic.linkstate.flapping", &m)) << Err();
-  ASSERT_TRUE(WaitLog("hwnic1: tevd reports the link flapping; NOT taking it down", 3000))
-      << Err();
+  ASSERT_TRUE(WaitLog("hwnic1: tevd reports the link flapping; NOT taking it down", 3000)) << Err();
   EXPECT_TRUE(AdminUp("hwnic1"));
 }
 
 TEST_F(TevnetNetns, OncePostsThePresentStateAndCountsWhatItCouldNotDeliver) {
   ASSERT_TRUE(In("link set lnk1 down"));
-  std::vector<std::string> argv = {IpBin(), "netns", "exec", ns_,
-                                   tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
-                                   "--include", "hwnic*", "--once"};
-  tevctltest::Child once(argv, {{"TEVD_ROOT", root_.path()}});
-  ASSERT_EQ(once.Wait(5000), 0) << once.err();
+  std::vector<std::string> argv = {
+      "netns",     "exec",   ns_,     tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
+      "--include", "hwnic*", "--once"};
+  tevdtest::Process once(root_, IpBin(), argv, {}, "once");
+  ASSERT_EQ(once.ExitCode(5000), 0) << once.Stderr();
   QprobMessage m;
   ASSERT_TRUE(WaitEvent("kos.problem.net.redundancy.lost", &m));
   EXPECT_EQ(Strings(m), (std::vector<std::string>{"ksw0", "hwnic1", kBothGroups}));
@@ -218,10 +209,10 @@ TEST_F(TevnetNetns, OncePostsThePresentStateAndCountsWhatItCouldNotDeliver) {
   EXPECT_EQ(Strings(m), (std::vector<std::string>{"ksw0", kBothGroups, "hwnic0"}));
 
   tevd_.reset();  // killed: its socket file stays, nobody reads it
-  tevctltest::Child again(argv, {{"TEVD_ROOT", root_.path()}});
-  EXPECT_EQ(again.Wait(5000), 1);
+  tevdtest::Process again(root_, IpBin(), argv, {}, "again");
+  EXPECT_EQ(again.ExitCode(5000), 1);
   // hwnic0: two port groups and the link state; hwnic1 the same.
-  EXPECT_NE(again.err().find("6 observations dropped"), std::string::npos) << again.err();
+  EXPECT_NE(again.Stderr().find("6 observations dropped"), std::string::npos) << again.Stderr();
 }
 
 TEST_F(TevnetNetns, HostModelFollowsTheLinksAndLeavesOperatorPortGroups) {
@@ -248,9 +239,10 @@ TEST_F(TevnetNetns, HostModelFollowsTheLinksAndLeavesOperatorPortGroups) {
 
   // Gone from the host, gone from the model; the operator's files stay.
   ASSERT_TRUE(In("link del ksw1") && In("link del hwnic2"));
-  ASSERT_TRUE(Eventually([&] { return !root_.Read("platform/network/portgroups/ksw1", &v); }, 3000));
-  ASSERT_TRUE(Eventually([&] { return !root_.Read("platform/nodes/net/pNics/hwnic2/carrier", &v); },
-                         3000))
+  ASSERT_TRUE(
+      Eventually([&] { return !root_.Read("platform/network/portgroups/ksw1", &v); }, 3000));
+  ASSERT_TRUE(
+      Eventually([&] { return !root_.Read("platform/nodes/net/pNics/hwnic2/carrier", &v); }, 3000))
       << Err();
   EXPECT_FALSE(root_.Read("platform/network/vswitches/ksw1/uplinks", &v));
   EXPECT_TRUE(root_.Read("platform/network/portgroups/pg-guests", &v));

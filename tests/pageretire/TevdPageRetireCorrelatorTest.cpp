@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdCorrelator.h"
 #include "tevdPageRetireCorrelator.h"
@@ -110,14 +110,24 @@ TEST_F(PageRetireTest, ReportsFirstCrossingThenEachIntervalStep) {
     std::vector<ThresholdStep> steps;
   } cases[] = {
       // A further event needs N - T*I/100 >= the last reported N; N = T is not above T.
-      {"1000", "10", {{999, false}, {1000, false}, {1001, true}, {1100, false}, {1101, true},
-                      {1101, false}, {1200, false}, {1201, true}}},
+      {"1000",
+       "10",
+       {{999, false},
+        {1000, false},
+        {1001, true},
+        {1100, false},
+        {1101, true},
+        {1101, false},
+        {1200, false},
+        {1201, true}}},
       // T*I/100 = 2000 > N: N - 2000 wraps, so every N above T reports.
       {"1000", "200", {{1001, true}, {1002, true}, {1001, true}, {1000, false}}},
       // T = 2^62: T*I wraps to 2^63 before the division.
-      {"4611686018427387904", "10", {{4611686018427387905ull, true},
-                                     {4703919738795935662ull, false},
-                                     {4703919738795935663ull, true}}},
+      {"4611686018427387904",
+       "10",
+       {{4611686018427387905ull, true},
+        {4703919738795935662ull, false},
+        {4703919738795935663ull, true}}},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.interval);
@@ -186,15 +196,15 @@ TEST_F(PageRetireTest, MissingOptionsAreFatal) {
   struct Row {
     const char *file;
     int line;
-    bool onRequest;   // read on each firmware request rather than at start
+    bool onRequest;  // read on each firmware request rather than at start
   } rows[] = {{"platform/nodes/system/pageRetire/threshold", 178, false},
               {"platform/options/PageRetire/ThresholdInterval", 189, false},
               {"platform/options/PageRetire/ApeiLoggingEnabled", 126, true}};
   for (const Row &r : rows) {
     root.Remove(r.file);
     auto tev = MakeTev(kRequestId, {S("F"), S("L")});
-    std::string panic = "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:" +
-                        std::to_string(r.line);
+    std::string panic =
+        "Tevd - Panic: NOT_REACHED apps/tevd/tevdPageRetireCorrelator:" + std::to_string(r.line);
     if (r.onRequest) {
       EXPECT_DEATH(TevdPageRetireCorrelatorPlatformRequest(tev.get()), panic);
     } else {
@@ -207,7 +217,7 @@ TEST_F(PageRetireTest, MissingOptionsAreFatal) {
 // ---- injected machine checks -------------------------------------------------
 
 TEST_F(PageRetireTest, KillsAtFiftiethInjectionSpanningTwoSecondsAndNeverTwice) {
-  tevdtest::LogCapture log(root);
+  tevdtest::LogLines log(root);
   Inject(0x1234, 7);
   clock.Advance(2);
   Inject(0x1234, 7, 48);
@@ -255,7 +265,7 @@ TEST_F(PageRetireTest, InjectionsCountPerPageNotPerVirtualMachine) {
 TEST_F(PageRetireTest, EntriesOlderThanSixtySecondsArePruned) {
   Inject(0x20, 7, 49);
   clock.Advance(60);
-  Inject(0x20, 8);   // exactly 60 s old: kept
+  Inject(0x20, 8);  // exactly 60 s old: kept
   EXPECT_EQ(49, TevdPageRetireCorrelator_EntriesForTest(7));
   clock.Advance(1);
   Inject(0x20, 7);
@@ -282,7 +292,7 @@ TEST_F(PageRetireTest, AbsentVirtualMachineIsNotKilledAndIsTriedAgain) {
 }
 
 TEST_F(PageRetireTest, FailedKillAfterThePostStillMarksKilled) {
-  root.MakeDir("platform/vms/7/killed");   // the kill's write fails
+  root.MakeDir("platform/vms/7/killed");  // the kill's write fails
   Qualify(0x40, 7);
   EXPECT_EQ(1u, events.Take().size());
   EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(7));
@@ -317,7 +327,7 @@ TEST_F(PageRetireTest, PendingKillsAreRetriedOnAnyInjectionInVirtualMachineIdOrd
 }
 
 TEST_F(PageRetireTest, UnreadableInjectionPrunesButEndsBeforeEvaluating) {
-  Qualify(0x70, 9);   // qualifies, but the machine is not there yet
+  Qualify(0x70, 9);  // qualifies, but the machine is not there yet
   EXPECT_EQ(0u, events.Count());
   Inject(0x71, 4);
   clock.Advance(61);

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <thread>
 
+#include "Harness.h"
 #include "HostCtl.h"
-#include "LogCapture.h"
 #include "KNO.h"
 #include "MtlCtl.h"
 #include "PlatformRoot.h"
@@ -122,7 +122,8 @@ TEST_F(HostModel, IntegerOptionIsSetAndReadThroughKno) {
   EXPECT_STREQ("TevAsyncEnable", rec.name);
   ASSERT_EQ(0, KNO_ParamListRemoveLastParam(inst));
   ASSERT_EQ(0, KNO_ParamListAddString(inst, "Absent"));
-  EXPECT_EQ(ENOENT, MTL_ReturnStatusToErrno(KNO_Get(KNO_NODE_config_intOpts, inst, &rec, sizeof rec)));
+  EXPECT_EQ(ENOENT,
+            MTL_ReturnStatusToErrno(KNO_Get(KNO_NODE_config_intOpts, inst, &rec, sizeof rec)));
   ASSERT_EQ(0, KNO_ParamListRemoveLastParam(inst));
   ASSERT_EQ(0, KNO_ParamListRemoveLastParam(inst));
   KNO_ParamListAddString(inst, "NoSuchGroup");
@@ -135,7 +136,7 @@ TEST_F(HostModel, IntegerOptionIsSetAndReadThroughKno) {
 TEST_F(HostModel, SystemUuidRecordBytes) {
   uint8_t rec[KNO_SYSTEM_UUID_SIZE];
   memset(rec, 0xEE, sizeof rec);
-  EXPECT_NE(0, KNO_Get(KNO_NODE_system_systemUuid, nullptr, rec, sizeof rec));   // absent
+  EXPECT_NE(0, KNO_Get(KNO_NODE_system_systemUuid, nullptr, rec, sizeof rec));  // absent
   const uint8_t zero[KNO_SYSTEM_UUID_SIZE] = {};
   EXPECT_EQ(0, memcmp(zero, rec, sizeof rec));
   root_.Write("platform/nodes/system/systemUuid", "4C4C4544-0031-3510-8052-B4C04F4E3232\n");
@@ -146,6 +147,12 @@ TEST_F(HostModel, SystemUuidRecordBytes) {
   EXPECT_EQ(0, memcmp(binary, rec, 16));
   EXPECT_STREQ("4c4c4544-0031-3510-8052-b4c04f4e3232", reinterpret_cast<const char *>(rec + 16));
   EXPECT_EQ(0, memcmp(zero, rec + 52, 4));
+  // A digit that is not hexadecimal, in either case, is not an identity.
+  for (const char *bad :
+       {"4C4C4544-0031-3510-8052-B4C04F4E323G", "4c4c4544-0031-3510-8052-b4c04f4e323z"}) {
+    root_.Write("platform/nodes/system/systemUuid", std::string(bad) + "\n");
+    EXPECT_NE(0, KNO_Get(KNO_NODE_system_systemUuid, nullptr, rec, sizeof rec)) << bad;
+  }
 }
 
 TEST_F(HostModel, ThresholdAndGroupNameNodes) {
@@ -168,7 +175,7 @@ TEST_F(HostModel, ThresholdAndGroupNameNodes) {
 TEST_F(HostModel, BuildSignatureCheck) {
   char kernel[64] = "unset";
   char mine[64] = "unset";
-  EXPECT_EQ(0, KNO_CheckSig(21, kernel, sizeof kernel, mine, sizeof mine));   // absent: match
+  EXPECT_EQ(0, KNO_CheckSig(21, kernel, sizeof kernel, mine, sizeof mine));  // absent: match
   root_.Write("platform/kernel-build", std::string(KNO_BUILD_SIGNATURE) + " Jan  1 2024\n");
   EXPECT_EQ(0, KNO_CheckSig(21, kernel, sizeof kernel, mine, sizeof mine));
   root_.Write("platform/kernel-build", "other-sig Mar  3 2021 10:00:00\nsecond line\n");
@@ -181,7 +188,7 @@ TEST_F(HostModel, BuildSignatureCheck) {
 }
 
 TEST_F(HostModel, KfsPartitionLookup) {
-  EXPECT_EQ(-1, KfsVolumes_Open());   // no kfs/volumes/ yet
+  EXPECT_EQ(-1, KfsVolumes_Open());  // no kfs/volumes/ yet
   root_.MakeDir("kfs/volumes");
   root_.Write("platform/storage/devices/naa.600/partitions/1", "datastore1\n");
   root_.Write("platform/storage/devices/naa.600/partitions/2", "");
@@ -192,7 +199,7 @@ TEST_F(HostModel, KfsPartitionLookup) {
   snprintf(q.partition, sizeof q.partition, "naa.600:1");
   ASSERT_EQ(0, KfsVolumes_Ioctl(dir, KFS_IOCTL_PARTITION_VOLUME, &q));
   EXPECT_STREQ("datastore1", q.volume);
-  for (const char *none : {"naa.600:2", "naa.600:3"}) {   // no file system, no partition
+  for (const char *none : {"naa.600:2", "naa.600:3"}) {  // no file system, no partition
     snprintf(q.partition, sizeof q.partition, "%s", none);
     EXPECT_EQ(-1, KfsVolumes_Ioctl(dir, KFS_IOCTL_PARTITION_VOLUME, &q));
     EXPECT_EQ(ENOENT, errno);
@@ -217,7 +224,7 @@ TEST(PlatformClock, KernelTimestampCallReadsTheFakeClock) {
 }
 
 TEST_F(HostModel, LogLineGoesToDevLogAsOneSyslogDatagram) {
-  tevdtest::FakeClock clock(1700000000);   // 2023-11-14 22:13:20 UTC
+  tevdtest::FakeClock clock(1700000000);  // 2023-11-14 22:13:20 UTC
   const char *oldTz = getenv("TZ");
   std::string saved = oldTz != nullptr ? oldTz : "";
   setenv("TZ", "UTC", 1);
@@ -228,13 +235,14 @@ TEST_F(HostModel, LogLineGoesToDevLogAsOneSyslogDatagram) {
     PlatformLog_Vsyslog(format, ap);
     va_end(ap);
   };
-  logf("dropped %s", "silently");   // no collector yet: nothing happens
+  logf("dropped %s", "silently");  // no collector yet: nothing happens
   {
-    tevdtest::LogCapture log(root_);
+    tevdtest::LogLines log(root_);
     logf("Exiting. rc:%d\n", 0);
     EXPECT_EQ("<14>Nov 14 22:13:20 tevd: Exiting. rc:0\n", log.Next());
   }
-  if (oldTz != nullptr) setenv("TZ", saved.c_str(), 1); else unsetenv("TZ");
+  if (oldTz != nullptr) setenv("TZ", saved.c_str(), 1);
+  else unsetenv("TZ");
   tzset();
 }
 

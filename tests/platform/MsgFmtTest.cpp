@@ -22,7 +22,7 @@ struct Serialized {
   MsgFmt_Arg *args = nullptr;
   int count = 0;
   size_t used = 0;
-  std::string error;   // what the serialiser reported, "" for none
+  std::string error;  // what the serialiser reported, "" for none
   uint8_t *block() { return storage.data() + 1; }
 };
 
@@ -30,7 +30,7 @@ Serialized Serialize(size_t capacity, const char *format, ...) {
   Serialized s;
   s.storage.assign(capacity + 1, 0xAA);
   s.used = capacity;
-  char *error = reinterpret_cast<char *>(1);   // must be set either way
+  char *error = reinterpret_cast<char *>(1);  // must be set either way
   va_list ap;
   va_start(ap, format);
   s.ok = MsgFmt_GetArgsWithBuf(format, ap, &s.args, &s.count, &error, s.block(), &s.used);
@@ -81,22 +81,24 @@ TEST(MsgFmtBlock, BytesOfIntStringAndNullStringBlockAreExact) {
   Serialized s = Serialize(256, "%d %s %s", -3, "ab", none);
   ASSERT_TRUE(s.ok);
   ASSERT_EQ(3, s.count);
-  ASSERT_EQ(51u, s.used);   // 3 slots + "ab\0"; the null string takes no bytes
+  ASSERT_EQ(51u, s.used);  // 3 slots + "ab\0"; the null string takes no bytes
   MsgFmt_SwizzleArgs(s.args, s.count);
-  const uint8_t expected[51] = {
-      1, 0, 0, 0, 0, 0, 0, 0, 0xFD, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,   // int32 -3
-      6, 0, 0, 0, 2, 0, 0, 0, 48, 0, 0, 0, 0, 0, 0, 0,                           // "ab" at 48
-      6, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0,                // null
-      'a', 'b', 0};
+  const uint8_t expected[51] = {1,    0,    0,    0,    0,    0,    0,    0,
+                                0xFD, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,  // int32 -3
+                                6,    0,    0,    0,    2,    0,    0,    0,
+                                48,   0,    0,    0,    0,    0,    0,    0,  // "ab" at 48
+                                6,    0,    0,    0,    0xFF, 0xFF, 0xFF, 0xFF,
+                                0,    0,    0,    0,    0,    0,    0,    0,  // null
+                                'a',  'b',  0};
   EXPECT_EQ(0, memcmp(expected, s.block(), sizeof expected));
 }
 
 TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {
   const char *none = nullptr;
-  Serialized s = Serialize(512, "%d %ld %u %lu %f %s %s %p %hhd %hx", -2147483647 - 1,
-                           static_cast<long>(INT64_MIN), 4294967295u,
-                           static_cast<unsigned long>(UINT64_MAX), 2.5, "hwnic1", none,
-                           reinterpret_cast<void *>(0x1234), 300, 0x12345);
+  Serialized s =
+      Serialize(512, "%d %ld %u %lu %f %s %s %p %hhd %hx", -2147483647 - 1,
+                static_cast<long>(INT64_MIN), 4294967295u, static_cast<unsigned long>(UINT64_MAX),
+                2.5, "hwnic1", none, reinterpret_cast<void *>(0x1234), 300, 0x12345);
   ASSERT_TRUE(s.ok);
   MsgFmt_SwizzleArgs(s.args, s.count);
   std::vector<MsgFmt_Value> values;
@@ -112,9 +114,9 @@ TEST(MsgFmtBlock, RoundTripKeepsEveryTypeAndValue) {
 }
 
 TEST(MsgFmtBlock, BlockThatDoesNotFitFailsQuietlyAndBadFormatNamesTheProblem) {
-  Serialized tooBig = Serialize(20, "%s", "four");   // 16 + 5 > 20
+  Serialized tooBig = Serialize(20, "%s", "four");  // 16 + 5 > 20
   EXPECT_FALSE(tooBig.ok);
-  Serialized exact = Serialize(20, "%s", "thr");     // 16 + 4 fits exactly
+  Serialized exact = Serialize(20, "%s", "thr");  // 16 + 4 fits exactly
   EXPECT_TRUE(exact.ok);
   EXPECT_EQ(20u, exact.used);
   Serialized bad = Serialize(64, "%n", nullptr);
@@ -139,9 +141,9 @@ TEST(MsgFmtText, AsprintfFormatsFromUnswizzledSlots) {
 
 TEST(MsgFmtText, FormatValuesUsesDecodedValues) {
   EXPECT_EQ("dev naa.1 has 2 paths of 3",
-            MsgFmt_FormatValues("dev %s has %d paths of %lu",
-                                {MsgFmt_Value::Str("naa.1"), MsgFmt_Value::I32(2),
-                                 MsgFmt_Value::U64(3)}));
+            MsgFmt_FormatValues(
+                "dev %s has %d paths of %lu",
+                {MsgFmt_Value::Str("naa.1"), MsgFmt_Value::I32(2), MsgFmt_Value::U64(3)}));
   // A conversion that does not suit the value prints the value as it is.
   EXPECT_EQ("n=7", MsgFmt_FormatValues("n=%s", {MsgFmt_Value::I32(7)}));
   // Missing arguments print nothing.
@@ -149,17 +151,17 @@ TEST(MsgFmtText, FormatValuesUsesDecodedValues) {
 }
 
 TEST(MsgFmtSwizzled, GetSwizzledStringChecksBounds) {
-  std::vector<uint8_t> block = MsgFmt_EncodeBlock(
-      {MsgFmt_Value::Str("abc"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(1)});
+  std::vector<uint8_t> block =
+      MsgFmt_EncodeBlock({MsgFmt_Value::Str("abc"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(1)});
   const char *str = nullptr;
   ASSERT_EQ(0, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 0, &str));
   EXPECT_STREQ("abc", str);
   ASSERT_EQ(0, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 1, &str));
   EXPECT_EQ(nullptr, str);
-  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 2, &str));   // an int
-  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 3, &str));   // past n
+  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 2, &str));  // an int
+  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 3, &str));  // past n
   EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size() - 1, 3, 0, &str));
-  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), 40, 3, 0, &str));   // slots do not fit
+  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), 40, 3, 0, &str));  // slots do not fit
 }
 
 // ---- malformed blocks ----------------------------------------------------------
@@ -177,21 +179,27 @@ TEST(MsgFmtDecode, MalformedBlocksAreRefused) {
   const BadBlock rows[] = {
       {"UnknownTypeCode", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 0, 7, 4); }},
       {"TypeCodeZero", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 0, 0, 4); }},
-      {"StringOffsetOutside", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 8, 4096, 8); }},
-      {"StringOffsetIntoSlots", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 8, 8, 8); }},
-      {"StringLengthPastEnd", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 4, 200, 4); }},
+      {"StringOffsetOutside",
+       [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 8, 4096, 8); }},
+      {"StringOffsetIntoSlots",
+       [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 8, 8, 8); }},
+      {"StringLengthPastEnd",
+       [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 4, 200, 4); }},
       {"StringWithoutNul", [](std::vector<uint8_t> *b, uint32_t *) { b->back() = 'x'; }},
       {"StringShorterThanLength", [](std::vector<uint8_t> *b, uint32_t *) { (*b)[49] = 0; }},
       {"CountLargerThanBlock", [](std::vector<uint8_t> *, uint32_t *n) { *n = 0x10000000; }},
       {"CountSmallerThanBlock", [](std::vector<uint8_t> *, uint32_t *n) { *n = 1; }},
       {"TrailingBytes", [](std::vector<uint8_t> *b, uint32_t *) { b->push_back(0); }},
-      {"Int32NotSignExtended", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 8, 0xFFFFFFFFull, 8); }},
+      {"Int32NotSignExtended",
+       [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 8, 0xFFFFFFFFull, 8); }},
       {"LengthOnInteger", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 4, 1, 4); }},
-      {"NullStringWithOffset", [](std::vector<uint8_t> *b, uint32_t *) {
+      {"NullStringWithOffset",
+       [](std::vector<uint8_t> *b, uint32_t *) {
          SetSlot(b, 2, 4, 0xFFFFFFFFu, 4);
          SetSlot(b, 2, 8, 48, 8);
        }},
-      {"Uint32NotZeroExtended", [](std::vector<uint8_t> *b, uint32_t *) {
+      {"Uint32NotZeroExtended",
+       [](std::vector<uint8_t> *b, uint32_t *) {
          SetSlot(b, 0, 0, 3, 4);
          SetSlot(b, 0, 8, 0x100000000ull, 8);
        }},
@@ -232,8 +240,8 @@ std::vector<uint8_t> BuildQprob(const std::string &id, const std::vector<MsgFmt_
 TEST(QprobDecode, DecodesHeaderIdentifierAndArguments) {
   std::vector<uint8_t> m =
       BuildQprob("kos.problem.net.hwnic.linkstate.down",
-                 {MsgFmt_Value::Str("hwnic\"1\\\n\x01"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(-5),
-                  MsgFmt_Value::U64(7), MsgFmt_Value::Dbl(0.5)},
+                 {MsgFmt_Value::Str("hwnic\"1\\\n\x01"), MsgFmt_Value::NullStr(),
+                  MsgFmt_Value::I32(-5), MsgFmt_Value::U64(7), MsgFmt_Value::Dbl(0.5)},
                  "4c4c4544-0031-3510-8052-b4c04f4e3232");
   QprobMessage q;
   std::string why;
@@ -272,13 +280,17 @@ TEST(QprobDecode, MalformedMessagesAreRefused) {
       {"LengthMismatch", [](std::vector<uint8_t> *m) { m->push_back(0); }},
       {"Truncated", [](std::vector<uint8_t> *m) { m->resize(60); }},
       {"IdentifierLengthZero", [](std::vector<uint8_t> *m) { memset(m->data() + 64, 0, 4); }},
-      {"IdentifierLengthAbove129", [](std::vector<uint8_t> *m) {
+      {"IdentifierLengthAbove129",
+       [](std::vector<uint8_t> *m) {
          uint32_t v = 130;
          memcpy(m->data() + 64, &v, 4);
        }},
       {"IdentifierWithoutNul", [](std::vector<uint8_t> *m) { (*m)[68 + 11] = 'x'; }},
-      {"HostIdentityUnterminated", [](std::vector<uint8_t> *m) { memset(m->data() + 16, 'a', 38); }},
-      {"ArgumentCountTooLarge", [](std::vector<uint8_t> *m) {
+      // No NUL in the 38-byte field, and none in the padding after it either.
+      {"HostIdentityUnterminated",
+       [](std::vector<uint8_t> *m) { memset(m->data() + 16, 'a', 40); }},
+      {"ArgumentCountTooLarge",
+       [](std::vector<uint8_t> *m) {
          uint32_t v = 9;
          memcpy(m->data() + 60, &v, 4);
        }},

@@ -54,12 +54,12 @@ TEST(PlatformSocket, PathWithoutRoomForItsNulFailsWithNameTooLong) {
   tevdtest::ScratchRoot root;
   std::string longPath = root.Abs("d/");
   ASSERT_LT(longPath.size(), 100u);
-  longPath += std::string(108 - longPath.size(), 'p');   // 108 bytes: no room for the NUL
+  longPath += std::string(108 - longPath.size(), 'p');  // 108 bytes: no room for the NUL
   errno = 0;
   EXPECT_EQ(-1, PlatformSocket_Listen(longPath, SOCK_DGRAM));
   EXPECT_EQ(ENAMETOOLONG, errno);
   errno = 0;
   EXPECT_EQ(-1, PlatformSocket_Connect(longPath, SOCK_STREAM));
   EXPECT_EQ(ENAMETOOLONG, errno);
-  EXPECT_NE(0, access(root.Abs("d").c_str(), F_OK));   // nothing was created
+  EXPECT_NE(0, access(root.Abs("d").c_str(), F_OK));  // nothing was created
 }

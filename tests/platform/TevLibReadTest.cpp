@@ -126,7 +126,7 @@ TEST_F(TevLibRead, ResetDiscardsWhatIsPending) {
 // A context is read several datagrams at a time; what the caller's buffer
 // cannot take waits in the library, in order, and is announced as pending.
 TEST_F(TevLibRead, RecordsTakenAheadOfAFullBufferComeOutInOrderWithNoneLost) {
-  const int kRecords = 7;   // with 2 bad ones under the kernel's queue of 10: no sender waits
+  const int kRecords = 7;  // with 2 bad ones under the kernel's queue of 10: no sender waits
   std::vector<uint8_t> bad = Good("tev.net.bad");
   bad[0] = 'X';
   size_t recSize = 0;
@@ -135,7 +135,7 @@ TEST_F(TevLibRead, RecordsTakenAheadOfAFullBufferComeOutInOrderWithNoneLost) {
     recSize = rec.size();
     ASSERT_EQ(0, TevRecord_Post(3, rec));
     if (i % 3 == 1) {
-      ASSERT_EQ(0, TevRecord_Post(3, bad));   // dropped between good ones
+      ASSERT_EQ(0, TevRecord_Post(3, bad));  // dropped between good ones
     }
   }
   uint64_t dropped = TevLib_DroppedRecords();
@@ -167,7 +167,7 @@ TEST_F(TevLibRead, RecordTakenAheadThatDoesNotFitReturns27AndStaysNext) {
   ASSERT_EQ(1u, recs.size());
   EXPECT_TRUE(TevLib_HasPending(fd_));
   EXPECT_EQ(27, Read(small.size() + 10, &recs));
-  EXPECT_EQ(27, Read(small.size() + 10, &recs));   // still there, still first
+  EXPECT_EQ(27, Read(small.size() + 10, &recs));  // still there, still first
   ASSERT_EQ(0, Read(big.size() + small.size(), &recs));
   ASSERT_EQ(2u, recs.size());
   EXPECT_EQ("tev.net.b", recs[0].id);
@@ -201,11 +201,14 @@ struct Fault {
 const Fault kFaults[] = {
     {"BadMagic", [](std::vector<uint8_t> *r) { (*r)[3] = '2'; }},
     {"ReservedNotZero", [](std::vector<uint8_t> *r) { (*r)[5] = 1; }},
-    {"LengthMismatchLonger", [](std::vector<uint8_t> *r) { Put32(r, 16, static_cast<uint32_t>(r->size() + 8)); }},
-    {"LengthMismatchShorter", [](std::vector<uint8_t> *r) { Put32(r, 16, static_cast<uint32_t>(r->size() - 8)); }},
+    {"LengthMismatchLonger",
+     [](std::vector<uint8_t> *r) { Put32(r, 16, static_cast<uint32_t>(r->size() + 8)); }},
+    {"LengthMismatchShorter",
+     [](std::vector<uint8_t> *r) { Put32(r, 16, static_cast<uint32_t>(r->size() - 8)); }},
     {"ShorterThanHeader", [](std::vector<uint8_t> *r) { r->resize(20); }},
     {"EmptyDatagram", [](std::vector<uint8_t> *r) { r->clear(); }},
-    {"IdentifierWithoutTevPrefix", [](std::vector<uint8_t> *r) { memcpy(r->data() + 32, "xev", 3); }},
+    {"IdentifierWithoutTevPrefix",
+     [](std::vector<uint8_t> *r) { memcpy(r->data() + 32, "xev", 3); }},
     {"IdentifierRunsIntoMessage", [](std::vector<uint8_t> *r) { (*r)[43] = 'x'; }},
     {"MessageOffsetOutside", [](std::vector<uint8_t> *r) { Put32(r, 20, 5000); }},
     {"MessageOffsetInsideHeader", [](std::vector<uint8_t> *r) { Put32(r, 20, 8); }},
@@ -267,7 +270,8 @@ TEST_F(TevLibRead, DropDiagnosticNamesTheContextAtMostOncePerSecond) {
     std::vector<std::string> lines;
     char line[1024];
     ssize_t n;
-    while ((n = recv(log, line, sizeof line, 0)) > 0) lines.emplace_back(line, static_cast<size_t>(n));
+    while ((n = recv(log, line, sizeof line, 0)) > 0)
+      lines.emplace_back(line, static_cast<size_t>(n));
     return lines;
   };
   // Drops of the same clock second (including any left by an earlier test) log once.

@@ -44,10 +44,11 @@ TEST(TevRecordEncode, HeaderFieldsAndLayoutAreExact) {
 }
 
 TEST(TevRecordDecode, RoundTripKeepsEveryField) {
-  std::vector<MsgFmt_Value> args = {S("hwnic1"), MsgFmt_Value::NullStr(), I(-1), L(INT64_MIN),
-                                    U(4000000000u), UL(UINT64_MAX), MsgFmt_Value::Dbl(-0.25)};
+  std::vector<MsgFmt_Value> args = {
+      S("hwnic1"),    MsgFmt_Value::NullStr(), I(-1), L(INT64_MIN), U(4000000000u),
+      UL(UINT64_MAX), MsgFmt_Value::Dbl(-0.25)};
   std::vector<uint8_t> r = TevRecord_Encode("tev.scsi.path.dead", "Path is dead", 99, args);
-  EXPECT_EQ(64u, Field32(r, 28));   // the message's NUL ends at 64: no padding added
+  EXPECT_EQ(64u, Field32(r, 28));  // the message's NUL ends at 64: no padding added
   TevRecordView view;
   ASSERT_TRUE(TevRecord_Decode(r.data(), r.size(), &view));
   EXPECT_EQ(99u, view.timestampUs);
@@ -83,9 +84,9 @@ TEST(TevAccessors, IdentifierMessageAndTimestamp) {
 }
 
 TEST(TevAccessors, IntArgAcceptsEveryIntegerTypeAndRefusesOthers) {
-  tevdtest::TevPtr tev = MakeTev("tev.t.x", {I(-7), L(0x100000005ll), U(0xFFFFFFFFu),
-                                             UL(0xFFFFFFFF00000002ull), S("9"),
-                                             MsgFmt_Value::Dbl(1.0)});
+  tevdtest::TevPtr tev =
+      MakeTev("tev.t.x", {I(-7), L(0x100000005ll), U(0xFFFFFFFFu), UL(0xFFFFFFFF00000002ull),
+                          S("9"), MsgFmt_Value::Dbl(1.0)});
   ASSERT_TRUE(tev);
   const int32_t expected[] = {-7, 5, -1, 2};
   for (int i = 0; i < 4; i++) {
@@ -94,9 +95,9 @@ TEST(TevAccessors, IntArgAcceptsEveryIntegerTypeAndRefusesOthers) {
     EXPECT_EQ(expected[i], v) << i;
   }
   int32_t v = 0;
-  EXPECT_EQ(22, Tev_GetIntArg(tev.get(), 4, &v));   // a string
-  EXPECT_EQ(22, Tev_GetIntArg(tev.get(), 5, &v));   // a double
-  EXPECT_EQ(22, Tev_GetIntArg(tev.get(), 6, &v));   // past the end
+  EXPECT_EQ(22, Tev_GetIntArg(tev.get(), 4, &v));  // a string
+  EXPECT_EQ(22, Tev_GetIntArg(tev.get(), 5, &v));  // a double
+  EXPECT_EQ(22, Tev_GetIntArg(tev.get(), 6, &v));  // past the end
   EXPECT_EQ(22, Tev_GetIntArg(tev.get(), -1, &v));
 }
 
@@ -140,8 +141,8 @@ TEST(TevGetArgs, PointerAndIntegerConversions) {
 }
 
 TEST(TevGetArgs, SixtyFourBitValuesAndNarrowWidths) {
-  tevdtest::TevPtr tev = MakeTev("tev.t.x", {L(-5000000000ll), UL(0x8000000000000001ull), I(0x1234),
-                                             I(0x1ff)});
+  tevdtest::TevPtr tev =
+      MakeTev("tev.t.x", {L(-5000000000ll), UL(0x8000000000000001ull), I(0x1234), I(0x1ff)});
   ASSERT_TRUE(tev);
   long l = 0;
   unsigned long long ull = 0;
@@ -153,7 +154,7 @@ TEST(TevGetArgs, SixtyFourBitValuesAndNarrowWidths) {
   EXPECT_EQ(0x1234, h);
   EXPECT_EQ(0xff, hh);
   int narrowed = 0;
-  ASSERT_EQ(0, Tev_GetArgs(tev.get(), 0, "%d", &narrowed));   // 64-bit converted to 32
+  ASSERT_EQ(0, Tev_GetArgs(tev.get(), 0, "%d", &narrowed));  // 64-bit converted to 32
   EXPECT_EQ(static_cast<int>(static_cast<uint32_t>(-5000000000ll)), narrowed);
 }
 
@@ -163,12 +164,12 @@ TEST(TevGetArgs, MismatchesAndMissingArgumentsFailWith22) {
   const char *s = nullptr;
   int i = 0;
   double d = 0;
-  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%d", &i));            // string for an integer
-  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 1, "%p", &s));            // integer for a string
-  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 2, "%d", &i));            // double for an integer
-  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%p %d %lf %d", &s, &i, &d, &i));   // too few
-  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 3, "%d", &i));            // first past the end
-  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%p %", &s));          // ends inside a conversion
+  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%d", &i));  // string for an integer
+  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 1, "%p", &s));  // integer for a string
+  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 2, "%d", &i));  // double for an integer
+  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%p %d %lf %d", &s, &i, &d, &i));  // too few
+  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 3, "%d", &i));                        // first past the end
+  EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%p %", &s));  // ends inside a conversion
   ASSERT_EQ(0, Tev_GetArgs(tev.get(), 0, "%p %d %lf", &s, &i, &d));
   EXPECT_EQ(2.0, d);
   EXPECT_EQ(0, Tev_GetArgs(tev.get(), 0, "no conversions"));
@@ -179,7 +180,7 @@ TEST(TevMakeTev, MalformedRecordIsRefusedAndFreed) {
   void *copy = malloc(r.size());
   memcpy(copy, r.data(), r.size());
   Tev *tev = reinterpret_cast<Tev *>(1);
-  EXPECT_EQ(22, Tev_MakeTev(copy, static_cast<uint32_t>(r.size()), &tev));   // frees `copy`
+  EXPECT_EQ(22, Tev_MakeTev(copy, static_cast<uint32_t>(r.size()), &tev));  // frees `copy`
   EXPECT_EQ(nullptr, tev);
   uint32_t len = 0;
   tevdtest::TevPtr good = MakeTev("tev.a.b");
@@ -204,7 +205,8 @@ TEST(TevRecordValidate, MalformedRecordsAreRefused) {
       {"MessageOffsetAtEnd", [](std::vector<uint8_t> *r) { Set32(r, 20, 64); }},
       {"ArgumentOffsetUnaligned", [](std::vector<uint8_t> *r) { Set32(r, 28, 44); }},
       {"ArgumentOffsetBeforeMessage", [](std::vector<uint8_t> *r) { Set32(r, 28, 40); }},
-      {"ArgumentOffsetAtMessage", [](std::vector<uint8_t> *r) {
+      {"ArgumentOffsetAtMessage",
+       [](std::vector<uint8_t> *r) {
          Set32(r, 20, 40);
          Set32(r, 28, 40);
        }},

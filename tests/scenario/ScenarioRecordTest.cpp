@@ -8,10 +8,19 @@
 #include <string>
 #include <vector>
 
+#include "Harness.h"
 #include "PlatformSocket.h"
-#include "../e2e/TevctlProcess.h"
 
-using namespace tevctltest;
+using tevdtest::CountLines;
+using tevdtest::Eventually;
+using tevdtest::PathExists;
+using tevdtest::Process;
+using tevdtest::RunResult;
+using tevdtest::RunTevctl;
+using tevdtest::ScratchRoot;
+using tevdtest::Slurp;
+using tevdtest::TevctlBin;
+using tevdtest::TevdBin;
 
 namespace {
 
@@ -44,13 +53,13 @@ const char kTrace[] =
     "1700000003.100000000,OUT,1700000003100000,kos.audit.host.boot,\n"
     "1700000003.200000000,OUT,1700000003200000,kos.clear.x.y,,\"(null)\",5\n";
 
-RunResult Record(const TempRoot &root, std::vector<std::string> options) {
+RunResult Record(const ScratchRoot &root, std::vector<std::string> options) {
   options.insert(options.begin(), {"scenario", "record", "--from-trace", root.Abs("saved.trace")});
-  return RunTevctl(root.path(), options);
+  return RunTevctl(root, options);
 }
 
 TEST(ScenarioRecord, SavedTraceBecomesTimedPostsAndEventWindowsThatCheckAccepts) {
-  TempRoot root;
+  ScratchRoot root;
   WriteText(root.Abs("saved.trace"), kTrace);
   RunResult r = Record(root, {"-o", root.Abs("rec.scn")});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -65,9 +74,10 @@ TEST(ScenarioRecord, SavedTraceBecomesTimedPostsAndEventWindowsThatCheckAccepts)
       "expect event audit kos.audit.host.boot - within 2.000..4.500",
       "expect event clear kos.clear.x.y * 5 within 2.100..4.600",
   };
-  EXPECT_EQ(Statements(ReadFileText(root.Abs("rec.scn"))), want);
-  EXPECT_NE(r.err.find("3 observations, 3 events, 0 lines left as comments"), std::string::npos) << r.err;
-  RunResult c = RunTevctl(root.path(), {"scenario", "check", root.Abs("rec.scn")});
+  EXPECT_EQ(Statements(Slurp(root.Abs("rec.scn"))), want);
+  EXPECT_NE(r.err.find("3 observations, 3 events, 0 lines left as comments"), std::string::npos)
+      << r.err;
+  RunResult c = RunTevctl(root, {"scenario", "check", root.Abs("rec.scn")});
   EXPECT_EQ(c.status, 0) << c.err;
   EXPECT_NE(c.out.find("rec.scn: ok (3 steps, 3 expectations, ends at 5.100 s)"), std::string::npos)
       << c.out;
@@ -78,7 +88,7 @@ TEST(ScenarioRecord, SavedTraceBecomesTimedPostsAndEventWindowsThatCheckAccepts)
 }
 
 TEST(ScenarioRecord, UnreplayableLinesStayCommentsAndBadLinesAreNamed) {
-  TempRoot root;
+  ScratchRoot root;
   WriteText(root.Abs("saved.trace"),
             "1700000000.000000000,IN,1,tev.x.dbl,,???\n"
             "not a trace line\n"
@@ -95,21 +105,24 @@ TEST(ScenarioRecord, UnreplayableLinesStayCommentsAndBadLinesAreNamed) {
                        "\"two\\nlines\"\n"),
             std::string::npos)
       << r.out;
-  EXPECT_NE(r.err.find(root.Abs("saved.trace") + ":2: expected SECONDS.NANOSECONDS at the start; line skipped"),
+  EXPECT_NE(r.err.find(root.Abs("saved.trace") +
+                       ":2: expected SECONDS.NANOSECONDS at the start; line skipped"),
             std::string::npos)
       << r.err;
 }
 
 TEST(ScenarioRecord, EmptyTraceFailsAndLiveWithoutDaemonFails) {
-  TempRoot root;
+  ScratchRoot root;
   WriteText(root.Abs("saved.trace"), "\n");
   RunResult r = Record(root, {});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("no trace line was read"), std::string::npos) << r.err;
-  r = RunTevctl(root.path(), {"scenario", "record", "--history"});
+  r = RunTevctl(root, {"scenario", "record", "--history"});
   EXPECT_EQ(r.status, 1);
-  std::string trace = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace);
-  EXPECT_NE(r.err.find("cannot connect to " + trace), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("cannot connect to " +
+                       PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace)),
+            std::string::npos)
+      << r.err;
 }
 
 // The whole road: a running daemon gets observations, the recorder follows
@@ -117,50 +130,62 @@ TEST(ScenarioRecord, EmptyTraceFailsAndLiveWithoutDaemonFails) {
 // the recorded file replays against a fresh daemon with every event in its
 // window.
 TEST(ScenarioRecord, LiveRecordingOfRunningDaemonReplaysAndPasses) {
-  TempRoot root;
-  std::vector<std::pair<std::string, std::string>> env = {{"TEVD_ROOT", root.path()}};
-  ASSERT_EQ(RunTevctl(root.path(), {"host", "init"}).status, 0);
-  Child sink({TevctlBin(), "sink"}, env);
-  auto exists = [&](PlatformEndpoint e) { return PathExists(PlatformEndpoint_PathUnder(root.path(), e)); };
-  ASSERT_TRUE(WaitFor([&] { return exists(PlatformEndpoint::QprobAgent); }, 5000));
-  Child tevd({TevdBin()}, env);
-  ASSERT_TRUE(WaitFor(
-      [&] { return exists(PlatformEndpoint::UserContext) && exists(PlatformEndpoint::Trace); },
+  ScratchRoot root;
+  ASSERT_EQ(RunTevctl(root, {"host", "init"}).status, 0);
+  Process sink(root, TevctlBin(), {"sink"}, {}, "sink");
+  ASSERT_TRUE(Eventually(
+      [&] {
+        return PathExists(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent));
+      },
+      5000));
+  tevdtest::DaemonProcess tevd(root);
+  ASSERT_TRUE(Eventually(
+      [&] {
+        return PathExists(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext)) &&
+               PathExists(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace));
+      },
       20000));
-  PauseMs(300);   // the agents subscribe after the sockets open
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(300));  // the agents subscribe after the sockets open
 
-  ASSERT_EQ(RunTevctl(root.path(), {"post", "--user", "tev.user.host.boot", "Host has booted."}).status, 0);
-  Child rec({TevctlBin(), "scenario", "record", "-o", root.Abs("live.scn")}, env);
-  ASSERT_TRUE(WaitFor([&] {
-    rec.Pump(0);
-    return rec.err().find("recording from") != std::string::npos;
-  }, 5000));
-  ASSERT_EQ(RunTevctl(root.path(), {"post", "tev.clock.parameter.set.maxLargeCorrections",
-                                    "maxLargeCorrections set to %d", "5"}).status, 0);
-  ASSERT_EQ(RunTevctl(root.path(), {"post", "tev.net.hwnic.linkstate.down",
-                                    "Physical NIC %s linkstate is down", "hwnic1"}).status, 0);
-  ASSERT_TRUE(sink.WaitForOutput("kos.problem.net.hwnic.linkstate.down", 10000)) << sink.out();
+  ASSERT_EQ(RunTevctl(root, {"post", "--user", "tev.user.host.boot", "Host has booted."}).status,
+            0);
+  Process rec(root, TevctlBin(), {"scenario", "record", "-o", root.Abs("live.scn")}, {}, "rec");
+  ASSERT_TRUE(
+      Eventually([&] { return rec.Stderr().find("recording from") != std::string::npos; }, 5000));
+  ASSERT_EQ(RunTevctl(root, {"post", "tev.clock.parameter.set.maxLargeCorrections",
+                             "maxLargeCorrections set to %d", "5"})
+                .status,
+            0);
+  ASSERT_EQ(RunTevctl(root, {"post", "tev.net.hwnic.linkstate.down",
+                             "Physical NIC %s linkstate is down", "hwnic1"})
+                .status,
+            0);
+  ASSERT_TRUE(sink.WaitForOutput("kos.problem.net.hwnic.linkstate.down", 10000)) << sink.Stdout();
 
   // Stopping at the end of the history needs no daemon exit.
-  RunResult hist = RunTevctl(root.path(), {"scenario", "record", "--history"});
+  RunResult hist = RunTevctl(root, {"scenario", "record", "--history"});
   EXPECT_EQ(hist.status, 0) << hist.err;
   EXPECT_EQ(Statements(hist.out).size(), 6u) << hist.out;
 
   tevd.Signal(SIGTERM);
-  EXPECT_EQ(tevd.Wait(10000), 0);
-  ASSERT_EQ(rec.Wait(5000), 0) << rec.err();   // the daemon's exit ends the trace stream
-  std::string text = ReadFileText(root.Abs("live.scn"));
+  EXPECT_EQ(tevd.ExitCode(10000), 0);
+  ASSERT_EQ(rec.ExitCode(5000), 0) << rec.Stderr();  // the daemon's exit ends the trace stream
+  std::string text = Slurp(root.Abs("live.scn"));
   std::vector<std::string> lines = Statements(text);
   ASSERT_EQ(lines.size(), 6u) << text;
   EXPECT_EQ(lines[0], "at 0.000 post --user tev.user.host.boot \"\"");
-  EXPECT_NE(text.find(" post tev.clock.parameter.set.maxLargeCorrections \"%d\" 5\n"), std::string::npos);
-  EXPECT_NE(text.find(" post tev.net.hwnic.linkstate.down \"%s\" \"hwnic1\"\n"), std::string::npos);
-  EXPECT_NE(text.find("expect event problem kos.problem.net.hwnic.linkstate.down \"hwnic1\" within "),
+  EXPECT_NE(text.find(" post tev.clock.parameter.set.maxLargeCorrections \"%d\" 5\n"),
             std::string::npos);
-  EXPECT_NE(text.find("expect event audit kos.audit.host.boot - within 0.000.."), std::string::npos);
+  EXPECT_NE(text.find(" post tev.net.hwnic.linkstate.down \"%s\" \"hwnic1\"\n"), std::string::npos);
+  EXPECT_NE(
+      text.find("expect event problem kos.problem.net.hwnic.linkstate.down \"hwnic1\" within "),
+      std::string::npos);
+  EXPECT_NE(text.find("expect event audit kos.audit.host.boot - within 0.000.."),
+            std::string::npos);
 
-  RunResult play = RunTevctl(root.path(), {"scenario", "run", "--tevd", TevdBin(), root.Abs("live.scn")},
-                             60000);
+  RunResult play =
+      RunTevctl(root, {"scenario", "run", "--tevd", TevdBin(), root.Abs("live.scn")}, 60000);
   EXPECT_EQ(play.status, 0) << play.out << play.err;
   EXPECT_NE(play.out.find("result: PASS (3 expectations)"), std::string::npos) << play.out;
 }

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "ScsiTestLog.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdScsiCorrelator.h"
 
@@ -47,7 +47,6 @@ class ScsiPathTest : public ::testing::Test {
     for (int i = 0; i < times; i++) {
       tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
       TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
-      log_.Pump();
     }
   }
   void Down(const std::string &path, const std::string &left, int times = 1) {
@@ -78,24 +77,24 @@ class ScsiPathTest : public ::testing::Test {
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
   tevdtest::EventCapture capture_;
-  scsitest::LogSink log_{root_.path()};
+  tevdtest::LogLines log_{root_};
   TevHandlerMap map_ = TevdScsiCorrelator_BuildMap();
 };
 
 TEST_F(ScsiPathTest, PathDownAndUpAreClassifiedByTheDevicesRedundancyStatus) {
   struct Row {
     int downStatus;
-    const char *down;   // "" when nothing is posted
+    const char *down;  // "" when nothing is posted
     int upStatus;
     const char *up;
   } rows[] = {
-      {0, "", 3, ""},   // status 0 leaves no trace: a path up without a path down
+      {0, "", 3, ""},  // status 0 leaves no trace: a path up without a path down
       {1, "connectivity.lost", 2, "connectivity.restored"},
       {2, "redundancy.lost", 3, "redundancy.restored"},
       {3, "redundancy.degraded", 3, "redundancy.restored"},
-      {3, "redundancy.degraded", 1, ""},   // nothing restored, and the entry goes
+      {3, "redundancy.degraded", 1, ""},  // nothing restored, and the entry goes
       {3, "redundancy.degraded", 0, ""},
-      {4, "", 3, "redundancy.restored"},   // unknown status marks the device silently
+      {4, "", 3, "redundancy.restored"},  // unknown status marks the device silently
   };
   AddPath("p1", "naa.1");
   for (const Row &r : rows) {
@@ -104,17 +103,20 @@ TEST_F(ScsiPathTest, PathDownAndUpAreClassifiedByTheDevicesRedundancyStatus) {
     AddDevice("naa.1", r.downStatus, {{1, "ds1"}});
     Down("p1", "on");
     Evs want;
-    if (*r.down) want.push_back(std::string("problem:kos.problem.storage.") + r.down + " S:naa.1 S:p1 S:\"ds1\"");
+    if (*r.down)
+      want.push_back(std::string("problem:kos.problem.storage.") + r.down +
+                     " S:naa.1 S:p1 S:\"ds1\"");
     EXPECT_EQ(want, Events());
     EXPECT_EQ(r.downStatus != 0, TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
     SetStatus("naa.1", r.upStatus);
     Up("p1", "dead");
     want.clear();
-    if (*r.up) want.push_back(std::string("clear:kos.clear.storage.") + r.up + " S:naa.1 S:\"ds1\" S:p1");
+    if (*r.up)
+      want.push_back(std::string("clear:kos.clear.storage.") + r.up + " S:naa.1 S:\"ds1\" S:p1");
     EXPECT_EQ(want, Events());
     EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
     SetStatus("naa.1", 3);
-    Up("p1", "dead");   // the entry went with the first path up
+    Up("p1", "dead");  // the entry went with the first path up
     EXPECT_EQ(Evs{}, Events());
   }
 }
@@ -139,7 +141,7 @@ TEST_F(ScsiPathTest, PathLeavingOffOrDeadIsCountedButAddsNoRedundancyEvent) {
   Down("p1", "off");
   EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.1"));
   EXPECT_EQ(1, Count("p1"));
-  Up("p1", "standby");   // from a state that was not down: no clear considered
+  Up("p1", "standby");  // from a state that was not down: no clear considered
   EXPECT_EQ(Evs{}, Events());
   EXPECT_EQ(2, Count("p1"));
 }
@@ -150,7 +152,7 @@ TEST_F(ScsiPathTest, UnknownPathOrMissingArgumentsPostNothing) {
   Obs(kDown, {S("p1")});
   Obs("tev.scsi.scsipath.pathstate.on", {I(3), S("dead")});
   EXPECT_TRUE(log_.TakeDiagnostics().empty());
-  AddPath("p9", "naa.gone");   // path to a device the host does not know
+  AddPath("p9", "naa.gone");  // path to a device the host does not know
   Down("p9", "on");
   EXPECT_EQ(Evs{}, Events());
   EXPECT_FALSE(TevdScsiCorrelator_IsReportedDownForTest("naa.gone"));
@@ -194,7 +196,7 @@ TEST_F(ScsiPathTest, DatastoreListQuotesSkipsPartitionZeroAndDropsDuplicates) {
   EXPECT_EQ(text, "\"ds1\", \"ds2\"");
   AddDevice("naa.empty", 2, {{1, ""}});
   EXPECT_FALSE(TevdScsiCorrelator_GetDatastores("naa.empty", &text));
-  AddDevice("naa.nodisk", 2);   // no partitions/: not a disk
+  AddDevice("naa.nodisk", 2);  // no partitions/: not a disk
   EXPECT_FALSE(TevdScsiCorrelator_GetDatastores("naa.nodisk", &text));
   EXPECT_FALSE(TevdScsiCorrelator_GetDatastores("naa.absent", &text));
   root_.Remove("kfs/volumes");
@@ -215,9 +217,9 @@ TEST_F(ScsiPathTest, DeviceLossEventsCarryTheDatastoreList) {
   for (const char *id : {"state.permanentloss", "state.permanentloss.withreservationheld",
                          "state.permanentloss.noopens", "thinprov.atquota"}) {
     Obs(std::string("tev.scsi.device.") + id, {S("naa.1")});
-    EXPECT_EQ(Evs{std::string("problem:kos.problem.scsi.device.") + id +
-                  " S:naa.1 S:\"ds1\", \"ds2\""},
-              Events());
+    EXPECT_EQ(
+        Evs{std::string("problem:kos.problem.scsi.device.") + id + " S:naa.1 S:\"ds1\", \"ds2\""},
+        Events());
   }
   Obs("tev.scsi.device.state.permanentloss", {S("naa.gone")});
   EXPECT_EQ(Evs{"problem:kos.problem.scsi.device.state.permanentloss S:naa.gone S:Unknown"},
@@ -241,7 +243,7 @@ TEST_F(ScsiPathTest, TenthPathStateChangeWithinOneSweepIntervalReportsOnce) {
   Down("p1", "off");
   EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:\"ds1\""},
             Events());
-  for (int i = 0; i < 20; ++i) Up("p1", "on");   // later changes of the period: nothing more
+  for (int i = 0; i < 20; ++i) Up("p1", "on");  // later changes of the period: nothing more
   EXPECT_EQ(Evs{}, Events());
   EXPECT_EQ(30, Count("p1"));
 }
@@ -253,12 +255,12 @@ TEST_F(ScsiPathTest, SweepResetsCountersUpToNineButNotAbove) {
   StartCountingInterval();
   Down("p1", "dead", 9);
   Down("p2", "dead", 12);
-  ASSERT_EQ(1u, Events().size());   // p2 at its tenth
+  ASSERT_EQ(1u, Events().size());  // p2 at its tenth
   clock_.Advance(60);
-  Obs("tev.scsi.scsipath.add", {S("other")});   // no sweep at exactly 60 s
+  Obs("tev.scsi.scsipath.add", {S("other")});  // no sweep at exactly 60 s
   EXPECT_EQ(9, Count("p1"));
   clock_.Advance(1);
-  Obs("tev.scsi.scsipath.add", {S("other")});   // any observation runs the sweep
+  Obs("tev.scsi.scsipath.add", {S("other")});  // any observation runs the sweep
   EXPECT_EQ(0, Count("p1"));
   EXPECT_EQ(12, Count("p2"));
   Down("p1", "dead");
@@ -290,13 +292,13 @@ TEST_F(ScsiPathTest, FirstObservationAfterStartIsSweptBecauseNoSweepRanYet) {
 
 TEST_F(ScsiPathTest, PeriodEndEmptiesTheTableAndReportsAgain) {
   AddPath("p1", "naa.1");
-  AddDevice("naa.1", 0);   // status 0: the datastores print "Unknown"
+  AddDevice("naa.1", 0);  // status 0: the datastores print "Unknown"
   StartCountingInterval();
   Down("p1", "dead", 10);
   EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:Unknown"},
             Events());
   clock_.Advance(601);
-  Obs("tev.scsi.scsipath.add", {S("warmup")});   // new period, new sweep
+  Obs("tev.scsi.scsipath.add", {S("warmup")});  // new period, new sweep
   EXPECT_EQ(-1, Count("p1"));
   Down("p1", "dead", 10);
   EXPECT_EQ(1u, Events().size());
@@ -308,7 +310,7 @@ TEST_F(ScsiPathTest, AddStartsAtZeroAndRemoveErases) {
   StartCountingInterval();
   Obs("tev.scsi.scsipath.add", {S("p1")});
   EXPECT_EQ(0, Count("p1"));
-  Obs("tev.scsi.scsipath.add", {S("p1")});   // an add of a known path counts
+  Obs("tev.scsi.scsipath.add", {S("p1")});  // an add of a known path counts
   EXPECT_EQ(1, Count("p1"));
   Obs("tev.scsi.scsipath.remove", {S("p1")}, 2);
   EXPECT_EQ(-1, Count("p1"));
@@ -323,17 +325,19 @@ TEST_F(ScsiPathTest, AddStartsAtZeroAndRemoveErases) {
 TEST_F(ScsiPathTest, TenPowerOnResetsReportByPathOrDeviceInTheirOwnTable) {
   AddPath("p1", "naa.1");
   AddDevice("naa.1", 2, {{1, "ds1"}});
-  AddDevice("naa.0", 0, {{1, "ds0"}});   // status 0: no datastore look-up
+  AddDevice("naa.0", 0, {{1, "ds0"}});  // status 0: no datastore look-up
   AddPath("p0", "naa.0");
   StartCountingInterval();
   Obs(kPor, {S("p1")}, 10);
-  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathpor S:p1 S:naa.1 S:\"ds1\""}, Events());
-  EXPECT_EQ(-1, Count("p1"));   // own table only
+  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathpor S:p1 S:naa.1 S:\"ds1\""},
+            Events());
+  EXPECT_EQ(-1, Count("p1"));  // own table only
   EXPECT_EQ(10, Count("p1", true));
   Obs(kPor, {S("naa.1")}, 10);
   EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.devicepor S:naa.1 S:\"ds1\""}, Events());
   Obs(kPor, {S("p0")}, 10);
-  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathpor S:p0 S:naa.0 S:Unknown"}, Events());
+  EXPECT_EQ(Evs{"problem:kos.problem.storage.connectivity.pathpor S:p0 S:naa.0 S:Unknown"},
+            Events());
   Obs(kPor, {S("ghost")}, 12);
   EXPECT_EQ(Evs{}, Events());
 }

@@ -24,9 +24,7 @@ namespace tevdtest {
 
 namespace {
 
-int RemoveEntry(const char *path, const struct stat *, int, struct FTW *) {
-  return remove(path);
-}
+int RemoveEntry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
 
 void RemoveTree(const std::string &path) {
   nftw(path.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
@@ -124,8 +122,8 @@ MsgFmt_Value UL(uint64_t v) { return MsgFmt_Value::U64(v); }
 
 struct EventCapture::State {
   mutable std::mutex mutex;
-  std::vector<QprobMessage> events;   // guarded by mutex
-  bool fail = false;                  // guarded by mutex
+  std::vector<QprobMessage> events;  // guarded by mutex
+  bool fail = false;                 // guarded by mutex
 };
 
 EventCapture::EventCapture() : state_(new State) {
@@ -182,9 +180,7 @@ std::vector<std::string> ArgsText(const std::vector<MsgFmt_Value> &args) {
       case MSGFMT_TYPE_INT64:
         out.push_back("L:" + std::to_string(static_cast<int64_t>(v.bits)));
         break;
-      case MSGFMT_TYPE_UINT64:
-        out.push_back("UL:" + std::to_string(v.bits));
-        break;
+      case MSGFMT_TYPE_UINT64: out.push_back("UL:" + std::to_string(v.bits)); break;
       case MSGFMT_TYPE_DOUBLE: {
         double d;
         memcpy(&d, &v.bits, sizeof d);
@@ -193,12 +189,8 @@ std::vector<std::string> ArgsText(const std::vector<MsgFmt_Value> &args) {
         out.push_back(ss.str());
         break;
       }
-      case MSGFMT_TYPE_STRING:
-        out.push_back(v.isNull ? "S:(null)" : "S:" + v.str);
-        break;
-      default:
-        out.push_back("?:" + std::to_string(v.type));
-        break;
+      case MSGFMT_TYPE_STRING: out.push_back(v.isNull ? "S:(null)" : "S:" + v.str); break;
+      default: out.push_back("?:" + std::to_string(v.type)); break;
     }
   }
   return out;

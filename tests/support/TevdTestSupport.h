@@ -25,7 +25,7 @@ class ScratchRoot {
   void Write(const std::string &relative, const std::string &value) const;  // makes dirs
   bool Read(const std::string &relative, std::string *value) const;
   void MakeDir(const std::string &relative) const;
-  void Remove(const std::string &relative) const;                          // file or tree
+  void Remove(const std::string &relative) const;  // file or tree
  private:
   std::string root_;
   std::string saved_;
@@ -62,9 +62,9 @@ class EventCapture {
  public:
   EventCapture();
   ~EventCapture();
-  std::vector<QprobMessage> Take();    // and forget
+  std::vector<QprobMessage> Take();  // and forget
   size_t Count() const;
-  void FailSends(bool fail);           // make deliveries fail (queue for retry)
+  void FailSends(bool fail);  // make deliveries fail (queue for retry)
  private:
   static int Hook(const void *message, size_t length, void *ctx);
   struct State;

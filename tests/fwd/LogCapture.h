@@ -1,3 +1,5 @@
+// Kept for the forwarder's end-to-end test only, which still uses these older
+// helpers; moving it onto tests/support/Harness.h is open work (docs/testing.md).
 // Receives the daemon's log datagrams at $TEVD_ROOT/dev/log of a scratch root.
 // A thread drains the socket as lines arrive, so the kernel's short datagram
 // queue never fills and never slows the code under test.

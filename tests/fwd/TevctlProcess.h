@@ -1,3 +1,5 @@
+// Kept for the forwarder's end-to-end test only, which still uses these older
+// helpers; moving it onto tests/support/Harness.h is open work (docs/testing.md).
 // Helpers for the end-to-end tests of tevctl and the self-test: a private
 // root directory per test, and real child processes (tevctl, tevd) whose
 // stdout and stderr are collected through pipes and polled with short

@@ -1,3 +1,5 @@
+// Kept for the forwarder's end-to-end test only, which still uses these older
+// helpers; moving it onto tests/support/Harness.h is open work (docs/testing.md).
 // Runs the real tevd binary under a scratch root for end-to-end tests: its
 // standard output and error go to files in the root, its log lines to a
 // LogCapture. The binary's path comes from TEVD_BIN (set by ctest).

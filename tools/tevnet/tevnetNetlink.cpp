@@ -99,6 +99,7 @@ std::vector<Link> Netlink::Links() const {
       },
       &byIndex);
   std::vector<Link> out;
+  out.reserve(byIndex.size());
   for (const auto &e : byIndex) out.push_back(e.second.second);
   return out;
 }

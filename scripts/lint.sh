@@ -14,7 +14,8 @@ if [ ! -f "$dir/compile_commands.json" ]; then
 fi
 # The forwarder's event templates are generated at build time from the
 # daemon's sources; its sources include that list.
-if cmake --build "$dir" --target help 2>/dev/null | grep -q 'tevfwd-templates'; then
+targets=$(cmake --build "$dir" --target help 2>/dev/null || true)
+if [[ "$targets" == *tevfwd-templates* ]]; then
   cmake --build "$dir" --target tevfwd-templates >/dev/null
 fi
 

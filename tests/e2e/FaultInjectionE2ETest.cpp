@@ -61,7 +61,11 @@ class Flood {
           }
           done_ = true;
         }) {}
-  ~Flood() { thread_.join(); }
+  ~Flood() { Join(); }
+  // Before the descriptor is closed: a send still under way would race it.
+  void Join() {
+    if (thread_.joinable()) thread_.join();
+  }
   int sent() const { return sent_; }
   bool done() const { return done_; }
 
@@ -107,6 +111,7 @@ TEST(FaultInjectionE2ETest, SigtermWhileTheReaderWaitsOnAFullAgentPipe) {
   EXPECT_FALSE(flood.done()) << "the reader never had to wait";
   ExpectPromptCleanExit(d);
   shutdown(user, SHUT_RDWR);
+  flood.Join();
   close(user);
 }
 

@@ -200,16 +200,7 @@ bool MsgFmt_DecodeBlock(const void *block, size_t size, uint32_t numArgs,
   }
   if (out != nullptr) {
     out->clear();
-    for (const RawArg &a : raw) {
-      MsgFmt_Value v;
-      v.type = a.type;
-      v.bits = a.bits;
-      if (a.type == MSGFMT_TYPE_STRING) {
-        v.isNull = a.str == nullptr;
-        if (a.str != nullptr) v.str = a.str;
-      }
-      out->push_back(v);
-    }
+    for (const RawArg &a : raw) out->push_back(ToValue(a));
   }
   return true;
 }

@@ -27,6 +27,18 @@ struct RawArg {
   const char *str = nullptr;  // nullptr for a null string (and non-strings)
 };
 
+// The decoded value of an argument, its string copied.
+inline MsgFmt_Value ToValue(const RawArg &a) {
+  MsgFmt_Value v;
+  v.type = a.type;
+  v.bits = a.bits;
+  if (a.type == MSGFMT_TYPE_STRING) {
+    v.isNull = a.str == nullptr;
+    if (a.str != nullptr) v.str = a.str;
+  }
+  return v;
+}
+
 // Writes slot `index` of a block (blocks sit at any alignment: memcpy).
 void WriteSlot(void *block, size_t index, uint32_t type, uint32_t length, uint64_t value);
 

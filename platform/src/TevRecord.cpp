@@ -121,16 +121,8 @@ bool TevRecord_Decode(const uint8_t *record, size_t length, TevRecordView *out) 
   out->id = raw.id;
   out->message = raw.message;
   out->args.clear();
-  for (const platform_internal::RawArg &a : raw.args) {
-    MsgFmt_Value v;
-    v.type = a.type;
-    v.bits = a.bits;
-    if (a.type == MSGFMT_TYPE_STRING) {
-      v.isNull = a.str == nullptr;
-      if (a.str != nullptr) v.str = a.str;
-    }
-    out->args.push_back(v);
-  }
+  for (const platform_internal::RawArg &a : raw.args)
+    out->args.push_back(platform_internal::ToValue(a));
   return true;
 }
 

@@ -11,18 +11,22 @@
 
 #include <nlohmann/json.hpp>
 
-#include "DaemonProcess.h"
-#include "DaemonSockets.h"
-#include "LogCapture.h"
-#include "TevctlProcess.h"
+#include "Harness.h"
+#include "PlatformSocket.h"
 #include "tevdQprob.h"
 #include "tevfwdEvents.h"
 
 namespace {
 
 using nlohmann::json;
-using tevctltest::Child;
-using tevctltest::WaitFor;
+using tevdtest::Eventually;
+using tevdtest::Process;
+
+long long NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
 
 const char kAlertmanager[] = "/usr/bin/prometheus-alertmanager";
 
@@ -156,19 +160,20 @@ class Cluster {
   void Start() {
     for (int i = 0; i < 2; ++i) {
       std::string d = root_.Abs("am/data" + std::to_string(i));
-      am_[i] = std::make_unique<Child>(
+      am_[i] = std::make_unique<Process>(
+          root_, kAlertmanager,
           std::vector<std::string>{
-              kAlertmanager, "--config.file=" + root_.Abs("am/config.yml"), "--storage.path=" + d,
+              "--config.file=" + root_.Abs("am/config.yml"), "--storage.path=" + d,
               "--web.listen-address=127.0.0.1:" + std::to_string(web_[i]),
               "--cluster.listen-address=127.0.0.1:" + std::to_string(gossip_[i]),
               "--cluster.peer=127.0.0.1:" + std::to_string(gossip_[1 - i]),
               "--cluster.peer-timeout=1s", "--cluster.gossip-interval=50ms",
               "--cluster.pushpull-interval=1s", "--cluster.settle-timeout=2s", "--log.level=warn"},
-          std::vector<std::pair<std::string, std::string>>{});
+          std::vector<std::string>{}, "am" + std::to_string(i));
     }
     for (int i = 0; i < 2; ++i) {
-      ASSERT_TRUE(WaitFor([&] { return ListAlerts(web_[i]).is_array(); }, 15000))
-          << "Alertmanager " << i << " did not answer: " << am_[i]->err();
+      ASSERT_TRUE(Eventually([&] { return ListAlerts(web_[i]).is_array(); }, 15000))
+          << "Alertmanager " << i << " did not answer: " << am_[i]->Stderr();
     }
   }
   void Stop() {
@@ -190,10 +195,10 @@ class Cluster {
  private:
   const tevdtest::ScratchRoot &root_;
   int web_[2], gossip_[2];
-  std::unique_ptr<Child> am_[2];
+  std::unique_ptr<Process> am_[2];
 };
 
-std::string FwdBin() { return tevctltest::BinaryPath("TEVFWD_BIN", "tools/tevfwd/tevfwd"); }
+std::string FwdBin() { return tevdtest::BinaryPath("TEVFWD_BIN", "tools/tevfwd/tevfwd"); }
 
 class TevfwdE2E : public ::testing::Test {
  protected:
@@ -207,26 +212,19 @@ class TevfwdE2E : public ::testing::Test {
     cluster_->Start();
   }
   void StartForwarder(std::vector<std::string> extra = {}) {
-    std::vector<std::string> argv = {FwdBin(),
-                                     "--alertmanager",
-                                     cluster_->Url(0),
-                                     "--alertmanager",
-                                     cluster_->Url(1),
-                                     "--retry-max",
-                                     "1"};
+    std::vector<std::string> argv = {"--alertmanager", cluster_->Url(0), "--alertmanager",
+                                     cluster_->Url(1), "--retry-max",    "1"};
     argv.insert(argv.end(), extra.begin(), extra.end());
     // A killed forwarder leaves its socket behind; wait for the new one.
-    unlink(root_.Abs("var/run/orlan/marshd-qprob.sock").c_str());
-    fwd_ = std::make_unique<Child>(
-        argv, std::vector<std::pair<std::string, std::string>>{{"TEVD_ROOT", root_.path()}});
-    ASSERT_TRUE(WaitFor(
-        [&] { return tevctltest::PathExists(root_.Abs("var/run/orlan/marshd-qprob.sock")); }, 5000))
-        << fwd_->err();
+    const std::string sock = PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent);
+    unlink(sock.c_str());
+    fwd_ = std::make_unique<Process>(root_, FwdBin(), argv, std::vector<std::string>{}, "tevfwd");
+    ASSERT_TRUE(Eventually([&] { return tevdtest::PathExists(sock); }, 5000)) << fwd_->Stderr();
   }
   void Post(const std::vector<std::string> &args) {
     std::vector<std::string> a = {"post"};
     a.insert(a.end(), args.begin(), args.end());
-    auto r = tevctltest::RunTevctl(root_.path(), a);
+    auto r = tevdtest::RunTevctl(root_, a);
     ASSERT_EQ(r.status, 0) << r.err;
   }
   size_t SpoolFiles() {
@@ -241,11 +239,11 @@ class TevfwdE2E : public ::testing::Test {
   tevdtest::ScratchRoot root_;
   Webhook hook_;
   std::unique_ptr<Cluster> cluster_;
-  std::unique_ptr<Child> fwd_;
+  std::unique_ptr<Process> fwd_;
 };
 
 TEST_F(TevfwdE2E, ProblemFiresOnBothReplicasNotifiesOnceAndItsClearResolves) {
-  tevdtest::LogCapture log(root_);
+  tevdtest::LogLines log(root_);
   StartForwarder();
   tevdtest::DaemonProcess tevd(root_);
   ASSERT_TRUE(tevd.WaitReady());
@@ -256,7 +254,7 @@ TEST_F(TevfwdE2E, ProblemFiresOnBothReplicasNotifiesOnceAndItsClearResolves) {
   std::string logged = line.substr(line.find("[" + id + "] ") + id.size() + 3);
   while (!logged.empty() && logged.back() == '\n') logged.pop_back();
 
-  ASSERT_TRUE(WaitFor([&] { return cluster_->BothList(id, 1); }, 15000)) << fwd_->err();
+  ASSERT_TRUE(Eventually([&] { return cluster_->BothList(id, 1); }, 15000)) << fwd_->Stderr();
   for (int i = 0; i < 2; ++i) {
     for (const json &a : ListAlerts(cluster_->port(i))) {
       if (a["labels"]["alertname"] != id) continue;
@@ -265,13 +263,14 @@ TEST_F(TevfwdE2E, ProblemFiresOnBothReplicasNotifiesOnceAndItsClearResolves) {
       EXPECT_EQ(a["annotations"]["description"], logged) << "not the daemon's log text";
     }
   }
-  ASSERT_TRUE(WaitFor([&] { return hook_.Count("firing", id) >= 1; }, 15000));
-  tevctltest::PauseMs(3000);  // past the second replica's turn (peer timeout 1 s)
+  ASSERT_TRUE(Eventually([&] { return hook_.Count("firing", id) >= 1; }, 15000));
+  std::this_thread::sleep_for(
+      std::chrono::seconds(3));  // past the second replica's turn (peer timeout 1 s)
   EXPECT_EQ(hook_.Count("firing", id), 1u) << "the cluster notified more than once";
 
   Post({"tev.scsi.device.state.on", "%s", "naa.600a0b80001"});
-  EXPECT_TRUE(WaitFor([&] { return cluster_->BothList(id, 0); }, 15000)) << "not resolved";
-  EXPECT_TRUE(WaitFor([&] { return hook_.Count("resolved", id) >= 1; }, 15000));
+  EXPECT_TRUE(Eventually([&] { return cluster_->BothList(id, 0); }, 15000)) << "not resolved";
+  EXPECT_TRUE(Eventually([&] { return hook_.Count("resolved", id) >= 1; }, 15000));
 }
 
 TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
@@ -282,30 +281,28 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   cluster_->Stop();
   for (int i = 0; i < 4; ++i)
     Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic" + std::to_string(i)});
-  ASSERT_TRUE(WaitFor([&] { return SpoolFiles() == 4; }, 5000)) << SpoolFiles() << " spool entries";
+  ASSERT_TRUE(Eventually([&] { return SpoolFiles() == 4; }, 5000))
+      << SpoolFiles() << " spool entries";
   fwd_->Signal(SIGKILL);
   fwd_->Wait(5000);
   StartForwarder();
   Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic4"});
   cluster_->Start();
-  EXPECT_TRUE(WaitFor([&] { return cluster_->BothList(id, 5); }, 20000))
+  EXPECT_TRUE(Eventually([&] { return cluster_->BothList(id, 5); }, 20000))
       << CountAlerts(cluster_->port(0), id) << " and " << CountAlerts(cluster_->port(1), id)
       << " of 5\n"
-      << fwd_->err();
-  EXPECT_TRUE(WaitFor([&] { return SpoolFiles() == 0; }, 5000));
+      << fwd_->Stderr();
+  EXPECT_TRUE(Eventually([&] { return SpoolFiles() == 0; }, 5000));
   fwd_->Signal(SIGUSR1);
-  EXPECT_TRUE(WaitFor(
-      [&] {
-        fwd_->Pump(50);
-        return fwd_->err().find("counters: received 1 sent 5 ") != std::string::npos;
-      },
+  EXPECT_TRUE(Eventually(
+      [&] { return fwd_->Stderr().find("counters: received 1 sent 5 ") != std::string::npos; },
       5000))
-      << fwd_->err();
+      << fwd_->Stderr();
   // The same counters through tevctl (the file is rewritten every second).
   json c;
-  EXPECT_TRUE(WaitFor(
+  EXPECT_TRUE(Eventually(
       [&] {
-        auto r = tevctltest::RunTevctl(root_.path(), {"fwd"});
+        auto r = tevdtest::RunTevctl(root_, {"fwd"});
         c = json::parse(r.out, nullptr, false);
         return r.status == 0 && c.is_object() && c["sent"] == 5 && c["waiting"] == 0;
       },
@@ -321,18 +318,17 @@ TEST_F(TevfwdE2E, OnceSendsTheSpoolAndSaysWhetherAllArrived) {
   ASSERT_TRUE(tevd.WaitReady());
   cluster_->Stop();
   Post({"--user", "tev.user.hsyslogd.remote.failure", "%s", "loghost.example"});
-  ASSERT_TRUE(WaitFor([&] { return SpoolFiles() == 1; }, 5000));
+  ASSERT_TRUE(Eventually([&] { return SpoolFiles() == 1; }, 5000));
   fwd_->Signal(SIGTERM);
-  ASSERT_EQ(fwd_->Wait(5000), 0) << fwd_->err();
-  std::vector<std::string> once = {FwdBin(),         "--alertmanager", cluster_->Url(0),
-                                   "--alertmanager", cluster_->Url(1), "--once"};
-  std::vector<std::pair<std::string, std::string>> env = {{"TEVD_ROOT", root_.path()}};
-  Child down(once, env);
-  EXPECT_EQ(down.Wait(10000), 1) << "nothing could be delivered: " << down.err();
+  ASSERT_EQ(fwd_->ExitCode(5000), 0) << fwd_->Stderr();
+  std::vector<std::string> once = {"--alertmanager", cluster_->Url(0), "--alertmanager",
+                                   cluster_->Url(1), "--once"};
+  Process down(root_, FwdBin(), once, {}, "down");
+  EXPECT_EQ(down.ExitCode(10000), 1) << "nothing could be delivered: " << down.Stderr();
   EXPECT_EQ(SpoolFiles(), 1u);
   cluster_->Start();
-  Child up(once, env);
-  EXPECT_EQ(up.Wait(10000), 0) << up.err();
+  Process up(root_, FwdBin(), once, {}, "up");
+  EXPECT_EQ(up.ExitCode(10000), 0) << up.Stderr();
   EXPECT_EQ(SpoolFiles(), 0u);
   EXPECT_TRUE(cluster_->BothList("kos.problem.hsyslogd.remote.failure", 1));
 }
@@ -358,23 +354,23 @@ TEST_F(TevfwdE2E, KeepsUpWithTheDaemonsRateLimit) {
   TevdQprob_SetSendHookForTest(nullptr, nullptr);
   ASSERT_EQ(messages.size(), 1000u);
 
-  std::vector<std::string> argv = {FwdBin(), "--alertmanager", cluster_->Url(0)};
-  fwd_ = std::make_unique<Child>(
-      argv, std::vector<std::pair<std::string, std::string>>{{"TEVD_ROOT", root_.path()}});
-  std::string sock = root_.Abs("var/run/orlan/marshd-qprob.sock");
-  ASSERT_TRUE(WaitFor([&] { return tevctltest::PathExists(sock); }, 5000));
-  long long start = tevctltest::NowMs();
+  fwd_ = std::make_unique<Process>(root_, FwdBin(),
+                                   std::vector<std::string>{"--alertmanager", cluster_->Url(0)},
+                                   std::vector<std::string>{}, "tevfwd");
+  std::string sock = PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent);
+  ASSERT_TRUE(Eventually([&] { return tevdtest::PathExists(sock); }, 5000));
+  long long start = NowMs();
   for (const std::string &m : messages) {
-    int fd = tevdtest::ConnectTo(sock, SOCK_STREAM);
+    int fd = PlatformSocket_Connect(sock, SOCK_STREAM);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(write(fd, m.data(), m.size()), static_cast<ssize_t>(m.size()));
     close(fd);
   }
-  long long accepted = tevctltest::NowMs() - start;
-  ASSERT_TRUE(WaitFor([&] { return CountAlerts(cluster_->port(0), id) == 1000; }, 60000))
+  long long accepted = NowMs() - start;
+  ASSERT_TRUE(Eventually([&] { return CountAlerts(cluster_->port(0), id) == 1000; }, 60000))
       << CountAlerts(cluster_->port(0), id) << " of 1000";
-  long long delivered = tevctltest::NowMs() - start;
-  std::string stat = tevctltest::ReadFileText("/proc/" + std::to_string(fwd_->pid()) + "/stat");
+  long long delivered = NowMs() - start;
+  std::string stat = tevdtest::Slurp("/proc/" + std::to_string(fwd_->pid()) + "/stat");
   std::istringstream in(stat.substr(stat.rfind(')') + 2));
   std::string field;
   long long utime = 0, stime = 0;

@@ -885,10 +885,21 @@ int main(int argc, char **argv) {
     else if (a == "--tevctl") o.tevctl = value();
     else if (a == "--no-latency") latency = false;
     else if (a == "--no-ingest") ingest = false;
-    else
+    else if (a == "--serve-batched-floor") {
+      // Stands in for tevd under $TEVD_ROOT (bench/sec.sh): the batched floor
+      // on the first context, the user context bound last as the ready sign.
+      const char *root = getenv("TEVD_ROOT");
+      if (root == nullptr) Die("--serve-batched-floor needs TEVD_ROOT");
+      std::thread ready([root] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        BindSocket(EndpointPath(root, PlatformEndpoint::UserContext), SOCK_STREAM);
+      });
+      ready.detach();
+      FloorMain(root, 1, true);
+    } else
       Die("unknown option " + a +
           " (--n N --contexts K --latency-runs R --latency-per-run M --tevd P --tevctl P"
-          " --no-latency --no-ingest)");
+          " --no-latency --no-ingest --serve-batched-floor)");
   }
   if (o.contexts < 1 || o.contexts > 21 || o.n < 1 || o.latencyPerRun > 1000) {
     Die("bad option value");

@@ -1,6 +1,8 @@
 // The log sink: the system log without a root, else one syslog-style
 // datagram per line to the root's log collector.
 #include <errno.h>
+#include <pthread.h>
+#include <stdint.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -94,44 +96,81 @@ int LogHeadText(char *out, size_t size) {
   return h.len;
 }
 
-// One unconnected datagram socket for the whole process, made on first use
-// and shared by every thread: concurrent sendto() calls on it are atomic per
-// datagram, and the address given with each line keeps the old behaviour
-// exactly (the collector is looked up anew per line, one that went away or
-// was replaced is simply found or missed). A plain int with atomic builtins,
-// not a C++ object, for the reason given below.
-int logFd = -1;
+// Each thread sends on a datagram socket of its own, connected to the
+// collector, the way the C library's syslog does: addressing every line by
+// path made the kernel look the path up once per datagram, the largest single
+// cost of a busy log. The connection is made anew when the root's collector
+// path changes, when the collector went away (ECONNREFUSED, ENOTCONN), and at
+// least once a second, so a collector bound again at the same path gets the
+// lines of the next second even if the old one was never closed. Plain
+// thread-local data and a key destructor, not C++ objects, for the reason
+// given below PlatformLog_Unbatch.
+struct ThreadSink {
+  bool open;
+  bool connected;
+  int fd;
+  time_t since;  // the second of the last connect
+  char path[sizeof(((struct sockaddr_un *)nullptr)->sun_path)];
+};
 
-int LogSocket() {
-  int fd = __atomic_load_n(&logFd, __ATOMIC_ACQUIRE);
-  if (fd >= 0) {
-    return fd;
+thread_local ThreadSink threadSink;
+pthread_key_t sinkKey;
+pthread_once_t sinkKeyOnce = PTHREAD_ONCE_INIT;
+
+void CloseThreadSink(void *fdPlusOne) {
+  close(static_cast<int>(reinterpret_cast<intptr_t>(fdPlusOne)) - 1);
+}
+void MakeSinkKey() { (void)pthread_key_create(&sinkKey, CloseThreadSink); }
+
+// This thread's socket, connected to `addr`; -1 when there is none or the
+// collector cannot be reached (the line is then dropped silently).
+int ConnectedSocket(const struct sockaddr_un *addr) {
+  ThreadSink &s = threadSink;
+  if (!s.open) {
+    s.fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s.fd < 0) {
+      return -1;
+    }
+    // A collector that falls behind fills its queue (ten datagrams by
+    // default): wait a little for it rather than lose lines. One that lets a
+    // wait run out is taken as stopped (see SendLine) and costs no more
+    // waiting.
+    struct timeval timeout = {0, 250000};
+    (void)setsockopt(s.fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    (void)pthread_once(&sinkKeyOnce, MakeSinkKey);
+    (void)pthread_setspecific(sinkKey, reinterpret_cast<void *>(static_cast<intptr_t>(s.fd) + 1));
+    s.open = true;
+    s.connected = false;
   }
-  fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
+  time_t now = lastHead.secs;
+  if (s.connected && s.since == now && strcmp(s.path, addr->sun_path) == 0) {
+    return s.fd;
+  }
+  s.connected = false;
+  if (connect(s.fd, reinterpret_cast<const struct sockaddr *>(addr), sizeof *addr) != 0) {
     return -1;
   }
-  // A collector that falls behind fills its queue (ten datagrams by default):
-  // wait a little for it rather than lose lines. One that lets a wait run
-  // out is taken as stopped (see SendLine) and costs no more waiting.
-  struct timeval timeout = {0, 250000};
-  (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  int expected = -1;
-  if (!__atomic_compare_exchange_n(&logFd, &expected, fd, false, __ATOMIC_ACQ_REL,
-                                   __ATOMIC_ACQUIRE)) {
-    close(fd);  // another thread made one first
-    return expected;
-  }
-  return fd;
+  memcpy(s.path, addr->sun_path, sizeof s.path);
+  s.since = now;
+  s.connected = true;
+  return s.fd;
 }
 
-// Forgets a shared socket that is no longer ours (closed behind our back).
-void DropLogSocket(int fd) {
-  int expected = fd;
-  if (__atomic_compare_exchange_n(&logFd, &expected, -1, false, __ATOMIC_ACQ_REL,
-                                  __ATOMIC_ACQUIRE)) {
-    close(fd);
+// After a failed send: true when the line is worth one more try on a fresh
+// connection (the collector was replaced) or a fresh socket (ours was closed
+// behind our back).
+bool ReconnectAfter(int err) {
+  ThreadSink &s = threadSink;
+  if (err == ECONNREFUSED || err == ENOTCONN) {
+    s.connected = false;
+    return true;
   }
+  if (err == EBADF || err == ENOTSOCK) {
+    s.open = false;
+    s.connected = false;
+    return true;
+  }
+  return false;
 }
 
 // Set when a wait for room in the collector's queue ran out: from then on
@@ -141,7 +180,7 @@ int collectorStalled = 0;
 unsigned long long droppedLines = 0;
 
 // Tells the collector, once it takes lines again, how many it missed.
-void ReportDropped(int fd, const struct sockaddr_un *addr) {
+void ReportDropped(int fd) {
   unsigned long long n = __atomic_exchange_n(&droppedLines, 0, __ATOMIC_ACQ_REL);
   if (n == 0) {
     return;
@@ -157,27 +196,25 @@ void ReportDropped(int fd, const struct sockaddr_un *addr) {
   // (bounded by the socket's send time-out): sent without waiting it could
   // find the queue refilled by that line and stay unreported while the
   // daemon is quiet.
-  if (len > 0 && sendto(fd, line, static_cast<size_t>(head + len), MSG_NOSIGNAL,
-                        reinterpret_cast<const struct sockaddr *>(addr), sizeof *addr) < 0) {
+  if (len > 0 && send(fd, line, static_cast<size_t>(head + len), MSG_NOSIGNAL) < 0) {
     __atomic_add_fetch(&droppedLines, n, __ATOMIC_ACQ_REL);  // still full: report later
   }
 }
 
 void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr) {
   for (int attempt = 0; attempt < 2; ++attempt) {
-    int fd = LogSocket();
+    int fd = ConnectedSocket(addr);
     if (fd < 0) {
-      return;
+      return;  // no collector: dropped silently
     }
     bool stalled = __atomic_load_n(&collectorStalled, __ATOMIC_ACQUIRE) != 0;
     int flags = MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0);
-    if (sendto(fd, datagram, size, flags, reinterpret_cast<const struct sockaddr *>(addr),
-               sizeof *addr) >= 0) {
+    if (send(fd, datagram, size, flags) >= 0) {
       if (stalled) {
         __atomic_store_n(&collectorStalled, 0, __ATOMIC_RELEASE);
       }
       if (__atomic_load_n(&droppedLines, __ATOMIC_ACQUIRE) != 0) {
-        ReportDropped(fd, addr);
+        ReportDropped(fd);
       }
       return;
     }
@@ -187,10 +224,9 @@ void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr)
       __atomic_add_fetch(&droppedLines, 1, __ATOMIC_ACQ_REL);
       return;
     }
-    if (errno != EBADF && errno != ENOTSOCK) {
-      return;  // no collector, ...: dropped silently
+    if (!ReconnectAfter(errno)) {
+      return;
     }
-    DropLogSocket(fd);
   }
 }
 
@@ -211,7 +247,7 @@ struct LineQueue {
 thread_local LineQueue lineQueue;
 
 // Sends the queued lines with as few sendmmsg() calls as the collector
-// allows. A line the socket refuses is dropped, as one sendto() would have
+// allows. A line the socket refuses is dropped, as one send() would have
 // dropped it, and the rest still go.
 void SendQueued(LineQueue &q) {
   struct mmsghdr msgs[LineQueue::kLines];
@@ -220,17 +256,15 @@ void SendQueued(LineQueue &q) {
   for (unsigned i = 0; i < q.count; ++i) {
     iovs[i].iov_base = q.bytes + q.offset[i];
     iovs[i].iov_len = q.length[i];
-    msgs[i].msg_hdr.msg_name = &q.addr;
-    msgs[i].msg_hdr.msg_namelen = sizeof q.addr;
     msgs[i].msg_hdr.msg_iov = &iovs[i];
     msgs[i].msg_hdr.msg_iovlen = 1;
   }
   unsigned done = 0;
   bool retried = false;
   while (done < q.count) {
-    int fd = LogSocket();
+    int fd = ConnectedSocket(&q.addr);
     if (fd < 0) {
-      break;
+      break;  // no collector: dropped silently
     }
     bool stalled = __atomic_load_n(&collectorStalled, __ATOMIC_ACQUIRE) != 0;
     int n = sendmmsg(fd, msgs + done, q.count - done, MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0));
@@ -240,7 +274,7 @@ void SendQueued(LineQueue &q) {
         __atomic_store_n(&collectorStalled, 0, __ATOMIC_RELEASE);
       }
       if (__atomic_load_n(&droppedLines, __ATOMIC_ACQUIRE) != 0) {
-        ReportDropped(fd, &q.addr);
+        ReportDropped(fd);
       }
       continue;
     }
@@ -251,12 +285,11 @@ void SendQueued(LineQueue &q) {
       __atomic_add_fetch(&droppedLines, q.count - done, __ATOMIC_ACQ_REL);
       break;
     }
-    if ((errno == EBADF || errno == ENOTSOCK) && !retried) {
+    if (!retried && ReconnectAfter(errno)) {
       retried = true;
-      DropLogSocket(fd);
       continue;
     }
-    ++done;  // no collector, ...: dropped silently
+    ++done;  // refused for another reason: this line is dropped silently
   }
   q.count = 0;
   q.used = 0;
@@ -302,14 +335,14 @@ void PlatformLog_Unbatch(void) {
   lineQueue.on = false;
 }
 
-// The daemon cancels its agents at exit, and sendto() here is a
+// The daemon cancels its agents at exit, and send() here is a
 // cancellation point where a busy agent is often stopped. The function holds
 // no object with a destructor (plain buffers and malloc only), so such a
 // stop unwinds nothing of ours and stays cheap and safe, whichever way the
 // program that links this library cancels its threads.
 //
 // Cost per line in the common case: the formatting into a stack buffer and
-// one sendto(), or, on a batching thread, a copy into its queue and a share
+// one send(), or, on a batching thread, a copy into its queue and a share
 // of one sendmmsg(); a line too long for the stack buffer is formatted again
 // into a malloc'd one.
 void PlatformLog_Vsyslog(const char *format, va_list ap) {

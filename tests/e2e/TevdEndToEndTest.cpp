@@ -1,13 +1,7 @@
-// The real tevd binary under a private root, driven only through its sockets
-// and files.
+// The real tevd binary under a private root, met only through its sockets and files: options,
+// signals, the user-level connection limit and the sockets' modes.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <string>
-#include <vector>
+#include <sys/stat.h>
 
 #include "Harness.h"
 
@@ -19,9 +13,7 @@ namespace {
 int ConnectUserTimed(const ScratchRoot &root) {
   int fd = ConnectUser(root);
   struct timeval tv = {2, 0};
-  if (fd >= 0) {
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  }
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   return fd;
 }
 
@@ -29,101 +21,88 @@ bool SendText(int fd, const std::string &id, const std::string &msg) {
   return SendRecord(fd, TevRecord_Encode(id, msg, 1234, {MsgFmt_Value::Str("x")}));
 }
 
+int ModeOf(const std::string &path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) return -1;
+  return static_cast<int>(st.st_mode & 07777);
+}
+
+using TevdEndToEndTest = DaemonTest;
+using SocketAccessE2ETest = DaemonTest;
+
 }  // namespace
 
-TEST(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZero) {
+TEST_F(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZero) {
   for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
            {"-h"}, {"--help"}, {"-l", "3"}, {"-t"}, {"--bogus"}, {"-e", "-t"}}) {
-    ScratchRoot root;
-    DaemonProcess d(root, args);
-    ASSERT_TRUE(d.Wait(5000)) << args[0];
-    ASSERT_TRUE(WIFEXITED(d.status()));
-    EXPECT_EQ(0, WEXITSTATUS(d.status())) << args[0];
+    DaemonProcess d(root_, args);
+    EXPECT_EQ(0, d.ExitCode(5000)) << args[0];
     std::string out = d.Stdout();
+    EXPECT_EQ(0u, out.find("Usage: ")) << out;
     EXPECT_NE(std::string::npos,
               out.find(" [options]\nvalid options are:\n\t--help|-h - display this help\n"))
         << out;
-    EXPECT_EQ(0u, out.find("Usage: ")) << out;
   }
 }
 
-TEST(TevdEndToEndTest, SignalsStopCleanlyAndSigpipeIsIgnored) {
-  for (int sig : {SIGTERM, SIGINT}) {
-    ScratchRoot root;
-    MakeHost(root);
-    LogLines log(root);
-    DaemonProcess d(root, {"-e", "-e"});
-    ASSERT_TRUE(d.WaitReady());
-    d.Signal(SIGPIPE);
-    usleep(100000);
-    ASSERT_TRUE(d.Running());
-    d.Signal(sig);
-    ASSERT_TRUE(d.Wait(5000));
-    ASSERT_TRUE(WIFEXITED(d.status()));
-    EXPECT_EQ(0, WEXITSTATUS(d.status()));
-    EXPECT_NE("", log.WaitFor("Exiting due to signal."));
-    EXPECT_NE("", log.WaitFor("Exiting. rc:0"));
-    std::string enabled;
-    ASSERT_TRUE(root.Read("platform/options/Misc/TevAsyncEnable", &enabled));
-    EXPECT_EQ("1", enabled.substr(0, 1));
-  }
+// SIGTERM's clean exit is checked at the end of every reliability test.
+TEST_F(TevdEndToEndTest, SigintStopsCleanlySigpipeIsIgnoredAndDashEEnables) {
+  ASSERT_TRUE(Start({"-e", "-e"})) << tevd_->Stderr();
+  tevd_->Signal(SIGPIPE);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  ASSERT_TRUE(tevd_->Running());
+  tevd_->Signal(SIGINT);
+  EXPECT_EQ(0, tevd_->ExitCode(5000));
+  EXPECT_NE("", log_->WaitFor("Exiting due to signal."));
+  EXPECT_NE("", log_->WaitFor("Exiting. rc:0"));
+  std::string enabled;
+  ASSERT_TRUE(root_.Read("platform/options/Misc/TevAsyncEnable", &enabled));
+  EXPECT_EQ("1", enabled.substr(0, 1));
 }
 
-TEST(TevdEndToEndTest, NinthUserConnectionIsClosedAndMovedConnectionStaysServed) {
-  ScratchRoot root;
-  MakeHost(root);
-  LogLines log(root);
-  DaemonProcess d(root);
-  ASSERT_TRUE(d.WaitReady());
+TEST_F(TevdEndToEndTest, NinthUserConnectionIsClosedAndMovedConnectionStaysServed) {
+  ASSERT_TRUE(Start()) << tevd_->Stderr();
   std::vector<int> fds;
   for (int i = 0; i < 8; ++i) {
-    int fd = ConnectUserTimed(root);
-    ASSERT_GE(fd, 0);
-    fds.push_back(fd);
-    // Make sure the daemon accepted it before the next one.
-    ASSERT_TRUE(SendText(fd, "tev.vm.conn." + std::to_string(i), "hello " + std::to_string(i)));
-    ASSERT_NE("", log.WaitFor("hello " + std::to_string(i)));
+    fds.push_back(ConnectUserTimed(root_));
+    // Accepted before the next one comes.
+    ASSERT_TRUE(SendText(fds.back(), "tev.vm.conn", "hello " + std::to_string(i)));
+    ASSERT_NE("", log_->WaitFor("hello " + std::to_string(i)));
   }
-  int ninth = ConnectUserTimed(root);
-  ASSERT_GE(ninth, 0);
+  int ninth = ConnectUserTimed(root_);
   char c;
   EXPECT_EQ(0, recv(ninth, &c, 1, 0));  // closed at once by the daemon
   close(ninth);
   // Close a middle one: the last connection moves into its slot and is served.
   close(fds[3]);
-  usleep(100000);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
   ASSERT_TRUE(SendText(fds[7], "tev.vm.moved", "moved connection"));
-  EXPECT_NE("", log.WaitFor("[tev.vm.moved] moved connection"));
+  EXPECT_NE("", log_->WaitFor("[tev.vm.moved] moved connection"));
   // A slot is free again: a new client is accepted and served.
-  int again = ConnectUserTimed(root);
-  ASSERT_TRUE(SendText(again, "tev.vm.again", "new client"));
-  EXPECT_NE("", log.WaitFor("[tev.vm.again] new client"));
-  for (int fd : fds) {
-    close(fd);
-  }
-  close(again);
-  d.Signal(SIGTERM);
-  ASSERT_TRUE(d.Wait(5000));
-  EXPECT_EQ(0, WEXITSTATUS(d.status()));
+  fds[3] = ConnectUserTimed(root_);
+  ASSERT_TRUE(SendText(fds[3], "tev.vm.again", "new client"));
+  EXPECT_NE("", log_->WaitFor("[tev.vm.again] new client"));
+  for (int fd : fds) close(fd);
+  ExpectCleanExit(*tevd_, 5000);
 }
 
-TEST(TevdEndToEndTest, OversizedRecordResetsItsContextAndTheDaemonGoesOn) {
-  ScratchRoot root;
-  MakeHost(root);
-  LogLines log(root);
-  DaemonProcess d(root);
-  ASSERT_TRUE(d.WaitReady());
-  std::string big(131200, 'b');
-  std::vector<uint8_t> huge = TevRecord_Encode("tev.swap.huge", "h", 1, {MsgFmt_Value::Str(big)});
-  ASSERT_GT(huge.size(), 131072u);
-  ASSERT_EQ(0, TevRecord_Post(3, huge));
-  // The reset discards whatever is pending on that context: let it happen first.
-  usleep(300000);
-  std::vector<uint8_t> ok = TevRecord_Encode("tev.swap.after", "after the reset", 1, {});
-  ASSERT_EQ(0, TevRecord_Post(3, ok));
-  EXPECT_NE("", log.WaitFor("[tev.swap.after] after the reset"));
-  EXPECT_TRUE(d.Running());
-  d.Signal(SIGTERM);
-  ASSERT_TRUE(d.Wait(5000));
-  EXPECT_EQ(0, WEXITSTATUS(d.status()));
+TEST_F(SocketAccessE2ETest, EveryContextHasItsSocketAndNoneIsWorldWritable) {
+  ASSERT_TRUE(Start()) << tevd_->Stderr();
+  EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::UserContext)));
+  EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::Trace)));
+  // A context table that opened one domain twice would leave another without a socket.
+  for (uint32_t domain = 0; domain <= 21; ++domain) {
+    EXPECT_EQ(0600, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::AsyncContext,
+                                                      domain)))
+        << "domain " << domain;
+  }
+  int fd = ConnectUser(root_);
+  char expected[128];
+  snprintf(expected, sizeof expected, "User-level connection from pid %d uid %u gid %u",
+           static_cast<int>(getpid()), static_cast<unsigned>(getuid()),
+           static_cast<unsigned>(getgid()));
+  std::string line = log_->WaitFor("User-level connection from");
+  EXPECT_NE(std::string::npos, line.find(expected)) << "got: " << line;
+  close(fd);
+  ExpectCleanExit(*tevd_, 5000);
 }

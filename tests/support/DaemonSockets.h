@@ -1,6 +1,4 @@
-// Sockets and host model shared by the end-to-end tests of the real daemon:
-// a root the daemon accepts, and producers on its user-level and
-// asynchronous sockets.
+// The host model the daemon needs at start, and producers on its sockets.
 #pragma once
 
 #include <sys/socket.h>
@@ -8,8 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -29,22 +25,18 @@ inline void MakeHost(const ScratchRoot &root) {
   root.MakeDir("kfs/volumes");
 }
 
+// Senders block while the daemon is behind (the back-pressure under test), never for ever.
 inline int ConnectTo(const std::string &path, int type) {
-  // Senders block while the daemon is behind (that is the back-pressure under
-  // test) but never forever.
   struct timeval tv = {30, 0};
   return PlatformSocket_Connect(path, type, &tv);
 }
-
 inline int ConnectUser(const ScratchRoot &root) {
   return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext),
                    SOCK_SEQPACKET);
 }
-
 inline int ConnectTrace(const ScratchRoot &root) {
   return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
 }
-
 // A connected datagram socket on asynchronous context `domain` (0..21).
 inline int ConnectAsync(const ScratchRoot &root, int domain) {
   return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext,
@@ -53,13 +45,9 @@ inline int ConnectAsync(const ScratchRoot &root, int domain) {
 }
 
 inline bool SendRecord(int fd, const std::vector<uint8_t> &r) {
-  for (;;) {
-    ssize_t n = send(fd, r.data(), r.size(), MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    return n == static_cast<ssize_t>(r.size());
-  }
+  ssize_t n;
+  while ((n = send(fd, r.data(), r.size(), MSG_NOSIGNAL)) < 0 && errno == EINTR) {}
+  return n == static_cast<ssize_t>(r.size());
 }
 
 }  // namespace tevdtest

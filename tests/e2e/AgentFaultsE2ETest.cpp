@@ -62,7 +62,6 @@ TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOlde
 
   // The agent is back: the next pass delivers B1..B3, each once.
   AgentStandIn agent(root_, AgentStandIn::Read);
-  ASSERT_TRUE(agent.ok());
   const std::string sent2 = "Successfully sent event (kos.problem.test.test2) after ";
   ASSERT_TRUE(log_->WaitCount(sent2, 3, kWait));
   for (const std::string &l : log_->Matching(sent2)) {
@@ -82,7 +81,6 @@ TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOlde
   ASSERT_TRUE(log_->WaitCount(Failures(t0, 2), 2, kWait));
   EXPECT_EQ(bFailures, log_->Count("Failed to send event (kos.problem.test.test2)"));
   AgentStandIn again(root_, AgentStandIn::Read);
-  ASSERT_TRUE(again.ok());
   ASSERT_TRUE(Eventually([&] { return again.Messages().size() >= 1; }, kWait));
   close(user);
   ExpectCleanExit(*tevd_, kWait);
@@ -105,7 +103,6 @@ TEST_F(AgentFaultsE2ETest, AgentThatNeverReadsDoesNotStallTheDaemonAndAWorkingOn
   const size_t kEvents = 60;
   {
     AgentStandIn mute(root_, AgentStandIn::HoldUnread);
-    ASSERT_TRUE(mute.ok());
     for (size_t i = 0; i < kEvents; ++i) ASSERT_TRUE(SendRecord(user, Test2(static_cast<int>(i))));
     // Each event fits in the socket's buffer: the send completes unread.
     ASSERT_TRUE(log_->WaitCount("[kos.problem.test.test2] Test with both ", kEvents, kWait));
@@ -116,7 +113,6 @@ TEST_F(AgentFaultsE2ETest, AgentThatNeverReadsDoesNotStallTheDaemonAndAWorkingOn
     ASSERT_TRUE(log_->WaitCount("[tev.vm.during] while mute", 1, kWait));
   }
   AgentStandIn agent(root_, AgentStandIn::Read);
-  ASSERT_TRUE(agent.ok());
   std::map<std::string, int> expect;
   for (int i = 100; i < 105; ++i) {
     ASSERT_TRUE(SendRecord(user, Test2(i)));

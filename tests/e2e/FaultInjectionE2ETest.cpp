@@ -1,8 +1,10 @@
 // Fault injection against the real daemon: stuck peers, local users posing as the kernel,
 // resource exhaustion and the buffer's edge. Each test names the defect it once had;
 // docs/reliability.md lists the outcomes.
+#include <dirent.h>
+#include <grp.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -86,17 +88,7 @@ class Flood {
   std::thread thread_;
 };
 
-class FaultInjectionE2ETest : public DaemonTest {
- protected:
-  void ExpectPromptExit() {
-    auto start = std::chrono::steady_clock::now();
-    ExpectCleanExit(*tevd_, kExitMs);
-    RecordProperty("exit_ms",
-                   static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                        std::chrono::steady_clock::now() - start)
-                                        .count()));
-  }
-};
+using FaultInjectionE2ETest = DaemonTest;
 
 }  // namespace
 
@@ -104,16 +96,14 @@ class FaultInjectionE2ETest : public DaemonTest {
 // retried EINTR for ever and ignored SIGTERM.
 TEST_F(FaultInjectionE2ETest, SigtermWhileTheReaderWaitsOnAFullAgentPipe) {
   AgentStandIn agent(root_, AgentStandIn::Stuck);
-  ASSERT_TRUE(agent.ok());
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   int user = ConnectUser(root_);
-  ASSERT_GE(user, 0);
   // 1 KiB records: far more than the pipe and the socket buffers hold.
   Flood flood(user, 3000, [](int i) { return Event(i, 1000); });
   ASSERT_TRUE(log_->WaitCount("[tev.user.test.test2]", 1, kWait));
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   EXPECT_FALSE(flood.done()) << "the reader never had to wait";
-  ExpectPromptExit();
+  ExpectCleanExit(*tevd_, kExitMs);
   shutdown(user, SHUT_RDWR);
   flood.Join();
   close(user);
@@ -137,13 +127,14 @@ TEST_F(FaultInjectionE2ETest, ShutdownWithinTwoSecondsBehindAStuckRetryPass) {
   ASSERT_TRUE(SendRecord(user, Event(2)));
   ASSERT_TRUE(log_->WaitCount(kQueued, 2, kWait));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  ExpectPromptExit();
+  ExpectCleanExit(*tevd_, kExitMs);
   close(user);
 }
 
-// Defect: a zero-length message or a half-closed connection stayed readable for ever: 100% CPU,
-// and eight of them took every user-level slot.
-TEST_F(FaultInjectionE2ETest, EmptyMessagesAndHalfClosedConnectionsAreClosedWithALine) {
+// Defects: a zero-length message or a half-closed connection stayed readable for ever (100% CPU,
+// and eight of them took every user-level slot); with no descriptor left, a failed accept left
+// the listener readable: a busy loop and one log line per attempt.
+TEST_F(FaultInjectionE2ETest, EmptyMessagesAndDescriptorExhaustionNeitherSpinNorFloodTheLog) {
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   std::vector<int> bad;
   for (int i = 0; i < 8; ++i) {
@@ -156,20 +147,8 @@ TEST_F(FaultInjectionE2ETest, EmptyMessagesAndHalfClosedConnectionsAreClosedWith
   int good = ConnectUser(root_);  // a slot is free again
   ASSERT_TRUE(SendRecord(good, Vm("after the bad connections")));
   EXPECT_TRUE(log_->WaitCount("[tev.vm.fault] after the bad connections", 1, kWait));
-  bad.push_back(good);
+  bad.push_back(good);  // the log's socket is made too (on first use)
   for (int fd : bad) close(fd);
-  ExpectPromptExit();
-}
-
-// Defect: with no descriptor left, a failed accept left the listener readable: a busy loop and
-// one log line per attempt.
-TEST_F(FaultInjectionE2ETest, DescriptorExhaustionNeitherSpinsNorFloodsTheLog) {
-  ASSERT_TRUE(Start()) << tevd_->Stderr();
-  // A first log line makes the log's socket (it is made on first use).
-  int first = ConnectUser(root_);
-  ASSERT_TRUE(SendRecord(first, Vm("before")));
-  ASSERT_TRUE(log_->WaitCount("[tev.vm.fault] before", 1, kWait));
-  close(first);
   // The lowest free descriptor number becomes the limit: no new one fits.
   std::set<int> used;
   if (DIR *dir = opendir(("/proc/" + std::to_string(tevd_->pid()) + "/fd").c_str())) {
@@ -194,7 +173,7 @@ TEST_F(FaultInjectionE2ETest, DescriptorExhaustionNeitherSpinsNorFloodsTheLog) {
   for (int fd : clients) close(fd);  // each was dropped by way of the reserve, or waited
   TraceReader later(root_);          // descriptors again: served as before
   EXPECT_TRUE(later.WaitLive(kWait));
-  ExpectPromptExit();
+  ExpectCleanExit(*tevd_, kExitMs);
 }
 
 // Defect: an agent that listens and never accepts held a correlator in connect for ever; its
@@ -209,7 +188,8 @@ TEST_F(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent
   int user = ConnectUser(root_), async = ConnectAsync(root_, 4);
   ASSERT_TRUE(trace.ok() && user >= 0 && async >= 0);
   const int kEvents = Scaled(600);  // under the limit of 1000 events a minute
-  std::vector<double> latencies;
+  double worst = 0;
+  int slow = 0;
   {
     Flood flood(user, kEvents, [](int i) { return Event(i, 200); });
     for (int i = 0; i < 40; ++i) {
@@ -218,20 +198,17 @@ TEST_F(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent
       ASSERT_TRUE(SendRecord(async, Vm(text)));
       ASSERT_TRUE(log_->WaitCount("[tev.vm.fault] " + text + "\n", 1, kWait));
       ASSERT_TRUE(trace.WaitCount(",IN,1,tev.vm.fault,", static_cast<size_t>(i) + 1, kWait));
-      latencies.push_back(
-          std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - sent)
-              .count());
+      std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - sent;
+      worst = std::max(worst, ms.count());
+      slow += ms.count() > 1000;
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   }
-  std::sort(latencies.begin(), latencies.end());
-  RecordProperty("probe_median_ms", static_cast<int>(latencies[latencies.size() / 2]));
-  RecordProperty("probe_max_ms", static_cast<int>(latencies.back()));
-  EXPECT_LT(latencies.back(), 2000.0) << "more than one connect time-out";
-  EXPECT_LT(latencies[latencies.size() / 2], 1000.0);
+  RecordProperty("probe_max_ms", static_cast<int>(worst));
+  EXPECT_LT(worst, 2000.0) << "more than one connect time-out";
+  EXPECT_LT(slow, 20) << "the median probe took more than a second";
   agent.reset();
   AgentStandIn good(root_, AgentStandIn::Read);
-  ASSERT_TRUE(good.ok());
   EXPECT_TRUE(
       Eventually([&] { return good.Messages().size() >= static_cast<size_t>(kEvents); }, kWait));
   std::set<int32_t> seen;
@@ -240,7 +217,7 @@ TEST_F(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent
   }
   // The one event the stuck agent's queue took before it stalled is the agent's to lose.
   EXPECT_GE(seen.size(), static_cast<size_t>(kEvents - 1));
-  ExpectPromptExit();
+  ExpectCleanExit(*tevd_, kExitMs);
   close(user);
   close(async);
 }
@@ -251,7 +228,6 @@ TEST_F(FaultInjectionE2ETest, StoppedLogCollectorDoesNotStallIntake) {
   log_.reset();
   log_ = std::make_unique<LogLines>(root_, LogLines::Stopped);
   AgentStandIn agent(root_, AgentStandIn::Read);
-  ASSERT_TRUE(agent.ok());
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   int user = ConnectUser(root_);
   const size_t kEvents = static_cast<size_t>(Scaled(900));
@@ -268,7 +244,7 @@ TEST_F(FaultInjectionE2ETest, StoppedLogCollectorDoesNotStallIntake) {
       },
       kWait));
   EXPECT_TRUE(log_->WaitCount(" log lines dropped", 1, kWait));
-  ExpectPromptExit();
+  ExpectCleanExit(*tevd_, kExitMs);
   close(user);
 }
 
@@ -336,7 +312,7 @@ TEST_F(FaultInjectionE2ETest, UnprivilegedPeersGetOnlyWhatTheSecurityDocumentGra
   ASSERT_TRUE(SendRecord(fd, Vm("from root")));
   EXPECT_TRUE(log_->WaitCount("[tev.vm.fault] from root", 1, kWait));
   close(fd);
-  ExpectPromptExit();
+  ExpectCleanExit(*tevd_, kExitMs);
 }
 
 // Defect: a trace client that does not read let the daemon's memory grow without bound, and
@@ -344,7 +320,6 @@ TEST_F(FaultInjectionE2ETest, UnprivilegedPeersGetOnlyWhatTheSecurityDocumentGra
 TEST_F(FaultInjectionE2ETest, TraceClientsAreBoundedInPendingBytesAndNumber) {
   ASSERT_TRUE(Start({}, {"TEVD_TRACE_PENDING_MAX=262144"})) << tevd_->Stderr();
   int stalled = ConnectTrace(root_);
-  ASSERT_GE(stalled, 0);
   struct timeval bounded = {kWait / 1000, 0};
   setsockopt(stalled, SOL_SOCKET, SO_RCVTIMEO, &bounded, sizeof bounded);
   // The stalled client's socket buffer absorbs a few hundred kilobytes before anything waits in
@@ -364,14 +339,16 @@ TEST_F(FaultInjectionE2ETest, TraceClientsAreBoundedInPendingBytesAndNumber) {
   for (int i = 0; i < 20; ++i) readers.push_back(std::make_unique<TraceReader>(root_));
   EXPECT_TRUE(log_->WaitCount("Trace client refused: 16 clients already connected", 1, kWait));
   EXPECT_LE(ProcStatus(tevd_->pid(), "Threads"), threads + 2 * 16);
-  readers.clear();
+  readers.clear();  // every serving and writer thread of the clients ends
+  EXPECT_TRUE(Eventually([&] { return ProcStatus(tevd_->pid(), "Threads") == threads; }, kWait));
   close(user);
-  ExpectPromptExit();
+  ExpectCleanExit(*tevd_, kExitMs);
 }
 
-// Defect: a read that filled the 131072-byte buffer exactly was dropped without a word, on both
-// socket types.
-TEST_F(FaultInjectionE2ETest, ARecordsReadFillingTheBufferExactlyIsHandled) {
+// The smaller defects: a read that filled the 131072-byte buffer exactly was dropped without a
+// word; an oversized user-level record and garbage went unexplained; terminating signals reached
+// other threads than the reader.
+TEST_F(FaultInjectionE2ETest, SmallerFaultsAreExplainedAndSignalsReachOnlyTheReader) {
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   std::vector<uint8_t> edge = RecordOfSize(16384);
   ASSERT_EQ(16384u, edge.size());
@@ -388,14 +365,6 @@ TEST_F(FaultInjectionE2ETest, ARecordsReadFillingTheBufferExactlyIsHandled) {
     EXPECT_TRUE(log_->WaitCount("[tev.vm.fault] xxxx", 8 * round, 5000));
     close(fd);
   }
-  ExpectPromptExit();
-}
-
-// The smaller defects: an oversized user-level record, garbage and a failing -e explained in
-// the log (the oversized record's connection closed, the others served); terminating signals
-// blocked in every thread but the reader.
-TEST_F(FaultInjectionE2ETest, SmallerFaultsAreExplainedAndSignalsReachOnlyTheReader) {
-  ASSERT_TRUE(Start()) << tevd_->Stderr();
   TraceReader trace(root_);  // its two threads count as workers too
   ASSERT_TRUE(trace.WaitLive(kWait));
   int big = ConnectUser(root_), other = ConnectUser(root_);
@@ -432,16 +401,5 @@ TEST_F(FaultInjectionE2ETest, SmallerFaultsAreExplainedAndSignalsReachOnlyTheRea
   ASSERT_GE(masks.size(), 3u);
   const unsigned long long kTerm = 1ull << (SIGTERM - 1), kInt = 1ull << (SIGINT - 1);
   for (unsigned long long m : masks) EXPECT_EQ(kTerm | kInt, m & (kTerm | kInt)) << std::hex << m;
-  ExpectPromptExit();
-
-  // -e with an option that cannot be written.
-  ScratchRoot broken;
-  MakeHost(broken);
-  unlink(broken.Abs("platform/options/Misc/TevAsyncEnable").c_str());
-  broken.MakeDir("platform/options/Misc/TevAsyncEnable");
-  LogLines brokenLog(broken);
-  DaemonProcess e(broken, {"-e"});
-  int status = e.ExitCode(kWait);
-  EXPECT_TRUE(status > 0 && status < 128) << status;
-  EXPECT_TRUE(brokenLog.WaitCount("Failed to enable asynchronous observations: ", 1, kWait));
+  ExpectCleanExit(*tevd_, kExitMs);
 }

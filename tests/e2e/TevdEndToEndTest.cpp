@@ -32,7 +32,7 @@ using SocketAccessE2ETest = DaemonTest;
 
 }  // namespace
 
-TEST_F(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZero) {
+TEST_F(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZeroAFailingDashEDoesNot) {
   for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
            {"-h"}, {"--help"}, {"-l", "3"}, {"-t"}, {"--bogus"}, {"-e", "-t"}}) {
     DaemonProcess d(root_, args);
@@ -43,6 +43,13 @@ TEST_F(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZero) {
               out.find(" [options]\nvalid options are:\n\t--help|-h - display this help\n"))
         << out;
   }
+  // -e with an option that cannot be written.
+  unlink(root_.Abs("platform/options/Misc/TevAsyncEnable").c_str());
+  root_.MakeDir("platform/options/Misc/TevAsyncEnable");
+  DaemonProcess e(root_, {"-e"});
+  int status = e.ExitCode(20000);
+  EXPECT_TRUE(status > 0 && status < 128) << status;
+  EXPECT_TRUE(log_->WaitCount("Failed to enable asynchronous observations: ", 1, 20000));
 }
 
 // SIGTERM's clean exit is checked at the end of every reliability test.

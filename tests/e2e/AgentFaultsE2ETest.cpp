@@ -1,6 +1,5 @@
-// Faults of the management agent, with the real daemon: absent at first and back later (the
-// retry pass every 180 s, run at 180 times the speed under libfaketime), and accepting
-// connections without ever reading them.
+// The management agent absent and back later (the 180-second retry pass run at 180 times the
+// speed under libfaketime), and one that accepts connections without ever reading them.
 #include <gtest/gtest.h>
 
 #include "Harness.h"
@@ -70,18 +69,9 @@ TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOlde
     std::string n = LogLines::Text(l).substr(sent2.size());
     EXPECT_TRUE(n == "3 failures." || n == "4 failures." || n == "5 failures.") << l;
   }
-  // C goes straight through; then the agent leaves again and D is queued.
+  // C goes straight through.
   ASSERT_TRUE(SendRecord(user, Test2(4)));
   ASSERT_TRUE(Eventually([&] { return agent.Messages().size() >= 4; }, kWait));
-  agent.Stop();
-  size_t bFailures = log_->Count("Failed to send event (kos.problem.test.test2)");
-  ASSERT_TRUE(SendRecord(user, Test0()));
-  ASSERT_TRUE(log_->WaitCount(Queued(t0), 2, kWait));
-  // The pass that fails D would also show any B still queued: none is.
-  ASSERT_TRUE(log_->WaitCount(Failures(t0, 2), 2, kWait));
-  EXPECT_EQ(bFailures, log_->Count("Failed to send event (kos.problem.test.test2)"));
-  AgentStandIn again(root_, AgentStandIn::Read);
-  ASSERT_TRUE(Eventually([&] { return again.Messages().size() >= 1; }, kWait));
   close(user);
   ExpectCleanExit(*tevd_, kWait);
 
@@ -90,11 +80,7 @@ TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOlde
                                         {"kos.problem.test.test2/3", 1},
                                         {"kos.problem.test.test2/4", 1}}),
             Received(agent));
-  EXPECT_EQ((std::map<std::string, int>{{t0, 1}}), Received(again));
   EXPECT_EQ(1u, log_->Count("Abandoned event ("));
-  const char sent0[] = "Successfully sent event (kos.problem.test.test0) after 2 failures.";
-  EXPECT_TRUE(log_->WaitCount(sent0, 1, kWait));
-  EXPECT_EQ(1u, log_->Count(sent0));
 }
 
 TEST_F(AgentFaultsE2ETest, AgentThatNeverReadsDoesNotStallTheDaemonAndAWorkingOneGetsLaterEvents) {

@@ -1,8 +1,7 @@
-// Faults around the real daemon while observations flow: a trace client that stalls, a context flooded past the 131072-byte buffer ceiling, SIGTERM in a burst and a
-// storm of SIGPIPE. Each test states what may be lost and checks that nothing else is.
+// Faults around the real daemon while observations flow: a context flooded past the 131072-byte buffer ceiling, SIGTERM in a burst and a storm of SIGPIPE. Each
+// test states what may be lost and checks that nothing else is.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 
 #include <algorithm>
 
@@ -34,50 +33,9 @@ using SurroundingsFaultsE2ETest = DaemonTest;
 
 }  // namespace
 
-TEST_F(SurroundingsFaultsE2ETest,
-       TraceClientThatStopsReadingHoldsBackNeitherAnotherClientNorTheCorrelators) {
-  ASSERT_TRUE(Start()) << tevd_->Stderr();
-  int mute = ConnectTrace(root_);
-  TraceReader reader(root_);
-  ASSERT_TRUE(mute >= 0 && reader.WaitLive(kWait));
-  int user = ConnectUser(root_);
-  // About 1 KiB per trace line: far more than the mute client's socket holds.
-  const int n = std::max(Scaled(2000), 600);
-  std::vector<std::string> texts;
-  for (int i = 0; i < n; ++i) {
-    texts.push_back("flow " + std::to_string(i));
-    ASSERT_TRUE(SendRecord(user, Record("tev.vm.flow", texts.back(), 1000)));
-  }
-  ASSERT_TRUE(log_->WaitCount("[tev.vm.flow] ", static_cast<size_t>(n), kWait));
-  ASSERT_TRUE(reader.WaitCount(",IN,1,tev.vm.flow,,", static_cast<size_t>(n), kWait));
-  ExpectEachOnce(HandledTexts(*log_, "tev.vm.flow"), texts);
-  // The mute client is genuinely behind: its socket holds less than was made.
-  int queued = 0;
-  ASSERT_EQ(0, ioctl(mute, FIONREAD, &queued));
-  EXPECT_LT(static_cast<size_t>(queued), static_cast<size_t>(n) * 1000);
-  // Once it reads again it gets every line: the daemon kept them pending.
-  std::string all;
-  char buf[65536];
-  int lines = 0;
-  struct timeval tv = {10, 0};
-  setsockopt(mute, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  while (lines < n) {
-    ssize_t got = read(mute, buf, sizeof buf);
-    ASSERT_GT(got, 0) << "after " << lines << " lines";
-    all.append(buf, static_cast<size_t>(got));
-    for (size_t nl; (nl = all.find('\n')) != std::string::npos; all.erase(0, nl + 1)) {
-      lines += all.find(",IN,1,tev.vm.flow,,") < nl;
-    }
-  }
-  EXPECT_EQ(n, lines);
-  close(mute);
-  close(user);
-  reader.Close();
-  EXPECT_EQ(0u, log_->Count("Unexpected write error"));
-  ExpectCleanExit(*tevd_, kWait);
-}
-
-TEST_F(SurroundingsFaultsE2ETest, ContextFloodedPastTheBufferCeilingLosesNothing) {
+// A flood past the ceiling loses nothing; a record above it resets its context, which costs
+// only what was pending at the reset.
+TEST_F(SurroundingsFaultsE2ETest, ContextFloodedPastTheBufferCeilingLosesOnlyWhatAResetDrops) {
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   // Four producers on one context with records of 100 bytes to 100 KiB: ten of them pending
   // are far more than the 131072-byte buffer takes at once.
@@ -86,64 +44,46 @@ TEST_F(SurroundingsFaultsE2ETest, ContextFloodedPastTheBufferCeilingLosesNothing
   std::atomic<int> failed{0};
   std::vector<std::thread> threads;
   for (int p = 0; p < producers; ++p) {
-    for (int i = 0; i < each; ++i)
-      texts.push_back("flood " + std::to_string(p) + "/" + std::to_string(i));
+    for (int i = 0; i < each; ++i) texts.push_back(std::to_string(p) + "/" + std::to_string(i));
     threads.emplace_back([&, p] {
       int fd = ConnectAsync(root_, 9);
       unsigned seed = 7u + static_cast<unsigned>(p);
       for (int i = 0; i < each; ++i) {
-        std::string text = "flood " + std::to_string(p) + "/" + std::to_string(i);
-        failed += !SendRecord(fd, Record("tev.hardware.flood", text, 100 + rand_r(&seed) % 100000));
+        failed += !SendRecord(
+            fd, Record("tev.hardware.flood", std::to_string(p) + "/" + std::to_string(i),
+                       100 + rand_r(&seed) % 100000));
       }
       close(fd);
     });
   }
   for (std::thread &t : threads) t.join();
   ASSERT_EQ(0, failed.load());
-  ASSERT_TRUE(log_->WaitCount("[tev.hardware.flood] ", texts.size(), kWait))
-      << log_->Count("[tev.hardware.flood] ") << " of " << texts.size();
+  ASSERT_TRUE(log_->WaitCount("[tev.hardware.flood] ", texts.size(), kWait));
   ExpectEachOnce(HandledTexts(*log_, "tev.hardware.flood"), texts);
-  ExpectCleanExit(*tevd_, kWait);
-}
 
-TEST_F(SurroundingsFaultsE2ETest, RecordAboveTheCeilingInAFloodCostsOnlyWhatWasPendingAtTheReset) {
-  ASSERT_TRUE(Start()) << tevd_->Stderr();
   int fd = ConnectAsync(root_, 11);
   int sndbuf = 4 << 20;
   setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
   const int n = std::max(Scaled(400), 40);
-  std::vector<std::string> expected;
+  texts.clear();
   auto send = [&](const std::string &phase) {
     for (int i = 0; i < n; ++i) {
-      expected.push_back(phase + std::to_string(i));
-      ASSERT_TRUE(SendRecord(fd, Record("tev.swap.flood", expected.back(), 5000)));
+      texts.push_back(phase + std::to_string(i));
+      ASSERT_TRUE(SendRecord(fd, Record("tev.swap.flood", texts.back(), 5000)));
     }
   };
   send("before ");
   ASSERT_TRUE(SendRecord(fd, Record("tev.swap.flood", "huge", 131200)));
   // Probes go on until one is handled: from then on the reset is over.
-  int probes = 0;
-  ASSERT_TRUE(Eventually(
-      [&] {
-        SendRecord(fd, Record("tev.swap.flood", "probe " + std::to_string(probes++)));
-        return log_->Count("[tev.swap.flood] probe ") > 0;
-      },
-      kWait));
+  for (int probe = 0; log_->Count("[tev.swap.probe] ") == 0; ++probe) {
+    ASSERT_LT(probe, kWait / 5) << "no probe came through after the reset";
+    SendRecord(fd, Record("tev.swap.probe", std::to_string(probe)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
   send("after ");
   ASSERT_TRUE(log_->WaitCount("[tev.swap.flood] after ", static_cast<size_t>(n), kWait));
-  std::map<std::string, int> got = HandledTexts(*log_, "tev.swap.flood");
-  size_t probesGot = 0;
-  for (auto it = got.begin(); it != got.end();) {
-    if (it->first.rfind("probe ", 0) != 0) {
-      ++it;
-      continue;
-    }
-    EXPECT_EQ(1, it->second) << it->first;
-    ++probesGot;
-    it = got.erase(it);
-  }
-  ExpectEachOnce(got, expected);  // never the huge one
-  EXPECT_LE(probesGot, static_cast<size_t>(probes));
+  ExpectEachOnce(HandledTexts(*log_, "tev.swap.flood"), texts);  // never the huge one
+  for (const auto &probe : HandledTexts(*log_, "tev.swap.probe")) EXPECT_EQ(1, probe.second);
   close(fd);
   ExpectCleanExit(*tevd_, kWait);
 }
@@ -170,14 +110,11 @@ TEST_F(SurroundingsFaultsE2ETest, SigtermDuringABurstExitsWithStatusZero) {
     });
   }
   ASSERT_TRUE(log_->WaitCount(".burst] ", static_cast<size_t>(Scaled(2000)), kWait));
-  tevd_->Signal(SIGTERM);
-  int status = tevd_->ExitCode(kWait);
+  ExpectCleanExit(*tevd_, kWait);
   stop = true;
   for (std::thread &t : producers) t.join();
-  EXPECT_EQ(0, status) << tevd_->Stderr();
   EXPECT_TRUE(log_->WaitCount("Exiting due to signal.", 1, kWait));
   EXPECT_TRUE(log_->WaitCount("Exiting. rc:0", 1, kWait));
-  EXPECT_EQ("", SanitizerReport(tevd_->Stderr()));
   EXPECT_LE(log_->Count(".burst] "), static_cast<size_t>(sent.load()));
 }
 

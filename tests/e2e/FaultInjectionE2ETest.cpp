@@ -68,25 +68,21 @@ int AsNobody(bool inGroup, const std::function<int()> &body) {
   return !WIFEXITED(st) || WEXITSTATUS(st) == 125 ? -1 : WEXITSTATUS(st);
 }
 
-// Sends records from a thread of its own (the daemon may hold the sender back).
-class Flood {
- public:
-  Flood(int fd, int count, std::function<std::vector<uint8_t>(int)> make)
-      : thread_([=] {
-          for (int i = 0; i < count && SendRecord(fd, make(i)); ++i) {}
-          done_ = true;
-        }) {}
-  ~Flood() { Join(); }
-  // Before the descriptor is closed: a send still under way would race it.
-  void Join() {
-    if (thread_.joinable()) thread_.join();
+// A thread joined when it goes out of scope, also when an assertion leaves the test early.
+struct JoinedThread : std::thread {
+  using std::thread::thread;
+  ~JoinedThread() {
+    if (joinable()) join();
   }
-  bool done() const { return done_; }
-
- private:
-  std::atomic<bool> done_{false};
-  std::thread thread_;
 };
+
+// Sends `count` records from a thread of its own (the daemon may hold the sender back).
+JoinedThread Flood(int fd, int count, size_t pad, std::atomic<bool> *done) {
+  return JoinedThread([=] {
+    for (int i = 0; i < count && SendRecord(fd, Event(i, pad)); ++i) {}
+    *done = true;
+  });
+}
 
 using FaultInjectionE2ETest = DaemonTest;
 
@@ -99,13 +95,14 @@ TEST_F(FaultInjectionE2ETest, SigtermWhileTheReaderWaitsOnAFullAgentPipe) {
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   int user = ConnectUser(root_);
   // 1 KiB records: far more than the pipe and the socket buffers hold.
-  Flood flood(user, 3000, [](int i) { return Event(i, 1000); });
+  std::atomic<bool> done{false};
+  JoinedThread flood = Flood(user, 3000, 1000, &done);
   ASSERT_TRUE(log_->WaitCount("[tev.user.test.test2]", 1, kWait));
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  EXPECT_FALSE(flood.done()) << "the reader never had to wait";
+  EXPECT_FALSE(done) << "the reader never had to wait";
   ExpectCleanExit(*tevd_, kExitMs);
   shutdown(user, SHUT_RDWR);
-  flood.Join();
+  flood.join();
   close(user);
 }
 
@@ -190,20 +187,20 @@ TEST_F(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent
   const int kEvents = Scaled(600);  // under the limit of 1000 events a minute
   double worst = 0;
   int slow = 0;
-  {
-    Flood flood(user, kEvents, [](int i) { return Event(i, 200); });
-    for (int i = 0; i < 40; ++i) {
-      std::string text = "probe " + std::to_string(i);
-      auto sent = std::chrono::steady_clock::now();
-      ASSERT_TRUE(SendRecord(async, Vm(text)));
-      ASSERT_TRUE(log_->WaitCount("[tev.vm.fault] " + text + "\n", 1, kWait));
-      ASSERT_TRUE(trace.WaitCount(",IN,1,tev.vm.fault,", static_cast<size_t>(i) + 1, kWait));
-      std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - sent;
-      worst = std::max(worst, ms.count());
-      slow += ms.count() > 1000;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
+  std::atomic<bool> done{false};
+  JoinedThread flood = Flood(user, kEvents, 200, &done);
+  for (int i = 0; i < 40; ++i) {
+    std::string text = "probe " + std::to_string(i);
+    auto sent = std::chrono::steady_clock::now();
+    ASSERT_TRUE(SendRecord(async, Vm(text)));
+    ASSERT_TRUE(log_->WaitCount("[tev.vm.fault] " + text + "\n", 1, kWait));
+    ASSERT_TRUE(trace.WaitCount(",IN,1,tev.vm.fault,", static_cast<size_t>(i) + 1, kWait));
+    std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - sent;
+    worst = std::max(worst, ms.count());
+    slow += ms.count() > 1000;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
+  flood.join();
   RecordProperty("probe_max_ms", static_cast<int>(worst));
   EXPECT_LT(worst, 2000.0) << "more than one connect time-out";
   EXPECT_LT(slow, 20) << "the median probe took more than a second";

@@ -16,11 +16,6 @@ int BindUnix(const std::string &path, int type) {
   return PlatformSocket_Listen(path, how);
 }
 
-int BindAsync0(const ScratchRoot &root) {
-  return BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext, 0),
-                  SOCK_DGRAM);
-}
-
 // One datagram or message within `ms`; empty when none came.
 std::vector<uint8_t> Receive(int fd, int ms) {
   pollfd p = {fd, POLLIN, 0};
@@ -30,18 +25,10 @@ std::vector<uint8_t> Receive(int fd, int ms) {
   return buf;
 }
 
-void SendAll(int fd, const std::vector<uint8_t> &bytes) {
-  for (size_t off = 0; off < bytes.size();) {
-    ssize_t n = send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
-    ASSERT_GT(n, 0);
-    off += static_cast<size_t>(n);
-  }
-}
-
 // Connects to the stream socket at `path`, sends `bytes` and hangs up.
 void SendTo(const std::string &path, const std::vector<uint8_t> &bytes) {
   int fd = PlatformSocket_Connect(path, SOCK_STREAM);
-  SendAll(fd, bytes);
+  EXPECT_TRUE(SendRecord(fd, bytes));
   close(fd);
 }
 
@@ -49,7 +36,8 @@ void SendTo(const std::string &path, const std::vector<uint8_t> &bytes) {
 
 TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
   ScratchRoot root;
-  int fd = BindAsync0(root);
+  int fd =
+      BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext), SOCK_DGRAM);
   RunResult r = RunTevctl(root, {"post", "--ts", "1700000000123456", "tev.net.test.typed",
                                  "nic %s speed %d big %ld u %u ul %lu hex %x f %f", "hwnic0", "-5",
                                  "-9000000000", "7", "18446744073709551615", "0xdeadbeef", "1.5"});
@@ -63,15 +51,9 @@ TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
   EXPECT_EQ(v.message,
             "nic hwnic0 speed -5 big -9000000000 u 7 ul 18446744073709551615 hex deadbeef f "
             "1.500000");
-  std::vector<MsgFmt_Value> want = {MsgFmt_Value::Str("hwnic0"),
-                                    MsgFmt_Value::I32(-5),
-                                    MsgFmt_Value::I64(-9000000000ll),
-                                    MsgFmt_Value::U32(7),
-                                    MsgFmt_Value::U64(18446744073709551615ull),
-                                    MsgFmt_Value::U32(0xdeadbeefu),
-                                    MsgFmt_Value::Dbl(1.5)};
-  ASSERT_EQ(v.args.size(), want.size());
-  for (size_t i = 0; i < want.size(); ++i) EXPECT_TRUE(v.args[i] == want[i]) << "argument " << i;
+  EXPECT_EQ(ArgsText(v.args),
+            (std::vector<std::string>{"S:hwnic0", "I:-5", "L:-9000000000", "U:7",
+                                      "UL:18446744073709551615", "U:3735928559", "D:1.5"}));
 }
 
 TEST(TevctlPost, BadInputExitsNonZeroWithOneLineReasonAndSendsNothing) {
@@ -87,7 +69,8 @@ TEST(TevctlPost, BadInputExitsNonZeroWithOneLineReasonAndSendsNothing) {
       {{"post", "--bogus", "tev.a.b", "x"}, "unknown option --bogus"},
   };
   ScratchRoot root;
-  int fd = BindAsync0(root);
+  int fd =
+      BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext), SOCK_DGRAM);
   ASSERT_GE(fd, 0);
   for (const auto &c : cases) {
     RunResult r = RunTevctl(root, c.args);
@@ -100,30 +83,23 @@ TEST(TevctlPost, BadInputExitsNonZeroWithOneLineReasonAndSendsNothing) {
   close(fd);
 }
 
-// A qprob message built byte by byte: ts 1000, host UUID text at 16, total length 123 = 72 + 16
-// (identifier with NUL) + 35 (two slots + "ab\0").
+// A qprob message built byte by byte: ts 1000, host identity at 16, total length 123 = 72 + 16
+// (identifier with NUL) + 35 (a string slot, an int32 slot and "ab\0").
 std::vector<uint8_t> HandBuiltQprob() {
-  std::vector<uint8_t> m = {0xe8, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};  // ts, reserved
-  const char uuid[] = "01234567-89ab-cdef-0123-456789abcdef";                    // 16: 36 + NUL
-  m.insert(m.end(), uuid, uuid + 37);
-  const uint8_t rest[] = {
-      0,    0,    0,                                // 53: identity's last byte, padding
-      123,  0,    0,    0,    2,    0,    0,    0,  // 56: total length, argument count
-      16,   0,    0,    0,                          // 64: identifier length with NUL
-      'k',  'o',  's',  '.',  'p',  'r',  'o',  'b',
-      'l',  'e',  'm',  '.',  't',  '.',  'x',  0,  // 68
-      6,    0,    0,    0,    2,    0,    0,    0,
-      32,   0,    0,    0,    0,    0,    0,    0,  // "ab" at 32
-      1,    0,    0,    0,    0,    0,    0,    0,
-      0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,  // -2
-      'a',  'b',  0,    0,    0,    0,    0,           // zero bytes that complete the total length
-  };
-  m.insert(m.end(), rest, rest + sizeof rest);
+  std::vector<uint8_t> m(123, 0);
+  auto put = [&](size_t at, const char *bytes, size_t n) { memcpy(&m[at], bytes, n); };
+  m[0] = 0xe8, m[1] = 3;                                // time stamp 1000 us
+  put(16, "01234567-89ab-cdef-0123-456789abcdef", 37);  // host identity, NUL, 2 bytes padding
+  m[56] = 123, m[60] = 2, m[64] = 16;                   // length, arguments, identifier length
+  put(68, "kos.problem.t.x", 16);
+  m[84] = 6, m[88] = 2, m[92] = 32;  // string of 2 characters at 32
+  m[100] = 1;                        // int32 -2
+  put(108, "\xfe\xff\xff\xff\xff\xff\xff\xff", 8);
+  put(116, "ab", 3);
   return m;
 }
 
 TEST(TevctlSink, DecodesHandBuiltMessageAndSurvivesMalformedOnes) {
-  ASSERT_EQ(HandBuiltQprob().size(), 123u);
   ScratchRoot root;
   Process sink(root, TevctlBin(), {"sink", "--count", "3", "--timeout", "5"}, {}, "sink");
   std::string sock = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent);
@@ -219,7 +195,7 @@ TEST(TevctlTrace, CopiesStreamAndStopsAfterHistoryOnRequest) {
     pollfd p = {lfd, POLLIN, 0};
     ASSERT_EQ(poll(&p, 1, 2000), 1);
     int cfd = accept(lfd, nullptr, nullptr);
-    SendAll(cfd, std::vector<uint8_t>(stream.begin(), stream.end()));
+    ASSERT_TRUE(SendRecord(cfd, std::vector<uint8_t>(stream.begin(), stream.end())));
     // With --history it must stop by itself while the daemon's side stays open.
     if (!historyOnly) close(cfd);
     EXPECT_EQ(c.ExitCode(2000), 0);

@@ -68,22 +68,12 @@ TEST_F(NotifyE2ETest, ReadyAfterSocketsWatchdogOnlyWhileTheLoopRunsStoppingOnSig
 #endif
   NotifyListener notify(root_);
   // A keep-alive every 100 ms.
-  tevd_ = std::make_unique<DaemonProcess>(
-      root_, std::vector<std::string>{},
-      std::vector<std::string>{"NOTIFY_SOCKET=" + notify.path(), "WATCHDOG_USEC=200000"});
+  ASSERT_TRUE(Start({}, {"NOTIFY_SOCKET=" + notify.path(), "WATCHDOG_USEC=200000"}));
   ASSERT_TRUE(notify.WaitCount("READY=1", 1, kWait)) << tevd_->Stderr();
   EXPECT_TRUE(notify.socketsAtReady);
 
-  // Idle: the poll loop wakes for the keep-alive by itself.
-  size_t before = notify.Count("WATCHDOG=1");
-  auto idleStart = std::chrono::steady_clock::now();
-  ASSERT_TRUE(notify.WaitCount("WATCHDOG=1", before + 10, kWait));
-  auto idleMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::chrono::steady_clock::now() - idleStart)
-                    .count();
-  EXPECT_GE(idleMs, 800) << "ten keep-alives at 100 ms apart came too fast";
-  EXPECT_LT(idleMs, 5000) << "the idle loop did not wake for its keep-alives";
-
+  // Idle: the poll loop wakes for the keep-alive by itself (its schedule is unit-tested).
+  ASSERT_TRUE(notify.WaitCount("WATCHDOG=1", 3, kWait));
   // Stuck: the user-level agent blocks in its post, its pipe fills, and the reader blocks
   // writing to it.
   AgentStandIn agent(root_, AgentStandIn::Stuck);

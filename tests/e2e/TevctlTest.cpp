@@ -182,25 +182,3 @@ TEST(TevctlHost, InitCreatesEveryNodeOptionAndDirectoryAndBadEntriesAreRejected)
   EXPECT_EQ(Slurp(root.Abs("platform/nodes/system/systemUuid")),
             "aabbccdd-0011-2233-4455-66778899aabb\n");
 }
-
-TEST(TevctlTrace, CopiesStreamAndStopsAfterHistoryOnRequest) {
-  ScratchRoot root;
-  int lfd = BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
-  const std::string history = "1.000000001,IN,5,tev.a.b,\n2.000000002,OUT,6,kos.clear.x,,7\n";
-  const std::string stream = history + "\nlive\n";
-  for (bool historyOnly : {false, true}) {
-    std::vector<std::string> args = {"trace"};
-    if (historyOnly) args.push_back("--history");
-    Process c(root, TevctlBin(), args, {}, historyOnly ? "history" : "all");
-    pollfd p = {lfd, POLLIN, 0};
-    ASSERT_EQ(poll(&p, 1, 2000), 1);
-    int cfd = accept(lfd, nullptr, nullptr);
-    ASSERT_TRUE(SendRecord(cfd, std::vector<uint8_t>(stream.begin(), stream.end())));
-    // With --history it must stop by itself while the daemon's side stays open.
-    if (!historyOnly) close(cfd);
-    EXPECT_EQ(c.ExitCode(2000), 0);
-    if (historyOnly) close(cfd);
-    EXPECT_EQ(c.Stdout(), historyOnly ? history : stream);
-  }
-  close(lfd);
-}

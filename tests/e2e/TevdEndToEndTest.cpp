@@ -1,5 +1,6 @@
-// The real tevd binary under a private root, met only through its sockets and files: options,
-// signals, the user-level connection limit and the sockets' modes.
+// The real tevd and tevd-selftest binaries under a private root, met only through their sockets,
+// files and output: options, signals, the user-level connection limit, the sockets' modes and
+// the self-test.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -27,8 +28,24 @@ int ModeOf(const std::string &path) {
   return static_cast<int>(st.st_mode & 07777);
 }
 
+// Runs `tevctl selftest` against `bin`; the daemon's stdout, its exit status (-1: still
+// running after `waitMs`) and tevctl's result.
+struct SelftestRun {
+  std::string out;
+  int status;
+  RunResult post;
+};
+SelftestRun RunSelftest(const std::string &bin, int waitMs) {
+  ScratchRoot root;
+  EXPECT_EQ(RunTevctl(root, {"host", "init"}).status, 0);
+  // The variable once switched the agents on; it must stay without effect.
+  Process tevd(root, bin, {}, {"TEVD_EXTRA_AGENTS=1"});
+  RunResult post = RunTevctl(root, {"selftest", "--wait", "5"}, 8000);
+  int status = tevd.ExitCode(waitMs);  // the end marker ends a self-test run
+  return {tevd.Stdout(), status, post};
+}
+
 using TevdEndToEndTest = DaemonTest;
-using SocketAccessE2ETest = DaemonTest;
 
 }  // namespace
 
@@ -52,23 +69,19 @@ TEST_F(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZeroAFailingDashEDoesNot) 
   EXPECT_TRUE(log_->WaitCount("Failed to enable asynchronous observations: ", 1, 20000));
 }
 
-// SIGTERM's clean exit is checked at the end of every reliability test.
-TEST_F(TevdEndToEndTest, SigintStopsCleanlySigpipeIsIgnoredAndDashEEnables) {
+// The sockets' modes, a connection's credentials in the log, the ninth user-level connection
+// closed and a moved one served; -e enables asynchronous observations, SIGPIPE is ignored and
+// SIGINT stops cleanly (SIGTERM is checked at the end of every reliability test).
+TEST_F(TevdEndToEndTest, SocketsConnectionLimitAndSignals) {
   ASSERT_TRUE(Start({"-e", "-e"})) << tevd_->Stderr();
-  tevd_->Signal(SIGPIPE);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  ASSERT_TRUE(tevd_->Running());
-  tevd_->Signal(SIGINT);
-  EXPECT_EQ(0, tevd_->ExitCode(5000));
-  EXPECT_NE("", log_->WaitFor("Exiting due to signal."));
-  EXPECT_NE("", log_->WaitFor("Exiting. rc:0"));
-  std::string enabled;
-  ASSERT_TRUE(root_.Read("platform/options/Misc/TevAsyncEnable", &enabled));
-  EXPECT_EQ("1", enabled.substr(0, 1));
-}
-
-TEST_F(TevdEndToEndTest, NinthUserConnectionIsClosedAndMovedConnectionStaysServed) {
-  ASSERT_TRUE(Start()) << tevd_->Stderr();
+  EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::UserContext)));
+  EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::Trace)));
+  // A context table that opened one domain twice would leave another without a socket.
+  for (uint32_t domain = 0; domain <= 21; ++domain) {
+    EXPECT_EQ(0600, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::AsyncContext,
+                                                      domain)))
+        << "domain " << domain;
+  }
   std::vector<int> fds;
   for (int i = 0; i < 8; ++i) {
     fds.push_back(ConnectUserTimed(root_));
@@ -76,6 +89,11 @@ TEST_F(TevdEndToEndTest, NinthUserConnectionIsClosedAndMovedConnectionStaysServe
     ASSERT_TRUE(SendText(fds.back(), "tev.vm.conn", "hello " + std::to_string(i)));
     ASSERT_NE("", log_->WaitFor("hello " + std::to_string(i)));
   }
+  char expected[128];
+  snprintf(expected, sizeof expected, "User-level connection from pid %d uid %u gid %u",
+           static_cast<int>(getpid()), static_cast<unsigned>(getuid()),
+           static_cast<unsigned>(getgid()));
+  EXPECT_EQ(8u, log_->Count(expected));
   int ninth = ConnectUserTimed(root_);
   char c;
   EXPECT_EQ(0, recv(ninth, &c, 1, 0));  // closed at once by the daemon
@@ -90,26 +108,38 @@ TEST_F(TevdEndToEndTest, NinthUserConnectionIsClosedAndMovedConnectionStaysServe
   ASSERT_TRUE(SendText(fds[3], "tev.vm.again", "new client"));
   EXPECT_NE("", log_->WaitFor("[tev.vm.again] new client"));
   for (int fd : fds) close(fd);
-  ExpectCleanExit(*tevd_, 5000);
+  tevd_->Signal(SIGPIPE);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  ASSERT_TRUE(tevd_->Running());
+  tevd_->Signal(SIGINT);
+  EXPECT_EQ(0, tevd_->ExitCode(5000));
+  EXPECT_NE("", log_->WaitFor("Exiting due to signal."));
+  EXPECT_NE("", log_->WaitFor("Exiting. rc:0"));
+  std::string enabled;
+  ASSERT_TRUE(root_.Read("platform/options/Misc/TevAsyncEnable", &enabled));
+  EXPECT_EQ("1", enabled.substr(0, 1));
 }
 
-TEST_F(SocketAccessE2ETest, EveryContextHasItsSocketAndNoneIsWorldWritable) {
-  ASSERT_TRUE(Start()) << tevd_->Stderr();
-  EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::UserContext)));
-  EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::Trace)));
-  // A context table that opened one domain twice would leave another without a socket.
-  for (uint32_t domain = 0; domain <= 21; ++domain) {
-    EXPECT_EQ(0600, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::AsyncContext,
-                                                      domain)))
-        << "domain " << domain;
+// tevd-selftest, fed by `tevctl selftest`, prints PASS/FAIL lines and exits with the number of
+// failures (the correlator's rows are unit-tested); the production tevd must not run it.
+TEST(Selftest, FullSequencePassesAll21RowsAndExitsZero) {
+  SelftestRun run = RunSelftest(TevdSelftestBin(), 8000);
+  ASSERT_EQ(run.post.status, 0) << run.post.err;
+  EXPECT_EQ(CountOccurrences(run.post.out, "posted "), 25u) << run.post.out;
+  EXPECT_EQ(CountOccurrences(run.out, "PASS: ["), 21u) << run.out;
+  for (const char *line : {"PASS: [0]: tev.tests.async.noData\n",
+                           "PASS: [20]: tev.tests.corrupt.format.tag.notreally2\n",
+                           "INFO: Tests completed. Failures = 0\n"}) {
+    EXPECT_NE(run.out.find(line), std::string::npos) << line << " missing in " << run.out;
   }
-  int fd = ConnectUser(root_);
-  char expected[128];
-  snprintf(expected, sizeof expected, "User-level connection from pid %d uid %u gid %u",
-           static_cast<int>(getpid()), static_cast<unsigned>(getuid()),
-           static_cast<unsigned>(getgid()));
-  std::string line = log_->WaitFor("User-level connection from");
-  EXPECT_NE(std::string::npos, line.find(expected)) << "got: " << line;
-  close(fd);
-  ExpectCleanExit(*tevd_, 5000);
+  EXPECT_EQ(run.out.find("FAIL"), std::string::npos) << run.out;
+  EXPECT_EQ(run.status, 0) << run.out;
+}
+
+TEST(Selftest, ProductionDaemonIgnoresTheSequenceAndKeepsRunning) {
+  SelftestRun run = RunSelftest(TevdBin(), 1500);
+  ASSERT_EQ(run.post.status, 0) << run.post.err;
+  EXPECT_EQ(run.out.find("PASS"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("Tests completed"), std::string::npos) << run.out;
+  EXPECT_EQ(run.status, -1) << "ended at the end marker: " << run.out;
 }

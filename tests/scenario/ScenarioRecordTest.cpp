@@ -98,25 +98,32 @@ TEST(ScenarioRecord, UnreplayableLinesStayCommentsBadLinesAreNamedAndNothingFail
       << r.err;
 }
 
-// Live, the recorder follows the trace socket until the daemon's side closes or, with
-// --history, to the blank line that ends the history.
-TEST(ScenarioRecord, LiveRecordingFollowsTheTraceSocket) {
+// Live, `tevctl trace` and the recorder follow the trace socket until the daemon's side closes
+// or, with --history, to the blank line that ends the history while that side stays open.
+TEST(ScenarioRecord, TraceAndLiveRecordingFollowTheTraceSocket) {
   ScratchRoot root;
   int lfd = PlatformSocket_Listen(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace),
                                   SOCK_STREAM);
-  for (bool historyOnly : {false, true}) {
-    std::vector<std::string> args = {"scenario", "record"};
-    if (historyOnly) args.push_back("--history");
-    Process rec(root, TevctlBin(), args, {}, historyOnly ? "history" : "all");
-    pollfd p = {lfd, POLLIN, 0};
-    ASSERT_EQ(poll(&p, 1, 5000), 1);
-    int cfd = accept(lfd, nullptr, nullptr);
-    ASSERT_TRUE(SendRecord(cfd, std::vector<uint8_t>(kTrace, kTrace + sizeof kTrace - 1)));
-    if (!historyOnly) close(cfd);
-    EXPECT_EQ(rec.ExitCode(5000), 0) << rec.Stderr();
-    if (historyOnly) close(cfd);
-    EXPECT_EQ(Statements(rec.Stdout()),
-              std::vector<std::string>(kWant.begin(), kWant.begin() + (historyOnly ? 2 : 6)));
+  const std::string stream = kTrace, history = stream.substr(0, stream.find("\n\n") + 1);
+  int run = 0;
+  for (bool record : {false, true}) {
+    for (bool historyOnly : {false, true}) {
+      std::vector<std::string> args = {"trace"};
+      if (record) args = {"scenario", "record"};
+      if (historyOnly) args.push_back("--history");
+      Process c(root, TevctlBin(), args, {}, "run" + std::to_string(++run));
+      pollfd p = {lfd, POLLIN, 0};
+      ASSERT_EQ(poll(&p, 1, 5000), 1);
+      int cfd = accept(lfd, nullptr, nullptr);
+      ASSERT_TRUE(SendRecord(cfd, std::vector<uint8_t>(stream.begin(), stream.end())));
+      if (!historyOnly) close(cfd);
+      EXPECT_EQ(c.ExitCode(5000), 0) << c.Stderr();
+      if (historyOnly) close(cfd);
+      std::vector<std::string> recorded(kWant.begin(), kWant.begin() + (historyOnly ? 2 : 6));
+      EXPECT_TRUE(record ? Statements(c.Stdout()) == recorded
+                         : c.Stdout() == (historyOnly ? history : stream))
+          << c.Stdout();
+    }
   }
   close(lfd);
 }

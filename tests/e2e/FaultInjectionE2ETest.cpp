@@ -1,6 +1,7 @@
-// Faults injected into the real daemon's surroundings: stuck peers, local users posing as the
-// kernel, resource exhaustion, the buffer's edge and ceiling, signal storms and load. Each test
-// names the defect it once had or what may be lost; docs/reliability.md lists the outcomes.
+// Faults injected into the real daemon's surroundings: stuck or absent peers, local users
+// posing as the kernel, resource exhaustion, the buffer's edge and ceiling, signal storms and
+// load. Each test names the defect it once had or what may be lost; docs/reliability.md lists
+// the outcomes.
 #include <dirent.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -103,7 +104,27 @@ const long kGrowthLimitKb = 512 * 1024;
 const long kGrowthLimitKb = 24 * 1024;
 #endif
 
+// How often the agent got each event, keyed "id/first argument".
+std::map<std::string, int> Received(AgentStandIn &agent) {
+  std::map<std::string, int> got;
+  for (const QprobMessage &m : agent.Messages()) {
+    ++got[m.id + "/" + std::to_string(static_cast<int32_t>(m.args[0].bits))];
+  }
+  return got;
+}
+
+std::string Queued(const char *id) {
+  return std::string("An event (") + id +
+         ") could not be sent immediately to marshd; queueing for retry.";
+}
+std::string Failures(const char *id, int n) {
+  return std::string("Failed to send event (") + id + "); " + std::to_string(n) +
+         " failures so far.";
+}
+
 using FaultInjectionE2ETest = DaemonTest;
+using AgentFaultsE2ETest = DaemonTest;
+using NotifyE2ETest = DaemonTest;
 using SurroundingsFaultsE2ETest = DaemonTest;
 using LoadE2ETest = DaemonTest;
 
@@ -588,4 +609,120 @@ TEST_F(LoadE2ETest, EightConnectionsAndFourContextsLoseNothingAndStayBounded) {
   for (int fd : fds) close(fd);
   trace.Close();
   ExpectCleanExit(*tevd_, 4 * kWait);
+}
+
+// The management agent absent and back later (the 180-second retry pass run at 180 times the
+// speed under libfaketime), and one that accepts connections without ever reading them.
+TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOldestIsAbandoned) {
+  if (!FastClockMissing().empty()) {
+    GTEST_SKIP() << FastClockMissing()
+                 << "; the retry pass runs under the fake clock in TevdQprobTest";
+  }
+  ASSERT_TRUE(Start({}, FastClockEnv())) << tevd_->Stderr();
+  int user = ConnectUser(root_);
+  const char *t0 = "kos.problem.test.test0", *t2 = "kos.problem.test.test2";
+  // A is queued with the agent absent and retried until it is abandoned.
+  ASSERT_TRUE(SendRecord(user, Record("tev.user.test.test0", "none")));
+  ASSERT_TRUE(log_->WaitCount(Queued(t0), 1, kWait)) << tevd_->Stderr();
+  ASSERT_TRUE(log_->WaitCount(Failures(t0, 2), 1, kWait));
+  ASSERT_TRUE(log_->WaitCount(Failures(t0, 4), 1, kWait));
+  // B1..B3 join the queue three passes later.
+  for (int i = 1; i <= 3; ++i) ASSERT_TRUE(SendRecord(user, Event(i)));
+  ASSERT_TRUE(log_->WaitCount(Queued(t2), 3, kWait));
+  ASSERT_TRUE(
+      log_->WaitCount("Abandoned event (kos.problem.test.test0) after 6 failures.", 1, kWait));
+  EXPECT_EQ(0u, log_->Count(Failures(t0, 6)));
+
+  // The agent is back: the next pass delivers B1..B3, each once.
+  AgentStandIn agent(root_, AgentStandIn::Read);
+  const std::string sent2 = "Successfully sent event (kos.problem.test.test2) after ";
+  ASSERT_TRUE(log_->WaitCount(sent2, 3, kWait));
+  for (const std::string &l : log_->Matching(sent2)) {
+    // Queued between the third and fourth pass and failed at the fourth and fifth: 3 counting
+    // the first attempt, more if the agent's return missed the sixth pass on a slow machine.
+    std::string n = LogLines::Text(l).substr(sent2.size());
+    EXPECT_TRUE(n == "3 failures." || n == "4 failures." || n == "5 failures.") << l;
+  }
+  // C goes straight through.
+  ASSERT_TRUE(SendRecord(user, Event(4)));
+  ASSERT_TRUE(Eventually([&] { return agent.Messages().size() >= 4; }, kWait));
+  close(user);
+  ExpectCleanExit(*tevd_, kWait);
+
+  EXPECT_EQ((std::map<std::string, int>{{"kos.problem.test.test2/1", 1},
+                                        {"kos.problem.test.test2/2", 1},
+                                        {"kos.problem.test.test2/3", 1},
+                                        {"kos.problem.test.test2/4", 1}}),
+            Received(agent));
+  EXPECT_EQ(1u, log_->Count("Abandoned event ("));
+}
+
+TEST_F(AgentFaultsE2ETest, AgentThatNeverReadsDoesNotStallTheDaemonAndAWorkingOneGetsLaterEvents) {
+  ASSERT_TRUE(Start()) << tevd_->Stderr();
+  int user = ConnectUser(root_);
+  const size_t kEvents = 60;
+  {
+    AgentStandIn mute(root_, AgentStandIn::HoldUnread);
+    for (size_t i = 0; i < kEvents; ++i) ASSERT_TRUE(SendRecord(user, Event(static_cast<int>(i))));
+    // Each event fits in the socket's buffer: the send completes unread.
+    ASSERT_TRUE(log_->WaitCount("[kos.problem.test.test2] Test with both ", kEvents, kWait));
+    ASSERT_TRUE(Eventually([&] { return mute.Accepted() >= kEvents; }, kWait));
+    EXPECT_EQ(0u, log_->Count("could not be sent immediately"));
+    // Observations of other domains are handled meanwhile.
+    ASSERT_TRUE(SendRecord(user, TevRecord_Encode("tev.vm.during", "while mute", 1, {})));
+    ASSERT_TRUE(log_->WaitCount("[tev.vm.during] while mute", 1, kWait));
+  }
+  AgentStandIn agent(root_, AgentStandIn::Read);
+  std::map<std::string, int> expect;
+  for (int i = 100; i < 105; ++i) {
+    ASSERT_TRUE(SendRecord(user, Event(i)));
+    expect["kos.problem.test.test2/" + std::to_string(i)] = 1;
+  }
+  ASSERT_TRUE(Eventually([&] { return agent.Messages().size() >= 5; }, kWait));
+  EXPECT_EQ(expect, Received(agent));
+  EXPECT_EQ(0u, agent.Bad());
+  close(user);
+  ExpectCleanExit(*tevd_, kWait);
+}
+
+// tevd under a service manager played by the test (NOTIFY_SOCKET, WATCHDOG_USEC): ready with its
+// sockets, keep-alives while the loop runs and none while the reader is blocked on an agent that
+// cannot drain its pipe, stopping announced on SIGTERM.
+TEST_F(NotifyE2ETest, ReadyAfterSocketsWatchdogOnlyWhileTheLoopRunsStoppingOnSigterm) {
+#ifndef TEVD_WITH_SYSTEMD
+  GTEST_SKIP() << "built with -DTEVD_WITH_SYSTEMD=OFF: tevd sends no notifications";
+#endif
+  LogLines notify(root_.Abs("notify.sock"));
+  // A keep-alive every 100 ms.
+  ASSERT_TRUE(Start({}, {"NOTIFY_SOCKET=" + root_.Abs("notify.sock"), "WATCHDOG_USEC=200000"}));
+  ASSERT_TRUE(notify.WaitCount("READY=1", 1, kWait)) << tevd_->Stderr();
+  EXPECT_TRUE(PathExists(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::Trace)));
+  // Idle: the poll loop wakes for the keep-alive by itself (its schedule is unit-tested).
+  ASSERT_TRUE(notify.WaitCount("WATCHDOG=1", 3, kWait));
+  // Stuck: the user-level agent blocks in its post, its pipe fills, the reader blocks on it.
+  AgentStandIn agent(root_, AgentStandIn::Stuck);
+  int user = ConnectUser(root_), sent = 0;
+  std::vector<uint8_t> big = Event(0, 1000);
+  while (sent < 2000 && send(user, big.data(), big.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) ++sent;
+  ASSERT_LT(sent, 2000) << "the daemon kept reading: the agent never blocked";
+  // Silent: no keep-alive for a whole second.
+  size_t seen = 0;
+  auto since = std::chrono::steady_clock::now();
+  ASSERT_TRUE(Eventually(
+      [&] {
+        auto now = std::chrono::steady_clock::now();
+        if (notify.Count("WATCHDOG=1") != seen) seen = notify.Count("WATCHDOG=1"), since = now;
+        return now - since > std::chrono::seconds(1);
+      },
+      kWait))
+      << "the keep-alive went on while the reader was blocked";
+  EXPECT_TRUE(tevd_->Running());
+  // Released: the agent's connect fails, it drains its pipe and the keep-alive comes back.
+  agent.Stop();
+  EXPECT_TRUE(notify.WaitCount("WATCHDOG=1", seen + 5, kWait)) << "none after the release";
+  EXPECT_EQ(0u, notify.Count("STOPPING=1"));
+  close(user);
+  ExpectCleanExit(*tevd_, kWait);
+  EXPECT_TRUE(notify.WaitCount("STOPPING=1", 1, kWait));
+  EXPECT_EQ(1u, notify.Count("READY=1"));
 }

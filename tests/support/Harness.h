@@ -283,7 +283,9 @@ class LogLines : public LineStore {
  public:
   enum Start { Reading, Stopped };
   explicit LogLines(const ScratchRoot &root, Start start = Reading)
-      : path_(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector)) {
+      : LogLines(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector), start) {}
+  // Any datagram socket, e.g. a service manager's notification socket.
+  explicit LogLines(const std::string &path, Start start = Reading) : path_(path) {
     fd_ = PlatformSocket_Listen(path_, SOCK_DGRAM);
     if (start == Reading && fd_ >= 0) {
       int big = 4 << 20;

@@ -10,16 +10,8 @@ using namespace tevdtest;
 
 namespace {
 
-// A user-level connection whose reads give up after two seconds.
-int ConnectUserTimed(const ScratchRoot &root) {
-  int fd = ConnectUser(root);
-  struct timeval tv = {2, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  return fd;
-}
-
-bool SendText(int fd, const std::string &id, const std::string &msg) {
-  return SendRecord(fd, TevRecord_Encode(id, msg, 1234, {MsgFmt_Value::Str("x")}));
+bool SendText(int fd, const std::string &msg) {
+  return SendRecord(fd, TevRecord_Encode("tev.vm.conn", msg, 1234, {MsgFmt_Value::Str("x")}));
 }
 
 int ModeOf(const std::string &path) {
@@ -28,21 +20,18 @@ int ModeOf(const std::string &path) {
   return static_cast<int>(st.st_mode & 07777);
 }
 
-// Runs `tevctl selftest` against `bin`; the daemon's stdout, its exit status (-1: still
-// running after `waitMs`) and tevctl's result.
-struct SelftestRun {
-  std::string out;
-  int status;
-  RunResult post;
-};
-SelftestRun RunSelftest(const std::string &bin, int waitMs) {
+// Runs `tevctl selftest` against `bin` under a root made by `tevctl host init`: the daemon's
+// exit status (-1: still running after `waitMs`) and output.
+RunResult RunSelftest(const std::string &bin, int waitMs) {
   ScratchRoot root;
   EXPECT_EQ(RunTevctl(root, {"host", "init"}).status, 0);
   // The variable once switched the agents on; it must stay without effect.
   Process tevd(root, bin, {}, {"TEVD_EXTRA_AGENTS=1"});
   RunResult post = RunTevctl(root, {"selftest", "--wait", "5"}, 8000);
+  EXPECT_EQ(post.status, 0) << post.err;
+  EXPECT_EQ(CountOccurrences(post.out, "posted "), 25u) << post.out;
   int status = tevd.ExitCode(waitMs);  // the end marker ends a self-test run
-  return {tevd.Stdout(), status, post};
+  return {status, tevd.Stdout(), tevd.Stderr()};
 }
 
 using TevdEndToEndTest = DaemonTest;
@@ -84,9 +73,9 @@ TEST_F(TevdEndToEndTest, SocketsConnectionLimitAndSignals) {
   }
   std::vector<int> fds;
   for (int i = 0; i < 8; ++i) {
-    fds.push_back(ConnectUserTimed(root_));
+    fds.push_back(ConnectUser(root_));
     // Accepted before the next one comes.
-    ASSERT_TRUE(SendText(fds.back(), "tev.vm.conn", "hello " + std::to_string(i)));
+    ASSERT_TRUE(SendText(fds.back(), "hello " + std::to_string(i)));
     ASSERT_NE("", log_->WaitFor("hello " + std::to_string(i)));
   }
   char expected[128];
@@ -94,19 +83,21 @@ TEST_F(TevdEndToEndTest, SocketsConnectionLimitAndSignals) {
            static_cast<int>(getpid()), static_cast<unsigned>(getuid()),
            static_cast<unsigned>(getgid()));
   EXPECT_EQ(8u, log_->Count(expected));
-  int ninth = ConnectUserTimed(root_);
+  int ninth = ConnectUser(root_);
+  struct timeval tv = {2, 0};
+  setsockopt(ninth, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   char c;
   EXPECT_EQ(0, recv(ninth, &c, 1, 0));  // closed at once by the daemon
   close(ninth);
   // Close a middle one: the last connection moves into its slot and is served.
   close(fds[3]);
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  ASSERT_TRUE(SendText(fds[7], "tev.vm.moved", "moved connection"));
-  EXPECT_NE("", log_->WaitFor("[tev.vm.moved] moved connection"));
+  ASSERT_TRUE(SendText(fds[7], "moved connection"));
+  EXPECT_NE("", log_->WaitFor("[tev.vm.conn] moved connection"));
   // A slot is free again: a new client is accepted and served.
-  fds[3] = ConnectUserTimed(root_);
-  ASSERT_TRUE(SendText(fds[3], "tev.vm.again", "new client"));
-  EXPECT_NE("", log_->WaitFor("[tev.vm.again] new client"));
+  fds[3] = ConnectUser(root_);
+  ASSERT_TRUE(SendText(fds[3], "new client"));
+  EXPECT_NE("", log_->WaitFor("[tev.vm.conn] new client"));
   for (int fd : fds) close(fd);
   tevd_->Signal(SIGPIPE);
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -123,9 +114,7 @@ TEST_F(TevdEndToEndTest, SocketsConnectionLimitAndSignals) {
 // tevd-selftest, fed by `tevctl selftest`, prints PASS/FAIL lines and exits with the number of
 // failures (the correlator's rows are unit-tested); the production tevd must not run it.
 TEST(Selftest, FullSequencePassesAll21RowsAndExitsZero) {
-  SelftestRun run = RunSelftest(TevdSelftestBin(), 8000);
-  ASSERT_EQ(run.post.status, 0) << run.post.err;
-  EXPECT_EQ(CountOccurrences(run.post.out, "posted "), 25u) << run.post.out;
+  RunResult run = RunSelftest(TevdSelftestBin(), 8000);
   EXPECT_EQ(CountOccurrences(run.out, "PASS: ["), 21u) << run.out;
   for (const char *line : {"PASS: [0]: tev.tests.async.noData\n",
                            "PASS: [20]: tev.tests.corrupt.format.tag.notreally2\n",
@@ -137,8 +126,7 @@ TEST(Selftest, FullSequencePassesAll21RowsAndExitsZero) {
 }
 
 TEST(Selftest, ProductionDaemonIgnoresTheSequenceAndKeepsRunning) {
-  SelftestRun run = RunSelftest(TevdBin(), 1500);
-  ASSERT_EQ(run.post.status, 0) << run.post.err;
+  RunResult run = RunSelftest(TevdBin(), 1500);
   EXPECT_EQ(run.out.find("PASS"), std::string::npos) << run.out;
   EXPECT_EQ(run.out.find("Tests completed"), std::string::npos) << run.out;
   EXPECT_EQ(run.status, -1) << "ended at the end marker: " << run.out;

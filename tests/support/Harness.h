@@ -165,9 +165,6 @@ class Process {
   }
   std::string Stdout() const { return Slurp(outPath_); }
   std::string Stderr() const { return Slurp(errPath_); }
-  bool WaitForOutput(const std::string &text, int timeoutMs) {
-    return Eventually([&] { return Stdout().find(text) != std::string::npos; }, timeoutMs);
-  }
   // Waits until the user-level socket exists: the daemon is reading.
   bool WaitReady(int timeoutMs = 5000) {
     if (!Eventually([&] { return PathExists(sockPath_) || !Running(); }, timeoutMs) || !Running()) {
@@ -377,7 +374,6 @@ class TraceReader : public LineStore {
     if (fd_ >= 0) reader_ = std::thread([this] { Read(); });
   }
   ~TraceReader() { Close(); }
-  bool ok() const { return fd_ >= 0; }
   void Close() {
     if (fd_ < 0) return;
     shutdown(fd_, SHUT_RDWR);

@@ -1,7 +1,5 @@
-// Faults injected into the real daemon's surroundings: stuck or absent peers, local users
-// posing as the kernel, resource exhaustion, the buffer's edge and ceiling, signal storms and
-// load. Each test names the defect it once had or what may be lost; docs/reliability.md lists
-// the outcomes.
+// Faults around the real daemon, each test naming the defect it once had or what may be lost;
+// docs/reliability.md lists the outcomes.
 #include <dirent.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -34,9 +32,7 @@ void ExpectEachOnce(const std::map<std::string, int> &got,
                     const std::vector<std::string> &expected) {
   std::map<std::string, int> want;
   for (const std::string &e : expected) want[e] = 1;
-  auto diff = std::mismatch(want.begin(), want.end(), got.begin(), got.end());
-  EXPECT_TRUE(got == want) << got.size() << " distinct of " << want.size() << "; first difference: "
-                           << (diff.first != want.end() ? diff.first->first : "(end)");
+  EXPECT_TRUE(got == want) << got.size() << " distinct texts handled of " << want.size();
 }
 
 // Becomes the event "kos.problem.test.test2" with `n` as its first argument.
@@ -60,8 +56,7 @@ double CpuShare(pid_t pid) {
   return static_cast<double>(ticks() - before) / sysconf(_SC_CLK_TCK);
 }
 
-// Runs `body` in a child as uid/gid 65534, in the sockets' group (gid 0) when `inGroup`: its
-// exit status, or -1 when the identity could not be taken.
+// `body`'s exit status as uid/gid 65534, in the sockets' group (gid 0) if `inGroup`; -1: no such.
 int AsNobody(bool inGroup, const std::function<int()> &body) {
   pid_t pid = fork();
   if (pid == 0) {
@@ -92,11 +87,7 @@ JoinedThread Flood(int fd, int count, size_t pad, std::atomic<bool> *done) {
   });
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-const long kGrowthLimitKb = 512 * 1024;
-#else
-const long kGrowthLimitKb = 24 * 1024;
-#endif
+const long kGrowthLimitKb = (Scaled(100) == 100 ? 24 : 512) * 1024;  // sanitizers scale down
 
 // How often the agent got the event "kos.problem.test.test2" by its first argument (-1: another).
 std::map<int, int> Received(AgentStandIn &agent) {
@@ -155,8 +146,7 @@ TEST_F(FaultInjectionE2ETest, ShutdownWithinTwoSecondsBehindAStuckRetryPass) {
   ASSERT_TRUE(log_->WaitCount(kQueued, 1, kWait));
   AgentStandIn agent(root_, AgentStandIn::Stuck);
   ASSERT_TRUE(agent.ok());
-  // The next pass (one real second) connects to the stuck agent and waits; with the agent's
-  // file gone, the next event fails at once and is queued while the pass still waits.
+  // The next pass (a real second) waits on the stuck agent; the next event is queued meanwhile.
   std::this_thread::sleep_for(std::chrono::milliseconds(1300));
   agent.Unlink();
   ASSERT_TRUE(SendRecord(user, Event(2)));
@@ -211,9 +201,8 @@ TEST_F(FaultInjectionE2ETest, EmptyMessagesAndDescriptorExhaustionNeitherSpinNor
   ExpectCleanExit(*tevd_, kExitMs);
 }
 
-// Defect: an agent that listens and never accepts held a correlator in connect for ever; its
-// pipe filled and intake from every context stopped. Measured: how long observations on another
-// context take to be logged and traced meanwhile. Afterwards a working agent gets every event.
+// Defect: an agent that never accepts held a correlator in connect for ever, its pipe filled and
+// intake from every context stopped. Then a working agent gets every event.
 TEST_F(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) {
   if (!FastClockMissing().empty()) GTEST_SKIP() << FastClockMissing();
   auto agent = std::make_unique<AgentStandIn>(root_, AgentStandIn::Stuck);
@@ -257,8 +246,7 @@ TEST_F(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent
   close(async);
 }
 
-// Defect: every line to a collector that stopped reading waited 250 ms, so intake fell to a
-// crawl and no event went out.
+// Defect: every line to a stopped log collector waited 250 ms: intake crawled, no event went out.
 TEST_F(FaultInjectionE2ETest, StoppedLogCollectorDoesNotStallIntake) {
   log_.reset();
   log_ = std::make_unique<LogLines>(root_, LogLines::Stopped);
@@ -267,11 +255,9 @@ TEST_F(FaultInjectionE2ETest, StoppedLogCollectorDoesNotStallIntake) {
   int user = ConnectUser(root_);
   const size_t kEvents = static_cast<size_t>(Scaled(900));
   for (size_t i = 0; i < kEvents; ++i) ASSERT_TRUE(SendRecord(user, Event(static_cast<int>(i))));
-  // Two log lines per event: 450 s at 250 ms a line before.
   EXPECT_TRUE(Eventually([&] { return agent.Messages().size() >= kEvents; }, 10000));
   log_->Resume();
-  // Lines that meet the collector's queue still full as it starts draining are dropped too, so
-  // the test keeps talking until one gets through.
+  // Lines meeting the still full queue are dropped too: talk until one gets through.
   EXPECT_TRUE(Eventually(
       [&] {
         EXPECT_TRUE(SendRecord(user, Vm("collector back")));
@@ -309,8 +295,7 @@ TEST_F(FaultInjectionE2ETest, UnprivilegedPeersGetOnlyWhatTheSecurityDocumentGra
     if (rc < 0) GTEST_SKIP() << "cannot become uid 65534 (needs root; CI runs as root)";
     EXPECT_EQ(a.connects ? 0 : 1, rc) << path(a.endpoint) << (a.inGroup ? " in group" : "");
   }
-  // A group member posts what the kernel and other parts own, then its own; the trace shows
-  // every observation and event to it.
+  // A group member posts what the kernel owns, then its own; it may read the trace.
   const std::vector<std::string> kernelIds = {
       "tev.net.hwnic.linkstate.down", "tev.scsi.device.state.permanentloss", "tev.vm.fault"};
   ASSERT_EQ(
@@ -352,8 +337,7 @@ TEST_F(FaultInjectionE2ETest, TraceClientsAreBoundedInPendingBytesAndNumber) {
   int stalled = ConnectTrace(root_);
   struct timeval bounded = {kWait / 1000, 0};
   setsockopt(stalled, SOL_SOCKET, SO_RCVTIMEO, &bounded, sizeof bounded);
-  // The stalled client's socket buffer absorbs a few hundred kilobytes before anything waits in
-  // the daemon, so the flood is not scaled down: it must pass the limit in every build.
+  // Not scaled down: the flood must pass the client's socket buffer and the limit in every build.
   int user = ConnectUser(root_);
   for (int i = 0; i < 3000; ++i) ASSERT_TRUE(SendRecord(user, Vm(std::to_string(i), 1000)));
   // The correlators were not held back.
@@ -386,9 +370,8 @@ TEST_F(FaultInjectionE2ETest, TraceClientsAreBoundedInPendingBytesAndNumber) {
   ExpectCleanExit(*tevd_, kExitMs);
 }
 
-// The smaller defects: a read that filled the 131072-byte buffer exactly was dropped without a
-// word; an oversized user-level record and garbage went unexplained; terminating signals reached
-// other threads than the reader.
+// Defects: a read filling the 131072-byte buffer exactly was dropped; an oversized user-level
+// record and garbage went unexplained; terminating signals reached other threads than the reader.
 TEST_F(FaultInjectionE2ETest, SmallerFaultsAreExplainedAndSignalsReachOnlyTheReader) {
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   std::vector<uint8_t> edge = Vm(std::string(16384 - Vm("").size(), 'x'));
@@ -445,12 +428,10 @@ TEST_F(FaultInjectionE2ETest, SmallerFaultsAreExplainedAndSignalsReachOnlyTheRea
   ExpectCleanExit(*tevd_, kExitMs);
 }
 
-// A flood past the ceiling loses nothing; a record above it resets its context, which costs
-// only what was pending at the reset.
+// A flood past the ceiling loses nothing; a record above it costs what was pending at the reset.
 TEST_F(SurroundingsFaultsE2ETest, ContextFloodedPastTheBufferCeilingLosesOnlyWhatAResetDrops) {
   ASSERT_TRUE(Start()) << tevd_->Stderr();
-  // Four producers on one context with records of 100 bytes to 100 KiB: ten of them pending
-  // are far more than the 131072-byte buffer takes at once.
+  // Four producers on one context, records of 100 bytes to 100 KiB: far more than the buffer.
   const int producers = 4, each = std::max(Scaled(150), 20);
   std::vector<std::string> texts;
   std::atomic<int> failed{0};
@@ -522,11 +503,7 @@ TEST_F(SurroundingsFaultsE2ETest, SigpipeStormWhileTrafficFlowsLosesNothing) {
     // Large records split across pipe writes, so agents also block mid-record.
     ASSERT_TRUE(SendRecord(i % 2 ? user : async,
                            Record("tev.vm.storm", texts.back(), i % 7 ? 100 : 20000)));
-    if (i < static_cast<int>(events)) {
-      ASSERT_TRUE(
-          SendRecord(user, TevRecord_Encode("tev.user.test.test2", "two", 1,
-                                            {MsgFmt_Value::I32(i), MsgFmt_Value::Str("s")})));
-    }
+    ASSERT_TRUE(i >= static_cast<int>(events) || SendRecord(user, Event(i)));
   }
   bool handled = log_->WaitCount("[tev.vm.storm] ", static_cast<size_t>(n), 2 * kWait);
   bool traced = reader.WaitCount(",IN,1,tev.vm.storm,,", static_cast<size_t>(n), 2 * kWait);
@@ -542,7 +519,7 @@ TEST_F(SurroundingsFaultsE2ETest, SigpipeStormWhileTrafficFlowsLosesNothing) {
        {"could not be sent immediately", "Failed to get Tev", "Unexpected write error"}) {
     EXPECT_EQ(0u, log_->Count(never)) << never;
   }
-  // A few dozen signals during the traffic are enough to cross every read and write.
+  // A few dozen signals cross every read and write.
   EXPECT_GT(signals.load(), 10);
   close(user);
   close(async);
@@ -550,9 +527,8 @@ TEST_F(SurroundingsFaultsE2ETest, SigpipeStormWhileTrafficFlowsLosesNothing) {
   ExpectCleanExit(*tevd_, 2 * kWait);
 }
 
-// Eight user-level connections and four asynchronous contexts post at once: every observation is
-// traced and handled once, and the resident size grows far less than the 4 MB that went through
-// (what grows with traffic is bounded by design; sanitizers keep freed memory in quarantine).
+// Twelve producers at once: everything traced and handled once, the resident size grows far less
+// than the 4 MB that went through (sanitizers keep freed memory in quarantine).
 TEST_F(LoadE2ETest, EightConnectionsAndFourContextsLoseNothingAndStayBounded) {
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   TraceReader trace(root_);
@@ -605,8 +581,7 @@ TEST_F(LoadE2ETest, EightConnectionsAndFourContextsLoseNothingAndStayBounded) {
   ExpectCleanExit(*tevd_, 4 * kWait);
 }
 
-// The management agent absent and back later (the 180-second retry pass run at 180 times the
-// speed under libfaketime), and one that accepts connections without ever reading them.
+// The agent absent, then back (the 180-second retry pass sped up 180 times by libfaketime).
 TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOldestIsAbandoned) {
   if (!FastClockMissing().empty()) {
     GTEST_SKIP() << FastClockMissing()
@@ -632,8 +607,7 @@ TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOlde
   const std::string sent2 = "Successfully sent event (kos.problem.test.test2) after ";
   ASSERT_TRUE(log_->WaitCount(sent2, 3, kWait));
   for (const std::string &l : log_->Matching(sent2)) {
-    // Queued between the third and fourth pass and failed at the fourth and fifth: 3 counting
-    // the first attempt, more if the agent's return missed the sixth pass on a slow machine.
+    // Failed at the first attempt and the fourth and fifth pass; more if the sixth was missed.
     std::string n = LogLines::Text(l).substr(sent2.size());
     EXPECT_TRUE(n == "3 failures." || n == "4 failures." || n == "5 failures.") << l;
   }
@@ -671,9 +645,8 @@ TEST_F(AgentFaultsE2ETest, AgentThatNeverReadsDoesNotStallTheDaemonAndAWorkingOn
   ExpectCleanExit(*tevd_, kWait);
 }
 
-// tevd under a service manager played by the test (NOTIFY_SOCKET, WATCHDOG_USEC): ready with its
-// sockets, keep-alives while the loop runs and none while the reader is blocked on an agent that
-// cannot drain its pipe, stopping announced on SIGTERM.
+// Under a service manager played by the test: ready with its sockets, keep-alives only while the
+// loop runs (not while the reader is blocked on a stuck agent), stopping on SIGTERM.
 TEST_F(NotifyE2ETest, ReadyAfterSocketsWatchdogOnlyWhileTheLoopRunsStoppingOnSigterm) {
 #ifndef TEVD_WITH_SYSTEMD
   GTEST_SKIP() << "built with -DTEVD_WITH_SYSTEMD=OFF: tevd sends no notifications";

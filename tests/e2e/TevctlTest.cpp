@@ -9,13 +9,6 @@ using namespace tevdtest;
 
 namespace {
 
-int BindUnix(const std::string &path, int type) {
-  PlatformListen how;
-  how.type = type;
-  how.backlog = 8;
-  return PlatformSocket_Listen(path, how);
-}
-
 // One datagram or message within `ms`; empty when none came.
 std::vector<uint8_t> Receive(int fd, int ms) {
   pollfd p = {fd, POLLIN, 0};
@@ -34,16 +27,16 @@ void SendTo(const std::string &path, const std::vector<uint8_t> &bytes) {
 
 }  // namespace
 
-TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
+TEST(TevctlPost, TypedArgumentsReachAsyncContextAndBadInputGetsOneLineAndSendsNothing) {
   ScratchRoot root;
-  int fd =
-      BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext), SOCK_DGRAM);
+  int fd = PlatformSocket_Listen(
+      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext), SOCK_DGRAM);
+  ASSERT_GE(fd, 0);
   RunResult r = RunTevctl(root, {"post", "--ts", "1700000000123456", "tev.net.test.typed",
                                  "nic %s speed %d big %ld u %u ul %lu hex %x f %f", "hwnic0", "-5",
                                  "-9000000000", "7", "18446744073709551615", "0xdeadbeef", "1.5"});
   EXPECT_EQ(r.status, 0) << r.err;
   std::vector<uint8_t> rec = Receive(fd, 2000);
-  close(fd);
   TevRecordView v;
   ASSERT_TRUE(TevRecord_Decode(rec.data(), rec.size(), &v));
   EXPECT_EQ(v.id, "tev.net.test.typed");
@@ -54,9 +47,6 @@ TEST(TevctlPost, TypedArgumentsReachAsyncContextAsRecord) {
   EXPECT_EQ(ArgsText(v.args),
             (std::vector<std::string>{"S:hwnic0", "I:-5", "L:-9000000000", "U:7",
                                       "UL:18446744073709551615", "U:3735928559", "D:1.5"}));
-}
-
-TEST(TevctlPost, BadInputExitsNonZeroWithOneLineReasonAndSendsNothing) {
   const struct {
     std::vector<std::string> args;
     const char *reasonPart;
@@ -68,12 +58,8 @@ TEST(TevctlPost, BadInputExitsNonZeroWithOneLineReasonAndSendsNothing) {
       {{"post", "--domain", "22", "tev.a.b", "x"}, "--domain must be 0..21"},
       {{"post", "--bogus", "tev.a.b", "x"}, "unknown option --bogus"},
   };
-  ScratchRoot root;
-  int fd =
-      BindUnix(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext), SOCK_DGRAM);
-  ASSERT_GE(fd, 0);
   for (const auto &c : cases) {
-    RunResult r = RunTevctl(root, c.args);
+    r = RunTevctl(root, c.args);
     EXPECT_NE(r.status, 0) << c.reasonPart;
     EXPECT_EQ(CountOccurrences(r.err, "\n"), 1u) << r.err;
     EXPECT_EQ(r.err.rfind("tevctl post: ", 0), 0u) << r.err;

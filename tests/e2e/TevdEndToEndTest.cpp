@@ -1,6 +1,5 @@
-// The real tevd and tevd-selftest binaries under a private root, met only through their sockets,
-// files and output: options, signals, the user-level connection limit, the sockets' modes and
-// the self-test.
+// tevd and tevd-selftest under a private root, met through sockets, files and output: options,
+// signals, the user-level connection limit, the sockets' modes and the self-test.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 

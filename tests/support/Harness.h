@@ -1,6 +1,4 @@
-// The one harness of the tests that meet the daemon from outside: child processes under a
-// ScratchRoot, the log collector, a trace reader and the management-agent stand-in. Every wait
-// polls with a deadline.
+// The one harness of the tests that meet the daemon from outside; every wait has a deadline.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -67,8 +65,7 @@ inline bool SendRecord(int fd, const std::vector<uint8_t> &r) {
   return n == static_cast<ssize_t>(r.size());
 }
 
-// Sanitizer builds run the same code paths at a fraction of the volume: they are 5 to 20 times
-// slower on two cores.
+// Sanitizer builds, 5 to 20 times slower, run the same code paths at a fraction of the volume.
 #if defined(__SANITIZE_THREAD__)
 inline int Scaled(int normal) { return normal / 10; }
 #elif defined(__SANITIZE_ADDRESS__)
@@ -113,8 +110,7 @@ inline std::string TevdSelftestBin() {
 }
 inline std::string TevctlBin() { return BinaryPath("TEVCTL_BIN", "tools/tevctl/tevctl"); }
 
-// A child process under `root` (TEVD_ROOT set), its output in files named after `tag` so that a
-// chatty child never blocks on a pipe. `env` entries are "NAME=value".
+// A child under `root`, its output in files named after `tag` (a chatty child never blocks).
 class Process {
  public:
   Process(const ScratchRoot &root, const std::string &bin, std::vector<std::string> args = {},
@@ -144,12 +140,10 @@ class Process {
   void Signal(int sig) {
     if (!exited_) kill(pid_, sig);
   }
-  // Waits for the process to end; false on time-out.
   bool Wait(int timeoutMs) {
     return Eventually([&] { return !Running(); }, timeoutMs);
   }
-  // Exit status (0..255), 128+signal, or -1 when still running after `timeoutMs`: the child is
-  // then stopped, SIGTERM first (a daemon that stops cleanly writes out why), SIGKILL later.
+  // Exit status, 128+signal, or -1 when still running after `timeoutMs` (then stopped).
   int ExitCode(int timeoutMs) {
     if (!Wait(timeoutMs)) {
       kill(pid_, SIGTERM);
@@ -182,7 +176,6 @@ class Process {
   int status_ = 0;
 };
 
-// The daemon under test.
 class DaemonProcess : public Process {
  public:
   DaemonProcess(const ScratchRoot &root, std::vector<std::string> args = {},
@@ -272,10 +265,8 @@ class LineStore {
   size_t next_ = 0;
 };
 
-// The system log of a scratch root: a datagram socket at $ROOT/dev/log. The kernel queues few
-// datagrams and the daemon waits at most 250 ms for room, so a thread empties the socket; Take()
-// also empties it, so a line logged before the call is always seen. A `Stopped` collector reads
-// nothing (its queue fills) until Resume().
+// The root's system log. The daemon waits at most 250 ms for room, so a thread empties the socket;
+// Take() empties it too, so a line logged before is seen. `Stopped` reads nothing until Resume().
 class LogLines : public LineStore {
  public:
   enum Start { Reading, Stopped };
@@ -309,8 +300,7 @@ class LogLines : public LineStore {
       }
     });
   }
-  // The text of every line since the last call, without the syslog head, the time prefix and
-  // the trailing newline.
+  // The text (see Text) of every line since the last call.
   std::vector<std::string> Take() {
     std::lock_guard<std::mutex> lock(mu_);
     if (reading_) DrainLocked();
@@ -401,9 +391,8 @@ class TraceReader : public LineStore {
   std::thread reader_;
 };
 
-// Stands in for the management agent on its socket. Read: reads each connection to its end and
-// decodes the message. HoldUnread: accepts and never reads. Stuck: listens with a full backlog
-// and never accepts, so every further connect waits in the kernel.
+// The management agent's stand-in: Read decodes each connection's message, HoldUnread never
+// reads, Stuck never accepts and has a full backlog (every further connect waits).
 class AgentStandIn {
  public:
   enum Mode { Read, HoldUnread, Stuck };
@@ -505,8 +494,7 @@ inline std::string FastClockMissing() {
   return std::string();
 }
 
-// The environment that runs the daemon's wall clock 180 times faster: one 180-second retry
-// interval takes one real second.
+// Runs the daemon's wall clock 180 times faster: a 180-second retry interval takes a second.
 inline std::vector<std::string> FastClockEnv() {
   const char *asan = getenv("ASAN_OPTIONS");
   // The preload comes before the sanitizer runtime in the library order.

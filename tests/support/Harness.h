@@ -1,70 +1,84 @@
-// The one harness of the tests that meet the daemon from outside: child
-// processes (tevd, tevd-selftest, tevctl) under a ScratchRoot, the log
-// collector on $ROOT/dev/log, a trace reader, and the management-agent
-// stand-in. Every wait polls with a deadline; nothing here sleeps a fixed
-// time to let the daemon catch up.
+// The one harness of the tests that meet the daemon from outside; every wait has a deadline.
 #pragma once
 
-#include <dirent.h>
-#include <grp.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "DaemonSockets.h"
 #include "PlatformSocket.h"
 #include "Qprob.h"
 #include "TevdTestSupport.h"
 
 namespace tevdtest {
 
-// How much work a test does: sanitizer builds run the same code paths at a
-// fraction of the volume, since they are 5 to 20 times slower on two cores.
-inline int Scaled(int normal) {
-#if defined(__SANITIZE_THREAD__)
-  return normal / 10;
-#elif defined(__SANITIZE_ADDRESS__)
-  return normal / 4;
-#else
-  return normal;
-#endif
+// A root with every host-model entry the daemon reads at start.
+inline void MakeHost(const ScratchRoot &root) {
+  root.Write("platform/nodes/system/systemUuid", "6f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0");
+  root.Write("platform/options/Net/LinkFlappingThreshold", "3");
+  root.Write("platform/options/PageRetire/ThresholdInterval", "10");
+  root.Write("platform/options/PageRetire/ApeiLoggingEnabled", "1");
+  root.Write("platform/options/Misc/TevAsyncEnable", "0");
+  root.Write("platform/nodes/system/pageRetire/threshold", "1000");
+  root.MakeDir("kfs/volumes");
 }
 
-inline bool UnderSanitizer() {
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-  return true;
-#else
-  return false;
-#endif
+// Senders block while the daemon is behind (the back-pressure under test), never for ever.
+inline int ConnectTo(const std::string &path, int type) {
+  struct timeval tv = {30, 0};
+  return PlatformSocket_Connect(path, type, &tv);
 }
+inline int ConnectUser(const ScratchRoot &root) {
+  return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext),
+                   SOCK_SEQPACKET);
+}
+inline int ConnectTrace(const ScratchRoot &root) {
+  return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
+}
+// A connected datagram socket on asynchronous context `domain` (0..21).
+inline int ConnectAsync(const ScratchRoot &root, int domain) {
+  return ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext,
+                                              static_cast<uint32_t>(domain)),
+                   SOCK_DGRAM);
+}
+
+inline bool SendRecord(int fd, const std::vector<uint8_t> &r) {
+  ssize_t n;
+  while ((n = send(fd, r.data(), r.size(), MSG_NOSIGNAL)) < 0 && errno == EINTR) {}
+  return n == static_cast<ssize_t>(r.size());
+}
+
+// Sanitizer builds, 5 to 20 times slower, run the same code paths at a fraction of the volume.
+#if defined(__SANITIZE_THREAD__)
+inline int Scaled(int normal) { return normal / 10; }
+#elif defined(__SANITIZE_ADDRESS__)
+inline int Scaled(int normal) { return normal / 4; }
+#else
+inline int Scaled(int normal) { return normal; }
+#endif
 
 // Polls `done` every 5 ms until it holds or `timeoutMs` passed.
 inline bool Eventually(const std::function<bool()> &done, int timeoutMs) {
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!done()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
+    if (std::chrono::steady_clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return true;
@@ -85,8 +99,6 @@ inline size_t CountOccurrences(const std::string &text, const std::string &what)
   return n;
 }
 
-inline size_t CountLines(const std::string &text) { return CountOccurrences(text, "\n"); }
-
 // A binary under test, from the variable ctest sets.
 inline std::string BinaryPath(const char *env, const char *fallback) {
   const char *p = getenv(env);
@@ -98,9 +110,7 @@ inline std::string TevdSelftestBin() {
 }
 inline std::string TevctlBin() { return BinaryPath("TEVCTL_BIN", "tools/tevctl/tevctl"); }
 
-// A child process under a scratch root (TEVD_ROOT set): its standard output
-// and error go to files named after `tag` in the root, so a chatty child never
-// blocks on a pipe nobody reads. `env` entries are "NAME=value".
+// A child under `root`, its output in files named after `tag` (a chatty child never blocks).
 class Process {
  public:
   Process(const ScratchRoot &root, const std::string &bin, std::vector<std::string> args = {},
@@ -112,14 +122,9 @@ class Process {
         _exit(126);
       }
       setenv("TEVD_ROOT", root.path().c_str(), 1);
-      for (const std::string &e : env) {
-        putenv(strdup(e.c_str()));
-      }
-      std::vector<char *> argv;
-      argv.push_back(const_cast<char *>(bin.c_str()));
-      for (std::string &a : args) {
-        argv.push_back(const_cast<char *>(a.c_str()));
-      }
+      for (const std::string &e : env) putenv(strdup(e.c_str()));
+      std::vector<char *> argv = {const_cast<char *>(bin.c_str())};
+      for (std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
       argv.push_back(nullptr);
       execv(bin.c_str(), argv.data());
       _exit(127);
@@ -127,10 +132,7 @@ class Process {
     sockPath_ = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::UserContext);
   }
   ~Process() {
-    if (pid_ > 0 && !exited_) {
-      kill(pid_, SIGKILL);
-      Wait(5000);
-    }
+    if (Running()) kill(pid_, SIGKILL), Wait(5000);
   }
   Process(const Process &) = delete;
   Process &operator=(const Process &) = delete;
@@ -138,70 +140,33 @@ class Process {
   void Signal(int sig) {
     if (!exited_) kill(pid_, sig);
   }
-  // Waits for the process to end; false on time-out.
   bool Wait(int timeoutMs) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!exited_) {
-      int st = 0;
-      pid_t r = waitpid(pid_, &st, WNOHANG);
-      if (r == pid_) {
-        exited_ = true;
-        status_ = st;
-        break;
-      }
-      if (std::chrono::steady_clock::now() > end) {
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return Eventually([&] { return !Running(); }, timeoutMs);
   }
-  // Exit status (0..255), 128+signal, or -1 when still running after
-  // `timeoutMs`: the child is then stopped, SIGTERM first (a daemon that stops
-  // cleanly writes out why it was still running), SIGKILL a second later.
+  // Exit status, 128+signal, or -1 when still running after `timeoutMs` (then stopped).
   int ExitCode(int timeoutMs) {
     if (!Wait(timeoutMs)) {
       kill(pid_, SIGTERM);
-      if (!Wait(1000)) {
-        kill(pid_, SIGKILL);
-        Wait(5000);
-      }
+      if (!Wait(1000)) kill(pid_, SIGKILL), Wait(5000);
       return -1;
     }
     return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
   }
   bool Running() {
-    if (exited_) {
-      return false;
-    }
     int st = 0;
-    if (waitpid(pid_, &st, WNOHANG) == pid_) {
-      exited_ = true;
-      status_ = st;
-    }
+    if (!exited_ && waitpid(pid_, &st, WNOHANG) == pid_) exited_ = true, status_ = st;
     return !exited_;
   }
-  int status() const { return status_; }
   std::string Stdout() const { return Slurp(outPath_); }
   std::string Stderr() const { return Slurp(errPath_); }
-  bool WaitForOutput(const std::string &text, int timeoutMs) {
-    return Eventually([&] { return Stdout().find(text) != std::string::npos; }, timeoutMs);
-  }
-
   // Waits until the user-level socket exists: the daemon is reading.
   bool WaitReady(int timeoutMs = 5000) {
-    for (int i = 0; i < timeoutMs / 5; ++i) {
-      if (access(sockPath_.c_str(), F_OK) == 0) {
-        // Agents start right after the contexts open; give them a moment.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        return true;
-      }
-      if (!Running()) {
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (!Eventually([&] { return PathExists(sockPath_) || !Running(); }, timeoutMs) || !Running()) {
+      return false;
     }
-    return false;
+    // Agents start right after the contexts open; give them a moment.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    return true;
   }
 
  private:
@@ -211,7 +176,6 @@ class Process {
   int status_ = 0;
 };
 
-// The daemon under test.
 class DaemonProcess : public Process {
  public:
   DaemonProcess(const ScratchRoot &root, std::vector<std::string> args = {},
@@ -224,68 +188,49 @@ struct RunResult {
   std::string out, err;
 };
 
-// Runs `bin` with `args` under `root` to its end (at most `timeoutMs`).
-inline RunResult Run(const ScratchRoot &root, const std::string &bin,
-                     const std::vector<std::string> &args, int timeoutMs = 5000,
-                     std::vector<std::string> env = {}) {
-  static int serial = 0;
-  Process p(root, bin, args, std::move(env), "run" + std::to_string(++serial));
-  RunResult r;
-  r.status = p.ExitCode(timeoutMs);
-  r.out = p.Stdout();
-  r.err = p.Stderr();
-  return r;
-}
+// Runs tevctl with `args` under `root` to its end (at most `timeoutMs`).
 inline RunResult RunTevctl(const ScratchRoot &root, const std::vector<std::string> &args,
                            int timeoutMs = 5000) {
-  return Run(root, TevctlBin(), args, timeoutMs);
+  static int serial = 0;
+  Process p(root, TevctlBin(), args, {}, "run" + std::to_string(++serial));
+  int status = p.ExitCode(timeoutMs);
+  return {status, p.Stdout(), p.Stderr()};
+}
+
+// SIGTERM, then exit status 0 within `timeoutMs` and no sanitizer report.
+inline void ExpectCleanExit(Process &d, int timeoutMs = 20000) {
+  d.Signal(SIGTERM);
+  EXPECT_EQ(0, d.ExitCode(timeoutMs)) << d.Stderr();
+  std::string err = d.Stderr();
+  EXPECT_TRUE(err.find("Sanitizer") == err.npos && err.find("runtime error:") == err.npos) << err;
 }
 
 // Lines gathered by a reader thread, waited on by count of a substring.
 class LineStore {
  public:
-  size_t Count(const std::string &text) {
-    std::lock_guard<std::mutex> lock(mu_);
-    size_t n = 0;
-    for (const std::string &l : lines_) {
-      n += l.find(text) != std::string::npos ? 1 : 0;
-    }
-    return n;
-  }
+  size_t Count(const std::string &text) { return Matching(text).size(); }
   // True once at least `n` lines contain `text`.
   bool WaitCount(const std::string &text, size_t n, int timeoutMs) {
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     std::unique_lock<std::mutex> lock(mu_);
-    size_t seen = 0;
-    size_t cursor = 0;
-    for (;;) {
-      for (; cursor < lines_.size(); ++cursor) {
-        seen += lines_[cursor].find(text) != std::string::npos ? 1 : 0;
-      }
-      if (seen >= n) {
-        return true;
-      }
-      if (cv_.wait_until(lock, end) == std::cv_status::timeout) {
-        for (; cursor < lines_.size(); ++cursor) {
-          seen += lines_[cursor].find(text) != std::string::npos ? 1 : 0;
-        }
-        return seen >= n;
-      }
+    size_t seen = 0, cursor = 0;
+    auto enough = [&] {
+      for (; cursor < lines_.size(); ++cursor)
+        seen += lines_[cursor].find(text) != std::string::npos;
+      return seen >= n;
+    };
+    while (!enough()) {
+      if (cv_.wait_until(lock, end) == std::cv_status::timeout) return enough();
     }
+    return true;
   }
   std::vector<std::string> Matching(const std::string &text) {
     std::lock_guard<std::mutex> lock(mu_);
     std::vector<std::string> out;
     for (const std::string &l : lines_) {
-      if (l.find(text) != std::string::npos) {
-        out.push_back(l);
-      }
+      if (l.find(text) != std::string::npos) out.push_back(l);
     }
     return out;
-  }
-  size_t Size() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return lines_.size();
   }
   // The next line not yet returned, or "" after two seconds without one.
   std::string Next() {
@@ -299,9 +244,7 @@ class LineStore {
   std::string WaitFor(const std::string &text) {
     for (;;) {
       std::string line = Next();
-      if (line.empty() || line.find(text) != std::string::npos) {
-        return line;
-      }
+      if (line.empty() || line.find(text) != std::string::npos) return line;
     }
   }
 
@@ -322,37 +265,29 @@ class LineStore {
   size_t next_ = 0;
 };
 
-// The system log of a scratch root: a datagram socket bound at $ROOT/dev/log.
-// The kernel queues only a few datagrams and the daemon waits at most 250 ms
-// for room, so a thread empties the socket as lines arrive; Take() also
-// empties it itself, so a line logged before the call is always seen. A
-// collector made `stopped` reads nothing (the queue fills) until Resume().
+// The root's system log. The daemon waits at most 250 ms for room, so a thread empties the socket;
+// Take() empties it too, so a line logged before is seen. `Stopped` reads nothing until Resume().
 class LogLines : public LineStore {
  public:
   enum Start { Reading, Stopped };
   explicit LogLines(const ScratchRoot &root, Start start = Reading)
-      : path_(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector)) {
+      : LogLines(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::LogCollector), start) {}
+  // Any datagram socket, e.g. a service manager's notification socket.
+  explicit LogLines(const std::string &path, Start start = Reading) : path_(path) {
     fd_ = PlatformSocket_Listen(path_, SOCK_DGRAM);
-    bound_ = fd_ >= 0;
-    if (start == Reading && bound_) {
+    if (start == Reading && fd_ >= 0) {
       int big = 4 << 20;
       setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
-    }
-    if (start == Reading) {
       Resume();
     }
   }
   ~LogLines() {
     stop_ = true;
-    if (reader_.joinable()) {
-      reader_.join();
-    }
+    if (reader_.joinable()) reader_.join();
     close(fd_);
     unlink(path_.c_str());
   }
-  LogLines(const LogLines &) = delete;
-  LogLines &operator=(const LogLines &) = delete;
-  bool ok() const { return fd_ >= 0 && bound_; }
+  bool ok() const { return fd_ >= 0; }
   void Resume() {
     reading_ = true;
     reader_ = std::thread([this] {
@@ -365,26 +300,18 @@ class LogLines : public LineStore {
       }
     });
   }
-
-  // The text of every line since the last call: without the syslog head,
-  // the time prefix and the trailing newline.
+  // The text (see Text) of every line since the last call.
   std::vector<std::string> Take() {
     std::lock_guard<std::mutex> lock(mu_);
-    if (reading_) {
-      DrainLocked();
-    }
+    if (reading_) DrainLocked();
     std::vector<std::string> out;
-    for (; taken_ < lines_.size(); ++taken_) {
-      out.push_back(Text(lines_[taken_]));
-    }
+    for (; taken_ < lines_.size(); ++taken_) out.push_back(Text(lines_[taken_]));
     return out;
   }
-  // True when a line not yet taken is exactly `message` (its trailing
-  // newline aside) or, for SawEnding, ends with `suffix`.
+  // True when a line not yet taken is exactly `message` or, for SawEnding, ends with `suffix`.
   bool Saw(const std::string &message) { return Seen(Text(message), false); }
   bool SawEnding(const std::string &suffix) { return Seen(suffix, true); }
-  // The lines not yet taken that are not observation or event lines
-  // ("[thread] Nus: [id] text").
+  // The lines not yet taken that are not observation or event lines ("[thread] Nus: [id] text").
   std::vector<std::string> TakeDiagnostics() {
     std::vector<std::string> out;
     for (const std::string &line : Take()) {
@@ -394,7 +321,6 @@ class LogLines : public LineStore {
     }
     return out;
   }
-
   // "<14>Mmm dd hh:mm:ss tevd: 2024-05-06T07:08:09.123Z: text\n" -> "text"
   static std::string Text(const std::string &datagram) {
     std::string line = datagram;
@@ -409,16 +335,11 @@ class LogLines : public LineStore {
  private:
   bool Seen(const std::string &want, bool suffix) {
     std::lock_guard<std::mutex> lock(mu_);
-    if (reading_) {
-      DrainLocked();
-    }
+    if (reading_) DrainLocked();
     for (size_t i = taken_; i < lines_.size(); ++i) {
       std::string t = Text(lines_[i]);
-      if (suffix
-              ? t.size() >= want.size() && t.compare(t.size() - want.size(), want.size(), want) == 0
-              : t == want) {
-        return true;
-      }
+      size_t n = want.size();
+      if (suffix ? t.size() >= n && t.compare(t.size() - n, n, want) == 0 : t == want) return true;
     }
     return false;
   }
@@ -428,11 +349,8 @@ class LogLines : public LineStore {
       AddLocked(std::string(buf, static_cast<size_t>(n)));
     }
   }
-
- private:
   std::string path_;
   int fd_ = -1;
-  bool bound_ = false;
   bool reading_ = false;
   size_t taken_ = 0;
   std::atomic<bool> stop_{false};
@@ -442,21 +360,16 @@ class LogLines : public LineStore {
 // A trace client that reads every line as it comes.
 class TraceReader : public LineStore {
  public:
-  explicit TraceReader(const ScratchRoot &root) {
-    fd_ = ConnectTo(PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace), SOCK_STREAM);
-    if (fd_ >= 0) {
-      reader_ = std::thread([this] { Read(); });
-    }
+  explicit TraceReader(const ScratchRoot &root) : fd_(ConnectTrace(root)) {
+    if (fd_ >= 0) reader_ = std::thread([this] { Read(); });
   }
   ~TraceReader() { Close(); }
-  bool ok() const { return fd_ >= 0; }
   void Close() {
-    if (fd_ >= 0) {
-      shutdown(fd_, SHUT_RDWR);
-      reader_.join();
-      close(fd_);
-      fd_ = -1;
-    }
+    if (fd_ < 0) return;
+    shutdown(fd_, SHUT_RDWR);
+    reader_.join();
+    close(fd_);
+    fd_ = -1;
   }
   // After the history, the daemon writes one empty line; live lines follow.
   bool WaitLive(int timeoutMs) { return WaitCount("\x01", 1, timeoutMs); }
@@ -465,19 +378,11 @@ class TraceReader : public LineStore {
   void Read() {
     std::string partial;
     char buf[65536];
-    for (;;) {
-      ssize_t n = read(fd_, buf, sizeof buf);
-      if (n < 0 && errno == EINTR) {
-        continue;
-      }
-      if (n <= 0) {
-        return;
-      }
-      partial.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; (n = read(fd_, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);) {
+      partial.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
       size_t start = 0;
       for (size_t nl; (nl = partial.find('\n', start)) != std::string::npos; start = nl + 1) {
-        std::string line = partial.substr(start, nl - start);
-        Add(line.empty() ? std::string("\x01") : line);  // mark the separator
+        Add(nl == start ? std::string("\x01") : partial.substr(start, nl - start));
       }
       partial.erase(0, start);
     }
@@ -486,11 +391,8 @@ class TraceReader : public LineStore {
   std::thread reader_;
 };
 
-// Stands in for the management agent on its socket (PlatformEndpoint::QprobAgent).
-// Read: read each connection to its end and decode the message.
-// HoldUnread: accept and keep every connection open without reading it.
-// Stuck: listen with a full backlog and never accept, so every further
-// connect waits in the kernel until it gives up.
+// The management agent's stand-in: Read decodes each connection's message, HoldUnread never
+// reads, Stuck never accepts and has a full backlog (every further connect waits).
 class AgentStandIn {
  public:
   enum Mode { Read, HoldUnread, Stuck };
@@ -499,9 +401,7 @@ class AgentStandIn {
     PlatformListen how;
     how.backlog = mode == Stuck ? 0 : 128;
     fd_ = PlatformSocket_Listen(path_, how);
-    if (fd_ < 0) {
-      return;
-    }
+    if (fd_ < 0) return;
     if (mode == Stuck) {
       // Backlog 0 still queues one connection: take that place ourselves.
       filler_ = PlatformSocket_Connect(path_, SOCK_STREAM | SOCK_NONBLOCK);
@@ -510,31 +410,18 @@ class AgentStandIn {
     thread_ = std::thread([this] { Serve(); });
   }
   ~AgentStandIn() { Stop(); }
-  AgentStandIn(const AgentStandIn &) = delete;
-  AgentStandIn &operator=(const AgentStandIn &) = delete;
   bool ok() const { return fd_ >= 0; }
-  // Its socket file goes, so later connects fail at once; a connect already
-  // waiting on a stuck agent stays waiting, since the listener is still there.
+  // Later connects fail at once; one already waiting on a stuck agent stays waiting.
   void Unlink() { unlink(path_.c_str()); }
-  // Gone: the socket file is removed first, so a later connect fails.
   void Stop() {
-    if (fd_ < 0) {
-      return;
-    }
+    if (fd_ < 0) return;
     Unlink();
     stop_ = true;
-    if (thread_.joinable()) {
-      thread_.join();
-    }
-    if (filler_ >= 0) {
-      close(filler_);
-    }
+    if (thread_.joinable()) thread_.join();
+    if (filler_ >= 0) close(filler_);
     close(fd_);
     fd_ = -1;
-    for (int c : held_) {
-      close(c);
-    }
-    held_.clear();
+    for (int c : held_) close(c);
   }
   std::vector<QprobMessage> Messages() {
     std::lock_guard<std::mutex> lock(mu_);
@@ -547,13 +434,8 @@ class AgentStandIn {
   void Serve() {
     while (!stop_) {
       struct pollfd pfd = {fd_, POLLIN, 0};
-      if (poll(&pfd, 1, 20) <= 0) {
-        continue;
-      }
-      int c = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (c < 0) {
-        continue;
-      }
+      int c = poll(&pfd, 1, 20) > 0 ? accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+      if (c < 0) continue;
       ++accepted_;
       if (mode_ == HoldUnread) {
         held_.push_back(c);
@@ -563,176 +445,80 @@ class AgentStandIn {
       setsockopt(c, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
       std::vector<uint8_t> bytes;
       uint8_t buf[4096];
-      for (;;) {
-        ssize_t n = read(c, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) {
-          continue;
-        }
-        if (n <= 0) {
-          break;
-        }
-        bytes.insert(bytes.end(), buf, buf + n);
+      for (ssize_t n; (n = read(c, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);) {
+        bytes.insert(bytes.end(), buf, buf + std::max<ssize_t>(n, 0));
       }
       close(c);
       QprobMessage m;
       std::string why;
-      if (Qprob_Decode(bytes.data(), bytes.size(), &m, &why)) {
-        std::lock_guard<std::mutex> lock(mu_);
-        messages_.push_back(m);
-      } else {
+      if (!Qprob_Decode(bytes.data(), bytes.size(), &m, &why)) {
         ++bad_;
+        continue;
       }
+      std::lock_guard<std::mutex> lock(mu_);
+      messages_.push_back(m);
     }
   }
   std::string path_;
   Mode mode_;
-  int fd_ = -1;
-  int filler_ = -1;
+  int fd_ = -1, filler_ = -1;
   std::atomic<bool> stop_{false};
-  std::atomic<size_t> accepted_{0};
-  std::atomic<size_t> bad_{0};
+  std::atomic<size_t> accepted_{0}, bad_{0};
   std::vector<int> held_;
   std::mutex mu_;
   std::vector<QprobMessage> messages_;
   std::thread thread_;
 };
 
+// A fresh root with the host model, its log collected; Start() runs tevd under it.
+class DaemonTest : public ::testing::Test {
+ protected:
+  DaemonTest() : log_((MakeHost(root_), std::make_unique<LogLines>(root_))) {}
+  bool Start(std::vector<std::string> args = {}, std::vector<std::string> env = {}) {
+    tevd_ = std::make_unique<DaemonProcess>(root_, std::move(args), std::move(env));
+    return tevd_->WaitReady(20000);
+  }
+  ScratchRoot root_;
+  std::unique_ptr<LogLines> log_;
+  std::unique_ptr<DaemonProcess> tevd_;
+};
+
 const char *const kFaketimeLib = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
 
-// The environment that runs the daemon's wall clock 180 times faster: one
-// 180-second retry interval takes one real second.
+// Why the daemon's clock cannot be sped up here, or "" when it can.
+inline std::string FastClockMissing() {
+#if defined(__SANITIZE_THREAD__)
+  return "libfaketime bypasses ThreadSanitizer's pthread_cond_timedwait interceptor";
+#endif
+  if (access(kFaketimeLib, R_OK) != 0) return std::string(kFaketimeLib) + " is absent (faketime)";
+  return std::string();
+}
+
+// Runs the daemon's wall clock 180 times faster: a 180-second retry interval takes a second.
 inline std::vector<std::string> FastClockEnv() {
-  std::vector<std::string> env = {std::string("LD_PRELOAD=") + kFaketimeLib, "FAKETIME=+0 x180"};
-  // The preload comes before the sanitizer runtime in the library order.
   const char *asan = getenv("ASAN_OPTIONS");
-  env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") +
-                ":verify_asan_link_order=0");
-  return env;
+  // The preload comes before the sanitizer runtime in the library order.
+  return {
+      std::string("LD_PRELOAD=") + kFaketimeLib, "FAKETIME=+0 x180",
+      std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"};
 }
 
 // A field of /proc/PID/status ("VmRSS", "Threads") as a number, or -1.
 inline long ProcStatus(pid_t pid, const std::string &field) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind(field + ":", 0) == 0) {
-      return std::stol(line.substr(field.size() + 1));
-    }
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(field + ":", 0) == 0) return std::stol(line.substr(field.size() + 1));
   }
   return -1;
 }
 
-// How often each message text follows "[ID] " in the daemon's observation
-// log lines ("[VMCorrelator] 1us: [tev.vm.x] text").
+// How often each message text follows "[ID] " in the daemon's observation log lines.
 inline std::map<std::string, int> HandledTexts(LineStore &log, const std::string &id) {
   std::map<std::string, int> out;
   std::string mark = "[" + id + "] ";
-  for (const std::string &l : log.Matching(mark)) {
-    std::string text = l.substr(l.find(mark) + mark.size());
-    while (!text.empty() && text.back() == '\n') {
-      text.pop_back();
-    }
-    ++out[text];
-  }
+  for (const std::string &l : log.Matching(mark))
+    ++out[LogLines::Text(l.substr(l.find(mark) + mark.size()))];
   return out;
-}
-
-// A sanitizer's report in the daemon's standard error, or "".
-inline std::string SanitizerReport(const std::string &err) {
-  for (const char *mark :
-       {"ThreadSanitizer", "AddressSanitizer", "LeakSanitizer", "runtime error:"}) {
-    size_t at = err.find(mark);
-    if (at != std::string::npos) {
-      return err.substr(at > 200 ? at - 200 : 0, 3000);
-    }
-  }
-  return std::string();
-}
-
-// Runs `body` in a forked child as uid/gid 65534 ("nobody"), a member of
-// the sockets' group (gid 0) when `inGroup`. Returns the child's exit
-// status, or -1 when the identity could not be taken (the caller skips).
-inline int AsNobody(bool inGroup, const std::function<int()> &body) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    gid_t groups[1] = {0};
-    if (setgroups(inGroup ? 1 : 0, groups) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
-      _exit(125);
-    }
-    _exit(body());
-  }
-  int st = 0;
-  waitpid(pid, &st, 0);
-  if (!WIFEXITED(st) || WEXITSTATUS(st) == 125) {
-    return -1;
-  }
-  return WEXITSTATUS(st);
-}
-
-// User plus system CPU time of a process, in clock ticks.
-inline long CpuTicks(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  size_t close = all.rfind(')');
-  if (close == std::string::npos) {
-    return -1;
-  }
-  std::istringstream fields(all.substr(close + 2));
-  std::string f;
-  long utime = 0, stime = 0;
-  for (int i = 3; i <= 15 && fields >> f; ++i) {
-    if (i == 14) utime = std::stol(f);
-    if (i == 15) stime = std::stol(f);
-  }
-  return utime + stime;
-}
-
-// CPU share (0..1 of one core) the process used over `ms` milliseconds.
-inline double CpuShare(pid_t pid, int ms) {
-  long before = CpuTicks(pid);
-  std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-  long after = CpuTicks(pid);
-  return static_cast<double>(after - before) / sysconf(_SC_CLK_TCK) / (ms / 1000.0);
-}
-
-// The blocked-signal mask ("SigBlk", hexadecimal) of each thread but the
-// first (the reader).
-inline std::vector<unsigned long long> WorkerSignalMasks(pid_t pid) {
-  std::vector<unsigned long long> masks;
-  std::string dir = "/proc/" + std::to_string(pid) + "/task";
-  DIR *d = opendir(dir.c_str());
-  if (d == nullptr) {
-    return masks;
-  }
-  while (struct dirent *e = readdir(d)) {
-    if (e->d_name[0] == '.' || std::to_string(pid) == e->d_name) {
-      continue;
-    }
-    std::ifstream in(dir + "/" + e->d_name + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-      if (line.rfind("SigBlk:", 0) == 0) {
-        masks.push_back(std::stoull(line.substr(7), nullptr, 16));
-      }
-    }
-  }
-  closedir(d);
-  return masks;
-}
-
-// A well-formed record of exactly `size` bytes (its message is padded).
-inline std::vector<uint8_t> RecordOfSize(const std::string &id, size_t size) {
-  std::string msg;
-  std::vector<uint8_t> r = TevRecord_Encode(id, msg, 1, {});
-  while (r.size() < size) {
-    msg.append(size - r.size(), 'x');
-    r = TevRecord_Encode(id, msg, 1, {});
-  }
-  while (r.size() > size && !msg.empty()) {
-    msg.pop_back();
-    r = TevRecord_Encode(id, msg, 1, {});
-  }
-  return r;
 }
 
 }  // namespace tevdtest

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,7 @@ class ScsiPathTest : public ::testing::Test {
     TevdScsiCorrelator_ResetForTest();
     root_.MakeDir("kfs/volumes");
     root_.Write("platform/storage/paths/p1", "naa.1");
+    root_.Write("platform/storage/paths/p2", "naa.1");
   }
   void TearDown() override { TevdScsiCorrelator_ResetForTest(); }
 
@@ -183,98 +185,71 @@ TEST_F(ScsiPathTest, DeviceLossEventsCarryTheDatastoreList) {
 
 // ---- path-state and power-on-reset counters ----
 
-TEST_F(ScsiPathTest, TenthPathStateChangeWithinOneSweepIntervalReportsOnce) {
-  Device("naa.1", 3, {{1, "ds1"}});
-  StartCounting();
-  for (int i = 0; i < 9; ++i) {
-    Down("p1", "dead");
-    clock_.Advance(5);
+// Steps: "S" starts a sweep interval, "+N" moves the clock N s, "Dname*N" N
+// path-state changes, "Aname"/"Rname" add/remove, "Pname*N" N power-on resets,
+// "=name:V"/"~name:V" the path-state/reset counter is V (-1: no entry), "#N"
+// N events were posted since the last "#".
+TEST_F(ScsiPathTest, CountersReportTheTenthChangeOncePerPeriodAndSweepUpToNine) {
+  const struct {
+    const char *name, *steps;
+  } stories[] = {
+      {"tenth within one sweep interval, once", "S Dp1*9 +45 #0 Dp1 #1 Dp1*20 #0 =p1:30"},
+      {"no sweep at 60 s; then up to nine reset",
+       "S Dp1*9 Dp2*12 #1 +60 Aother =p1:9 +1 Aother"
+       " =p1:0 =p2:12 Dp1 #0 =p1:1"},
+      {"counted before the sweep runs", "S Dp1*9 +61 Dp1 #1"},
+      {"no sweep ran yet at start", "Dp1 =p1:0 Dp1*9 #0 Dp1 #1"},
+      {"the period ends after 600 s", "S Dp1*10 #1 +600 Aw =p1:10 +1 Aw =p1:-1 Dp1*10 #1"},
+      {"add starts at zero, add of a known path counts, remove erases",
+       "S Ap1 =p1:0 Ap1 =p1:1 Rp1 Rp1 =p1:-1 #0"},
+      {"resets by path or device, in their own table",
+       "S Pp1*10 #1 =p1:-1 ~p1:10 Pnaa.1*10 #1 Pghost*12 #0"},
+  };
+  for (const auto &story : stories) {
+    SCOPED_TRACE(story.name);
+    TevdScsiCorrelator_ResetForTest();
+    Device("naa.1", 3);
+    std::istringstream in(story.steps);
+    for (std::string step; in >> step;) {
+      std::string arg = step.substr(1), name = arg.substr(0, arg.find_first_of("*:"));
+      int n =
+          arg.find_first_of("*:") == std::string::npos ? 1 : std::stoi(arg.substr(name.size() + 1));
+      switch (step[0]) {
+        case 'S': StartCounting(); break;
+        case '+': clock_.Advance(std::stoi(arg)); break;
+        case 'D': Down(name, "dead", n); break;
+        case 'A': Obs("scsipath.add", {S(name)}); break;
+        case 'R': Obs("scsipath.remove", {S(name)}); break;
+        case 'P': Obs("scsipath.por", {S(name)}, n); break;
+        case '=': EXPECT_EQ(n, Count(name.c_str())) << step; break;
+        case '~': EXPECT_EQ(n, Count(name.c_str(), true)) << step; break;
+        case '#': EXPECT_EQ(static_cast<size_t>(std::stoi(arg)), Events().size()) << step; break;
+        default: FAIL() << step;
+      }
+    }
   }
-  EXPECT_EQ(Evs{}, Events());
-  Down("p1", "off");
-  EXPECT_EQ(Evs{"problem:problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:\"ds1\""},
-            Events());
-  for (int i = 0; i < 20; ++i) Up("p1", "on");  // later changes of the period: nothing more
-  EXPECT_EQ(Evs{}, Events());
-  EXPECT_EQ(30, Count("p1"));
 }
 
-TEST_F(ScsiPathTest, SweepAfterSixtySecondsResetsCountersUpToNineButNotAbove) {
-  root_.Write("platform/storage/paths/p2", "naa.1");
-  Device("naa.1", 3);
-  StartCounting();
-  Down("p1", "dead", 9);
-  Down("p2", "dead", 12);
-  ASSERT_EQ(1u, Events().size());  // p2 at its tenth
-  clock_.Advance(60);
-  Obs("scsipath.add", {S("other")});  // no sweep at exactly 60 s
-  EXPECT_EQ(9, Count("p1"));
-  clock_.Advance(1);
-  Obs("scsipath.add", {S("other")});  // any observation runs the sweep
-  EXPECT_EQ(0, Count("p1"));
-  EXPECT_EQ(12, Count("p2"));
-  Down("p1", "dead", 9);
-  clock_.Advance(61);
-  Down("p1", "dead");  // counted before the sweep runs: the tenth still reports
-  EXPECT_EQ(1u, Events().size());
-}
-
-TEST_F(ScsiPathTest, FirstObservationAfterStartIsSweptBecauseNoSweepRanYet) {
-  Device("naa.1", 3);
-  Down("p1", "dead");
-  EXPECT_EQ(0, Count("p1"));
-  Down("p1", "dead", 9);
-  EXPECT_EQ(Evs{}, Events());
-  Down("p1", "dead");
-  EXPECT_EQ(1u, Events().size());
-}
-
-TEST_F(ScsiPathTest, PeriodEndEmptiesTheTableAndReportsAgain) {
-  Device("naa.1", 0, {{1, "ds1"}});  // status 0: the datastores print "Unknown"
-  StartCounting();
-  Down("p1", "dead", 10);
-  EXPECT_EQ(Evs{"problem:problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:Unknown"},
-            Events());
-  clock_.Advance(600);
-  Obs("scsipath.add", {S("warmup")});
-  EXPECT_EQ(10, Count("p1"));  // not at exactly 600 s
-  clock_.Advance(1);
-  Obs("scsipath.add", {S("warmup")});  // new period, new sweep
-  EXPECT_EQ(-1, Count("p1"));
-  Down("p1", "dead", 10);
-  EXPECT_EQ(1u, Events().size());
-}
-
-TEST_F(ScsiPathTest, AddStartsAtZeroAndRemoveErases) {
-  Device("naa.1", 2);
-  StartCounting();
-  Obs("scsipath.add", {S("p1")});
-  EXPECT_EQ(0, Count("p1"));
-  Obs("scsipath.add", {S("p1")});  // an add of a known path counts
-  EXPECT_EQ(1, Count("p1"));
-  Obs("scsipath.remove", {S("p1")}, 2);
-  EXPECT_EQ(-1, Count("p1"));
-  EXPECT_EQ(Evs{}, Events());
-  tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.renamed", {S("p1")});
-  TevdScsiCorrelatorDoPathAddRemove(tev.get());
-  EXPECT_TRUE(log_.Saw("Unknown TEV ID: tev.scsi.scsipath.renamed\n"));
-}
-
-TEST_F(ScsiPathTest, TenPowerOnResetsReportByPathOrDeviceInTheirOwnTable) {
+TEST_F(ScsiPathTest, CounterEventsNameThePathTheDeviceAndItsDatastores) {
   Device("naa.1", 2, {{1, "ds1"}});
   Device("naa.0", 0, {{1, "ds0"}});  // status 0: no datastore look-up
   root_.Write("platform/storage/paths/p0", "naa.0");
   StartCounting();
+  Down("p1", "dead", 9);
+  Down("p1", "off");  // any state left counts
+  Obs("scsipath.pathstate.on", {S("p0"), S("dead")}, 10);
   Obs("scsipath.por", {S("p1")}, 10);
-  EXPECT_EQ(-1, Count("p1"));  // own table only
-  EXPECT_EQ(10, Count("p1", true));
   Obs("scsipath.por", {S("naa.1")}, 10);
   Obs("scsipath.por", {S("p0")}, 10);
-  Obs("scsipath.por", {S("ghost")}, 12);
-  EXPECT_EQ((Evs{"problem:problem.storage.connectivity.pathpor S:p1 S:naa.1 S:\"ds1\"",
+  EXPECT_EQ((Evs{"problem:problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:\"ds1\"",
+                 "problem:problem.storage.connectivity.pathstatechanges S:p0 S:naa.0 S:Unknown",
+                 "problem:problem.storage.connectivity.pathpor S:p1 S:naa.1 S:\"ds1\"",
                  "problem:problem.storage.connectivity.devicepor S:naa.1 S:\"ds1\"",
                  "problem:problem.storage.connectivity.pathpor S:p0 S:naa.0 S:Unknown"}),
             Events());
+  tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.renamed", {S("p1")});
+  TevdScsiCorrelatorDoPathAddRemove(tev.get());
+  EXPECT_TRUE(log_.Saw("Unknown TEV ID: tev.scsi.scsipath.renamed\n"));
 }
 
 }  // namespace

@@ -54,12 +54,15 @@ class PageRetireTest : public ::testing::Test {
     clock.Advance(2);
     Inject(page, vm, 49);
   }
-  // Posted events as "id-suffix arg arg" (kill events by their arguments only).
+  // Posted events as "id-suffix arg arg", kills as "name/count/page" ("S:web01 I:50 U:16").
   Evs Posted() {
     Evs out;
     for (const QprobMessage &m : events.Take()) {
-      std::string e = m.id == "kos.problem.pageretire.mce.injected.2" ? "kill" : m.id.substr(23);
-      for (const std::string &a : ArgsText(m.args)) e += " " + a;
+      const bool kill = m.id == "kos.problem.pageretire.mce.injected.2";
+      std::string e = kill ? "" : m.id.substr(23);
+      for (const std::string &a : ArgsText(m.args)) {
+        e += kill ? (e.empty() ? "" : "/") + a.substr(2) : " " + a;
+      }
       out.push_back(e);
     }
     return out;
@@ -156,107 +159,74 @@ TEST_F(PageRetireTest, MissingOptionsAreFatal) {
 
 // ---- injected machine checks ----
 
-TEST_F(PageRetireTest, KillsAtTheFiftiethInjectionSpanningTwoSecondsAndNeverTwice) {
-  tevdtest::LogLines log(root);
-  Inject(0x1234, 7);
-  clock.Advance(2);
-  Inject(0x1234, 7, 48);
-  EXPECT_EQ(Evs{}, Posted());
-  EXPECT_EQ("<absent>", Killed(7));
-  Inject(0x1234, 7);
-  EXPECT_EQ(Evs{"kill S:web01 I:50 U:4660"}, Posted());
-  EXPECT_EQ("0", Killed(7));
-  EXPECT_NE("", log.WaitFor("[kos.problem.pageretire.mce.injected.2] Killing web01 because at "
-                            "least 50 uncorrectable memory error machine check exceptions were "
-                            "injected for guest physical page 0x1234 but the virtual machine's "
-                            "operating system kept using the page.\n"));
-  root.Remove("platform/vms/7/killed");
-  clock.Advance(5);
-  Inject(0x1234, 7, 10);
-  EXPECT_EQ(Evs{}, Posted());
-  EXPECT_EQ("<absent>", Killed(7));
-}
-
-TEST_F(PageRetireTest, FiftyWithinTwoSecondsWaitForALaterInjection) {
-  Inject(0x10, 7, 50);
-  clock.Advance(1);
-  Inject(0x10, 7);
-  EXPECT_EQ(Evs{}, Posted());  // a span of 1 second must not kill
-  clock.Advance(1);
-  Inject(0x10, 7);
-  EXPECT_EQ(Evs{"kill S:web01 I:52 U:16"}, Posted());
-}
-
-TEST_F(PageRetireTest, InjectionsCountPerPageNotPerVirtualMachine) {
-  Inject(0x1, 7);
-  Inject(0x2, 7);
-  clock.Advance(3);
-  Inject(0x1, 7, 30);
-  Inject(0x2, 7, 30);
-  EXPECT_EQ(62, TevdPageRetireCorrelator_EntriesForTest(7));
-  EXPECT_EQ(Evs{}, Posted());
-}
-
-TEST_F(PageRetireTest, EntriesOlderThanSixtySecondsArePrunedOnAnyInjection) {
-  Inject(0x20, 7, 49);
-  clock.Advance(60);
-  Inject(0x20, 8);  // exactly 60 s old: kept
-  EXPECT_EQ(49, TevdPageRetireCorrelator_EntriesForTest(7));
-  clock.Advance(1);
-  Inject(0x20, 7);
-  EXPECT_EQ(1, TevdPageRetireCorrelator_EntriesForTest(7));
-  clock.Advance(61);
-  Inject(0x20, 8);  // an emptied record goes away
-  EXPECT_EQ(-1, TevdPageRetireCorrelator_EntriesForTest(7));
-  EXPECT_EQ(1, TevdPageRetireCorrelator_EntriesForTest(8));
-  EXPECT_EQ(Evs{}, Posted());
-}
-
-TEST_F(PageRetireTest, PendingKillsAreRetriedOnAnyInjectionInVirtualMachineIdOrder) {
-  Inject(0x60, 9);
-  Qualify(0x60, 5);  // both qualify while their machines cannot be looked up
-  Inject(0x60, 9, 49);
-  EXPECT_EQ(Evs{}, Posted());
-  root.Write("platform/vms/9/name", "nine");
-  root.Write("platform/vms/5/name", "five");
-  Inject(0x61, 3);  // the walk acts at the first entry that qualifies: the 50th
-  EXPECT_EQ((Evs{"kill S:five I:50 U:96", "kill S:nine I:50 U:96"}), Posted());
-  EXPECT_EQ("0", Killed(5));
-  EXPECT_EQ("0", Killed(9));
-}
-
-TEST_F(PageRetireTest, FailedKillStillMarksKilledUntilTheRecordAgesOut) {
-  root.MakeDir("platform/vms/7/killed");  // the kill's write fails
-  Qualify(0x40, 7);
-  EXPECT_EQ(1u, Posted().size());
-  EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(7));
-  Inject(0x40, 7, 5);
-  EXPECT_EQ(Evs{}, Posted());
-  clock.Advance(61);
-  Inject(0x40, 7);
-  EXPECT_FALSE(TevdPageRetireCorrelator_KilledForTest(7));
-  clock.Advance(2);
-  Inject(0x40, 7, 49);
-  EXPECT_EQ(1u, Posted().size());
-}
-
-TEST_F(PageRetireTest, UnreadableInjectionPrunesButEndsBeforeEvaluating) {
-  auto unreadable = MakeTev("tev.pageretire.mce.injected", {S("0x70"), I(9)});
-  Qualify(0x70, 9);  // qualifies, but the machine is not there yet
-  Inject(0x71, 4);
-  clock.Advance(61);
-  root.Write("platform/vms/9/name", "late");
-  TevdPageRetireCorrelatorMceInjected(unreadable.get());
-  EXPECT_EQ(-1, TevdPageRetireCorrelator_EntriesForTest(9));  // every record emptied
-  EXPECT_EQ(-1, TevdPageRetireCorrelator_EntriesForTest(4));
-  root.Remove("platform/vms/9");
-  Qualify(0x70, 9);
-  root.Write("platform/vms/9/name", "late");
-  TevdPageRetireCorrelatorMceInjected(unreadable.get());  // within the window: adds nothing
-  EXPECT_EQ(50, TevdPageRetireCorrelator_EntriesForTest(9));
-  EXPECT_EQ(Evs{}, Posted());
-  Inject(0x72, 9);  // the next readable one acts
-  EXPECT_EQ(Evs{"kill S:late I:50 U:112"}, Posted());
+// Steps: "+N" moves the clock; "iVM:PAGE*N" N injections; "uVM" one unreadable
+// injection; "nVM=NAME" names the machine, "xVM" removes it, "dVM" makes its
+// kill fail; "=VM:N" its record holds N entries (-1: none); "!VM"/"?VM" it is
+// marked killed or not; "kVM"/"-VM" its kill file holds 0 or is absent;
+// "#NAME/COUNT/PAGE,..." the kills posted since the last "#" ("#": none).
+TEST_F(PageRetireTest, KillsAtTheFiftiethInjectionOfAPageSpanningTwoSeconds) {
+  const struct {
+    const char *name, *steps;
+  } stories[] = {
+      {"the fiftieth, never twice",
+       "i7:4660 +2 i7:4660*48 # -7 ?7 i7:4660 #web01/50/4660 k7 !7"
+       " r7 +5 i7:4660*10 # -7"},
+      {"fifty within 2 s wait for a later one", "i7:16*50 +1 i7:16 # +1 i7:16 #web01/52/16"},
+      {"counted per page, not per machine", "i7:1 i7:2 +3 i7:1*30 i7:2*30 =7:62 #"},
+      {"entries older than 60 s pruned on any injection",
+       "i7:32*49 +60 i8:32 =7:49 +1 i7:32 =7:1 +61 i8:32 =7:-1 =8:1 #"},
+      {"absent machines retried on any injection, in id order",
+       "i9:96 i5:96 +2 i5:96*49 i9:96*49 # n9=nine n5=five i3:97 #five/50/96,nine/50/96 k5 k9"},
+      {"a failed kill still marks killed until the record ages out",
+       "d7 i7:64 +2 i7:64*49 #web01/50/64 !7 i7:64*5 # +61 i7:64 ?7 +2 i7:64*49 #web01/50/64"},
+      {"an unreadable injection prunes but does not evaluate",
+       "i9:112 +2 i9:112*49 i4:113 +61 n9=late u9 =9:-1 =4:-1 # x9 i9:112 +2 i9:112*49"
+       " n9=late u9 =9:50 # i9:114 #late/50/112"},
+  };
+  for (const auto &story : stories) {
+    SCOPED_TRACE(story.name);
+    root.Remove("platform/vms");
+    root.Write("platform/vms/7/name", "web01");
+    TevdPageRetireCorrelator_Init();
+    std::istringstream in(story.steps);
+    for (std::string step; in >> step;) {
+      const std::string arg = step.substr(1);
+      const int vm = arg.empty() || step[0] == '#' || step[0] == '+' ? 0 : std::stoi(arg);
+      const std::string rest = arg.substr(std::min(arg.size(), arg.find_first_of(":=") + 1));
+      const std::string vmDir = "platform/vms/" + std::to_string(vm);
+      switch (step[0]) {
+        case '+': clock.Advance(std::stoi(arg)); break;
+        case 'i': {
+          size_t star = rest.find('*');
+          Inject(std::stoul(rest), vm,
+                 star == std::string::npos ? 1 : std::stoi(rest.substr(star + 1)));
+          break;
+        }
+        case 'u':
+          Run(TevdPageRetireCorrelatorMceInjected, "tev.pageretire.mce.injected",
+              {S("0x70"), I(vm)});
+          break;
+        case 'n': root.Write(vmDir + "/name", rest); break;
+        case 'x': root.Remove(vmDir); break;
+        case 'd': root.MakeDir(vmDir + "/killed"); break;
+        case 'r': root.Remove(vmDir + "/killed"); break;
+        case '=':
+          EXPECT_EQ(std::stoi(rest), TevdPageRetireCorrelator_EntriesForTest(vm)) << step;
+          break;
+        case '!': EXPECT_TRUE(TevdPageRetireCorrelator_KilledForTest(vm)) << step; break;
+        case '?': EXPECT_FALSE(TevdPageRetireCorrelator_KilledForTest(vm)) << step; break;
+        case 'k': EXPECT_EQ("0", Killed(vm)) << step; break;
+        case '-': EXPECT_EQ("<absent>", Killed(vm)) << step; break;
+        case '#': {
+          std::string want;
+          for (const std::string &e : Posted()) want += (want.empty() ? "" : ",") + e;
+          EXPECT_EQ(arg, want) << step;
+          break;
+        }
+        default: FAIL() << step;
+      }
+    }
+  }
 }
 
 TEST_F(PageRetireTest, MapRoutesKnownIdentifiersAndIgnoresOthers) {

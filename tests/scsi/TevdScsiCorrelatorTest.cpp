@@ -1,7 +1,11 @@
-// SCSI, all-paths-down and iSCSI translations: one row per argument shape
-// and the odd rows, the handlers' failure lines, silent drops and fallbacks.
+// SCSI, all-paths-down and iSCSI correlators against a scratch host model: one
+// translation row per argument shape and the odd rows, the handlers' failure
+// lines, path down/up by redundancy status, the datastore list, the path-state
+// and power-on-reset counters (60 s sweep, 600 s period), device loss events.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,42 +23,75 @@ using tevdtest::UL;
 namespace {
 
 using Args = std::vector<MsgFmt_Value>;
+using Evs = std::vector<std::string>;
 
-class StorageTranslationTest : public ::testing::Test {
+class ScsiTest : public ::testing::Test {
  protected:
-  void SetUp() override { TevdScsiCorrelator_ResetForTest(); }
-  // Dispatches through the map of the identifier's area.
-  void Feed(const std::string &id, const Args &args) {
-    tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
-    if (id.compare(0, 9, "tev.scsi.") == 0) {
-      TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, scsi_, tev.get());
-    } else if (id.compare(0, 12, "tev.storage.") == 0) {
-      TevdCorrelator_Dispatch(TevdApdCorrelatorDoDefault, apd_, tev.get());
-    } else {
-      TevdCorrelator_Dispatch(TevdIscsiCorrelatorDoDefault, iscsi_, tev.get());
+  void SetUp() override {
+    TevdScsiCorrelator_ResetForTest();
+    root_.MakeDir("kfs/volumes");
+    root_.Write("platform/storage/paths/p1", "naa.1");
+    root_.Write("platform/storage/paths/p2", "naa.1");
+  }
+  void TearDown() override { TevdScsiCorrelator_ResetForTest(); }
+
+  // A device with its redundancy status and partitions (number -> volume).
+  void Device(const std::string &device, int status, const std::map<int, std::string> &parts = {}) {
+    root_.Write("platform/storage/devices/" + device + "/status", std::to_string(status));
+    for (const auto &p : parts) {
+      root_.Write("platform/storage/devices/" + device + "/partitions/" + std::to_string(p.first),
+                  p.second);
     }
   }
-  // Posted events as "id arg arg ...", and forgotten.
-  std::vector<std::string> Events() {
-    std::vector<std::string> out;
+  // `id` after "tev.", dispatched through the map of its area.
+  void Obs(const std::string &id, const Args &args, int times = 1) {
+    for (int i = 0; i < times; i++) {
+      tevdtest::TevPtr tev = tevdtest::MakeTev("tev." + id, args);
+      if (id.compare(0, 5, "scsi.") == 0) {
+        TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
+      } else if (id.compare(0, 8, "storage.") == 0) {
+        TevdCorrelator_Dispatch(TevdApdCorrelatorDoDefault, apd_, tev.get());
+      } else {
+        TevdCorrelator_Dispatch(TevdIscsiCorrelatorDoDefault, iscsi_, tev.get());
+      }
+    }
+  }
+  void Down(const std::string &path, const std::string &left, int times = 1) {
+    Obs("scsi.scsipath.pathstate.dead", {S(path), S(left)}, times);
+  }
+  void Up(const std::string &path, const std::string &previous) {
+    Obs("scsi.scsipath.pathstate.on", {S(path), S(previous)});
+  }
+  // Starts a fresh sweep interval for both counter tables.
+  void StartCounting() {
+    Obs("scsi.scsipath.add", {S("warmup")});
+    Obs("scsi.scsipath.por", {S("warmup")});
+  }
+  // Posted events as "class:id arg arg ..." (or without "class:"), and forgotten.
+  Evs Events(bool withClass = true) {
+    Evs out;
     for (const QprobMessage &m : capture_.Take()) {
-      std::string e = m.id.substr(4);
+      std::string e = (withClass ? m.className + ":" : "") + m.id.substr(4);
       for (const std::string &a : tevdtest::ArgsText(m.args)) e += " " + a;
       out.push_back(e);
     }
     return out;
   }
+  int Count(const char *name, bool por = false) {
+    return TevdScsiCorrelator_CounterForTest(name, por);
+  }
+  bool ReportedDown(const char *device) { return TevdScsiCorrelator_IsReportedDownForTest(device); }
 
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
   tevdtest::EventCapture capture_;
   tevdtest::LogLines log_{root_};
-  TevHandlerMap scsi_ = TevdScsiCorrelator_BuildMap();
+  TevHandlerMap map_ = TevdScsiCorrelator_BuildMap();
   TevHandlerMap apd_ = TevdApdCorrelator_BuildMap();
   TevHandlerMap iscsi_ = TevdIscsiCorrelator_BuildMap();
 };
 
-TEST_F(StorageTranslationTest, EachArgumentShapePostsItsEventWithArgumentsInOrder) {
+TEST_F(ScsiTest, EachArgumentShapePostsItsEventWithArgumentsInOrder) {
   const struct {
     const char *tevId;  // after "tev."
     Args in;
@@ -69,6 +106,7 @@ TEST_F(StorageTranslationTest, EachArgumentShapePostsItsEventWithArgumentsInOrde
       {"scsi.device.io.qerr.change.config",
        {I(1), S("naa.1"), I(0)},
        "problem.scsi.device.io.qerr.change.config U:1 S:naa.1 U:0"},
+      {"scsi.unsupported.plugin.type", {I(31)}, "problem.scsi.unsupported.plugin.type U:31"},
       {"scsi.apd.event.descriptor.alloc.failed",
        {},
        "problem.scsi.apd.event.descriptor.alloc.failed"},
@@ -94,16 +132,12 @@ TEST_F(StorageTranslationTest, EachArgumentShapePostsItsEventWithArgumentsInOrde
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.tevId);
-    Feed(std::string("tev.") + c.tevId, c.in);
-    EXPECT_EQ(Events(), std::vector<std::string>{c.event});
+    Obs(c.tevId, c.in);
+    EXPECT_EQ(Events(false), Evs{c.event});
   }
-  Feed("tev.scsi.unsupported.plugin.type", {I(31)});
-  EXPECT_TRUE(
-      log_.SawEnding("[kos.problem.scsi.unsupported.plugin.type] Scsi Device Allocation "
-                     "not supported for plugin type 1f"));
 }
 
-TEST_F(StorageTranslationTest, UnreadableArgumentsLogTheHandlersLineAndPostNothing) {
+TEST_F(ScsiTest, UnreadableArgumentsLogTheHandlersLineAndPostNothing) {
   // The library reports a missing or mistyped argument as 22 (EINVAL).
   const struct {
     const char *tevId;  // after "tev.scsi."
@@ -129,7 +163,7 @@ TEST_F(StorageTranslationTest, UnreadableArgumentsLogTheHandlersLineAndPostNothi
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.tevId);
-    Feed(std::string("tev.scsi.") + c.tevId, c.in);
+    Obs(std::string("scsi.") + c.tevId, c.in);
     EXPECT_EQ(capture_.Count(), 0u);
     EXPECT_EQ(log_.TakeDiagnostics(), std::vector<std::string>{c.line});
   }
@@ -143,17 +177,17 @@ TEST_F(StorageTranslationTest, UnreadableArgumentsLogTheHandlersLineAndPostNothi
       {"tev.iscsi.session.recovery.timeout", {S("hba64"), S("iqn.t1")}},
       {"tev.iscsi.target.async.event", {S("hba64"), S("iqn.t1")}},
   };
-  for (const auto &s : silent) Feed(s.first, s.second);
+  for (const auto &s : silent) Obs(s.first + 4, s.second);
   EXPECT_EQ(capture_.Count(), 0u);
   EXPECT_EQ(log_.TakeDiagnostics(), std::vector<std::string>{});
-  Feed("tev.iscsi.brand.new", {S("a")});  // not even an observation line
+  Obs("iscsi.brand.new", {S("a")});  // not even an observation line
   EXPECT_EQ(log_.Take(), std::vector<std::string>{});
 }
 
-TEST_F(StorageTranslationTest, UnmappedIdentifiersAreLoggedByTheFallbacks) {
-  Feed("tev.scsi.device.brandnew", {S("naa.1")});
-  Feed("tev.scsi.device.state.ON", {S("naa.1")});
-  Feed("tev.storage.apd.bogus", {S("x")});
+TEST_F(ScsiTest, UnmappedIdentifiersAreLoggedByTheFallbacks) {
+  Obs("scsi.device.brandnew", {S("naa.1")});
+  Obs("scsi.device.state.ON", {S("naa.1")});
+  Obs("storage.apd.bogus", {S("x")});
   tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.badpath.other", {S("p1")});
   TevdScsiCorrelatorDoBadPePath(tev.get());
   EXPECT_EQ(capture_.Count(), 0u);
@@ -165,15 +199,180 @@ TEST_F(StorageTranslationTest, UnmappedIdentifiersAreLoggedByTheFallbacks) {
                                     }));
 }
 
-// The device-state and limit handlers serve one observation each and never
-// look at the identifier: a record under another one still gets their event.
-TEST_F(StorageTranslationTest, SingleObservationHandlersReadNoIdentifier) {
-  tevdtest::TevPtr off = tevdtest::MakeTev("tev.scsi.unrelated", {S("naa.1")});
-  TevdScsiCorrelatorDoDeviceOff(off.get());
-  tevdtest::TevPtr limit = tevdtest::MakeTev("tev.scsi.unrelated", {I(4), S("p1")});
-  TevdScsiCorrelatorDoPathLimit(limit.get());
-  EXPECT_EQ(Events(), (std::vector<std::string>{"problem.scsi.device.state.off S:naa.1",
-                                                "problem.scsi.scsipath.limitreached I:4 S:p1"}));
+TEST_F(ScsiTest, PathDownAndUpAreClassifiedByTheDevicesRedundancyStatus) {
+  const struct {
+    int downStatus;
+    const char *down;  // "" when nothing is posted
+    int upStatus;
+    const char *up;
+  } rows[] = {
+      {0, "", 3, ""},  // status 0 leaves no trace: a path up without a path down
+      {1, "connectivity.lost", 2, "connectivity.restored"},
+      {2, "redundancy.lost", 3, "redundancy.restored"},
+      {3, "redundancy.degraded", 3, "redundancy.restored"},
+      {3, "redundancy.degraded", 1, ""},  // nothing restored, and the entry goes
+      {3, "redundancy.degraded", 0, ""},
+      {4, "", 3, "redundancy.restored"},  // unknown status marks the device silently
+  };
+  for (const auto &r : rows) {
+    SCOPED_TRACE(r.downStatus * 10 + r.upStatus);
+    TevdScsiCorrelator_ResetForTest();
+    Device("naa.1", r.downStatus, {{1, "ds1"}});
+    Down("p1", "on");
+    EXPECT_EQ(
+        *r.down ? Evs{std::string("problem:problem.storage.") + r.down + " S:naa.1 S:p1 S:\"ds1\""}
+                : Evs{},
+        Events());
+    EXPECT_EQ(r.downStatus != 0, ReportedDown("naa.1"));
+    Device("naa.1", r.upStatus);
+    Up("p1", "dead");
+    EXPECT_EQ(
+        *r.up ? Evs{std::string("clear:clear.storage.") + r.up + " S:naa.1 S:\"ds1\" S:p1"} : Evs{},
+        Events());
+    EXPECT_FALSE(ReportedDown("naa.1"));
+    Device("naa.1", 3);
+    Up("p1", "dead");  // the entry went with the first path up
+    EXPECT_EQ(Evs{}, Events());
+  }
+}
+
+TEST_F(ScsiTest, OnlyLeavingOnOrStandbyTakesAPathAwayAndOnlyOffOrDeadGivesItBack) {
+  Device("naa.1", 2);
+  StartCounting();
+  Down("p1", "off");
+  Up("p1", "standby");
+  EXPECT_EQ(Evs{}, Events());
+  EXPECT_FALSE(ReportedDown("naa.1"));
+  EXPECT_EQ(2, Count("p1"));  // both counted all the same
+  Obs("scsi.scsipath.pathstate.off", {S("p1"), S("standby")});
+  EXPECT_EQ(Evs{"problem:problem.storage.redundancy.lost S:naa.1 S:p1 S:Unknown"}, Events());
+  Obs("scsi.scsipath.pathstate.standby", {S("p1"), S("on")});
+  EXPECT_TRUE(ReportedDown("naa.1"));
+  Obs("scsi.scsipath.pathstate.standby", {S("p1"), S("off")});
+  EXPECT_EQ(Evs{"clear:clear.storage.connectivity.restored S:naa.1 S:Unknown S:p1"}, Events());
+}
+
+TEST_F(ScsiTest, UnknownPathsMissingArgumentsAndNullNamesPostNothing) {
+  Device("naa.1", 2);
+  root_.Write("platform/storage/paths/p9", "naa.gone");  // a device the host does not know
+  const MsgFmt_Value null = MsgFmt_Value::NullStr();
+  Down("nosuchpath", "on");
+  Down("p9", "on");
+  Obs("scsi.scsipath.pathstate.dead", {S("p1")});
+  Obs("scsi.scsipath.pathstate.on", {I(3), S("dead")});
+  Obs("scsi.scsipath.pathstate.dead", {null, S("on")});
+  Obs("scsi.scsipath.pathstate.dead", {S("p1"), null});
+  Obs("scsi.scsipath.por", {null});
+  EXPECT_EQ(log_.TakeDiagnostics(), Evs{});
+  Obs("scsi.scsipath.add", {null});
+  Obs("scsi.device.state.permanentloss", {null});
+  EXPECT_EQ(Evs{}, Events());
+  EXPECT_FALSE(ReportedDown("naa.1") || ReportedDown("naa.gone"));
+  EXPECT_EQ((Evs{"Failed to get path add remove path name: 22", "Failed to get device name: 22"}),
+            log_.TakeDiagnostics());
+}
+
+TEST_F(ScsiTest, PathUpWithStatusOutsideTheCodesIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  Device("naa.1", 7);
+  Down("p1", "on");
+  ASSERT_TRUE(ReportedDown("naa.1"));
+  EXPECT_DEATH(Up("p1", "dead"), "NOT_REACHED apps/tevd/tevdScsiCorrelator:1018");
+}
+
+TEST_F(ScsiTest, DatastoreListQuotesSkipsPartitionZeroAndDropsDuplicates) {
+  Device("naa.1", 2, {{0, "whole"}, {1, "ds1"}, {2, ""}, {3, "ds2"}, {4, "ds1"}});
+  Device("naa.empty", 2, {{1, ""}});
+  Device("naa.nodisk", 2);  // no partitions/: not a disk
+  std::string text;
+  EXPECT_TRUE(TevdScsiCorrelator_GetDatastores("naa.1", &text));
+  EXPECT_EQ(text, "\"ds1\", \"ds2\"");
+  for (const char *device : {"naa.empty", "naa.nodisk", "naa.absent"}) {
+    EXPECT_FALSE(TevdScsiCorrelator_GetDatastores(device, &text)) << device;
+  }
+  root_.Remove("kfs/volumes");
+  EXPECT_FALSE(TevdScsiCorrelator_GetDatastores("naa.1", &text));
+}
+
+TEST_F(ScsiTest, DeviceLossEventsCarryTheDatastoreList) {
+  Device("naa.1", 1, {{1, "ds1"}, {2, "ds2"}});
+  for (const char *id : {"state.permanentloss", "state.permanentloss.withreservationheld",
+                         "state.permanentloss.noopens", "thinprov.atquota"}) {
+    Obs(std::string("scsi.device.") + id, {S("naa.1")});
+    EXPECT_EQ(Evs{std::string("problem:problem.scsi.device.") + id + " S:naa.1 S:\"ds1\", \"ds2\""},
+              Events());
+  }
+  Obs("scsi.device.state.permanentloss", {S("naa.gone")});
+  EXPECT_EQ(Evs{"problem:problem.scsi.device.state.permanentloss S:naa.gone S:Unknown"}, Events());
+}
+
+// ---- path-state and power-on-reset counters ----
+
+// Steps: "S" starts a sweep interval, "+N" moves the clock N s, "Dname*N" N
+// path-state changes, "Aname"/"Rname" add/remove, "Pname*N" N power-on resets,
+// "=name:V"/"~name:V" the path-state/reset counter is V (-1: no entry), "#N"
+// N events were posted since the last "#".
+TEST_F(ScsiTest, CountersReportTheTenthChangeOncePerPeriodAndSweepUpToNine) {
+  const struct {
+    const char *name, *steps;
+  } stories[] = {
+      {"tenth within one sweep interval, once", "S Dp1*9 +45 #0 Dp1 #1 Dp1*20 #0 =p1:30"},
+      {"no sweep at 60 s; then up to nine reset",
+       "S Dp1*9 Dp2*12 #1 +60 Aother =p1:9 +1 Aother"
+       " =p1:0 =p2:12 Dp1 #0 =p1:1"},
+      {"counted before the sweep runs", "S Dp1*9 +61 Dp1 #1"},
+      {"no sweep ran yet at start", "Dp1 =p1:0 Dp1*9 #0 Dp1 #1"},
+      {"the period ends after 600 s", "S Dp1*10 #1 +600 Aw =p1:10 +1 Aw =p1:-1 Dp1*10 #1"},
+      {"add starts at zero, add of a known path counts, remove erases",
+       "S Ap1 =p1:0 Ap1 =p1:1 Rp1 Rp1 =p1:-1 #0"},
+      {"resets by path or device, in their own table",
+       "S Pp1*10 #1 =p1:-1 ~p1:10 Pnaa.1*10 #1 Pghost*12 #0"},
+  };
+  for (const auto &story : stories) {
+    SCOPED_TRACE(story.name);
+    TevdScsiCorrelator_ResetForTest();
+    Device("naa.1", 3);
+    std::istringstream in(story.steps);
+    for (std::string step; in >> step;) {
+      std::string arg = step.substr(1), name = arg.substr(0, arg.find_first_of("*:"));
+      int n =
+          arg.find_first_of("*:") == std::string::npos ? 1 : std::stoi(arg.substr(name.size() + 1));
+      switch (step[0]) {
+        case 'S': StartCounting(); break;
+        case '+': clock_.Advance(std::stoi(arg)); break;
+        case 'D': Down(name, "dead", n); break;
+        case 'A': Obs("scsi.scsipath.add", {S(name)}); break;
+        case 'R': Obs("scsi.scsipath.remove", {S(name)}); break;
+        case 'P': Obs("scsi.scsipath.por", {S(name)}, n); break;
+        case '=': EXPECT_EQ(n, Count(name.c_str())) << step; break;
+        case '~': EXPECT_EQ(n, Count(name.c_str(), true)) << step; break;
+        case '#': EXPECT_EQ(static_cast<size_t>(std::stoi(arg)), Events().size()) << step; break;
+        default: FAIL() << step;
+      }
+    }
+  }
+}
+
+TEST_F(ScsiTest, CounterEventsNameThePathTheDeviceAndItsDatastores) {
+  Device("naa.1", 2, {{1, "ds1"}});
+  Device("naa.0", 0, {{1, "ds0"}});  // status 0: no datastore look-up
+  root_.Write("platform/storage/paths/p0", "naa.0");
+  StartCounting();
+  Down("p1", "dead", 9);
+  Down("p1", "off");  // any state left counts
+  Obs("scsi.scsipath.pathstate.on", {S("p0"), S("dead")}, 10);
+  Obs("scsi.scsipath.por", {S("p1")}, 10);
+  Obs("scsi.scsipath.por", {S("naa.1")}, 10);
+  Obs("scsi.scsipath.por", {S("p0")}, 10);
+  EXPECT_EQ((Evs{"problem:problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:\"ds1\"",
+                 "problem:problem.storage.connectivity.pathstatechanges S:p0 S:naa.0 S:Unknown",
+                 "problem:problem.storage.connectivity.pathpor S:p1 S:naa.1 S:\"ds1\"",
+                 "problem:problem.storage.connectivity.devicepor S:naa.1 S:\"ds1\"",
+                 "problem:problem.storage.connectivity.pathpor S:p0 S:naa.0 S:Unknown"}),
+            Events());
+  tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.renamed", {S("p1")});
+  TevdScsiCorrelatorDoPathAddRemove(tev.get());
+  EXPECT_TRUE(log_.Saw("Unknown TEV ID: tev.scsi.scsipath.renamed\n"));
 }
 
 }  // namespace

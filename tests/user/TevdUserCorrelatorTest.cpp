@@ -49,6 +49,7 @@ TEST_F(UserCorrelatorTest, EachArgumentShapePostsItsEventWithTypedArgumentsInInd
        {S("/scratch/log"), S("read-only")},
        "problem.hsyslogd.storage.logdir.invalid S:/scratch/log S:read-only"},
       {"test.test2", {I(42), S("two")}, "problem.test.test2 I:42 S:two"},
+      {"test.test2", {I(4), MsgFmt_Value::NullStr()}, "problem.test.test2 I:4 S:(null)"},
       {"test.test1d", {I(7), S("extra")}, "audit.test.test1d I:7"},  // extras are ignored
       {"ntpd.clock.correction.error",
        {I(-700), I(500)},
@@ -96,16 +97,6 @@ TEST_F(UserCorrelatorTest, MissingOrMistypedArgumentPostsNothingAndLogsNothing) 
   };
   for (const auto &b : bad) EXPECT_EQ("", Post(b.first, b.second)) << b.first;
   EXPECT_EQ(log.TakeDiagnostics(), std::vector<std::string>{});
-}
-
-TEST_F(UserCorrelatorTest, NullStringIsPostedAsANullString) {
-  tevdtest::TevPtr tev = tevdtest::MakeTev("tev.user.test.test2", {I(4), MsgFmt_Value::NullStr()});
-  TevdUserCorrelatorTranslate(tev.get());
-  std::vector<QprobMessage> got = events_.Take();
-  ASSERT_EQ(got.size(), 1u);
-  ASSERT_EQ(got[0].args.size(), 2u);
-  EXPECT_EQ(got[0].args[1].type, static_cast<uint32_t>(MSGFMT_TYPE_STRING));
-  EXPECT_TRUE(got[0].args[1].isNull);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 // map, the fake clock moved a second at a time, the alarm run when due and the
 // wake-up routine called when the alarm has written into the correlator's pipe.
 #include <poll.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -185,39 +184,6 @@ TEST_F(NetTest, UnreadableArgumentsForeignIdentifiersAndUnknownVmPostAndRecordNo
     f.handler(tev.get());
     EXPECT_EQ(capture_.Count(), 0u) << f.id;
   }
-}
-
-int ReadPipe(int fd) {
-  char buf[16] = {};
-  struct pollfd p = {fd, POLLIN, 0};
-  if (poll(&p, 1, 0) != 1) return 0;
-  int n = static_cast<int>(read(fd, buf, sizeof buf));
-  EXPECT_EQ(std::string(buf, 4), std::string("foo\0", 4));
-  return n;
-}
-
-TEST_F(NetTest, AlarmWritesFooAndItsNulIntoThePipeWhenATimeoutIsDue) {
-  Restart();
-  const int fd = pipeFd_;
-  ASSERT_GE(fd, 0);
-  Feed("uplink.watchdog.timeout", {S("hwnic0")});
-  clock_.Advance(6);
-  EXPECT_EQ(TevdAlarm_RunDueForTest(), 0);
-  EXPECT_EQ(ReadPipe(fd), 0);
-  clock_.Advance(1);
-  EXPECT_EQ(TevdAlarm_RunDueForTest(), 1);
-  EXPECT_EQ(ReadPipe(fd), 4);
-}
-
-TEST_F(NetTest, PipeFailureIsFatal) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  auto prepare = [] {
-    struct rlimit none = {0, 0};
-    setrlimit(RLIMIT_NOFILE, &none);  // pipe() fails after the alarm was registered
-    int fd = -1;
-    TevdNetCorrelator_Prepare(&fd);
-  };
-  EXPECT_DEATH(prepare(), "Failed to initialize pipes for this thread: ");
 }
 
 TEST_F(NetTest, UplinkStoriesPostTheirEventsAtTheirSeconds) {

@@ -1,6 +1,5 @@
-// Clock correction correlator: hourly suppression per handler table, the
-// signed hour after the clock went back, sync re-enabled by any loss of
-// synchronisation, the values each family carries, and the default handler.
+// Clock correction correlator: hourly suppression per handler table (a signed
+// hour when the clock went back), sync re-enabled by any loss of synchronisation.
 #include <gtest/gtest.h>
 
 #include <string>

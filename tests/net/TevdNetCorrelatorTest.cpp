@@ -1,8 +1,6 @@
-// Network correlator: the direct translations (one row per argument shape and
-// the odd rows), the wake-up pipe, link flapping, and uplink redundancy
-// tracking driven as the daemon drives it: observations through the handler
-// map, the fake clock moved a second at a time, the alarm run when due and the
-// wake-up routine called when the alarm has written into the correlator's pipe.
+// Network correlator: direct translations, link flapping, and uplink tracking
+// driven as the daemon drives it (the fake clock moved a second at a time, the
+// alarm run when due, the wake-up routine called when the pipe has data).
 #include <poll.h>
 #include <unistd.h>
 

@@ -1,6 +1,5 @@
 // Page retirement correlator: threshold arithmetic, the once-per-run report,
-// firmware forwarding gated per call, and the machine-check kill (count, span,
-// pruning, retries). Time moves only through the fake clock.
+// firmware forwarding gated per call, and the machine-check kill.
 #include <gtest/gtest.h>
 
 #include <sstream>

@@ -213,7 +213,8 @@ TEST_F(NetTest, UplinkStoriesPostTheirEventsAtTheirSeconds) {
        {"2 clear.net.redundancy.restored S:ksw0 S:\"pg guests\" S:hwnic6"}},
       {"distributed ports labelled switch/port; they hide the bare link's down and up",
        "0 D hwnic7 dvs-A/101 0; 0 D hwnic7 dvs-A/102 0; 0 D hwnic7 dvs-B/7 1; 0 D hwnic7 dvs-C/9 2;"
-       "0 D hwnic7 dvs-C/8 -3; 0 L hwnic7; 2 d hwnic7 dvs-A/101 2; 2 d hwnic7 dvs-B/7 1; 2 l hwnic7",
+       "0 D hwnic7 dvs-C/8 -3; 0 L hwnic7; 2 d hwnic7 dvs-A/101 2; 2 d hwnic7 dvs-B/7 1;"
+       "2 l hwnic7",
        {"2 problem.net.dvport.connectivity.lost S:\"dvs-A/101\", \"dvs-A/102\" S:hwnic7",
         "2 problem.net.dvport.redundancy.lost S:\"dvs-B/7\" S:hwnic7",
         "2 problem.net.dvport.redundancy.degraded S:\"dvs-C/9\" S:hwnic7",

@@ -44,7 +44,6 @@ const struct Observation {
 class ClockTest : public ::testing::Test {
  protected:
   void SetUp() override { TevdClockCorrelator_ResetForTest(); }
-  void TearDown() override { TevdClockCorrelator_ResetForTest(); }
 
   // Runs `handler` on a fresh observation; returns the ids (after
   // "kos.problem.clock.") and arguments it posted.

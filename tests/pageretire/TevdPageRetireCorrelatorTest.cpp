@@ -47,15 +47,17 @@ class PageRetireTest : public ::testing::Test {
       Run(TevdPageRetireCorrelatorMceInjected, "tev.pageretire.mce.injected", {U(page), I(vm)});
     }
   }
-  // Posted events as "id-suffix arg arg", kills as "name/count/page" ("S:web01 I:50 U:16").
+  // Posted events as "id-suffix arg arg", kills as "name/count/page" (typed S, I, U).
   Evs Posted() {
     Evs out;
     for (const QprobMessage &m : events.Take()) {
       const bool kill = m.id == "kos.problem.pageretire.mce.injected.2";
-      std::string e = kill ? "" : m.id.substr(23);
+      std::string e = kill ? "" : m.id.substr(23), types;
       for (const std::string &a : ArgsText(m.args)) {
         e += kill ? (e.empty() ? "" : "/") + a.substr(2) : " " + a;
+        types += a.substr(0, 2);
       }
+      EXPECT_TRUE(!kill || types == "S:I:U:") << types;
       out.push_back(e);
     }
     return out;

@@ -1,205 +1,352 @@
-// SCSI correlator: every direct translation (observation -> event id, typed
-// arguments and logged text), the failure lines of unreadable arguments, the
-// fallback and the map's contents. Expected texts are typed out here, never
-// taken from the correlator's own table.
+// SCSI, all-paths-down and iSCSI correlators against a scratch host model: one
+// translation row per argument shape and the odd rows, the handlers' failure
+// lines, path down/up by redundancy status, the datastore list, the path-state
+// and power-on-reset counters (60 s sweep, 600 s period), device loss events.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Harness.h"
 #include "TevdTestSupport.h"
+#include "tevdApdCorrelator.h"
+#include "tevdIscsiCorrelator.h"
 #include "tevdScsiCorrelator.h"
 
 using tevdtest::I;
 using tevdtest::S;
+using tevdtest::U;
 using tevdtest::UL;
 
 namespace {
 
-struct TranslationCase {
-  const char *tevId;
-  std::vector<MsgFmt_Value> args;
-  const char *eventId;
-  std::vector<std::string> eventArgs;
-  const char *text;  // the event's text as the local log line shows it
-};
+using Args = std::vector<MsgFmt_Value>;
+using Evs = std::vector<std::string>;
 
-class ScsiTranslationTest : public ::testing::Test {
+class ScsiTest : public ::testing::Test {
  protected:
-  void SetUp() override { TevdScsiCorrelator_ResetForTest(); }
-  void Dispatch(const std::string &id, const std::vector<MsgFmt_Value> &args) {
-    tevdtest::TevPtr tev = tevdtest::MakeTev(id, args);
-    TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
+  void SetUp() override {
+    TevdScsiCorrelator_ResetForTest();
+    root_.MakeDir("kfs/volumes");
+    root_.Write("platform/storage/paths/p1", "naa.1");
+    root_.Write("platform/storage/paths/p2", "naa.1");
   }
+  void TearDown() override { TevdScsiCorrelator_ResetForTest(); }
+
+  // A device with its redundancy status and partitions (number -> volume).
+  void Device(const std::string &device, int status, const std::map<int, std::string> &parts = {}) {
+    root_.Write("platform/storage/devices/" + device + "/status", std::to_string(status));
+    for (const auto &p : parts) {
+      root_.Write("platform/storage/devices/" + device + "/partitions/" + std::to_string(p.first),
+                  p.second);
+    }
+  }
+  // `id` after "tev.", dispatched through the map of its area.
+  void Obs(const std::string &id, const Args &args, int times = 1) {
+    for (int i = 0; i < times; i++) {
+      tevdtest::TevPtr tev = tevdtest::MakeTev("tev." + id, args);
+      if (id.compare(0, 5, "scsi.") == 0) {
+        TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
+      } else if (id.compare(0, 8, "storage.") == 0) {
+        TevdCorrelator_Dispatch(TevdApdCorrelatorDoDefault, apd_, tev.get());
+      } else {
+        TevdCorrelator_Dispatch(TevdIscsiCorrelatorDoDefault, iscsi_, tev.get());
+      }
+    }
+  }
+  void Down(const std::string &path, const std::string &left, int times = 1) {
+    Obs("scsi.scsipath.pathstate.dead", {S(path), S(left)}, times);
+  }
+  void Up(const std::string &path, const std::string &previous) {
+    Obs("scsi.scsipath.pathstate.on", {S(path), S(previous)});
+  }
+  // Starts a fresh sweep interval for both counter tables.
+  void StartCounting() {
+    Obs("scsi.scsipath.add", {S("warmup")});
+    Obs("scsi.scsipath.por", {S("warmup")});
+  }
+  // Posted events as "class:id arg arg ..." (or without "class:"), and forgotten.
+  Evs Events(bool withClass = true) {
+    Evs out;
+    for (const QprobMessage &m : capture_.Take()) {
+      std::string e = (withClass ? m.className + ":" : "") + m.id.substr(4);
+      for (const std::string &a : tevdtest::ArgsText(m.args)) e += " " + a;
+      out.push_back(e);
+    }
+    return out;
+  }
+  int Count(const char *name, bool por = false) {
+    return TevdScsiCorrelator_CounterForTest(name, por);
+  }
+  bool ReportedDown(const char *device) { return TevdScsiCorrelator_IsReportedDownForTest(device); }
+
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
   tevdtest::EventCapture capture_;
   tevdtest::LogLines log_{root_};
   TevHandlerMap map_ = TevdScsiCorrelator_BuildMap();
+  TevHandlerMap apd_ = TevdApdCorrelator_BuildMap();
+  TevHandlerMap iscsi_ = TevdIscsiCorrelator_BuildMap();
 };
 
-TEST_F(ScsiTranslationTest, EachArgumentShapePostsItsEventWithArgumentsInOrder) {
-  const std::vector<TranslationCase> cases = {
-      {"tev.scsi.scsipath.limitreached",
-       {I(1024), S("hba1:C0:T0:L5")},
-       "kos.problem.scsi.scsipath.limitreached",
-       {"I:1024", "S:hba1:C0:T0:L5"},
-       "The maximum number of supported paths of 1024 has been reached. Path hba1:C0:T0:L5 "
-       "could not be added."},
-      {"tev.scsi.scsipath.badpath.unreachpe",
+TEST_F(ScsiTest, EachArgumentShapePostsItsEventWithArgumentsInOrder) {
+  const struct {
+    const char *tevId;  // after "tev."
+    Args in;
+    const char *event;  // id after "kos.", then the typed arguments
+  } cases[] = {
+      {"scsi.scsipath.limitreached",
+       {I(1024), S("p5")},
+       "problem.scsi.scsipath.limitreached I:1024 S:p5"},
+      {"scsi.scsipath.badpath.unreachpe",
        {S("p1"), S("hba2")},
-       "kos.problem.scsi.scsipath.badpath.unreachpe",
-       {"S:p1", "S:hba2"},
-       "Sanity check failed for path p1. The path is to a QVol PE, but it goes out of adapter "
-       "hba2 which is not PE capable. Path dropped."},
-      {"tev.scsi.device.state.off",
-       {S("naa.1")},
-       "kos.problem.scsi.device.state.off",
-       {"S:naa.1"},
-       "Device: naa.1  has been turned off administratively"},
-      {"tev.scsi.device.io.qerr.change.config",
+       "problem.scsi.scsipath.badpath.unreachpe S:p1 S:hba2"},
+      {"scsi.device.io.qerr.change.config",
        {I(1), S("naa.1"), I(0)},
-       "kos.problem.scsi.device.io.qerr.change.config",
-       {"U:1", "S:naa.1", "U:0"},
-       "QErr set to 0x1 for device naa.1. This may cause unexpected behavior. The system is not "
-       "configured to change the Qerr setting of device. The Qerr value supported by system is "
-       "0x0. Please check the SCSI ChangeQErrSetting configuration value for KOS."},
-      {"tev.scsi.unsupported.plugin.type",
-       {I(31)},
-       "kos.problem.scsi.unsupported.plugin.type",
-       {"U:31"},
-       "Scsi Device Allocation not supported for plugin type 1f"},
-      {"tev.scsi.apd.event.descriptor.alloc.failed",
+       "problem.scsi.device.io.qerr.change.config U:1 S:naa.1 U:0"},
+      {"scsi.apd.event.descriptor.alloc.failed",
        {},
-       "kos.problem.scsi.apd.event.descriptor.alloc.failed",
-       {},
-       "No memory to allocate APD (All Paths Down) event subsystem"},
-      {"tev.scsi.device.io.latency.high",
-       {S("naa.1"), UL(100), UL(5000)},
-       "kos.problem.scsi.device.io.latency.high",
-       {"S:naa.1", "L:100", "L:5000"},
-       "Device naa.1 performance has deteriorated. I/O latency increased from average value of "
-       "100 microseconds to 5000 microseconds."},
+       "problem.scsi.apd.event.descriptor.alloc.failed"},
+      {"scsi.device.io.latency.high",
+       {S("naa.9"), UL(900), UL(10)},  // lower second value too
+       "problem.scsi.device.io.latency.high S:naa.9 L:900 L:10"},
+      {"storage.apd.timeout",
+       {S("naa.600a"), I(140)},
+       "problem.storage.apd.timeout S:naa.600a I:140"},
+      {"iscsi.target.login.error",
+       {S("hba64"), S("iqn.t1"), U(0x201)},
+       "problem.storage.iscsi.target.login.error S:iqn.t1 S:hba64 S:0201"},
+      {"iscsi.target.login.error",
+       {S("a"), S("t"), U(0x12345)},  // cut to its first four
+       "problem.storage.iscsi.target.login.error S:t S:a S:1234"},
+      {"iscsi.isns.discovery.error",
+       {S("hba64"), S("isns1"), S("c"), S("d")},
+       "problem.storage.iscsi.isns.discovery.error S:isns1 S:hba64 S:c S:d"},
   };
-  for (const TranslationCase &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.tevId);
-    Dispatch(c.tevId, c.args);
-    std::vector<QprobMessage> events = capture_.Take();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].id, c.eventId);
-    EXPECT_EQ(tevdtest::ArgsText(events[0].args), c.eventArgs);
-    EXPECT_TRUE(log_.SawEnding(std::string("[") + c.eventId + "] " + c.text));
-    log_.Take();
+    Obs(c.tevId, c.in);
+    EXPECT_EQ(Events(false), Evs{c.event});
   }
 }
 
-TEST_F(ScsiTranslationTest, LatencyHighIsPostedEvenWhenTheSecondValueIsLower) {
-  Dispatch("tev.scsi.device.io.latency.high", {S("naa.9"), UL(900), UL(10)});
-  std::vector<QprobMessage> events = capture_.Take();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, "kos.problem.scsi.device.io.latency.high");
-  EXPECT_EQ(tevdtest::ArgsText(events[0].args),
-            (std::vector<std::string>{"S:naa.9", "L:900", "L:10"}));
-}
-
-struct FailureCase {
-  const char *tevId;
-  std::vector<MsgFmt_Value> args;
-  const char *logLine;
-};
-
-TEST_F(ScsiTranslationTest, UnreadableArgumentsLogTheHandlersLineAndPostNothing) {
+TEST_F(ScsiTest, UnreadableArgumentsLogTheHandlersLineAndPostNothing) {
   // The library reports a missing or mistyped argument as 22 (EINVAL).
-  const std::vector<FailureCase> cases = {
-      {"tev.scsi.device.io.qerr.changed",
+  const struct {
+    const char *tevId;  // after "tev.scsi."
+    Args in;
+    const char *line;
+  } cases[] = {
+      {"device.io.qerr.changed",
        {S("naa.1"), S("x"), I(0)},
-       "Failed to correlate tev.scsi.device.io.qerr.changed: 22\n"},
-      {"tev.scsi.device.io.inquiry.failed",
-       {S("naa.1")},
-       "Failed to correlate tev.scsi.device.io.inquiry.failed: 22\n"},
-      {"tev.scsi.device.detach.failed",
+       "Failed to correlate tev.scsi.device.io.qerr.changed: 22"},
+      {"device.detach.failed",
        {I(4)},
-       "Failed to get params for correlation tev.scsi.device.detach.failed: 22\n"},
-      {"tev.scsi.unsupported.plugin.type",
-       {S("x")},
-       "Failed to correlate tev.scsi.unsupported.plugin.type: 22\n"},
-      {"tev.scsi.device.state.on", {}, "Failed to get device name: 22\n"},
-      {"tev.scsi.device.state.permanentloss.pluggedback",
-       {I(1)},
-       "Failed to get device name: 22\n"},
-      {"tev.scsi.scsipath.badpath.unsafepe", {}, "Failed to get path name: 22\n"},
-      {"tev.scsi.scsipath.badpath.unreachpe",
+       "Failed to get params for correlation tev.scsi.device.detach.failed: 22"},
+      {"device.state.on", {}, "Failed to get device name: 22"},
+      {"scsipath.badpath.unreachpe",
        {S("p7")},
-       "Failed to get PE-incapable adapter name for path p7 : 22\n"},
-      {"tev.scsi.scsipath.limitreached",
-       {S("p")},
-       "Failed to get path limit reached path count: 22\n"},
-      {"tev.scsi.scsipath.limitreached",
-       {I(8)},
-       "Failed to get path limit reached path name: 22\n"},
-      {"tev.scsi.device.limitreached", {}, "Failed to get device limit reached device count: 22\n"},
-      {"tev.scsi.device.limitreached",
-       {I(8), I(9)},
-       "Failed to get device limit reached plugin name: 22\n"},
-      {"tev.scsi.device.io.latency.improved",
-       {S("naa.1"), UL(1)},
-       "Failed to correlate tev.scsi.device.io.latency.improved: 22\n"},
-      {"tev.scsi.device.state.permanentloss", {}, "Failed to get device name: 22\n"},
-      {"tev.scsi.device.thinprov.atquota",
-       {I(3)},
-       "Failed to get thin provisioned device name: 22\n"},
-      {"tev.scsi.scsipath.remove", {}, "Failed to get path add remove path name: 22\n"},
+       "Failed to get PE-incapable adapter name for path p7 : 22"},
+      {"scsipath.limitreached", {S("p")}, "Failed to get path limit reached path count: 22"},
+      {"scsipath.limitreached", {I(8)}, "Failed to get path limit reached path name: 22"},
   };
-  for (const FailureCase &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.tevId);
-    Dispatch(c.tevId, c.args);
+    Obs(std::string("scsi.") + c.tevId, c.in);
     EXPECT_EQ(capture_.Count(), 0u);
-    std::string line(c.logLine);
-    ASSERT_EQ(line.back(), '\n');
-    line.pop_back();  // the sink hands lines over without their newline
-    EXPECT_EQ(log_.TakeDiagnostics(), std::vector<std::string>{line});
+    EXPECT_EQ(log_.TakeDiagnostics(), std::vector<std::string>{c.line});
   }
-}
-
-TEST_F(ScsiTranslationTest, UnmappedIdentifierIsLoggedByTheFallback) {
-  Dispatch("tev.scsi.device.brandnew", {S("naa.1")});
+  const std::vector<std::pair<const char *, Args>> silent = {
+      {"tev.storage.apd.timeout", {S("naa.600a")}},
+      {"tev.storage.apd.start", {I(5)}},
+      {"tev.iscsi.target.login.error", {S("hba64"), S("iqn.t1")}},
+      {"tev.iscsi.isns.discovery.error", {S("a"), S("b"), S("c")}},
+      {"tev.iscsi.target.connect.error", {S("a"), I(2)}},
+      {"tev.iscsi.connection.started", {S("hba64"), S("iqn.t1")}},  // ignored on purpose
+  };
+  for (const auto &s : silent) Obs(s.first + 4, s.second);
   EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_TRUE(log_.Saw("No correlator for tev.scsi.device.brandnew \n"));
+  EXPECT_EQ(log_.TakeDiagnostics(), std::vector<std::string>{});
+  Obs("iscsi.brand.new", {S("a")});  // not even an observation line
+  EXPECT_EQ(log_.Take(), std::vector<std::string>{});
 }
 
-TEST_F(ScsiTranslationTest, IdentifierDifferingOnlyInCaseGoesToTheFallback) {
-  Dispatch("tev.scsi.device.state.ON", {S("naa.1")});
-  EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_TRUE(log_.Saw("No correlator for tev.scsi.device.state.ON \n"));
-}
-
-TEST_F(ScsiTranslationTest, BadPathHandlerLogsAnIdentifierItDoesNotKnow) {
+TEST_F(ScsiTest, UnmappedIdentifiersAreLoggedByTheFallbacks) {
+  Obs("scsi.device.brandnew", {S("naa.1")});
+  Obs("scsi.device.state.ON", {S("naa.1")});
+  Obs("storage.apd.bogus", {S("x")});
   tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.badpath.other", {S("p1")});
   TevdScsiCorrelatorDoBadPePath(tev.get());
   EXPECT_EQ(capture_.Count(), 0u);
-  EXPECT_TRUE(log_.Saw("Unknown TEV ID: tev.scsi.scsipath.badpath.other\n"));
+  EXPECT_EQ(log_.TakeDiagnostics(), (std::vector<std::string>{
+                                        "No correlator for tev.scsi.device.brandnew ",
+                                        "No correlator for tev.scsi.device.state.ON ",
+                                        "No correlator for tev.storage.apd.bogus ",
+                                        "Unknown TEV ID: tev.scsi.scsipath.badpath.other",
+                                    }));
 }
 
-// The device-state and limit handlers serve one observation each and never
-// look at the identifier: a record under another one still gets their event.
-TEST_F(ScsiTranslationTest, SingleObservationHandlersReadNoIdentifier) {
+TEST_F(ScsiTest, PathDownAndUpAreClassifiedByTheDevicesRedundancyStatus) {
   const struct {
-    TevHandler handler;
-    std::vector<MsgFmt_Value> args;
-    const char *eventId;
-  } cases[] = {
-      {TevdScsiCorrelatorDoDeviceOff, {S("naa.1")}, "kos.problem.scsi.device.state.off"},
-      {TevdScsiCorrelatorDoPathLimit, {I(4), S("p1")}, "kos.problem.scsi.scsipath.limitreached"},
+    int downStatus;
+    const char *down;  // "" when nothing is posted
+    int upStatus;
+    const char *up;
+  } rows[] = {
+      {0, "", 3, ""},  // status 0 leaves no trace: a path up without a path down
+      {1, "connectivity.lost", 2, "connectivity.restored"},
+      {2, "redundancy.lost", 3, "redundancy.restored"},
+      {3, "redundancy.degraded", 3, "redundancy.restored"},
+      {3, "redundancy.degraded", 1, ""},  // nothing restored, and the entry goes
+      {3, "redundancy.degraded", 0, ""},
+      {4, "", 3, "redundancy.restored"},  // unknown status marks the device silently
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.eventId);
-    tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.unrelated", c.args);
-    c.handler(tev.get());
-    std::vector<QprobMessage> got = capture_.Take();
-    ASSERT_EQ(1u, got.size());
-    EXPECT_EQ(c.eventId, got[0].id);
+  for (const auto &r : rows) {
+    SCOPED_TRACE(r.downStatus * 10 + r.upStatus);
+    TevdScsiCorrelator_ResetForTest();
+    Device("naa.1", r.downStatus, {{1, "ds1"}});
+    Down("p1", "on");
+    EXPECT_EQ(
+        *r.down ? Evs{std::string("problem:problem.storage.") + r.down + " S:naa.1 S:p1 S:\"ds1\""}
+                : Evs{},
+        Events());
+    EXPECT_EQ(r.downStatus != 0, ReportedDown("naa.1"));
+    Device("naa.1", r.upStatus);
+    Up("p1", "dead");
+    EXPECT_EQ(
+        *r.up ? Evs{std::string("clear:clear.storage.") + r.up + " S:naa.1 S:\"ds1\" S:p1"} : Evs{},
+        Events());
+    EXPECT_FALSE(ReportedDown("naa.1"));
+    Device("naa.1", 3);
+    Up("p1", "dead");  // the entry went with the first path up
+    EXPECT_EQ(Evs{}, Events());
   }
+}
+
+TEST_F(ScsiTest, OnlyLeavingOnOrStandbyTakesAPathAwayAndOnlyOffOrDeadGivesItBack) {
+  Device("naa.1", 2);
+  StartCounting();
+  Down("p1", "off");
+  Up("p1", "standby");
+  EXPECT_EQ(Evs{}, Events());
+  EXPECT_FALSE(ReportedDown("naa.1"));
+  EXPECT_EQ(2, Count("p1"));  // both counted all the same
+  Obs("scsi.scsipath.pathstate.off", {S("p1"), S("standby")});
+  EXPECT_EQ(Evs{"problem:problem.storage.redundancy.lost S:naa.1 S:p1 S:Unknown"}, Events());
+  Obs("scsi.scsipath.pathstate.standby", {S("p1"), S("on")});
+  EXPECT_TRUE(ReportedDown("naa.1"));
+  Obs("scsi.scsipath.pathstate.standby", {S("p1"), S("off")});
+  EXPECT_EQ(Evs{"clear:clear.storage.connectivity.restored S:naa.1 S:Unknown S:p1"}, Events());
+}
+
+TEST_F(ScsiTest, UnknownPathsMissingArgumentsAndNullNamesPostNothing) {
+  Device("naa.1", 2);
+  root_.Write("platform/storage/paths/p9", "naa.gone");  // a device the host does not know
+  const MsgFmt_Value null = MsgFmt_Value::NullStr();
+  Down("nosuchpath", "on");
+  Down("p9", "on");
+  Obs("scsi.scsipath.pathstate.dead", {S("p1")});
+  Obs("scsi.scsipath.pathstate.on", {I(3), S("dead")});
+  Obs("scsi.scsipath.pathstate.dead", {null, S("on")});
+  Obs("scsi.scsipath.pathstate.dead", {S("p1"), null});
+  Obs("scsi.scsipath.por", {null});
+  EXPECT_EQ(log_.TakeDiagnostics(), Evs{});
+  Obs("scsi.scsipath.add", {null});
+  Obs("scsi.device.state.permanentloss", {null});
+  EXPECT_EQ(Evs{}, Events());
+  EXPECT_FALSE(ReportedDown("naa.1") || ReportedDown("naa.gone"));
+  EXPECT_EQ((Evs{"Failed to get path add remove path name: 22", "Failed to get device name: 22"}),
+            log_.TakeDiagnostics());
+}
+
+TEST_F(ScsiTest, DeviceLossEventsCarryTheDatastoreListWithoutPartitionZeroEmptiesOrRepeats) {
+  Device("naa.1", 1, {{0, "whole"}, {1, "ds1"}, {2, ""}, {3, "ds2"}, {4, "ds1"}});
+  for (const char *id : {"state.permanentloss", "state.permanentloss.withreservationheld",
+                         "state.permanentloss.noopens", "thinprov.atquota"}) {
+    Obs(std::string("scsi.device.") + id, {S("naa.1")});
+    EXPECT_EQ(Evs{std::string("problem:problem.scsi.device.") + id + " S:naa.1 S:\"ds1\", \"ds2\""},
+              Events());
+  }
+  Device("naa.empty", 2, {{1, ""}});
+  Device("naa.nodisk", 2);  // no partitions/: not a disk
+  for (const char *device : {"naa.empty", "naa.nodisk", "naa.absent", "naa.1"}) {
+    if (std::string(device) == "naa.1") root_.Remove("kfs/volumes");
+    Obs("scsi.device.state.permanentloss", {S(device)});
+    EXPECT_EQ(Evs{std::string("problem:problem.scsi.device.state.permanentloss S:") + device +
+                  " S:Unknown"},
+              Events());
+  }
+}
+
+// ---- path-state and power-on-reset counters ----
+
+// Steps: "S" starts a sweep interval, "+N" moves the clock N s, "Dname*N" N
+// path-state changes, "Aname"/"Rname" add/remove, "Pname*N" N power-on resets,
+// "=name:V"/"~name:V" the path-state/reset counter is V (-1: no entry), "#N"
+// N events were posted since the last "#".
+TEST_F(ScsiTest, CountersReportTheTenthChangeOncePerPeriodAndSweepUpToNine) {
+  const struct {
+    const char *name, *steps;
+  } stories[] = {
+      {"tenth within one sweep interval, once", "S Dp1*9 +45 #0 Dp1 #1 Dp1*20 #0 =p1:30"},
+      {"no sweep at 60 s; then up to nine reset",
+       "S Dp1*9 Dp2*12 #1 +60 Aother =p1:9 +1 Aother"
+       " =p1:0 =p2:12 Dp1 #0 =p1:1"},
+      {"counted before the sweep runs", "S Dp1*9 +61 Dp1 #1"},
+      {"no sweep ran yet at start", "Dp1 =p1:0 Dp1*9 #0 Dp1 #1"},
+      {"the period ends after 600 s", "S Dp1*10 #1 +600 Aw =p1:10 +1 Aw =p1:-1 Dp1*10 #1"},
+      {"add starts at zero, add of a known path counts, remove erases",
+       "S Ap1 =p1:0 Ap1 =p1:1 Rp1 Rp1 =p1:-1 #0"},
+      {"resets by path or device, in their own table",
+       "S Pp1*10 #1 =p1:-1 ~p1:10 Pnaa.1*10 #1 Pghost*12 #0"},
+  };
+  for (const auto &story : stories) {
+    SCOPED_TRACE(story.name);
+    TevdScsiCorrelator_ResetForTest();
+    Device("naa.1", 3);
+    std::istringstream in(story.steps);
+    for (std::string step; in >> step;) {
+      std::string arg = step.substr(1), name = arg.substr(0, arg.find_first_of("*:"));
+      int n =
+          arg.find_first_of("*:") == std::string::npos ? 1 : std::stoi(arg.substr(name.size() + 1));
+      switch (step[0]) {
+        case 'S': StartCounting(); break;
+        case '+': clock_.Advance(std::stoi(arg)); break;
+        case 'D': Down(name, "dead", n); break;
+        case 'A': Obs("scsi.scsipath.add", {S(name)}); break;
+        case 'R': Obs("scsi.scsipath.remove", {S(name)}); break;
+        case 'P': Obs("scsi.scsipath.por", {S(name)}, n); break;
+        case '=': EXPECT_EQ(n, Count(name.c_str())) << step; break;
+        case '~': EXPECT_EQ(n, Count(name.c_str(), true)) << step; break;
+        case '#': EXPECT_EQ(static_cast<size_t>(std::stoi(arg)), Events().size()) << step; break;
+        default: FAIL() << step;
+      }
+    }
+  }
+}
+
+TEST_F(ScsiTest, CounterEventsNameThePathTheDeviceAndItsDatastores) {
+  Device("naa.1", 2, {{1, "ds1"}});
+  Device("naa.0", 0, {{1, "ds0"}});  // status 0: no datastore look-up
+  root_.Write("platform/storage/paths/p0", "naa.0");
+  StartCounting();
+  Down("p1", "dead", 9);
+  Down("p1", "off");  // any state left counts
+  Obs("scsi.scsipath.pathstate.on", {S("p0"), S("dead")}, 10);
+  Obs("scsi.scsipath.por", {S("p1")}, 10);
+  Obs("scsi.scsipath.por", {S("naa.1")}, 10);
+  Obs("scsi.scsipath.por", {S("p0")}, 10);
+  EXPECT_EQ((Evs{"problem:problem.storage.connectivity.pathstatechanges S:p1 S:naa.1 S:\"ds1\"",
+                 "problem:problem.storage.connectivity.pathstatechanges S:p0 S:naa.0 S:Unknown",
+                 "problem:problem.storage.connectivity.pathpor S:p1 S:naa.1 S:\"ds1\"",
+                 "problem:problem.storage.connectivity.devicepor S:naa.1 S:\"ds1\"",
+                 "problem:problem.storage.connectivity.pathpor S:p0 S:naa.0 S:Unknown"}),
+            Events());
+  tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.renamed", {S("p1")});
+  TevdScsiCorrelatorDoPathAddRemove(tev.get());
+  EXPECT_TRUE(log_.Saw("Unknown TEV ID: tev.scsi.scsipath.renamed\n"));
 }
 
 }  // namespace

@@ -1,15 +1,19 @@
+// The log path's shortcuts must not show: the per-second cache of the local
+// time, the stack buffers with their long-line fallback, the one shared log
+// socket and the per-thread batches.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
+#include <optional>
+#include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "Harness.h"
-#include "TevClock.h"
+#include "PlatformRoot.h"
 #include "TevdTestSupport.h"
 #include "tevdLog.h"
 
@@ -17,64 +21,152 @@ using namespace tevdtest;
 
 namespace {
 
-// Epoch seconds of a local time on 2024-05-06.
-int64_t LocalEpoch(int h, int m, int s) {
-  struct tm t = {};
-  t.tm_year = 124;
-  t.tm_mon = 4;
-  t.tm_mday = 6;
-  t.tm_hour = h;
-  t.tm_min = m;
-  t.tm_sec = s;
-  t.tm_isdst = -1;
-  return static_cast<int64_t>(mktime(&t));
-}
+// Sets TZ for the test's duration.
+class Zone {
+ public:
+  explicit Zone(const char *zone) : had_(getenv("TZ") != nullptr), old_(had_ ? getenv("TZ") : "") {
+    Set(zone);
+  }
+  ~Zone() {
+    had_ ? setenv("TZ", old_.c_str(), 1) : unsetenv("TZ");
+    tzset();
+  }
+  void Set(const char *zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+
+ private:
+  bool had_;
+  std::string old_;
+};
+
+const std::string kHead = "<14>Nov 14 22:13:";  // the fake clock's start in UTC
+
+class TevdLogTest : public ::testing::Test {
+ protected:
+  Zone zone_{"UTC0"};
+  ScratchRoot root_;
+  std::optional<LogLines> log_{std::in_place, root_};
+  FakeClock clock_;
+};
 
 }  // namespace
 
-TEST(TevdLogTest, TimePrefixShowsLocalTimeWithMillisecondsAndTheZLabel) {
-  FakeClock clock(LocalEpoch(7, 8, 9));
-  clock.AdvanceUs(123);  // 07:08:09.000123 -> .000
+TEST_F(TevdLogTest, TimePrefixKeepsMillisecondsAndFollowsAZoneChangeWithinTheSecond) {
   char buf[32];
-  int n = TevdLog_TimePrefix(buf, sizeof buf, true);
-  EXPECT_STREQ("2024-05-06T07:08:09.000Z: ", buf);
-  EXPECT_EQ(26, n);
-  clock.AdvanceUs(456789);  // .456912 -> .456
+  clock_.AdvanceUs(123);
+  EXPECT_EQ(26, TevdLog_TimePrefix(buf, sizeof buf, true));
+  EXPECT_STREQ("2023-11-14T22:13:20.000Z: ", buf);
+  clock_.AdvanceUs(456789);
   TevdLog_TimePrefix(buf, sizeof buf, true);
-  EXPECT_STREQ("2024-05-06T07:08:09.456Z: ", buf);
+  EXPECT_STREQ("2023-11-14T22:13:20.456Z: ", buf);
+  zone_.Set("XST-3");  // three hours east, same second
+  TevdLog_TimePrefix(buf, sizeof buf, true);
+  EXPECT_STREQ("2023-11-15T01:13:20.456Z: ", buf);
   TevdLog_TimePrefix(buf, sizeof buf, false);
-  EXPECT_STREQ("2024-05-06T07:08:09Z: ", buf);
+  EXPECT_STREQ("2023-11-15T01:13:20Z: ", buf);
 }
 
-TEST(TevdLogTest, LinesReachTheRootsLogCaptureInSyslogForm) {
-  ScratchRoot root;
-  LogLines log(root);
-  FakeClock clock(LocalEpoch(7, 8, 9));
-  TevdLog("hello %d\n", 42);
-  std::string line = log.Next();
-  ASSERT_EQ(0u, line.rfind("<14>", 0)) << line;
-  EXPECT_NE(std::string::npos, line.find(" tevd: 2024-05-06T07:08:09.000Z: hello 42")) << line;
+TEST_F(TevdLogTest, SyslogHeaderFollowsTheNextSecondAndAZoneChange) {
+  TevdLog("a %d\n", 42);
+  EXPECT_EQ(kHead + "20 tevd: 2023-11-14T22:13:20.000Z: a 42\n", log_->Next());
+  clock_.AdvanceUs(999999);
+  TevdLog("x\n");
+  EXPECT_EQ(kHead + "20 tevd: 2023-11-14T22:13:20.999Z: x\n", log_->Next());
+  clock_.AdvanceUs(1);
+  TevdLog("y\n");
+  EXPECT_EQ(kHead + "21 tevd: 2023-11-14T22:13:21.000Z: y\n", log_->Next());
+  zone_.Set("XST-3");
+  TevdLog("b\n");
+  EXPECT_EQ("<14>Nov 15 01:13:21 tevd: 2023-11-15T01:13:21.000Z: b\n", log_->Next());
 }
 
-TEST(TevdLogTest, ObservationLineCarriesThreadNameStampIdAndMessage) {
-  ScratchRoot root;
-  LogLines log(root);
+TEST_F(TevdLogTest, ObservationLineCarriesThreadNameStampIdAndMessage) {
   VThreadBase_SetName("netCorrelator");
   TevPtr tev = MakeTev("tev.net.hwnic.linkstate.down", {S("hwnic1")}, "m", 1234);
   TevdLog_Tev(tev.get());
-  std::string line = log.Next();
+  std::string line = log_->Next();
   EXPECT_NE(std::string::npos,
             line.find("Z: [netCorrelator] 1234us: [tev.net.hwnic.linkstate.down] m"))
       << line;
 }
 
-TEST(TevdLogDeathTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
-  ScratchRoot root;
-  LogLines log(root);
+// Around both stack buffers (1024 bytes in TevdLog, 2048 in the sink).
+TEST_F(TevdLogTest, LinesLongerThanTheStackBuffersArriveWhole) {
+  for (size_t size : {0u, 990u, 1000u, 1100u, 1990u, 2020u, 2100u, 9000u}) {
+    std::string body(size, 'q');
+    TevdLog("%s|%d\n", body.c_str(), 7);
+    EXPECT_EQ(kHead + "20 tevd: 2023-11-14T22:13:20.000Z: " + body + "|7\n", log_->Next())
+        << "body of " << size;
+  }
+}
+
+TEST_F(TevdLogTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
+  TevdLog("to the first\n");
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: to the first\n"));
+  log_.reset();
+  TevdLog("to nobody\n");  // dropped silently
+  log_.emplace(root_);
+  TevdLog("to the second\n");
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: to the second\n"));
+}
+
+TEST_F(TevdLogTest, ConcurrentLinesArriveWholeAndEachOnce) {
+  const int threads = 6, perThread = 200;
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t) {
+    workers.emplace_back([t] {
+      for (int i = 0; i < perThread; ++i) TevdLog("worker %d line %d end\n", t, i);
+    });
+  }
+  for (auto &w : workers) w.join();
+  std::set<std::string> seen;
+  for (int i = 0; i < threads * perThread; ++i) {
+    std::string line = log_->Next();
+    size_t at = line.find("Z: worker ");
+    ASSERT_NE(std::string::npos, at) << "line " << i << ": " << line;
+    ASSERT_EQ('\n', line.back()) << line;
+    EXPECT_TRUE(seen.insert(line.substr(at)).second) << "twice: " << line;
+  }
+}
+
+// Batched lines wait for the flush and arrive as unbatched ones would: same
+// bytes and order, each with the time it was logged, an oversized one in place.
+TEST_F(TevdLogTest, BatchedLinesArriveAtTheFlushUnchangedAndInOrder) {
+  const std::string longBody(20000, 'L');
+  std::thread([&] {
+    PlatformLog_BatchLines();
+    TevdLog("first %d\n", 1);
+    clock_.Advance(1);
+    TevdLog("second\n");
+    EXPECT_TRUE(log_->Take().empty()) << "a line left before the flush";
+    TevdLog("%s\n", longBody.c_str());
+    TevdLog("after\n");
+    PlatformLog_Flush();
+    PlatformLog_Unbatch();
+  }).join();
+  EXPECT_EQ(kHead + "20 tevd: 2023-11-14T22:13:20.000Z: first 1\n", log_->Next());
+  EXPECT_EQ(kHead + "21 tevd: 2023-11-14T22:13:21.000Z: second\n", log_->Next());
+  EXPECT_EQ(kHead + "21 tevd: 2023-11-14T22:13:21.000Z: " + longBody + "\n", log_->Next());
+  EXPECT_EQ(kHead + "21 tevd: 2023-11-14T22:13:21.000Z: after\n", log_->Next());
+}
+
+TEST_F(TevdLogTest, FullBatchIsSentWithoutWaitingForTheFlush) {
+  std::thread([&] {
+    PlatformLog_BatchLines();
+    for (int i = 0; i < 40; i++) TevdLog("line %d\n", i);
+    EXPECT_NE("", log_->WaitFor("line 0\n"));  // the queue holds fewer than 40
+    PlatformLog_Unbatch();
+  }).join();
+  for (int i = 1; i < 40; i++) {
+    EXPECT_NE(std::string::npos, log_->Next().find("line " + std::to_string(i) + "\n")) << i;
+  }
+}
+
+TEST_F(TevdLogTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
   EXPECT_EXIT(Panic("x %d", 5), ::testing::KilledBySignal(SIGABRT), "^Tevd - Panic: x 5$");
-  std::string first = log.Next();
-  std::string second = log.Next();
-  EXPECT_NE(std::string::npos, first.find("Z: Tevd - Panic: ")) << first;
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: Tevd - Panic: "));
   // The log copy leaves the value out; standard error alone carries it.
-  EXPECT_EQ("x ", second.substr(second.find("Z: ") + 3)) << second;
+  EXPECT_EQ(kHead + "20 tevd: 2023-11-14T22:13:20.000Z: x ", log_->Next());
 }

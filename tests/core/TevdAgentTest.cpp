@@ -181,7 +181,7 @@ TEST_F(AgentTest, PipeClosedInsideARecordPanicsNamingTheMissingBytes) {
           if (write(agent->stream->writeFd, rec.data(), written) != written) return;
           close(agent->stream->writeFd);
           Tev *t = nullptr;
-          TevdAgent_WaitTev(agent, &t);
+          for (int step = 0; step < 3; step++) TevdAgent_ReassembleStep(agent->stream, &t);
         },
         "Tevd - Panic: EOF trying to read " + std::string(written ? "68" : "32") +
             " bytes from stream 0x");

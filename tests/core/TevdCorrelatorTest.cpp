@@ -16,67 +16,36 @@ using namespace tevdtest;
 
 namespace {
 
-std::vector<std::string> calls;
+std::string called;
+int Known(Tev *) { return called = "known", 0; }
+int Fallback(Tev *) { return called = "default", 0; }
 
-int Record(const char *who, Tev *tev) {
-  const char *id = nullptr;
-  Tev_GetID(tev, &id);
-  calls.push_back(std::string(who) + ":" + id);
-  return 0;
-}
-int Known(Tev *tev) { return Record("known", tev); }
-int Fallback(Tev *tev) { return Record("default", tev); }
-
-}  // namespace
-
-TEST(TevdCorrelatorTest, DispatchIsByExactCaseSensitiveIdWithDefaultForAbsentOrNull) {
-  TevHandlerMap map = {{"tev.net.known", Known}, {"tev.net.null", nullptr}};
-  struct Row {
-    const char *id;
-    const char *expected;
-  } rows[] = {
-      {"tev.net.known", "known:tev.net.known"},
-      {"tev.net.KNOWN", "default:tev.net.KNOWN"},
-      {"tev.net.null", "default:tev.net.null"},
-      {"tev.net.known.more", "default:tev.net.known.more"},
-  };
-  for (const Row &r : rows) {
-    calls.clear();
-    TevPtr tev = MakeTev(r.id);
-    TevdCorrelator_Dispatch(Fallback, map, tev.get());
-    ASSERT_EQ(1u, calls.size()) << r.id;
-    EXPECT_EQ(r.expected, calls[0]);
-  }
-  // Lookups of unknown identifiers never add to the registered map.
-  EXPECT_EQ(2u, map.size());
-}
-
-namespace {
-
-std::atomic<int> handledAfterThrow{0};
-
+std::atomic<int> handled{0};
+std::atomic<int> wakeups{0};
 int ThrowRuntime(Tev *) { throw std::runtime_error("lost observation"); }
 int ThrowInt(Tev *) { throw 7; }
-int CountOk(Tev *) {
-  ++handledAfterThrow;
-  return 0;
-}
-void StartThrower() {
-  TevHandlerMap map = {{"tev.thrower.runtime", ThrowRuntime},
-                       {"tev.thrower.int", ThrowInt},
-                       {"tev.thrower.ok", CountOk}};
-  TevdCorrelator_Start("thrower", "thrower", nullptr, map);
-}
+int CountOk(Tev *) { return ++handled, 0; }
 
 void Post(const char *id) {
   std::vector<uint8_t> r = TevRecord_Encode(id, "", 1, {});
   ASSERT_EQ(0, TevdAgent_Distribute(r.data(), r.size()));
 }
 
-std::atomic<int> wakeups{0};
-void OnWakeup() { ++wakeups; }
-
 }  // namespace
+
+TEST(TevdCorrelatorTest, DispatchIsByExactCaseSensitiveIdWithDefaultForAbsentOrNull) {
+  TevHandlerMap map = {{"tev.net.known", Known}, {"tev.net.null", nullptr}};
+  const std::pair<const char *, const char *> rows[] = {{"tev.net.known", "known"},
+                                                        {"tev.net.KNOWN", "default"},
+                                                        {"tev.net.null", "default"},
+                                                        {"tev.net.known.more", "default"}};
+  for (const auto &r : rows) {
+    called.clear();
+    TevdCorrelator_Dispatch(Fallback, map, MakeTev(r.first).get());
+    EXPECT_EQ(r.second, called) << r.first;
+  }
+  EXPECT_EQ(2u, map.size());  // lookups of unknown identifiers add nothing
+}
 
 // Runs first: it owns the stream list and the thread table of this binary.
 TEST(TevdCorrelatorThreadTest, RuntimeErrorLosesOneObservationIntEndsTheAgent) {
@@ -85,20 +54,18 @@ TEST(TevdCorrelatorThreadTest, RuntimeErrorLosesOneObservationIntEndsTheAgent) {
   LogLines log(root);
   static bool init = (TevdAgent_InitStreamList() == 0);
   ASSERT_TRUE(init);
-  TevdAgent_Start(StartThrower);
-  // Wait for the agent's stream to exist: its init logs nothing, so poll by posting.
-  for (int i = 0; i < 200 && handledAfterThrow == 0; ++i) {
-    Post("tev.thrower.ok");
-    usleep(10000);
-  }
-  ASSERT_GT(handledAfterThrow.load(), 0);
-  int before = handledAfterThrow;
+  TevdAgent_Start([] {
+    TevdCorrelator_Start("thrower", "thrower", nullptr,
+                         {{"tev.thrower.runtime", ThrowRuntime},
+                          {"tev.thrower.int", ThrowInt},
+                          {"tev.thrower.ok", CountOk}});
+  });
+  // The agent's stream exists once a post reaches it.
+  ASSERT_TRUE(Eventually([] { return Post("tev.thrower.ok"), handled > 0; }, 5000));
+  int before = handled;
   Post("tev.thrower.runtime");
   Post("tev.thrower.ok");
-  for (int i = 0; i < 200 && handledAfterThrow == before; ++i) {
-    usleep(10000);
-  }
-  EXPECT_EQ(before + 1, handledAfterThrow.load());
+  EXPECT_TRUE(Eventually([&] { return handled > before; }, 5000)) << "the agent ended";
   Post("tev.thrower.int");
   EXPECT_NE("", log.WaitFor("Unknown exception in agent function(0x"));
 }
@@ -106,9 +73,7 @@ TEST(TevdCorrelatorThreadTest, RuntimeErrorLosesOneObservationIntEndsTheAgent) {
 TEST(TevdCorrelatorThreadTest, ThirtyThirdAgentIsRefused) {
   ScratchRoot root;
   LogLines log(root);
-  while (TevdAgent_NumStarted() < TEVD_MAX_AGENTS) {
-    TevdAgent_Start([] {});
-  }
+  while (TevdAgent_NumStarted() < TEVD_MAX_AGENTS) TevdAgent_Start([] {});
   TevdAgent_Start([] {});
   EXPECT_EQ(TEVD_MAX_AGENTS, TevdAgent_NumStarted());
   EXPECT_NE("", log.WaitFor("Failed to start agent. Already reached max limit of 32 agents."));
@@ -122,11 +87,11 @@ TEST(TevdCorrelatorThreadTest, ThreeWakeupBytesGiveOneCallback) {
   ASSERT_EQ(3, write(fds[1], "abc", 3));
   static int wakeFd;
   wakeFd = fds[0];
-  TevdAgent_Start(
-      [] { TevdCorrelator_StartWithWakeup("waker", "waker", nullptr, {}, OnWakeup, &wakeFd, 1); });
-  for (int i = 0; i < 200 && wakeups == 0; ++i) {
-    usleep(10000);
-  }
+  TevdAgent_Start([] {
+    TevdCorrelator_StartWithWakeup(
+        "waker", "waker", nullptr, {}, [] { ++wakeups; }, &wakeFd, 1);
+  });
+  ASSERT_TRUE(Eventually([] { return wakeups > 0; }, 5000));
   usleep(50000);  // a second callback would have come by now
   EXPECT_EQ(1, wakeups.load());
   TevdAgent_StopAll();

@@ -1,15 +1,11 @@
-// Trace server: the line format (numbers printed without printf, quoting, null
-// strings, unknown types), the history bound, and real clients on the trace
-// socket of a scratch root: replay order, live lines, a client that goes away.
+// Trace server: the line format, the history bound, and clients on the trace
+// socket of a scratch root: history, a blank line, then live lines.
 #include <gtest/gtest.h>
-
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
@@ -31,9 +27,27 @@ V Raw(uint32_t type, uint64_t bits) {
   return v;
 }
 
-void Record(const char *dir, uint64_t stamp, const char *id, const std::vector<V> &args = {}) {
+void Record(const char *dir, uint64_t stamp, const std::string &id,
+            const std::vector<V> &args = {}) {
   std::vector<uint8_t> block = MsgFmt_EncodeBlock(args);
-  TevdTrace_Record(dir, stamp, id, block.data(), block.size(), static_cast<int>(args.size()));
+  TevdTrace_Record(dir, stamp, id.c_str(), block.data(), block.size(),
+                   static_cast<int>(args.size()));
+}
+
+// Reads until `n` lines have arrived (bounded by a generous time-out).
+Lines ReadLines(int fd, size_t n) {
+  Lines lines;
+  std::string partial;
+  struct pollfd pfd = {fd, POLLIN, 0};
+  char buf[4096];
+  ssize_t got;
+  while (lines.size() < n && poll(&pfd, 1, 10000) > 0 && (got = read(fd, buf, sizeof buf)) > 0) {
+    partial.append(buf, static_cast<size_t>(got));
+    for (size_t nl; (nl = partial.find('\n')) != std::string::npos; partial.erase(0, nl + 1)) {
+      lines.push_back(partial.substr(0, nl + 1));
+    }
+  }
+  return lines;
 }
 
 class TevdTraceTest : public ::testing::Test {
@@ -48,17 +62,15 @@ class TevdTraceTest : public ::testing::Test {
 };
 
 TEST_F(TevdTraceTest, LineCarriesTimeDirectionStampIdentifierAndTypedArguments) {
-  const int32_t i32min = std::numeric_limits<int32_t>::min();
-  const int64_t i64min = std::numeric_limits<int64_t>::min();
   const uint64_t u64max = std::numeric_limits<uint64_t>::max();
-  struct Row {
+  const struct {
     const char *dir;
     std::vector<V> args;
     const char *tail;  // after "<time>,<dir>,<stamp>,tev.a.b,"
   } rows[] = {
       {"OUT", {}, ""},
       {"IN",
-       {V::I32(i32min), V::I32(INT32_MAX), V::I32(0), V::I64(i64min), V::I64(INT64_MAX)},
+       {V::I32(INT32_MIN), V::I32(INT32_MAX), V::I32(0), V::I64(INT64_MIN), V::I64(INT64_MAX)},
        ",-2147483648,2147483647,0,-9223372036854775808,9223372036854775807"},
       {"IN",
        {V::U32(UINT32_MAX), V::U64(0), V::U64(u64max), V::U32(10)},
@@ -68,17 +80,15 @@ TEST_F(TevdTraceTest, LineCarriesTimeDirectionStampIdentifierAndTypedArguments) 
        ",\"say \"\"hi\"\"\",\"(null)\",\"\",\"hwnic0\""},
       {"IN", {Raw(0, 1), V::Dbl(1.0), Raw(7, 2), V::I32(8)}, ",???,???,???,8"},
   };
-  for (const Row &r : rows) {
+  for (const auto &r : rows) {
     TevdTrace_ResetForTest();
     Record(r.dir, u64max, "tev.a.b", r.args);
     EXPECT_EQ(Lines{std::string("1700000000.000005000,") + r.dir +
                     ",18446744073709551615,tev.a.b," + r.tail + "\n"},
               TevdTrace_HistoryForTest());
   }
-}
-
-TEST_F(TevdTraceTest, TimeKeepsNineDigitsOfNanoseconds) {
-  tevdtest::FakeClock whole(1);
+  tevdtest::FakeClock whole(1);  // nine digits of nanoseconds
+  TevdTrace_ResetForTest();
   Record("IN", 0, "tev.a.b");
   whole.AdvanceUs(999999);
   Record("IN", 0, "tev.a.b");
@@ -97,93 +107,50 @@ TEST_F(TevdTraceTest, UnreadableStringDiscardsRecordWithLogLine) {
   EXPECT_NE(std::string::npos, line.find(": Invalid argument in tev with ID tev.bad.one")) << line;
 }
 
-// Lines of exactly 1024 bytes: "1700000000.000005000,IN,0," is 26, then the
+// Lines of exactly 1 KiB: 26 bytes of "1700000000.000005000,IN,0,", the
 // identifier and ",\n".
-std::string IdForKiB(char c) { return std::string(1024 - 28, c); }
-
 TEST_F(TevdTraceTest, HistoryKeepsNewest128KiBDroppingOldestLines) {
-  for (int i = 0; i < 128; i++) {
-    Record("IN", 0, IdForKiB(static_cast<char>('A' + i % 26)).c_str());
-  }
-  auto history = TevdTrace_HistoryForTest();
+  for (int i = 0; i < 128; i++) Record("IN", 0, std::string(1024 - 28, 'A' + i % 26));
+  Lines history = TevdTrace_HistoryForTest();
   ASSERT_EQ(128u, history.size());  // exactly 131072 bytes: nothing dropped
   EXPECT_EQ(1024u, history[0].size());
-  Record("IN", 0, IdForKiB('z').c_str());
+  Record("IN", 0, std::string(1024 - 28, 'z'));
   history = TevdTrace_HistoryForTest();
   ASSERT_EQ(128u, history.size());
   EXPECT_EQ('B', history.front()[26]);  // the line of 'A' went first
   EXPECT_EQ('z', history.back()[26]);
-}
-
-TEST_F(TevdTraceTest, OversizedLineEmptiesOlderHistoryButStays) {
-  Record("IN", 0, "tev.small.one");
-  std::string giant(200000, 'g');
-  Record("IN", 0, giant.c_str());
-  auto history = TevdTrace_HistoryForTest();
+  Record("IN", 0, std::string(200000, 'g'));  // alone larger than the bound: stays alone
+  history = TevdTrace_HistoryForTest();
   ASSERT_EQ(1u, history.size());
-  EXPECT_EQ(26u + giant.size() + 2u, history[0].size());
+  EXPECT_EQ(26u + 200000u + 2u, history[0].size());
   Record("IN", 0, "tev.small.three");
   EXPECT_EQ(Lines{"1700000000.000005000,IN,0,tev.small.three,\n"}, TevdTrace_HistoryForTest());
 }
 
 TEST_F(TevdTraceTest, OpenRejectsPathOf108Bytes) {
-  std::string longPath = "/tmp/" + std::string(103, 'p');  // 108 bytes, no room for NUL
   errno = 0;
-  EXPECT_EQ(-1, TevdTrace_Open(longPath.c_str()));
+  EXPECT_EQ(-1, TevdTrace_Open(("/tmp/" + std::string(103, 'p')).c_str()));  // no room for NUL
   EXPECT_EQ(ENAMETOOLONG, errno);
 }
 
-// Clients of the trace socket.
-class TevdTraceClientTest : public TevdTraceTest {
- protected:
-  void SetUp() override {
-    TevdTraceTest::SetUp();
-    listenFd_ = TevdTrace_Open(nullptr);
-    ASSERT_GE(listenFd_, 0) << strerror(errno);
-  }
-  void TearDown() override {
-    close(listenFd_);
-    EXPECT_TRUE(WaitForListeners(0));
-    TevdTraceTest::TearDown();
-  }
-  int Connect() {
+TEST_F(TevdTraceTest, EachClientGetsHistoryThenBlankLineThenLiveLinesAndMayWriteJunk) {
+  int listenFd = TevdTrace_Open(nullptr);
+  ASSERT_GE(listenFd, 0) << strerror(errno);
+  auto connect = [&] {
     int fd = PlatformSocket_Connect(
         PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::Trace), SOCK_STREAM);
     EXPECT_GE(fd, 0);
-    TevdTrace_Accept(listenFd_);
+    TevdTrace_Accept(listenFd);
     return fd;
-  }
-  // Reads until `n` lines have arrived (bounded by a generous time-out).
-  static Lines ReadLines(int fd, size_t n) {
-    Lines lines;
-    std::string partial;
-    struct pollfd pfd = {fd, POLLIN, 0};
-    char buf[4096];
-    ssize_t got;
-    while (lines.size() < n && poll(&pfd, 1, 10000) > 0 && (got = read(fd, buf, sizeof buf)) > 0) {
-      partial.append(buf, static_cast<size_t>(got));
-      for (size_t nl; (nl = partial.find('\n')) != std::string::npos; partial.erase(0, nl + 1)) {
-        lines.push_back(partial.substr(0, nl + 1));
-      }
-    }
-    return lines;
-  }
-  static bool WaitForListeners(size_t n) {
-    for (int i = 0; i < 5000 && TevdTrace_ListenerCountForTest() != n; i++) usleep(1000);
-    return TevdTrace_ListenerCountForTest() == n;
-  }
-  int listenFd_ = -1;
-};
-
-TEST_F(TevdTraceClientTest, EachClientGetsHistoryThenBlankLineThenLiveLinesAndMayWriteJunk) {
+  };
   Record("IN", 1, "tev.one.a");
   Record("OUT", 2, "kos.problem.two", {V::I32(2)});
   const Lines history = {"1700000000.000005000,IN,1,tev.one.a,\n",
                          "1700000000.000005000,OUT,2,kos.problem.two,,2\n", "\n"};
-  int a = Connect();
+  int a = connect();
   ASSERT_EQ(4, write(a, "junk", 4));
   EXPECT_EQ(history, ReadLines(a, 3));
-  int b = Connect();
+  int b = connect();
   EXPECT_EQ(history, ReadLines(b, 3));
   Record("OUT", 4, "kos.clear.four");
   const Lines live = {"1700000000.000005000,OUT,4,kos.clear.four,\n"};
@@ -191,6 +158,8 @@ TEST_F(TevdTraceClientTest, EachClientGetsHistoryThenBlankLineThenLiveLinesAndMa
   EXPECT_EQ(live, ReadLines(b, 1));
   close(a);
   close(b);
+  close(listenFd);
+  EXPECT_TRUE(tevdtest::Eventually([] { return TevdTrace_ListenerCountForTest() == 0; }, 5000));
 }
 
 }  // namespace

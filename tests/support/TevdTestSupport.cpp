@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "PlatformRoot.h"
-#include "TevClock.h"
 #include "tevdQprob.h"
 
 namespace tevdtest {
@@ -49,11 +48,7 @@ ScratchRoot::ScratchRoot() {
 }
 
 ScratchRoot::~ScratchRoot() {
-  if (hadSaved_) {
-    setenv("TEVD_ROOT", saved_.c_str(), 1);
-  } else {
-    unsetenv("TEVD_ROOT");
-  }
+  hadSaved_ ? setenv("TEVD_ROOT", saved_.c_str(), 1) : unsetenv("TEVD_ROOT");
   if (!root_.empty() && root_ != "/") RemoveTree(root_);
 }
 
@@ -75,13 +70,6 @@ bool ScratchRoot::Read(const std::string &relative, std::string *value) const {
 
 void ScratchRoot::MakeDir(const std::string &relative) const { MakeDirs(Abs(relative)); }
 void ScratchRoot::Remove(const std::string &relative) const { RemoveTree(Abs(relative)); }
-
-FakeClock::FakeClock(int64_t startSec) { TevClock_SetFake(startSec * 1000000); }
-FakeClock::~FakeClock() { TevClock_UseReal(); }
-void FakeClock::Advance(int64_t seconds) { TevClock_Advance(seconds * 1000000); }
-void FakeClock::AdvanceUs(int64_t usec) { TevClock_Advance(usec); }
-
-void TevDeleter::operator()(Tev *t) const { Tev_Free(t); }
 
 TevPtr MakeTev(const std::string &id, const std::vector<MsgFmt_Value> &args,
                const std::string &message, uint64_t timestampUs) {
@@ -119,10 +107,7 @@ int EventCapture::Hook(const void *message, size_t length, void *ctx) {
   State *st = static_cast<State *>(ctx);
   QprobMessage msg;
   std::string why;
-  if (!Qprob_Decode(message, length, &msg, &why)) {
-    ADD_FAILURE() << "posted event is malformed: " << why;
-    return 0;
-  }
+  EXPECT_TRUE(Qprob_Decode(message, length, &msg, &why)) << "posted event is malformed: " << why;
   std::lock_guard<std::mutex> lock(st->mutex);
   st->events.push_back(std::move(msg));
   return 0;

@@ -1,5 +1,4 @@
-// Shared helpers of the unit tests: a scratch root, a fake clock, observations
-// built from literal values, and posted events decoded from their wire bytes.
+// Shared helpers of the unit tests.
 #pragma once
 
 #include <memory>
@@ -8,6 +7,7 @@
 
 #include "MsgFmt.h"
 #include "Qprob.h"
+#include "TevClock.h"
 #include "TevLib.h"
 
 namespace tevdtest {
@@ -32,16 +32,16 @@ class ScratchRoot {
 // The wall clock stands still at `startSec` until advanced.
 class FakeClock {
  public:
-  explicit FakeClock(int64_t startSec = 1700000000);
-  ~FakeClock();
-  void Advance(int64_t seconds);
-  void AdvanceUs(int64_t usec);
+  explicit FakeClock(int64_t startSec = 1700000000) { TevClock_SetFake(startSec * 1000000); }
+  ~FakeClock() { TevClock_UseReal(); }
+  void Advance(int64_t seconds) { TevClock_Advance(seconds * 1000000); }
+  void AdvanceUs(int64_t usec) { TevClock_Advance(usec); }
 };
 
 struct TevDeleter {
-  void operator()(Tev *t) const;
+  void operator()(Tev *t) const { Tev_Free(t); }
 };
-using TevPtr = std::unique_ptr<Tev, TevDeleter>;
+using TevPtr = std::unique_ptr<Tev, TevDeleter>;  // an observation built from literal values
 TevPtr MakeTev(const std::string &id, const std::vector<MsgFmt_Value> &args = {},
                const std::string &message = "", uint64_t timestampUs = 1234);
 

@@ -79,21 +79,17 @@ TEST_F(TevdQprobTest, OneStringEventHasExactBytesLogLineAndTrace) {
                  "hwnic1");
   ASSERT_EQ(1u, wire_.sent.size());
   const Bytes &m = wire_.sent[0];
-  // 68 header + 37 identifier (36 + NUL) + 23 block (16 slot + "hwnic1\0") + 4.
   ASSERT_EQ(132u, m.size());
   const uint64_t stamp = At<uint64_t>(m, 0);
   EXPECT_NE(0u, stamp);
   EXPECT_EQ(0u, At<uint64_t>(m, 8));
-  EXPECT_EQ(std::string("0123abcd-4567-89ef-0123-456789abcdef") + std::string(4, '\0'),
-            std::string(reinterpret_cast<const char *>(&m[16]), 40));
-  EXPECT_EQ(132u, At<uint32_t>(m, 56));
-  EXPECT_EQ(1u, At<uint32_t>(m, 60));
-  EXPECT_EQ(37u, At<uint32_t>(m, 64));
-  EXPECT_EQ(std::string("kos.problem.net.hwnic.linkstate.down") + '\0',
-            std::string(reinterpret_cast<const char *>(&m[68]), 37));
-  const uint8_t block[27] = {6, 0, 0,   0,   6,   0,   0,   0,   16, 0, 0, 0, 0, 0,
-                             0, 0, 'h', 'w', 'n', 'i', 'c', '1', 0,  0, 0, 0, 0};
-  EXPECT_EQ(Bytes(block, block + 27), Bytes(m.begin() + 105, m.end()));
+  // Host, length, argument count, identifier length, identifier, block, 4 NULs.
+  EXPECT_EQ(std::string("0123abcd-4567-89ef-0123-456789abcdef\0\0\0\0"
+                        "\x84\0\0\0\x01\0\0\0\x25\0\0\0"
+                        "kos.problem.net.hwnic.linkstate.down\0"
+                        "\x06\0\0\0\x06\0\0\0\x10\0\0\0\0\0\0\0hwnic1\0\0\0\0\0",
+                        116),
+            std::string(m.begin() + 16, m.end()));
   const std::string line = "us: [kos.problem.net.hwnic.linkstate.down] Physical NIC hwnic1";
   EXPECT_EQ(Lines{"[qprobTest] " + std::to_string(stamp) + line + " linkstate is down"},
             log_.Take());
@@ -173,28 +169,43 @@ TEST_F(TevdQprobTest, OversizedIdentifierOrArgumentsAreDroppedSilently) {
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
 }
 
-TEST_F(TevdQprobTest, FailedSendQueuesAndTheNextPassSendsOldestFirst) {
+// A failed send, or non-zero flags (the low byte), queue the event for the
+// retry pass 180 s later, which sends the oldest first.
+TEST_F(TevdQprobTest, FailedSendOrFlagsQueueAndTheNextPassSendsOldestFirst) {
   wire_.fail = true;
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.q.a)v %d", 5);
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.q.b)x");
-  EXPECT_EQ(2u, TevdQprob_RetryListLengthForTest());
-  EXPECT_EQ(
-      "An event (kos.problem.q.a) could not be sent immediately to marshd; queueing for "
-      "retry.",
-      log_.Take().at(1));
   wire_.fail = false;
+  TevdQprob_Post(1, Problem, "@&!*@*@(kos.problem.q.c)x");
+  EXPECT_EQ(2, wire_.attempts);
+  TevdQprob_Post(0x100, Problem, "@&!*@*@(kos.problem.now)x");
+  EXPECT_EQ(3u, TevdQprob_RetryListLengthForTest());
+  Lines lines = log_.Take();  // each event's own line, then the queueing line
+  ASSERT_EQ(7u, lines.size());
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(std::string("An event (kos.problem.q.") + "abc"[i] +
+                  ") could not be sent immediately to marshd; queueing for retry.",
+              lines[2 * i + 1]);
+  }
   clock_.Advance(179);
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());
   clock_.Advance(1);
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
   EXPECT_EQ(Lines({"Successfully sent event (kos.problem.q.a) after 1 failure.",
-                   "Successfully sent event (kos.problem.q.b) after 1 failure."}),
+                   "Successfully sent event (kos.problem.q.b) after 1 failure.",
+                   "Successfully sent event (kos.problem.q.c) after 1 failure."}),
             log_.Take());
-  ASSERT_EQ(2u, wire_.sent.size());
-  EXPECT_EQ("kos.problem.q.a", Text(wire_.sent[0], 68));
+  ASSERT_EQ(4u, wire_.sent.size());
+  EXPECT_EQ("kos.problem.now", Text(wire_.sent[0], 68));
+  EXPECT_EQ("kos.problem.q.a", Text(wire_.sent[1], 68));
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
   clock_.Advance(1000);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());  // nothing left: not re-armed
+  EXPECT_EQ(0, TevdAlarm_RunDueForTest());         // nothing left: not re-armed
+  TevdQprob_SetSendHookForTest(nullptr, nullptr);  // the root has no agent socket
+  const uint8_t msg[4] = {1, 2, 3, 4};
+  EXPECT_EQ(-1, TevdQprob_Send(msg, sizeof msg));
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.nobody)x");
+  EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
 }
 
 TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
@@ -211,22 +222,6 @@ TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
   clock_.Advance(180);
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-}
-
-TEST_F(TevdQprobTest, NonZeroFlagsOrAnAbsentAgentQueueForRetry) {
-  TevdQprob_Post(1, Problem, "@&!*@*@(kos.problem.later)x");
-  EXPECT_EQ(0, wire_.attempts);
-  EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
-  EXPECT_EQ(2u, log_.Take().size());
-  EXPECT_EQ(Lines{"Successfully sent event (kos.problem.later) after 1 failure."}, RetryPass());
-  TevdQprob_Post(0x100, Problem, "@&!*@*@(kos.problem.now)x");  // only the low byte counts
-  EXPECT_EQ(2u, wire_.sent.size());
-  EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
-  TevdQprob_SetSendHookForTest(nullptr, nullptr);  // the root has no agent socket
-  const uint8_t msg[4] = {1, 2, 3, 4};
-  EXPECT_EQ(-1, TevdQprob_Send(msg, sizeof msg));
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.nobody)x");
-  EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
-// Agents: subscriptions, distribution of records to their streams, and the
-// reassembly of records from the pipe (split, batched, cut off by EOF).
+// Agents: subscriptions, distribution of records to their streams, the
+// reassembly of records from the pipe (split, batched, cut off by EOF), and the
+// correlator loop's dispatch and exceptions.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -13,6 +16,7 @@
 #include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdAgent.h"
+#include "tevdCorrelator.h"
 #include "tevdLog.h"
 
 using namespace tevdtest;
@@ -43,6 +47,20 @@ std::vector<uint8_t> Next(TevdAgent *agent) {
   return BytesOf(t);
 }
 
+std::string called;
+int Known(Tev *) { return called = "known", 0; }
+int Fallback(Tev *) { return called = "default", 0; }
+
+std::atomic<int> handled{0};
+int ThrowRuntime(Tev *) { throw std::runtime_error("lost observation"); }
+int ThrowInt(Tev *) { throw 7; }
+int CountOk(Tev *) { return ++handled, 0; }
+
+void Post(const char *id) {
+  std::vector<uint8_t> r = TevRecord_Encode(id, "", 1, {});
+  ASSERT_EQ(0, TevdAgent_Distribute(r.data(), r.size()));
+}
+
 class AgentTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -54,7 +72,7 @@ class AgentTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(AgentTest, SubscriptionMatchesWholeDomainWordsAndExactIds) {
+TEST_F(AgentTest, SubscriptionMatchesWholeDomainWordsAndExactIdsUpToTenEach) {
   TevdAgent *agent = nullptr;
   ASSERT_EQ(0,
             TevdAgent_Init("matchAgent", {"net", "storage.apd"}, {"tev.scsi.exact.one"}, &agent));
@@ -68,12 +86,8 @@ TEST_F(AgentTest, SubscriptionMatchesWholeDomainWordsAndExactIds) {
     EXPECT_FALSE(TevdAgent_SubscriptionMatches(agent->sub, id)) << id;
   }
   TevdAgent_Cleanup(agent);
-}
-
-TEST_F(AgentTest, ElevenWordsOrIdsFailInitialisationWithCode1) {
   std::vector<std::string> eleven = {"a", "b", "c", "d", "e", "f", "g", "h", "i", "j", "k"};
   std::vector<std::string> ten(eleven.begin(), eleven.end() - 1);
-  TevdAgent *agent = nullptr;
   EXPECT_EQ(1, TevdAgent_Init("tooManyWords", eleven, {}, &agent));
   EXPECT_EQ(1, TevdAgent_Init("tooManyIds", {"x"}, eleven, &agent));
   ASSERT_EQ(0, TevdAgent_Init("tenWords", ten, ten, &agent));
@@ -174,4 +188,37 @@ TEST_F(AgentTest, LoggerWithElevenWordsFailsInitialisationWithCode1AndTheTrailin
   const std::string tail = "Z: Failed to initialize agent LogAllLogger (error code: 1) \n";
   ASSERT_GE(line.size(), tail.size()) << line;
   EXPECT_EQ(tail, line.substr(line.size() - tail.size())) << line;
+}
+
+TEST(TevdCorrelatorTest, DispatchIsByExactCaseSensitiveIdWithDefaultForAbsentOrNull) {
+  TevHandlerMap map = {{"tev.net.known", Known}, {"tev.net.null", nullptr}};
+  const std::pair<const char *, const char *> rows[] = {{"tev.net.known", "known"},
+                                                        {"tev.net.KNOWN", "default"},
+                                                        {"tev.net.null", "default"},
+                                                        {"tev.net.known.more", "default"}};
+  for (const auto &r : rows) {
+    called.clear();
+    TevdCorrelator_Dispatch(Fallback, map, MakeTev(r.first).get());
+    EXPECT_EQ(r.second, called) << r.first;
+  }
+  EXPECT_EQ(2u, map.size());  // lookups of unknown identifiers add nothing
+}
+
+TEST_F(AgentTest, CorrelatorRuntimeErrorLosesOneObservationIntEndsTheAgent) {
+  ScratchRoot root;
+  LogLines log(root);
+  TevdAgent_Start([] {
+    TevdCorrelator_Start("thrower", "thrower", nullptr,
+                         {{"tev.thrower.runtime", ThrowRuntime},
+                          {"tev.thrower.int", ThrowInt},
+                          {"tev.thrower.ok", CountOk}});
+  });
+  // The agent's stream exists once a post reaches it.
+  ASSERT_TRUE(Eventually([] { return Post("tev.thrower.ok"), handled > 0; }, 5000));
+  int before = handled;
+  Post("tev.thrower.runtime");
+  Post("tev.thrower.ok");
+  EXPECT_TRUE(Eventually([&] { return handled > before; }, 5000)) << "the agent ended";
+  Post("tev.thrower.int");
+  EXPECT_NE("", log.WaitFor("Unknown exception in agent function(0x"));
 }

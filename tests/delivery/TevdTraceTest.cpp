@@ -76,17 +76,6 @@ TEST_F(TevdTraceTest, LineCarriesTimeDirectionStampIdentifierAndTypedArguments) 
             TevdTrace_HistoryForTest());
 }
 
-TEST_F(TevdTraceTest, UnreadableStringDiscardsRecordWithLogLine) {
-  tevdtest::LogLines log(root_);
-  std::vector<uint8_t> bad = MsgFmt_EncodeBlock({V::Str("abcd")});
-  bad[8] = 0x88;  // the string's offset points far outside the block
-  bad[9] = 0x13;
-  TevdTrace_Record("IN", 3, "tev.bad.one", bad.data(), bad.size(), 1);
-  EXPECT_TRUE(TevdTrace_HistoryForTest().empty());
-  std::string line = log.WaitFor("tev.bad.one");
-  EXPECT_NE(std::string::npos, line.find(": Invalid argument in tev with ID tev.bad.one")) << line;
-}
-
 // Lines of exactly 1 KiB: 26 bytes of "1700000000.000005000,IN,0,", the
 // identifier and ",\n".
 TEST_F(TevdTraceTest, HistoryKeepsNewest128KiBDroppingOldestLines) {

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -96,22 +95,6 @@ TEST_F(TevdLogTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
   log_.emplace(root_);
   TevdLog("to the second\n");
   EXPECT_NE(std::string::npos, log_->Next().find("Z: to the second\n"));
-}
-
-TEST_F(TevdLogTest, ConcurrentLinesArriveWholeAndEachOnce) {
-  std::vector<std::thread> workers;
-  for (int t = 0; t < 6; ++t) {
-    workers.emplace_back([t] {
-      for (int i = 0; i < 200; ++i) TevdLog("worker %d line %d end\n", t, i);
-    });
-  }
-  for (auto &w : workers) w.join();
-  std::set<std::string> seen;
-  for (int i = 0; i < 6 * 200; ++i) {
-    std::string line = log_->Next();
-    ASSERT_EQ(0u, line.find(kLine + "worker ")) << "line " << i << ": " << line;
-    EXPECT_TRUE(seen.insert(line).second) << "twice: " << line;
-  }
 }
 
 // Batched lines wait for the flush, or a full queue, and arrive as unbatched

@@ -57,8 +57,8 @@ int ThrowInt(Tev *) { throw 7; }
 int CountOk(Tev *) { return ++handled, 0; }
 
 void Post(const char *id) {
-  std::vector<uint8_t> r = TevRecord_Encode(id, "", 1, {});
-  ASSERT_EQ(0, TevdAgent_Distribute(r.data(), r.size()));
+  std::vector<uint8_t> r = Record(id);
+  EXPECT_EQ(0, TevdAgent_Distribute(r.data(), r.size()));
 }
 
 class AgentTest : public ::testing::Test {
@@ -68,6 +68,8 @@ class AgentTest : public ::testing::Test {
     static bool once = TevdAgent_InitStreamList() == 0;
     ASSERT_TRUE(once);
   }
+  ScratchRoot root_;
+  LogLines log_{root_};
 };
 
 }  // namespace
@@ -112,8 +114,6 @@ TEST_F(AgentTest, RecordWrittenInPiecesReassemblesIntoOneObservation) {
 }
 
 TEST_F(AgentTest, DistributionWritesEachRecordOnlyToMatchingStreams) {
-  ScratchRoot root;
-  LogLines log(root);
   TevdAgent *net = Agent("netAgent", "net");
   TevdAgent *scsi = Agent("scsiAgent", "scsi");
   TevdAgent *apd = Agent("apdAgent", "storage.apd");
@@ -138,7 +138,7 @@ TEST_F(AgentTest, DistributionWritesEachRecordOnlyToMatchingStreams) {
   std::swap(net->stream->writeFd, fds[1]);
   close(fds[1]);
   TevdAgent_Cleanup(net);
-  EXPECT_NE("", log.WaitFor("Done cleaning up agent.\n"));
+  EXPECT_NE("", log_.WaitFor("Done cleaning up agent.\n"));
   TevdAgent_Cleanup(scsi);
   TevdAgent_Cleanup(apd);
 }
@@ -181,10 +181,8 @@ TEST_F(AgentTest, PipeClosedInsideARecordPanicsNamingTheMissingBytes) {
 }
 
 TEST_F(AgentTest, LoggerWithElevenWordsFailsInitialisationWithCode1AndTheTrailingBlank) {
-  ScratchRoot root;
-  LogLines log(root);
   std::thread(TevdLogger_Start).join();  // initialisation renames the calling thread
-  std::string line = log.WaitFor("Failed to initialize agent");
+  std::string line = log_.WaitFor("Failed to initialize agent");
   const std::string tail = "Z: Failed to initialize agent LogAllLogger (error code: 1) \n";
   ASSERT_GE(line.size(), tail.size()) << line;
   EXPECT_EQ(tail, line.substr(line.size() - tail.size())) << line;
@@ -192,21 +190,15 @@ TEST_F(AgentTest, LoggerWithElevenWordsFailsInitialisationWithCode1AndTheTrailin
 
 TEST(TevdCorrelatorTest, DispatchIsByExactCaseSensitiveIdWithDefaultForAbsentOrNull) {
   TevHandlerMap map = {{"tev.net.known", Known}, {"tev.net.null", nullptr}};
-  const std::pair<const char *, const char *> rows[] = {{"tev.net.known", "known"},
-                                                        {"tev.net.KNOWN", "default"},
-                                                        {"tev.net.null", "default"},
-                                                        {"tev.net.known.more", "default"}};
-  for (const auto &r : rows) {
+  for (const char *id : {"tev.net.known", "tev.net.KNOWN", "tev.net.null", "tev.net.known.more"}) {
     called.clear();
-    TevdCorrelator_Dispatch(Fallback, map, MakeTev(r.first).get());
-    EXPECT_EQ(r.second, called) << r.first;
+    TevdCorrelator_Dispatch(Fallback, map, MakeTev(id).get());
+    EXPECT_EQ(strcmp(id, "tev.net.known") == 0 ? "known" : "default", called) << id;
   }
   EXPECT_EQ(2u, map.size());  // lookups of unknown identifiers add nothing
 }
 
 TEST_F(AgentTest, CorrelatorRuntimeErrorLosesOneObservationIntEndsTheAgent) {
-  ScratchRoot root;
-  LogLines log(root);
   TevdAgent_Start([] {
     TevdCorrelator_Start("thrower", "thrower", nullptr,
                          {{"tev.thrower.runtime", ThrowRuntime},
@@ -220,5 +212,5 @@ TEST_F(AgentTest, CorrelatorRuntimeErrorLosesOneObservationIntEndsTheAgent) {
   Post("tev.thrower.ok");
   EXPECT_TRUE(Eventually([&] { return handled > before; }, 5000)) << "the agent ended";
   Post("tev.thrower.int");
-  EXPECT_NE("", log.WaitFor("Unknown exception in agent function(0x"));
+  EXPECT_NE("", log_.WaitFor("Unknown exception in agent function(0x"));
 }

@@ -234,18 +234,7 @@ void Record(const char *dir, uint64_t stamp, const std::string &id,
                    static_cast<int>(args.size()));
 }
 
-class TevdTraceTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    TevdTrace_ResetForTest();
-    clock_.AdvanceUs(5);  // 1700000000.000005000
-  }
-  void TearDown() override { TevdTrace_ResetForTest(); }
-  tevdtest::ScratchRoot root_;
-  tevdtest::FakeClock clock_;
-};
-
-TEST_F(TevdTraceTest, LineCarriesTimeDirectionStampIdentifierAndTypedArguments) {
+TEST_F(TevdQprobTest, TraceLineCarriesTimeDirectionStampIdentifierAndTypedArguments) {
   const uint64_t u64max = std::numeric_limits<uint64_t>::max();
   const struct {
     const char *dir;
@@ -267,7 +256,7 @@ TEST_F(TevdTraceTest, LineCarriesTimeDirectionStampIdentifierAndTypedArguments) 
   for (const auto &r : rows) {
     TevdTrace_ResetForTest();
     Record(r.dir, u64max, "tev.a.b", r.args);
-    EXPECT_EQ(Lines{std::string("1700000000.000005000,") + r.dir +
+    EXPECT_EQ(Lines{std::string("1700000000.000000000,") + r.dir +
                     ",18446744073709551615,tev.a.b," + r.tail + "\n"},
               TevdTrace_HistoryForTest());
   }
@@ -280,9 +269,9 @@ TEST_F(TevdTraceTest, LineCarriesTimeDirectionStampIdentifierAndTypedArguments) 
             TevdTrace_HistoryForTest());
 }
 
-// Lines of exactly 1 KiB: 26 bytes of "1700000000.000005000,IN,0,", the
+// Lines of exactly 1 KiB: 26 bytes of "1700000000.000000000,IN,0,", the
 // identifier and ",\n".
-TEST_F(TevdTraceTest, HistoryKeepsNewest128KiBDroppingOldestLines) {
+TEST_F(TevdQprobTest, TraceHistoryKeepsNewest128KiBDroppingOldestLines) {
   for (int i = 0; i < 128; i++) Record("IN", 0, std::string(1024 - 28, 'A' + i % 26));
   Lines history = TevdTrace_HistoryForTest();
   ASSERT_EQ(128u, history.size());  // exactly 131072 bytes: nothing dropped
@@ -297,27 +286,27 @@ TEST_F(TevdTraceTest, HistoryKeepsNewest128KiBDroppingOldestLines) {
   ASSERT_EQ(1u, history.size());
   EXPECT_EQ(26u + 200000u + 2u, history[0].size());
   Record("IN", 0, "tev.small.three");
-  EXPECT_EQ(Lines{"1700000000.000005000,IN,0,tev.small.three,\n"}, TevdTrace_HistoryForTest());
+  EXPECT_EQ(Lines{"1700000000.000000000,IN,0,tev.small.three,\n"}, TevdTrace_HistoryForTest());
 }
 
-TEST_F(TevdTraceTest, OpenRejectsPathOf108Bytes) {
+TEST_F(TevdQprobTest, TraceOpenRejectsPathOf108Bytes) {
   errno = 0;
   EXPECT_EQ(-1, TevdTrace_Open(("/tmp/" + std::string(103, 'p')).c_str()));  // no room for NUL
   EXPECT_EQ(ENAMETOOLONG, errno);
 }
 
-TEST_F(TevdTraceTest, ClientGetsHistoryThenBlankLineThenLiveLines) {
+TEST_F(TevdQprobTest, TraceClientGetsHistoryThenBlankLineThenLiveLines) {
   int listenFd = TevdTrace_Open(nullptr);
   ASSERT_GE(listenFd, 0) << strerror(errno);
   Record("IN", 1, "tev.one.a");
   Record("OUT", 2, "kos.problem.two", {V::I32(2)});
   tevdtest::TraceReader client(root_);
   TevdTrace_Accept(listenFd);
-  EXPECT_EQ("1700000000.000005000,IN,1,tev.one.a,", client.Next());
-  EXPECT_EQ("1700000000.000005000,OUT,2,kos.problem.two,,2", client.Next());
+  EXPECT_EQ("1700000000.000000000,IN,1,tev.one.a,", client.Next());
+  EXPECT_EQ("1700000000.000000000,OUT,2,kos.problem.two,,2", client.Next());
   EXPECT_EQ("\x01", client.Next());  // the blank line
   Record("OUT", 4, "kos.clear.four");
-  EXPECT_EQ("1700000000.000005000,OUT,4,kos.clear.four,", client.Next());
+  EXPECT_EQ("1700000000.000000000,OUT,4,kos.clear.four,", client.Next());
   client.Close();
   close(listenFd);
   EXPECT_TRUE(tevdtest::Eventually([] { return TevdTrace_ListenerCountForTest() == 0; }, 5000));

@@ -64,10 +64,7 @@ TEST_F(TevdTestCorrelatorTest, FirstObservationPostsFiveEventsAndDropsTheHugeOne
     Feed("tev.tests.marker.start");
     Feed("tev.tests.marker.corruptions.start");  // a second observation: no more posts
   });
-  EXPECT_EQ(0u, out.find("INFO: Testing QProb_PostProblem.\nINFO: Testing QProb_PostAudit.\n"
-                         "INFO: Testing QProb_PostClear.\nINFO: Qprob tests completed\n"
-                         "INFO: Got tev: tev.tests.marker.start\n"))
-      << out;
+  EXPECT_EQ(0u, out.find("INFO: Testing QProb_PostProblem.\n")) << out;
   std::vector<std::string> sent;
   for (const QprobMessage &m : capture.Take()) {
     sent.push_back(m.id);

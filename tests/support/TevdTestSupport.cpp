@@ -1,14 +1,13 @@
 #include "TevdTestSupport.h"
 
 #include <errno.h>
-#include <ftw.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <utility>
 
@@ -20,9 +19,8 @@ namespace tevdtest {
 namespace {
 
 void RemoveTree(const std::string &path) {
-  nftw(
-      path.c_str(), [](const char *p, const struct stat *, int, struct FTW *) { return remove(p); },
-      16, FTW_DEPTH | FTW_PHYS);
+  std::error_code ignored;
+  std::filesystem::remove_all(path, ignored);
 }
 
 void MakeDirs(const std::string &path) {
@@ -82,20 +80,9 @@ TevPtr MakeTev(const std::string &id, const std::vector<MsgFmt_Value> &args,
   return TevPtr(tev);
 }
 
-MsgFmt_Value S(const std::string &s) { return MsgFmt_Value::Str(s); }
-MsgFmt_Value I(int32_t v) { return MsgFmt_Value::I32(v); }
-MsgFmt_Value U(uint32_t v) { return MsgFmt_Value::U32(v); }
-MsgFmt_Value L(int64_t v) { return MsgFmt_Value::I64(v); }
-MsgFmt_Value UL(uint64_t v) { return MsgFmt_Value::U64(v); }
-
-struct EventCapture::State {
-  mutable std::mutex mutex;
-  std::vector<QprobMessage> events;  // guarded by mutex
-};
-
-EventCapture::EventCapture() : state_(new State) {
+EventCapture::EventCapture() {
   TevdQprob_ResetForTest();
-  TevdQprob_SetSendHookForTest(&EventCapture::Hook, state_.get());
+  TevdQprob_SetSendHookForTest(&EventCapture::Hook, this);
 }
 
 EventCapture::~EventCapture() {
@@ -104,23 +91,23 @@ EventCapture::~EventCapture() {
 }
 
 int EventCapture::Hook(const void *message, size_t length, void *ctx) {
-  State *st = static_cast<State *>(ctx);
+  EventCapture *capture = static_cast<EventCapture *>(ctx);
   QprobMessage msg;
   std::string why;
   EXPECT_TRUE(Qprob_Decode(message, length, &msg, &why)) << "posted event is malformed: " << why;
-  std::lock_guard<std::mutex> lock(st->mutex);
-  st->events.push_back(std::move(msg));
+  std::lock_guard<std::mutex> lock(capture->mutex_);
+  capture->events_.push_back(std::move(msg));
   return 0;
 }
 
 std::vector<QprobMessage> EventCapture::Take() {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return std::exchange(state_->events, {});
+  std::lock_guard<std::mutex> lock(mutex_);
+  return std::exchange(events_, {});
 }
 
 size_t EventCapture::Count() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->events.size();
+  std::lock_guard<std::mutex> lock(mutex_);
+  return events_.size();
 }
 
 std::vector<std::string> ArgsText(const std::vector<MsgFmt_Value> &args) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -45,11 +46,11 @@ using TevPtr = std::unique_ptr<Tev, TevDeleter>;  // an observation built from l
 TevPtr MakeTev(const std::string &id, const std::vector<MsgFmt_Value> &args = {},
                const std::string &message = "", uint64_t timestampUs = 1234);
 
-MsgFmt_Value S(const std::string &s);
-MsgFmt_Value I(int32_t v);
-MsgFmt_Value U(uint32_t v);
-MsgFmt_Value L(int64_t v);
-MsgFmt_Value UL(uint64_t v);
+inline MsgFmt_Value S(const std::string &s) { return MsgFmt_Value::Str(s); }
+inline MsgFmt_Value I(int32_t v) { return MsgFmt_Value::I32(v); }
+inline MsgFmt_Value U(uint32_t v) { return MsgFmt_Value::U32(v); }
+inline MsgFmt_Value L(int64_t v) { return MsgFmt_Value::I64(v); }
+inline MsgFmt_Value UL(uint64_t v) { return MsgFmt_Value::U64(v); }
 
 // While alive, TevdQprob_Post's events are captured instead of sent; the rate
 // window and retry list are reset at both ends.
@@ -62,8 +63,8 @@ class EventCapture {
 
  private:
   static int Hook(const void *message, size_t length, void *ctx);
-  struct State;
-  std::unique_ptr<State> state_;
+  mutable std::mutex mutex_;
+  std::vector<QprobMessage> events_;  // guarded by mutex_
 };
 
 // "S:text", "I:-3", "U:7", "L:...", "UL:...", "D:..." per argument.

@@ -7,31 +7,22 @@
 using namespace tevdtest;
 
 TEST(TevdUtilTest, FormatsReduceToBareConversionListsOrAreRefused) {
-  struct Row {
-    const char *format;
-    const char *compact;  // null: refused with 22
-  } rows[] = {
-      {"no conversions at all", ""},
-      {"100%% sure", ""},
-      {"Link %s is down on %d ports", "%p%d"},
-      {"%-08lX", "%lx"},
-      {"%+ #10.3hhx and %X", "%hhx%x"},
-      {"%lld %llu %hd %c %i %o", "%lld%llu%hd%c%i%o"},
-      {"%Lu", "%Lu"},
-      {"%f", nullptr},
-      {"value %g", nullptr},
-      {"%p", nullptr},
-      {"%n", nullptr},
-      {"ends inside %", nullptr},
-      {"ends inside %-08l", nullptr},
-      {"%10.2e", nullptr},
-  };
-  for (const Row &r : rows) {
-    char out[64];
-    EXPECT_EQ(r.compact ? 0 : 22, TevdUtil_CompactFormat(r.format, out, sizeof out)) << r.format;
-    if (r.compact != nullptr) {
-      EXPECT_STREQ(r.compact, out) << r.format;
-    }
+  const char *formats[] = {"no conversions at all",
+                           "100%% sure",
+                           "Link %s is down on %d ports",
+                           "%-08lX",
+                           "%+ #10.3hhx and %X",
+                           "%lld %llu %hd %c %i %o",
+                           "%Lu"};
+  const char *compact[] = {"", "", "%p%d", "%lx", "%hhx%x", "%lld%llu%hd%c%i%o", "%Lu"};
+  char out[64];
+  for (size_t i = 0; i < sizeof formats / sizeof formats[0]; i++) {
+    ASSERT_EQ(0, TevdUtil_CompactFormat(formats[i], out, sizeof out)) << formats[i];
+    EXPECT_STREQ(compact[i], out) << formats[i];
+  }
+  for (const char *f :
+       {"%f", "value %g", "%p", "%n", "ends inside %", "ends inside %-08l", "%10.2e"}) {
+    EXPECT_EQ(22, TevdUtil_CompactFormat(f, out, sizeof out)) << f;
   }
 }
 

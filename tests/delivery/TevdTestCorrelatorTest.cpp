@@ -1,5 +1,5 @@
-// Self-test correlator: the one-time posting exercise, row checks, the corrupt
-// window, and the ways a run ends (its exit status is its failure count).
+// Self-test correlator: row checks, the corrupt window, and the ways a run
+// ends (its exit status is its failure count).
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,7 +12,6 @@
 
 #include "TevdTestSupport.h"
 #include "tevdAlarm.h"
-#include "tevdQprob.h"
 #include "tevdTestCorrelator.h"
 
 namespace {
@@ -50,33 +49,12 @@ class TevdTestCorrelatorTest : public ::testing::Test {
  protected:
   void SetUp() override {
     TevdAlarm_ResetForTest();
-    TevdTestCorrelator_ResetForTest(true);
+    TevdTestCorrelator_ResetForTest(true);  // the one-time posting exercise done
   }
   void TearDown() override { SetUp(); }
   tevdtest::ScratchRoot root_;
   tevdtest::FakeClock clock_;
 };
-
-TEST_F(TevdTestCorrelatorTest, FirstObservationPostsFiveEventsAndDropsTheHugeOnes) {
-  TevdTestCorrelator_ResetForTest(false);
-  tevdtest::EventCapture capture;
-  std::string out = Out([] {
-    Feed("tev.tests.marker.start");
-    Feed("tev.tests.marker.corruptions.start");  // a second observation: no more posts
-  });
-  EXPECT_EQ(0u, out.find("INFO: Testing QProb_PostProblem.\n")) << out;
-  std::vector<std::string> sent;
-  for (const QprobMessage &m : capture.Take()) {
-    sent.push_back(m.id);
-    for (const std::string &a : tevdtest::ArgsText(m.args)) sent.push_back(a);
-  }
-  EXPECT_EQ(
-      std::vector<std::string>(
-          {"kos.problem.tevdtestcorrelator.test.0", "kos.problem.tevdtestcorrelator.test.1d", "I:1",
-           "kos.problem.tevdtestcorrelator.test.1s", "S:one", "kos.audit.tevdtestcorrelator.test",
-           "S:Two", "I:2", "kos.clear.tevdtestcorrelator.test", "S:Three", "I:3", "S:arg"}),
-      sent);
-}
 
 TEST_F(TevdTestCorrelatorTest, MismatchesAndASecondStartAreCountedAndTheRowIsStillConsumed) {
   Feed("tev.tests.marker.start");

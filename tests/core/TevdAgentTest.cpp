@@ -1,6 +1,4 @@
-// Agents: subscriptions, distribution of records to their streams, the
-// reassembly of records from the pipe (split, batched, cut off by EOF), and the
-// correlator loop's dispatch and exceptions.
+// Agents: subscriptions, distribution, record reassembly; the correlator loop.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -10,7 +8,6 @@
 #include <cstring>
 #include <stdexcept>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "Harness.h"
@@ -33,7 +30,6 @@ TevdAgent *Agent(const char *name, const char *word) {
   return agent;
 }
 
-// A record's bytes as the agent got them; the observation is freed.
 std::vector<uint8_t> BytesOf(Tev *t) {
   uint32_t len = 0;
   const uint8_t *bytes = t != nullptr ? Tev_RecordBytes(t, &len) : nullptr;
@@ -136,24 +132,6 @@ TEST_F(AgentTest, DistributionWritesEachRecordOnlyToMatchingStreams) {
   TevdAgent_Cleanup(apd);
 }
 
-// Several records in one pipe read are served in order without waiting on the
-// pipe again, including one larger than a read's chunk.
-TEST_F(AgentTest, RecordsReadTogetherComeOutOneByOneInOrder) {
-  TevdAgent *agent = Agent("chunkAgent", "net");
-  std::vector<std::vector<uint8_t>> recs = {
-      Record("tev.net.a"), Record("tev.net.b", {S("x")}), Record("tev.net.c"),
-      Record("tev.net.large", {S(std::string(40000, 'l'))}), Record("tev.net.d")};
-  std::vector<uint8_t> all;
-  for (const auto &r : recs) all.insert(all.end(), r.begin(), r.end());
-  ASSERT_EQ(static_cast<ssize_t>(all.size()),
-            write(agent->stream->writeFd, all.data(), all.size()));
-  for (size_t i = 0; i < recs.size(); i++) {
-    EXPECT_EQ(recs[i], Next(agent)) << i;
-    EXPECT_EQ(i + 1 < recs.size(), TevdAgent_StreamBuffered(agent->stream)) << i;
-  }
-  TevdAgent_Cleanup(agent);
-}
-
 // The writer goes away before any byte, or after a header announcing 100 bytes.
 TEST_F(AgentTest, PipeClosedInsideARecordPanicsNamingTheMissingBytes) {
   for (ssize_t written : {0, 32}) {
@@ -177,8 +155,7 @@ TEST_F(AgentTest, LoggerWithElevenWordsFailsInitialisationWithCode1AndTheTrailin
   std::thread(TevdLogger_Start).join();  // initialisation renames the calling thread
   std::string line = log_.WaitFor("Failed to initialize agent");
   const std::string tail = "Z: Failed to initialize agent LogAllLogger (error code: 1) \n";
-  ASSERT_GE(line.size(), tail.size()) << line;
-  EXPECT_EQ(tail, line.substr(line.size() - tail.size())) << line;
+  EXPECT_EQ(tail, line.substr(line.size() - std::min(line.size(), tail.size()))) << line;
 }
 
 TEST(TevdCorrelatorTest, DispatchIsByExactCaseSensitiveIdWithDefaultForAbsentOrNull) {
@@ -198,7 +175,6 @@ TEST_F(AgentTest, CorrelatorRuntimeErrorLosesOneObservationIntEndsTheAgent) {
                           {"tev.thrower.int", ThrowInt},
                           {"tev.thrower.ok", CountOk}});
   });
-  // The agent's stream exists once a post reaches it.
   ASSERT_TRUE(Eventually([] { return Post("tev.thrower.ok"), handled > 0; }, 5000));
   int before = handled;
   Post("tev.thrower.runtime");

@@ -1,6 +1,4 @@
-// The log path's shortcuts must not show: the per-second cache of the local
-// time, the stack buffers with their long-line fallback, the one shared log
-// socket and the per-thread batches.
+// The log path's shortcuts (time cache, stack buffers, shared socket, batches) must not show.
 #include <gtest/gtest.h>
 #include <signal.h>
 

@@ -1,12 +1,10 @@
-// Alarm service on the fake clock through TevdAlarm_RunDueForTest (one death
-// test runs the real alarm thread), and the CPU correlator's two alarms.
+// Alarms on the fake clock (one death test runs the real thread); the CPU alarms.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <vector>
 
 #include "Harness.h"
-#include "TevClock.h"
 #include "TevdTestSupport.h"
 #include "tevdAlarm.h"
 #include "tevdMiscCorrelators.h"

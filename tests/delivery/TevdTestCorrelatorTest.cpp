@@ -1,5 +1,4 @@
-// Self-test correlator: row checks, the corrupt window, and the ways a run
-// ends (its exit status is its failure count).
+// Self-test correlator: row checks, the corrupt window, how a run ends.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>

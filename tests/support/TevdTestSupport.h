@@ -52,8 +52,7 @@ inline MsgFmt_Value U(uint32_t v) { return MsgFmt_Value::U32(v); }
 inline MsgFmt_Value L(int64_t v) { return MsgFmt_Value::I64(v); }
 inline MsgFmt_Value UL(uint64_t v) { return MsgFmt_Value::U64(v); }
 
-// While alive, TevdQprob_Post's events are captured instead of sent; the rate
-// window and retry list are reset at both ends.
+// Captures TevdQprob_Post's events while alive; resets the posting state at both ends.
 class EventCapture {
  public:
   EventCapture();

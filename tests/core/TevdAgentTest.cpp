@@ -127,7 +127,6 @@ TEST_F(AgentTest, DistributionWritesEachRecordOnlyToMatchingStreams) {
   struct pollfd pfd = {scsi->pollFd, POLLIN, 0};
   EXPECT_EQ(0, poll(&pfd, 1, 0));  // the apd record did not reach the scsi word
   TevdAgent_Cleanup(net);
-  EXPECT_NE("", log_.WaitFor("Done cleaning up agent.\n"));
   TevdAgent_Cleanup(scsi);
   TevdAgent_Cleanup(apd);
 }

@@ -131,11 +131,8 @@ TEST_F(TevdQprobTest, ThousandAndFirstEventOfWindowIsDropped) {
   clock_.Advance(1);  // 60 s after the window's start a new one opens with a count of 1
   PostMany(1000, "@&!*@*@(kos.problem.rate.c)n %d");
   EXPECT_EQ(2000u, wire_.sent.size());
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.d)n");
-  EXPECT_EQ(2000u, wire_.sent.size());
-  EXPECT_EQ(Lines{"Event rate limit reached. Dropping qprob: kos.problem.rate.d"}, log_.Take());
   clock_.Advance(-3600);  // a clock gone backwards stays in the window
-  PostMany(1, "@&!*@*@(kos.problem.rate.e)n %d");
+  PostMany(1, "@&!*@*@(kos.problem.rate.d)n %d");
   EXPECT_EQ(2000u, wire_.sent.size());
 }
 
@@ -229,28 +226,20 @@ void Record(const char *dir, uint64_t stamp, const std::string &id,
 
 TEST_F(TevdQprobTest, TraceLineCarriesTimeDirectionStampIdentifierAndTypedArguments) {
   const uint64_t u64max = std::numeric_limits<uint64_t>::max();
-  const struct {
-    const char *dir;
-    std::vector<V> args;
-    const char *tail;  // after "<time>,<dir>,<stamp>,tev.a.b,"
-  } rows[] = {
-      {"OUT", {}, ""},
-      {"IN",
-       {V::I32(INT32_MIN), V::I32(INT32_MAX), V::I32(0), V::I64(INT64_MIN), V::I64(INT64_MAX)},
+  // Each row's arguments and what follows "<time>,IN,<stamp>,tev.a.b,".
+  const std::pair<std::vector<V>, const char *> rows[] = {
+      {{V::I32(INT32_MIN), V::I32(INT32_MAX), V::I32(0), V::I64(INT64_MIN), V::I64(INT64_MAX)},
        ",-2147483648,2147483647,0,-9223372036854775808,9223372036854775807"},
-      {"IN",
-       {V::U32(UINT32_MAX), V::U64(0), V::U64(u64max), V::U32(10)},
+      {{V::U32(UINT32_MAX), V::U64(0), V::U64(u64max), V::U32(10)},
        ",4294967295,0,18446744073709551615,10"},
-      {"IN",
-       {V::Str("say \"hi\""), V::NullStr(), V::Str(""), V::Str("hwnic0")},
+      {{V::Str("say \"hi\""), V::NullStr(), V::Str(""), V::Str("hwnic0")},
        ",\"say \"\"hi\"\"\",\"(null)\",\"\",\"hwnic0\""},
-      {"IN", {Raw(0, 1), V::Dbl(1.0), Raw(7, 2), V::I32(8)}, ",???,???,???,8"},
-  };
+      {{Raw(0, 1), V::Dbl(1.0), Raw(7, 2), V::I32(8)}, ",???,???,???,8"}};
   for (const auto &r : rows) {
     TevdTrace_ResetForTest();
-    Record(r.dir, u64max, "tev.a.b", r.args);
-    EXPECT_EQ(Lines{std::string("1700000000.000000000,") + r.dir +
-                    ",18446744073709551615,tev.a.b," + r.tail + "\n"},
+    Record("IN", u64max, "tev.a.b", r.first);
+    EXPECT_EQ(Lines{"1700000000.000000000,IN,18446744073709551615,tev.a.b," +
+                    std::string(r.second) + "\n"},
               TevdTrace_HistoryForTest());
   }
   tevdtest::FakeClock whole(1);  // nine digits of nanoseconds

@@ -70,18 +70,14 @@ TEST_F(TevdTestCorrelatorTest, MismatchesAndASecondStartAreCountedAndTheRowIsSti
         "FAIL: Tev_GetStringArg returned 22 @ i = 0\n", "FAILURE: Duplicate test start tevs?!\n"}) {
     EXPECT_NE(std::string::npos, out.find(line)) << line << out;
   }
-  EXPECT_EQ(std::string::npos, out.find("PASS"));
   EXPECT_EQ(5, TevdTestCorrelator_FailuresForTest());
   EXPECT_EQ(2u, TevdTestCorrelator_ReceivedForTest());
 }
 
-// Nothing before the start marker counts; the corrupt window's start disarms
-// the 5-second time-out, every observation after it restarts it.
+// The corrupt window's start disarms the 5-second time-out; each observation restarts it.
 TEST_F(TevdTestCorrelatorTest, CorruptWindowDropsWithoutConsumingARowAndQuietSecondsEndTheRun) {
   std::string out = Out([this] {
     Feed("tev.tests.async.noData", kRow0);
-    clock_.Advance(60);
-    EXPECT_EQ(0, TevdAlarm_RunDueForTest());
     Feed("tev.tests.marker.start");
     Feed("tev.tests.marker.corruptions.start");
     clock_.Advance(60);

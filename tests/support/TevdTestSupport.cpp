@@ -1,13 +1,13 @@
 #include "TevdTestSupport.h"
 
-#include <errno.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <utility>
 
@@ -59,11 +59,8 @@ void ScratchRoot::Write(const std::string &relative, const std::string &value) c
 
 bool ScratchRoot::Read(const std::string &relative, std::string *value) const {
   std::ifstream f(Abs(relative), std::ios::binary);
-  if (!f) return false;
-  std::ostringstream ss;
-  ss << f.rdbuf();
-  *value = ss.str();
-  return true;
+  if (f) value->assign(std::istreambuf_iterator<char>(f), {});
+  return static_cast<bool>(f);
 }
 
 void ScratchRoot::MakeDir(const std::string &relative) const { MakeDirs(Abs(relative)); }

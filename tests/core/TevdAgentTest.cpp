@@ -72,8 +72,7 @@ class AgentTest : public ::testing::Test {
 
 TEST_F(AgentTest, SubscriptionMatchesWholeDomainWordsAndExactIdsUpToTenEach) {
   TevdAgent *agent = nullptr;
-  ASSERT_EQ(0,
-            TevdAgent_Init("matchAgent", {"net", "storage.apd"}, {"tev.scsi.exact.one"}, &agent));
+  ASSERT_EQ(0, TevdAgent_Init("match", {"net", "storage.apd"}, {"tev.scsi.exact.one"}, &agent));
   for (const char *id : {"tev.net.hwnic.linkstate.down", "tev.net.", "tev.storage.apd.start",
                          "tev.scsi.exact.one"}) {
     EXPECT_TRUE(TevdAgent_SubscriptionMatches(agent->sub, id)) << id;

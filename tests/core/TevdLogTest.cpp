@@ -7,7 +7,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "Harness.h"
 #include "PlatformRoot.h"

@@ -20,6 +20,11 @@ TEST(TevdUtilTest, FormatsReduceToBareConversionListsOrAreRefused) {
     ASSERT_EQ(0, TevdUtil_CompactFormat(formats[i], out, sizeof out)) << formats[i];
     EXPECT_STREQ(compact[i], out) << formats[i];
   }
+  char small[2] = {'x', 'x'};  // no room for the terminator (found by fuzzing): refused
+  EXPECT_EQ(22, TevdUtil_CompactFormat("", small, 0));
+  EXPECT_EQ('x', small[0]);
+  EXPECT_EQ(22, TevdUtil_CompactFormat("%d", small, 2));
+  EXPECT_EQ(22, TevdUtil_CompactFormat(nullptr, out, sizeof out));
   for (const char *f :
        {"%f", "value %g", "%p", "%n", "ends inside %", "ends inside %-08l", "%10.2e"}) {
     EXPECT_EQ(22, TevdUtil_CompactFormat(f, out, sizeof out)) << f;

@@ -26,7 +26,7 @@ class TevdAlarmTest : public ::testing::Test {
     fired.clear();
   }
   void TearDown() override { TevdAlarm_ResetForTest(); }
-  // Advances the clock by each step in turn; returns how many alarms ran at each.
+  // How many alarms ran after each step of the clock.
   std::vector<int> Run(const std::vector<int> &steps) {
     std::vector<int> ran;
     for (int s : steps) {

@@ -180,4 +180,5 @@ TEST_F(AgentTest, CorrelatorRuntimeErrorLosesOneObservationIntEndsTheAgent) {
   EXPECT_TRUE(Eventually([&] { return handled > before; }, 5000)) << "the agent ended";
   Post("tev.thrower.int");
   EXPECT_NE("", log_.WaitFor("Unknown exception in agent function(0x"));
+  TevdAgent_StopAll();
 }

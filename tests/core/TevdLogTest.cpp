@@ -1,15 +1,15 @@
+// The log path's shortcuts (time cache, stack buffers, shared socket, batches) must not show.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <string>
+#include <thread>
 
 #include "Harness.h"
-#include "TevClock.h"
+#include "PlatformRoot.h"
 #include "TevdTestSupport.h"
 #include "tevdLog.h"
 
@@ -17,64 +17,87 @@ using namespace tevdtest;
 
 namespace {
 
-// Epoch seconds of a local time on 2024-05-06.
-int64_t LocalEpoch(int h, int m, int s) {
-  struct tm t = {};
-  t.tm_year = 124;
-  t.tm_mon = 4;
-  t.tm_mday = 6;
-  t.tm_hour = h;
-  t.tm_min = m;
-  t.tm_sec = s;
-  t.tm_isdst = -1;
-  return static_cast<int64_t>(mktime(&t));
+void SetZone(const char *zone) {
+  zone != nullptr ? setenv("TZ", zone, 1) : unsetenv("TZ");
+  tzset();
 }
+
+const std::string kHead = "<14>Nov 14 22:13:";  // the fake clock's start in UTC
+const std::string kLine = kHead + "20 tevd: 2023-11-14T22:13:20.000Z: ";
+
+class TevdLogTest : public ::testing::Test {
+ protected:
+  void SetUp() override { SetZone("UTC0"); }
+  void TearDown() override { SetZone(nullptr); }
+  ScratchRoot root_;
+  std::optional<LogLines> log_{std::in_place, root_};
+  FakeClock clock_;
+};
 
 }  // namespace
 
-TEST(TevdLogTest, TimePrefixShowsLocalTimeWithMillisecondsAndTheZLabel) {
-  FakeClock clock(LocalEpoch(7, 8, 9));
-  clock.AdvanceUs(123);  // 07:08:09.000123 -> .000
-  char buf[32];
-  int n = TevdLog_TimePrefix(buf, sizeof buf, true);
-  EXPECT_STREQ("2024-05-06T07:08:09.000Z: ", buf);
-  EXPECT_EQ(26, n);
-  clock.AdvanceUs(456789);  // .456912 -> .456
-  TevdLog_TimePrefix(buf, sizeof buf, true);
-  EXPECT_STREQ("2024-05-06T07:08:09.456Z: ", buf);
-  TevdLog_TimePrefix(buf, sizeof buf, false);
-  EXPECT_STREQ("2024-05-06T07:08:09Z: ", buf);
+TEST_F(TevdLogTest, SyslogHeaderFollowsTheNextSecondAndAZoneChange) {
+  TevdLog("a %d\n", 42);
+  EXPECT_EQ(kLine + "a 42\n", log_->Next());
+  clock_.AdvanceUs(999999);  // milliseconds cut, not rounded
+  TevdLog("x\n");
+  EXPECT_EQ(kHead + "20 tevd: 2023-11-14T22:13:20.999Z: x\n", log_->Next());
+  clock_.AdvanceUs(1);
+  TevdLog("y\n");
+  EXPECT_EQ(kHead + "21 tevd: 2023-11-14T22:13:21.000Z: y\n", log_->Next());
+  SetZone("XST-3");
+  TevdLog("b\n");
+  EXPECT_EQ("<14>Nov 15 01:13:21 tevd: 2023-11-15T01:13:21.000Z: b\n", log_->Next());
+  char buf[32];  // the prefix alone, without milliseconds
+  EXPECT_EQ(22, TevdLog_TimePrefix(buf, sizeof buf, false));
+  EXPECT_STREQ("2023-11-15T01:13:21Z: ", buf);
 }
 
-TEST(TevdLogTest, LinesReachTheRootsLogCaptureInSyslogForm) {
-  ScratchRoot root;
-  LogLines log(root);
-  FakeClock clock(LocalEpoch(7, 8, 9));
-  TevdLog("hello %d\n", 42);
-  std::string line = log.Next();
-  ASSERT_EQ(0u, line.rfind("<14>", 0)) << line;
-  EXPECT_NE(std::string::npos, line.find(" tevd: 2024-05-06T07:08:09.000Z: hello 42")) << line;
+// Around both stack buffers (1024 bytes in TevdLog, 2048 in the sink).
+TEST_F(TevdLogTest, LinesLongerThanTheStackBuffersArriveWhole) {
+  for (size_t size : {0u, 990u, 1000u, 1100u, 1990u, 2020u, 2100u, 9000u}) {
+    std::string body(size, 'q');
+    TevdLog("%s|%d\n", body.c_str(), 7);
+    EXPECT_EQ(kLine + body + "|7\n", log_->Next()) << "body of " << size;
+  }
 }
 
-TEST(TevdLogTest, ObservationLineCarriesThreadNameStampIdAndMessage) {
-  ScratchRoot root;
-  LogLines log(root);
-  VThreadBase_SetName("netCorrelator");
-  TevPtr tev = MakeTev("tev.net.hwnic.linkstate.down", {S("hwnic1")}, "m", 1234);
-  TevdLog_Tev(tev.get());
-  std::string line = log.Next();
-  EXPECT_NE(std::string::npos,
-            line.find("Z: [netCorrelator] 1234us: [tev.net.hwnic.linkstate.down] m"))
-      << line;
+TEST_F(TevdLogTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
+  TevdLog("to the first\n");
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: to the first\n"));
+  log_.reset();
+  TevdLog("to nobody\n");  // dropped silently
+  log_.emplace(root_);
+  TevdLog("to the second\n");
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: to the second\n"));
 }
 
-TEST(TevdLogDeathTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
-  ScratchRoot root;
-  LogLines log(root);
+// Batched lines wait for the flush, or a full queue, and arrive as unbatched
+// ones would: same bytes and order, each with the time it was logged.
+TEST_F(TevdLogTest, BatchedLinesArriveAtTheFlushOrAFullQueueUnchanged) {
+  const std::string longBody(20000, 'L');
+  const std::string next = kHead + "21 tevd: 2023-11-14T22:13:21.000Z: ";
+  std::thread([&] {
+    PlatformLog_BatchLines();
+    TevdLog("first %d\n", 1);
+    clock_.Advance(1);
+    TevdLog("second\n");
+    EXPECT_TRUE(log_->Take().empty()) << "a line left before the flush";
+    TevdLog("%s\n", longBody.c_str());  // too long for the queue: sent in its place
+    PlatformLog_Flush();
+    EXPECT_EQ(kLine + "first 1\n", log_->Next());
+    EXPECT_EQ(next + "second\n", log_->Next());
+    EXPECT_TRUE(next + longBody + "\n" == log_->Next());
+    for (int i = 0; i < 40; i++) TevdLog("line %d\n", i);
+    EXPECT_EQ(next + "line 0\n", log_->Next());  // the queue holds fewer than 40
+    PlatformLog_Unbatch();
+  }).join();
+  for (int i = 1; i < 40; i++) EXPECT_EQ(next + "line " + std::to_string(i) + "\n", log_->Next());
+}
+
+TEST_F(TevdLogTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
   EXPECT_EXIT(Panic("x %d", 5), ::testing::KilledBySignal(SIGABRT), "^Tevd - Panic: x 5$");
-  std::string first = log.Next();
-  std::string second = log.Next();
-  EXPECT_NE(std::string::npos, first.find("Z: Tevd - Panic: ")) << first;
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: Tevd - Panic: "));
   // The log copy leaves the value out; standard error alone carries it.
-  EXPECT_EQ("x ", second.substr(second.find("Z: ") + 3)) << second;
+  EXPECT_EQ(kLine + "x ", log_->Next());
 }

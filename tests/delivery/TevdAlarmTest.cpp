@@ -1,15 +1,13 @@
-// Alarm service: registration limit, setting and remaining time, firing order
-// and re-arming, all on the fake clock through TevdAlarm_RunDueForTest; one
-// death test runs the real alarm thread.
+// Alarms on the fake clock (one death test runs the real thread); the CPU alarms.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <vector>
 
-#include "TevClock.h"
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdAlarm.h"
+#include "tevdMiscCorrelators.h"
 
 namespace {
 
@@ -21,16 +19,6 @@ void Record() {
   fired.push_back(N);
 }
 
-void SlowPeriodic() {
-  fired.push_back(0);
-  TevClock_Advance(2 * 1000000);  // the handler takes two seconds
-}
-
-void RearmOnce() {
-  fired.push_back(selfRearmId);
-  if (fired.size() == 1) TevdAlarm_Set(selfRearmId, 0, 10, nullptr);
-}
-
 class TevdAlarmTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -38,7 +26,7 @@ class TevdAlarmTest : public ::testing::Test {
     fired.clear();
   }
   void TearDown() override { TevdAlarm_ResetForTest(); }
-  // Advances the clock by each step in turn; returns how many alarms ran at each.
+  // How many alarms ran after each step of the clock.
   std::vector<int> Run(const std::vector<int> &steps) {
     std::vector<int> ran;
     for (int s : steps) {
@@ -50,34 +38,24 @@ class TevdAlarmTest : public ::testing::Test {
   tevdtest::FakeClock clock_;
 };
 
-TEST_F(TevdAlarmTest, SeventeenthRegistrationIsRefused) {
-  for (int i = 0; i < 16; i++) EXPECT_EQ(i, TevdAlarm_Register(Record<0>));
-  EXPECT_EQ(-1, TevdAlarm_Register(Record<0>));
-}
-
 TEST_F(TevdAlarmTest, SetReportsTheSecondsLeftOfTheOldDeadline) {
   struct Row {
     const char *what;
-    int id;  // -1: the registered alarm
-    unsigned mode;
-    unsigned armFor;  // 0: left unarmed
+    int id;                 // -1: the registered alarm
+    unsigned mode, armFor;  // armFor 0: left unarmed
     int wait;
     unsigned remaining;  // reported by a disarming Set
     int result;
   } rows[] = {
-      {"never armed", -1, 0, 0, 100000, 0, 0},
-      {"armed", -1, 0, 30, 10, 20, 0},
-      {"deadline passed", -1, 0, 5, 7, 0, 0},
-      {"bad mode", -1, 2, 30, 10, 77, 1},  // remaining untouched
+      {"never armed", -1, 0, 0, 100000, 0, 0}, {"armed", -1, 0, 30, 10, 20, 0},
+      {"deadline passed", -1, 0, 5, 7, 0, 0},  {"bad mode", -1, 2, 30, 10, 77, 1},
       {"unregistered", 3, 0, 30, 10, 0, 1},
   };
   for (const Row &r : rows) {
     SCOPED_TRACE(r.what);
     TevdAlarm_ResetForTest();
     int id = TevdAlarm_Register(Record<0>);
-    if (r.armFor > 0) {
-      ASSERT_EQ(0, TevdAlarm_Set(id, 0, r.armFor, nullptr));
-    }
+    ASSERT_EQ(0, r.armFor > 0 ? TevdAlarm_Set(id, 0, r.armFor, nullptr) : 0);
     clock_.Advance(r.wait);
     unsigned remaining = 77;
     EXPECT_EQ(r.result, TevdAlarm_Set(r.id < 0 ? id : r.id, r.mode, 0, &remaining));
@@ -88,26 +66,20 @@ TEST_F(TevdAlarmTest, SetReportsTheSecondsLeftOfTheOldDeadline) {
   EXPECT_EQ(1, TevdAlarm_Set(-1, 0, 5, nullptr));
 }
 
-TEST_F(TevdAlarmTest, OneShotFiresOnceAtItsDeadlineNotBefore) {
-  int id = TevdAlarm_Register(Record<5>);
-  ASSERT_EQ(0, TevdAlarm_Set(id, 0, 5, nullptr));
-  EXPECT_EQ((std::vector<int>{0, 1, 0}), Run({4, 1, 500}));
-  EXPECT_EQ(std::vector<int>({5}), fired);
-}
-
-TEST_F(TevdAlarmTest, DueAlarmsFireInAscendingIdentifierOrderWhateverTheirDeadlines) {
+TEST_F(TevdAlarmTest, OneShotsFireOnceAtTheirDeadlineInAscendingIdentifierOrder) {
   int a = TevdAlarm_Register(Record<0>);
   int b = TevdAlarm_Register(Record<1>);
   int c = TevdAlarm_Register(Record<2>);
-  TevdAlarm_Set(c, 0, 3, nullptr);
-  TevdAlarm_Set(b, 0, 1, nullptr);
+  TevdAlarm_Set(b, 0, 2, nullptr);
+  EXPECT_EQ((std::vector<int>{0, 1}), Run({1, 1}));
+  TevdAlarm_Set(c, 0, 1, nullptr);  // due before a, runs after it
   TevdAlarm_Set(a, 0, 3, nullptr);
-  EXPECT_EQ(std::vector<int>{3}, Run({3}));
-  EXPECT_EQ(std::vector<int>({0, 1, 2}), fired);
+  EXPECT_EQ((std::vector<int>{2, 0}), Run({3, 500}));
+  EXPECT_EQ(std::vector<int>({1, 0, 2}), fired);
 }
 
 TEST_F(TevdAlarmTest, PeriodicAlarmCountsNextFiringFromWhenItWasNoticed) {
-  int id = TevdAlarm_Register(SlowPeriodic);
+  int id = TevdAlarm_Register([] { TevClock_Advance(2 * 1000000); });  // takes two seconds
   ASSERT_EQ(0, TevdAlarm_Set(id, 1, 60, nullptr));
   // Noticed at 60 (the handler ends at 62), due at 120; noticed late at 185,
   // so due at 245, not at 240.
@@ -115,23 +87,46 @@ TEST_F(TevdAlarmTest, PeriodicAlarmCountsNextFiringFromWhenItWasNoticed) {
 }
 
 TEST_F(TevdAlarmTest, OneShotReArmedFromItsOwnHandlerFiresAgain) {
-  selfRearmId = TevdAlarm_Register(RearmOnce);
+  selfRearmId = TevdAlarm_Register([] {
+    fired.push_back(selfRearmId);
+    if (fired.size() == 1) TevdAlarm_Set(selfRearmId, 0, 10, nullptr);
+  });
   ASSERT_EQ(0, TevdAlarm_Set(selfRearmId, 0, 2, nullptr));
   EXPECT_EQ((std::vector<int>{1, 0, 1, 0}), Run({2, 9, 1, 100}));
 }
 
-void ExitSeven() { _exit(7); }
-
 TEST_F(TevdAlarmTest, AlarmThreadRunsHandlerWhenClockReachesDeadline) {
   EXPECT_EXIT(
       {
-        int id = TevdAlarm_Register(ExitSeven);
+        int id = TevdAlarm_Register([] { _exit(7); });
         TevdAlarm_StartThread();
         TevdAlarm_Set(id, 0, 60, nullptr);
         clock_.Advance(60);
         for (;;) pause();
       },
       ::testing::ExitedWithCode(7), "");
+}
+
+TEST_F(TevdAlarmTest, CpuAlarmsReportTheObservationsOfTheirPeriod) {
+  tevdtest::ScratchRoot root;
+  tevdtest::LogLines log(root);
+  TevdCpuCorrelator_SetAlarms();  // every 30 and every 60 seconds
+  TevdCpuCorrelator_Handle(tevdtest::MakeTev("tev.cpu.mce.corrected").get());
+  EXPECT_EQ((std::vector<int>{0, 1}), Run({29, 1}));
+  EXPECT_NE("", log.WaitFor("cpu: 1 observations in the last 30 seconds"));
+  // Nothing new: the short alarm stays quiet, the long one counts its own period.
+  EXPECT_EQ(std::vector<int>{2}, Run({30}));
+  EXPECT_NE("", log.WaitFor("cpu: 1 observations in the last 60 seconds"));
+  EXPECT_EQ((std::vector<int>{0, 1}), Run({29, 1}));  // both periodic
+  EXPECT_EQ("", log.Next());
+}
+
+// 15 taken: the CPU correlator gets one alarm and the seventeenth is refused.
+TEST_F(TevdAlarmTest, SpentBudgetLeavesTheCpuAlarmsUnused) {
+  for (int i = 0; i < TEVD_ALARM_MAX - 1; i++) ASSERT_EQ(i, TevdAlarm_Register([] {}));
+  TevdCpuCorrelator_SetAlarms();
+  ASSERT_EQ(static_cast<size_t>(TEVD_ALARM_MAX), tevdAlarmMap.size());
+  EXPECT_EQ(TEVD_CPU_LONG_ALARM_SECONDS, tevdAlarmMap[TEVD_ALARM_MAX - 1].interval);
 }
 
 }  // namespace

@@ -1,19 +1,13 @@
-// Event posting: wire bytes decoded field by field against literal values,
-// the rate window, the identifier limit, growth of the working buffer, the
-// retry list and its log lines, and delivery over a real socket.
+// Event posting (wire bytes, rate window, size limits, retry list) and the trace server.
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
+#include <cerrno>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
 #include "Harness.h"
-#include "Str.h"
-#include "TevClock.h"
 #include "TevdTestSupport.h"
 #include "tevdAlarm.h"
 #include "tevdQprob.h"
@@ -22,51 +16,56 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Lines = std::vector<std::string>;
 
 struct Wire {
   std::vector<Bytes> sent;
   int attempts = 0;
   bool fail = false;
+  static int Hook(const void *message, size_t length, void *ctx) {
+    Wire *w = static_cast<Wire *>(ctx);
+    w->attempts++;
+    const uint8_t *p = static_cast<const uint8_t *>(message);
+    if (!w->fail) w->sent.emplace_back(p, p + length);
+    return w->fail ? -1 : 0;
+  }
 };
 
-int RecordingHook(const void *message, size_t length, void *ctx) {
-  Wire *w = static_cast<Wire *>(ctx);
-  w->attempts++;
-  if (w->fail) {
-    return -1;
-  }
-  const uint8_t *p = static_cast<const uint8_t *>(message);
-  w->sent.emplace_back(p, p + length);
-  return 0;
-}
-
-uint32_t U32At(const Bytes &b, size_t off) {
-  uint32_t v;
+template <typename T>
+T At(const Bytes &b, size_t off) {
+  T v;
   memcpy(&v, b.data() + off, sizeof v);
   return v;
 }
-uint64_t U64At(const Bytes &b, size_t off) {
-  uint64_t v;
-  memcpy(&v, b.data() + off, sizeof v);
-  return v;
-}
+std::string Text(const Bytes &b, size_t off) { return reinterpret_cast<const char *>(&b[off]); }
 
 class TevdQprobTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(log_.ok());
     VThreadBase_SetName("qprobTest");
+    root_.Write("platform/nodes/system/systemUuid", "0123abcd-4567-89ef-0123-456789abcdef");
     TevdAlarm_ResetForTest();
     TevdQprob_ResetForTest();
     TevdTrace_ResetForTest();
-    TevdQprob_Init();  // retry alarm gets identifier 0
-    TevdQprob_SetSendHookForTest(RecordingHook, &wire_);
+    TevdQprob_Init();  // the retry alarm gets identifier 0
+    TevdQprob_SetSendHookForTest(Wire::Hook, &wire_);
     log_.Take();
   }
   void TearDown() override {
     TevdQprob_SetSendHookForTest(nullptr, nullptr);
     TevdQprob_ResetForTest();
     TevdAlarm_ResetForTest();
+  }
+  void PostMany(int n, const char *format) {
+    for (int i = 0; i < n; i++) TevdQprob_Post(0, Problem, format, i);
+    log_.Take();
+  }
+  // One retry pass, 180 s on; its log lines.
+  Lines RetryPass() {
+    clock_.Advance(180);
+    EXPECT_EQ(1, TevdAlarm_RunDueForTest());
+    return log_.Take();
   }
 
   tevdtest::ScratchRoot root_;
@@ -75,308 +74,216 @@ class TevdQprobTest : public ::testing::Test {
   Wire wire_;
 };
 
-TEST_F(TevdQprobTest, OneStringEventHasExactHeaderIdentifierAndBlock) {
+TEST_F(TevdQprobTest, OneStringEventHasExactBytesLogLineAndTrace) {
   TevdQprob_Post(0, Problem,
                  "@&!*@*@(kos.problem.net.hwnic.linkstate.down)Physical NIC %s linkstate is down",
                  "hwnic1");
   ASSERT_EQ(1u, wire_.sent.size());
   const Bytes &m = wire_.sent[0];
-  // 68 header + 37 identifier (36 + NUL) + 23 block (16 slot + "hwnic1\0") + 4.
   ASSERT_EQ(132u, m.size());
-  EXPECT_NE(0u, U64At(m, 0));
-  EXPECT_EQ(0u, U64At(m, 8));
-  EXPECT_EQ(132u, U32At(m, 56));
-  EXPECT_EQ(1u, U32At(m, 60));
-  EXPECT_EQ(37u, U32At(m, 64));
-  EXPECT_EQ(std::string("kos.problem.net.hwnic.linkstate.down") + '\0',
-            std::string(reinterpret_cast<const char *>(&m[68]), 37));
-  const uint8_t block[23] = {6, 0, 0, 0, 6,   0,   0,   0,   16,  0,   0, 0,
-                             0, 0, 0, 0, 'h', 'w', 'n', 'i', 'c', '1', 0};
-  EXPECT_EQ(Bytes(block, block + 23), Bytes(m.begin() + 105, m.begin() + 128));
-  EXPECT_EQ(Bytes(4, 0), Bytes(m.begin() + 128, m.end()));
+  const uint64_t stamp = At<uint64_t>(m, 0);
+  // 8 NULs, host, length, argument count, identifier, block, 4 NULs.
+  EXPECT_EQ(std::string("\0\0\0\0\0\0\0\0"
+                        "0123abcd-4567-89ef-0123-456789abcdef\0\0\0\0"
+                        "\x84\0\0\0\x01\0\0\0\x25\0\0\0"
+                        "kos.problem.net.hwnic.linkstate.down\0"
+                        "\x06\0\0\0\x06\0\0\0\x10\0\0\0\0\0\0\0hwnic1\0\0\0\0\0",
+                        124),
+            std::string(m.begin() + 8, m.end()));
+  const std::string line = "us: [kos.problem.net.hwnic.linkstate.down] Physical NIC hwnic1";
+  EXPECT_EQ(Lines{"[qprobTest] " + std::to_string(stamp) + line + " linkstate is down"},
+            log_.Take());
+  EXPECT_EQ(Lines{"1700000000.000000000,OUT," + std::to_string(stamp) +
+                  ",kos.problem.net.hwnic.linkstate.down,,\"hwnic1\"\n"},
+            TevdTrace_HistoryForTest());
 }
 
-TEST_F(TevdQprobTest, MixedArgumentsSerialiseAsTypedSlots) {
+TEST_F(TevdQprobTest, MixedArgumentsSerialiseAsTypedSlotsAndTheIdentifierEndsAtTheFirstParen) {
   const char *none = getenv("TEVD_QPROB_TEST_UNSET_VARIABLE");  // a null string
   TevdQprob_Post(0, Clear, "@&!*@*@(kos.clear.x.y)%d %u %ld %lu %s %s", -3, 7u, -5L, 9UL, "a\"b",
                  none);
   ASSERT_EQ(1u, wire_.sent.size());
   const Bytes &m = wire_.sent[0];
-  EXPECT_EQ(14u, U32At(m, 64));  // "kos.clear.x.y" + NUL
-  EXPECT_EQ(6u, U32At(m, 60));
-  const size_t b = 68 + 14;
-  // Six slots (96 bytes) then "a\"b\0" (4 bytes); the null string has no bytes.
-  ASSERT_EQ(72u + 14u + 100u, U32At(m, 56));
-  ASSERT_EQ(72u + 14u + 100u, m.size());
-  const uint32_t types[6] = {1, 3, 2, 4, 6, 6};
-  const uint32_t lengths[6] = {0, 0, 0, 0, 3, 0xFFFFFFFFu};
-  const uint64_t values[6] = {0xFFFFFFFFFFFFFFFDull, 7, 0xFFFFFFFFFFFFFFFBull, 9, 96, 0};
-  for (int i = 0; i < 6; i++) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(types[i], U32At(m, b + 16 * i));
-    EXPECT_EQ(lengths[i], U32At(m, b + 16 * i + 4));
-    EXPECT_EQ(values[i], U64At(m, b + 16 * i + 8));
-  }
-  EXPECT_EQ(std::string("a\"b", 4), std::string(reinterpret_cast<const char *>(&m[b + 96]), 4));
-}
-
-TEST_F(TevdQprobTest, HostIdentityTravelsAtOffsetSixteen) {
-  root_.Write("platform/nodes/system/systemUuid", "0123abcd-4567-89ef-0123-456789abcdef");
-  TevdAlarm_ResetForTest();
-  TevdQprob_Init();
-  TevdQprob_Post(0, Audit, "@&!*@*@(kos.audit.a)x");
-  ASSERT_EQ(1u, wire_.sent.size());
-  const Bytes &m = wire_.sent[0];
-  EXPECT_EQ("0123abcd-4567-89ef-0123-456789abcdef",
-            std::string(reinterpret_cast<const char *>(&m[16]), 36));
-  EXPECT_EQ(Bytes(4, 0), Bytes(m.begin() + 52, m.begin() + 56));
-}
-
-TEST_F(TevdQprobTest, ClassPrefixAndSuffixAreCutAtTheRightPlace) {
-  TevdQprob_Post(0, Audit, "@&!*@*@(kos.audit.tevdtestcorrelator.test)%s (%d) args", "Two", 2);
-  TevdQprob_Post(0, Clear, "@&!*@*@(kos.clear.a.b)text");
+  EXPECT_EQ(72u + 14u + 6 * 16u + 4u, m.size());  // the null string has no bytes
+  QprobMessage msg;
+  std::string why;
+  ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), &msg, &why)) << why;
+  EXPECT_EQ("kos.clear.x.y", msg.id);
+  EXPECT_EQ(Lines({"I:-3", "U:7", "L:-5", "UL:9", "S:a\"b", "S:(null)"}),
+            tevdtest::ArgsText(msg.args));
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.c)t)ext");
+  Tevd_PostProblem("old.style", "value %d", 3);
   ASSERT_EQ(3u, wire_.sent.size());
-  auto idOf = [](const Bytes &m) { return std::string(reinterpret_cast<const char *>(&m[68])); };
-  EXPECT_EQ("kos.audit.tevdtestcorrelator.test", idOf(wire_.sent[0]));
-  EXPECT_EQ("kos.clear.a.b", idOf(wire_.sent[1]));
-  EXPECT_EQ("kos.problem.c", idOf(wire_.sent[2]));
-}
-
-TEST_F(TevdQprobTest, LocalLogLineCarriesThreadStampIdentifierAndText) {
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.net.hwnic.linkstate.down)Physical NIC %s linkstate is down",
-                 "hwnic1");
-  ASSERT_EQ(1u, wire_.sent.size());
-  std::string expected = "[qprobTest] " + std::to_string(U64At(wire_.sent[0], 0)) +
-                         "us: [kos.problem.net.hwnic.linkstate.down] Physical NIC hwnic1 "
-                         "linkstate is down";
-  EXPECT_EQ(std::vector<std::string>({expected}), log_.Take());
-}
-
-TEST_F(TevdQprobTest, PostedEventIsTracedAsOut) {
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.p.q)%s %d", "a\"b", 4);
-  ASSERT_EQ(1u, wire_.sent.size());
-  auto history = TevdTrace_HistoryForTest();
-  ASSERT_EQ(1u, history.size());
-  EXPECT_EQ("1700000000.000000000,OUT," + std::to_string(U64At(wire_.sent[0], 0)) +
-                ",kos.problem.p.q,,\"a\"\"b\",4\n",
-            history[0]);
+  EXPECT_EQ("kos.problem.c", Text(wire_.sent[1], 68));
+  EXPECT_EQ("kos.problem.old.style", Text(wire_.sent[2], 68));
+  EXPECT_EQ("Using discouraged \"Tevd_PostProblem\" interface for qprob: old.style",
+            log_.Take().at(2));
 }
 
 TEST_F(TevdQprobTest, ThousandAndFirstEventOfWindowIsDropped) {
-  for (int i = 0; i < 999; i++) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.a)n %d", i);
-    log_.Take();
-  }
+  PostMany(999, "@&!*@*@(kos.problem.rate.a)n %d");
   clock_.Advance(59);
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.a)n %d", 999);  // 1000th passes
-  log_.Take();
+  PostMany(1, "@&!*@*@(kos.problem.rate.a)n %d");  // the 1000th passes
   EXPECT_EQ(1000u, wire_.sent.size());
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.b)n %d", 1000);  // 1001st
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.b)n");
   EXPECT_EQ(1000u, wire_.sent.size());
-  EXPECT_EQ(std::vector<std::string>({"Event rate limit reached. Dropping qprob: "
-                                      "kos.problem.rate.b"}),
-            log_.Take());
-  // 60 s after the window's start a new one opens with a count of 1.
-  clock_.Advance(1);
-  for (int i = 0; i < 1000; i++) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.c)n %d", i);
-    log_.Take();
-  }
+  EXPECT_EQ(Lines{"Event rate limit reached. Dropping qprob: kos.problem.rate.b"}, log_.Take());
+  clock_.Advance(1);  // 60 s after the window's start a new one opens with a count of 1
+  PostMany(1000, "@&!*@*@(kos.problem.rate.c)n %d");
   EXPECT_EQ(2000u, wire_.sent.size());
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.rate.d)n");
+  clock_.Advance(-3600);  // a clock gone backwards stays in the window
+  PostMany(1, "@&!*@*@(kos.problem.rate.d)n %d");
   EXPECT_EQ(2000u, wire_.sent.size());
-  EXPECT_EQ(std::vector<std::string>({"Event rate limit reached. Dropping qprob: "
-                                      "kos.problem.rate.d"}),
-            log_.Take());
 }
 
-TEST_F(TevdQprobTest, ClockGoingBackwardsStaysInTheWindow) {
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r)x");
-  clock_.Advance(-3600);
-  for (int i = 0; i < 999; i++) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r)x");
-    log_.Take();
-  }
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r)x");
-  EXPECT_EQ(1000u, wire_.sent.size());
-}
-
-TEST_F(TevdQprobTest, IdentifierOf128CharactersIsSentAnd129IsDroppedSilently) {
-  // "kos.problem." is 12 characters.
-  std::string ok = "@&!*@*@(kos.problem." + std::string(116, 'a') + ")%s";
-  std::string tooLong = "@&!*@*@(kos.problem." + std::string(117, 'b') + ")%s";
-  TevdQprob_Post(0, Problem, ok.c_str(), "v");
+// 128 identifier characters are sent, 129 dropped; a block is built in a buffer
+// doubled up to four times (to 18736 bytes, with 18650 for the block).
+TEST_F(TevdQprobTest, OversizedIdentifierOrArgumentsAreDroppedSilently) {
+  TevdQprob_Post(0, Problem, ("@&!*@*@(kos.problem." + std::string(116, 'a') + ")%s").c_str(), "v");
   ASSERT_EQ(1u, wire_.sent.size());
-  EXPECT_EQ(129u, U32At(wire_.sent[0], 64));
-  EXPECT_EQ("kos.problem." + std::string(116, 'a'),
-            std::string(reinterpret_cast<const char *>(&wire_.sent[0][68])));
-  log_.Take();
-  TevdQprob_Post(0, Problem, tooLong.c_str(), "v");
-  EXPECT_EQ(1u, wire_.sent.size());
-  EXPECT_EQ(1, wire_.attempts);
-  EXPECT_TRUE(log_.Take().empty());
-  EXPECT_EQ(1u, TevdTrace_HistoryForTest().size());
-}
-
-TEST_F(TevdQprobTest, BufferGrowsByDoublingUntilTheArgumentsFit) {
-  // 9368 - 72 - 14 = 9282 bytes of block room: a 9000-byte string fits only
-  // in the fourth buffer; 18736 - 86 = 18650 is the last chance.
-  std::string big(9000, 'q');
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.g)%s", big.c_str());
-  ASSERT_EQ(1u, wire_.sent.size());
-  EXPECT_EQ(72u + 14u + 16u + 9001u, wire_.sent[0].size());
-  std::string last(18650 - 17, 'r');
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.g)%s", last.c_str());
+  EXPECT_EQ(129u, At<uint32_t>(wire_.sent[0], 64));
+  EXPECT_EQ("kos.problem." + std::string(116, 'a'), Text(wire_.sent[0], 68));
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.g)%s", std::string(18650 - 17, 'r').c_str());
   ASSERT_EQ(2u, wire_.sent.size());
-  EXPECT_EQ(72u + 14u + 18650u, U32At(wire_.sent[1], 56));
-}
-
-TEST_F(TevdQprobTest, ArgumentsTooLargeForFifthBufferAreDroppedSilently) {
-  std::string huge(18650 - 16, 'z');  // one byte more than the last buffer holds
+  EXPECT_EQ(72u + 14u + 18650u, At<uint32_t>(wire_.sent[1], 56));
   log_.Take();
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.g)%s", huge.c_str());
-  EXPECT_EQ(0, wire_.attempts);
+  TevdQprob_Post(0, Problem, ("@&!*@*@(kos.problem." + std::string(117, 'b') + ")%s").c_str(), "v");
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.g)%s", std::string(18650 - 16, 'z').c_str());
+  EXPECT_EQ(2, wire_.attempts);
   EXPECT_TRUE(log_.Take().empty());
-  EXPECT_TRUE(TevdTrace_HistoryForTest().empty());
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
 }
 
-TEST_F(TevdQprobTest, FailedSendQueuesAndFirstRetrySucceeds) {
+// A failed send, or non-zero flags (the low byte), queue the event for the
+// retry pass 180 s later, which sends the oldest first.
+TEST_F(TevdQprobTest, FailedSendOrFlagsQueueAndTheNextPassSendsOldestFirst) {
   wire_.fail = true;
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r.one)v %d", 5);
-  EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
-  auto lines = log_.Take();
-  ASSERT_EQ(2u, lines.size());
-  EXPECT_EQ(
-      "An event (kos.problem.r.one) could not be sent immediately to marshd; queueing for "
-      "retry.",
-      lines[1]);
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.q.a)v %d", 5);
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.q.b)x");
   wire_.fail = false;
+  TevdQprob_Post(1, Problem, "@&!*@*@(kos.problem.q.c)x");
+  EXPECT_EQ(2, wire_.attempts);
+  TevdQprob_Post(0x100, Problem, "@&!*@*@(kos.problem.now)x");
+  EXPECT_EQ(3u, TevdQprob_RetryListLengthForTest());
+  Lines lines = log_.Take();  // each event's own line, then the queueing line
+  ASSERT_EQ(7u, lines.size());
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(std::string("An event (kos.problem.q.") + "abc"[i] +
+                  ") could not be sent immediately to marshd; queueing for retry.",
+              lines[2 * i + 1]);
+  }
   clock_.Advance(179);
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());
   clock_.Advance(1);
   EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  EXPECT_EQ(std::vector<std::string>({"Successfully sent event (kos.problem.r.one) after 1 "
-                                      "failure."}),
+  EXPECT_EQ(Lines({"Successfully sent event (kos.problem.q.a) after 1 failure.",
+                   "Successfully sent event (kos.problem.q.b) after 1 failure.",
+                   "Successfully sent event (kos.problem.q.c) after 1 failure."}),
             log_.Take());
-  ASSERT_EQ(1u, wire_.sent.size());
-  EXPECT_EQ(std::string("kos.problem.r.one"),
-            std::string(reinterpret_cast<const char *>(&wire_.sent[0][68])));
+  ASSERT_EQ(4u, wire_.sent.size());
+  EXPECT_EQ("kos.problem.now", Text(wire_.sent[0], 68));
+  EXPECT_EQ("kos.problem.q.a", Text(wire_.sent[1], 68));
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
   clock_.Advance(1000);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());  // nothing left: not re-armed
+  EXPECT_EQ(0, TevdAlarm_RunDueForTest());         // nothing left: not re-armed
+  TevdQprob_SetSendHookForTest(nullptr, nullptr);  // the root has no agent socket
+  const uint8_t msg[4] = {1, 2, 3, 4};
+  EXPECT_EQ(-1, TevdQprob_Send(msg, sizeof msg));
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.nobody)x");
+  EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
 }
 
 TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
   wire_.fail = true;
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r.gone)x");
   log_.Take();
-  const char *expected[] = {
-      "Failed to send event (kos.problem.r.gone); 2 failures so far.",
-      "Failed to send event (kos.problem.r.gone); 3 failures so far.",
-      "Failed to send event (kos.problem.r.gone); 4 failures so far.",
-      "Failed to send event (kos.problem.r.gone); 5 failures so far.",
-      "Abandoned event (kos.problem.r.gone) after 6 failures.",
-  };
-  for (const char *line : expected) {
-    clock_.Advance(180);
-    EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-    EXPECT_EQ(std::vector<std::string>({line}), log_.Take());
+  for (int failures = 2; failures <= 5; failures++) {
+    EXPECT_EQ(Lines{"Failed to send event (kos.problem.r.gone); " + std::to_string(failures) +
+                    " failures so far."},
+              RetryPass());
   }
-  EXPECT_EQ(6, wire_.attempts);
+  EXPECT_EQ(Lines{"Abandoned event (kos.problem.r.gone) after 6 failures."}, RetryPass());
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
   clock_.Advance(180);
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());
 }
 
-TEST_F(TevdQprobTest, RetryPassHandlesOldestFirstAndKeepsOnlyFailures) {
-  wire_.fail = true;
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.q.a)x");
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.q.b)x");
-  EXPECT_EQ(2u, TevdQprob_RetryListLengthForTest());
-  wire_.fail = false;
-  log_.Take();
-  clock_.Advance(180);
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  EXPECT_EQ(
-      std::vector<std::string>({"Successfully sent event (kos.problem.q.a) after 1 failure.",
-                                "Successfully sent event (kos.problem.q.b) after 1 failure."}),
-      log_.Take());
+using V = MsgFmt_Value;
+
+V Raw(uint32_t type, uint64_t bits) {  // a type the block format does not know
+  V v = V::U64(bits);
+  v.type = type;
+  return v;
 }
 
-TEST_F(TevdQprobTest, NonZeroFlagsQueueWithoutAnAttemptButStillLog) {
-  TevdQprob_Post(1, Problem, "@&!*@*@(kos.problem.later)x");
-  EXPECT_EQ(0, wire_.attempts);
-  EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
-  auto lines = log_.Take();
-  ASSERT_EQ(2u, lines.size());
-  EXPECT_EQ(
-      "An event (kos.problem.later) could not be sent immediately to marshd; queueing for "
-      "retry.",
-      lines[1]);
-  clock_.Advance(180);
-  EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-  EXPECT_EQ(std::vector<std::string>({"Successfully sent event (kos.problem.later) after 1 "
-                                      "failure."}),
-            log_.Take());
-  // Only the low byte counts: 0x100 sends at once.
-  TevdQprob_Post(0x100, Problem, "@&!*@*@(kos.problem.now)x");
-  EXPECT_EQ(2u, wire_.sent.size());
-  EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
+void Record(const char *dir, uint64_t stamp, const std::string &id,
+            const std::vector<V> &args = {}) {
+  std::vector<uint8_t> block = MsgFmt_EncodeBlock(args);
+  TevdTrace_Record(dir, stamp, id.c_str(), block.data(), block.size(),
+                   static_cast<int>(args.size()));
 }
 
-TEST_F(TevdQprobTest, DiscouragedEntryPointLogsAndPostsProblem) {
-  Tevd_PostProblem("old.style", "value %d", 3);
-  ASSERT_EQ(1u, wire_.sent.size());
-  EXPECT_EQ(std::string("kos.problem.old.style"),
-            std::string(reinterpret_cast<const char *>(&wire_.sent[0][68])));
-  auto lines = log_.Take();
-  ASSERT_EQ(2u, lines.size());
-  EXPECT_EQ("Using discouraged \"Tevd_PostProblem\" interface for qprob: old.style", lines[0]);
-}
-
-TEST_F(TevdQprobTest, UnknownClassPanicsWithItsSourceLine) {
-  EXPECT_DEATH(TevdQprob_Post(0, 3, "@&!*@*@(kos.problem.x)y"),
-               "Tevd - Panic: NOT_REACHED apps/tevd/tevdQprob:608");
-}
-
-// Real delivery: the agent's socket under the scratch root.
-class TevdQprobSocketTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    TevdAlarm_ResetForTest();
-    TevdQprob_ResetForTest();
-    TevdQprob_Init();
+TEST_F(TevdQprobTest, TraceLineCarriesTimeDirectionStampIdentifierAndTypedArguments) {
+  const uint64_t u64max = std::numeric_limits<uint64_t>::max();
+  // Each row's arguments and what follows "<time>,IN,<stamp>,tev.a.b,".
+  const std::pair<std::vector<V>, const char *> rows[] = {
+      {{V::I32(INT32_MIN), V::I32(INT32_MAX), V::I32(0), V::I64(INT64_MIN), V::I64(INT64_MAX)},
+       ",-2147483648,2147483647,0,-9223372036854775808,9223372036854775807"},
+      {{V::U32(UINT32_MAX), V::U64(0), V::U64(u64max), V::U32(10)},
+       ",4294967295,0,18446744073709551615,10"},
+      {{V::Str("say \"hi\""), V::NullStr(), V::Str(""), V::Str("hwnic0")},
+       ",\"say \"\"hi\"\"\",\"(null)\",\"\",\"hwnic0\""},
+      {{Raw(0, 1), V::Dbl(1.0), Raw(7, 2), V::I32(8)}, ",???,???,???,8"}};
+  for (const auto &r : rows) {
+    TevdTrace_ResetForTest();
+    Record("IN", u64max, "tev.a.b", r.first);
+    EXPECT_EQ(Lines{"1700000000.000000000,IN,18446744073709551615,tev.a.b," +
+                    std::string(r.second) + "\n"},
+              TevdTrace_HistoryForTest());
   }
-  void TearDown() override {
-    TevdQprob_ResetForTest();
-    TevdAlarm_ResetForTest();
-  }
-  tevdtest::ScratchRoot root_;
-  tevdtest::FakeClock clock_;
-};
-
-TEST_F(TevdQprobSocketTest, MessageArrivesWholeOnOneConnection) {
-  tevdtest::AgentStandIn agent(root_, tevdtest::AgentStandIn::Read);
-  ASSERT_TRUE(agent.ok());
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.sock.test)%s", "abc");
-  EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
-  // The stand-in decodes a connection's bytes only once the sender closed it,
-  // and refuses a message whose length field is not the bytes it read.
-  ASSERT_TRUE(tevdtest::Eventually(
-      [&] { return agent.Accepted() == 1 && agent.Messages().size() + agent.Bad() == 1; }, 5000));
-  ASSERT_EQ(1u, agent.Messages().size());
-  EXPECT_EQ("kos.problem.sock.test", agent.Messages()[0].id);
-  EXPECT_EQ(std::vector<std::string>{"S:abc"}, tevdtest::ArgsText(agent.Messages()[0].args));
+  tevdtest::FakeClock whole(1);  // nine digits of nanoseconds
+  TevdTrace_ResetForTest();
+  Record("IN", 0, "tev.a.b");
+  whole.AdvanceUs(999999);
+  Record("IN", 0, "tev.a.b");
+  EXPECT_EQ((Lines{"1.000000000,IN,0,tev.a.b,\n", "1.999999000,IN,0,tev.a.b,\n"}),
+            TevdTrace_HistoryForTest());
 }
 
-TEST_F(TevdQprobSocketTest, AbsentAgentSocketFailsSendAndQueues) {
-  const uint8_t msg[4] = {1, 2, 3, 4};
-  EXPECT_EQ(-1, TevdQprob_Send(msg, sizeof msg));
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.nobody)x");
-  EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
+// Lines of exactly 1 KiB: 26 bytes of "1700000000.000000000,IN,0,", the
+// identifier and ",\n".
+TEST_F(TevdQprobTest, TraceHistoryKeepsNewest128KiBDroppingOldestLines) {
+  for (int i = 0; i < 128; i++) Record("IN", 0, std::string(1024 - 28, 'A' + i % 26));
+  Lines history = TevdTrace_HistoryForTest();
+  ASSERT_EQ(128u, history.size());  // exactly 131072 bytes: nothing dropped
+  Record("IN", 0, std::string(1024 - 28, 'z'));
+  history = TevdTrace_HistoryForTest();
+  ASSERT_EQ(128u, history.size());
+  EXPECT_EQ('B', history.front()[26]);  // the line of 'A' went first
+  EXPECT_EQ('z', history.back()[26]);
+  Record("IN", 0, std::string(200000, 'g'));  // alone larger than the bound: stays alone
+  history = TevdTrace_HistoryForTest();
+  ASSERT_EQ(1u, history.size());
+  EXPECT_EQ(26u + 200000u + 2u, history[0].size());
+  Record("IN", 0, "tev.small.three");
+  EXPECT_EQ(Lines{"1700000000.000000000,IN,0,tev.small.three,\n"}, TevdTrace_HistoryForTest());
+}
+
+TEST_F(TevdQprobTest, TraceClientGetsHistoryThenBlankLineThenLiveLines) {
+  int listenFd = TevdTrace_Open(nullptr);
+  ASSERT_GE(listenFd, 0) << strerror(errno);
+  Record("IN", 1, "tev.one.a");
+  Record("OUT", 2, "kos.problem.two", {V::I32(2)});
+  tevdtest::TraceReader client(root_);
+  TevdTrace_Accept(listenFd);
+  EXPECT_EQ("1700000000.000000000,IN,1,tev.one.a,", client.Next());
+  EXPECT_EQ("1700000000.000000000,OUT,2,kos.problem.two,,2", client.Next());
+  EXPECT_EQ("\x01", client.Next());  // the blank line
+  Record("OUT", 4, "kos.clear.four");
+  EXPECT_EQ("1700000000.000000000,OUT,4,kos.clear.four,", client.Next());
+  client.Close();
+  close(listenFd);
+  EXPECT_TRUE(tevdtest::Eventually([] { return TevdTrace_ListenerCountForTest() == 0; }, 5000));
 }
 
 }  // namespace

@@ -1,134 +1,85 @@
-// Shared helpers of the unit tests. ScratchRoot gives each test a private
-// TEVD_ROOT (removed afterwards); FakeClock freezes the platform clock;
-// MakeTev builds observations through the real record encoder and Tev_MakeTev;
-// EventCapture takes posted events at the send hook and decodes their bytes.
 #include "TevdTestSupport.h"
 
-#include <errno.h>
-#include <ftw.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <iterator>
 #include <sstream>
+#include <utility>
 
 #include "PlatformRoot.h"
-#include "TevClock.h"
 #include "tevdQprob.h"
 
 namespace tevdtest {
 
 namespace {
 
-int RemoveEntry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
-
 void RemoveTree(const std::string &path) {
-  nftw(path.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+  std::error_code ignored;
+  std::filesystem::remove_all(path, ignored);
+}
+
+void MakeDirs(const std::string &path) {
+  int err = PlatformRoot_MakeDirs(path);
+  if (err != 0) ADD_FAILURE() << "cannot create " << path << ": " << strerror(err);
 }
 
 }  // namespace
 
 ScratchRoot::ScratchRoot() {
-  const char *old = getenv("TEVD_ROOT");
-  if (old != nullptr) {
+  if (const char *old = getenv("TEVD_ROOT")) {
     saved_ = old;
     hadSaved_ = true;
   }
   // Socket paths must stay under 108 bytes: prefer a short temporary directory.
   const char *tmp = getenv("TMPDIR");
-  std::string base = (tmp != nullptr && tmp[0] != '\0' && strlen(tmp) < 40) ? tmp : "/tmp";
-  std::string templ = base + "/tevd-test-XXXXXX";
-  std::vector<char> buf(templ.begin(), templ.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) {
+  std::string templ = (tmp != nullptr && tmp[0] != '\0' && strlen(tmp) < 40) ? tmp : "/tmp";
+  templ += "/tevd-test-XXXXXX";
+  if (mkdtemp(&templ[0]) == nullptr)
     ADD_FAILURE() << "mkdtemp(" << templ << "): " << strerror(errno);
-  }
-  root_ = buf.data();
+  root_ = templ;
   setenv("TEVD_ROOT", root_.c_str(), 1);
 }
 
 ScratchRoot::~ScratchRoot() {
-  if (hadSaved_) {
-    setenv("TEVD_ROOT", saved_.c_str(), 1);
-  } else {
-    unsetenv("TEVD_ROOT");
-  }
-  if (!root_.empty() && root_ != "/") {
-    RemoveTree(root_);
-  }
+  hadSaved_ ? setenv("TEVD_ROOT", saved_.c_str(), 1) : unsetenv("TEVD_ROOT");
+  if (!root_.empty() && root_ != "/") RemoveTree(root_);
 }
 
 void ScratchRoot::Write(const std::string &relative, const std::string &value) const {
   std::string path = Abs(relative);
-  size_t slash = path.rfind('/');
-  if (slash != std::string::npos) {
-    int err = PlatformRoot_MakeDirs(path.substr(0, slash));
-    if (err != 0) ADD_FAILURE() << "cannot create directories of " << path << ": " << strerror(err);
-  }
+  MakeDirs(path.substr(0, path.rfind('/')));
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  f << value;
-  if (!f) ADD_FAILURE() << "cannot write " << path;
+  if (!(f << value)) ADD_FAILURE() << "cannot write " << path;
 }
 
 bool ScratchRoot::Read(const std::string &relative, std::string *value) const {
   std::ifstream f(Abs(relative), std::ios::binary);
-  if (!f) return false;
-  std::ostringstream ss;
-  ss << f.rdbuf();
-  *value = ss.str();
-  return true;
+  if (f) value->assign(std::istreambuf_iterator<char>(f), {});
+  return static_cast<bool>(f);
 }
 
-void ScratchRoot::MakeDir(const std::string &relative) const {
-  int err = PlatformRoot_MakeDirs(Abs(relative));
-  if (err != 0) ADD_FAILURE() << "cannot create " << Abs(relative) << ": " << strerror(err);
-}
-
+void ScratchRoot::MakeDir(const std::string &relative) const { MakeDirs(Abs(relative)); }
 void ScratchRoot::Remove(const std::string &relative) const { RemoveTree(Abs(relative)); }
-
-FakeClock::FakeClock(int64_t startSec) { TevClock_SetFake(startSec * 1000000); }
-FakeClock::~FakeClock() { TevClock_UseReal(); }
-void FakeClock::Advance(int64_t seconds) { TevClock_Advance(seconds * 1000000); }
-void FakeClock::AdvanceUs(int64_t usec) { TevClock_Advance(usec); }
-
-void TevDeleter::operator()(Tev *t) const { Tev_Free(t); }
 
 TevPtr MakeTev(const std::string &id, const std::vector<MsgFmt_Value> &args,
                const std::string &message, uint64_t timestampUs) {
   std::vector<uint8_t> rec = TevRecord_Encode(id, message, timestampUs, args);
-  void *copy = malloc(rec.size());
-  if (copy == nullptr) {
-    ADD_FAILURE() << "out of memory";
-    return TevPtr();
-  }
+  void *copy = malloc(rec.size());  // Tev_MakeTev takes ownership
   memcpy(copy, rec.data(), rec.size());
   Tev *tev = nullptr;
   int rc = Tev_MakeTev(copy, static_cast<uint32_t>(rec.size()), &tev);
-  if (rc != 0) {
-    ADD_FAILURE() << "Tev_MakeTev(" << id << ") failed: " << rc;
-  }
+  if (rc != 0) ADD_FAILURE() << "Tev_MakeTev(" << id << ") failed: " << rc;
   return TevPtr(tev);
 }
 
-MsgFmt_Value S(const std::string &s) { return MsgFmt_Value::Str(s); }
-MsgFmt_Value I(int32_t v) { return MsgFmt_Value::I32(v); }
-MsgFmt_Value U(uint32_t v) { return MsgFmt_Value::U32(v); }
-MsgFmt_Value L(int64_t v) { return MsgFmt_Value::I64(v); }
-MsgFmt_Value UL(uint64_t v) { return MsgFmt_Value::U64(v); }
-
-struct EventCapture::State {
-  mutable std::mutex mutex;
-  std::vector<QprobMessage> events;  // guarded by mutex
-  bool fail = false;                 // guarded by mutex
-};
-
-EventCapture::EventCapture() : state_(new State) {
+EventCapture::EventCapture() {
   TevdQprob_ResetForTest();
-  TevdQprob_SetSendHookForTest(&EventCapture::Hook, state_.get());
+  TevdQprob_SetSendHookForTest(&EventCapture::Hook, this);
 }
 
 EventCapture::~EventCapture() {
@@ -137,61 +88,44 @@ EventCapture::~EventCapture() {
 }
 
 int EventCapture::Hook(const void *message, size_t length, void *ctx) {
-  State *st = static_cast<State *>(ctx);
-  std::lock_guard<std::mutex> lock(st->mutex);
-  if (st->fail) return -1;
+  EventCapture *capture = static_cast<EventCapture *>(ctx);
   QprobMessage msg;
   std::string why;
-  if (!Qprob_Decode(message, length, &msg, &why)) {
-    ADD_FAILURE() << "posted event is malformed: " << why;
-    return 0;
-  }
-  st->events.push_back(std::move(msg));
+  EXPECT_TRUE(Qprob_Decode(message, length, &msg, &why)) << "posted event is malformed: " << why;
+  std::lock_guard<std::mutex> lock(capture->mutex_);
+  capture->events_.push_back(std::move(msg));
   return 0;
 }
 
 std::vector<QprobMessage> EventCapture::Take() {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  std::vector<QprobMessage> out;
-  out.swap(state_->events);
-  return out;
+  std::lock_guard<std::mutex> lock(mutex_);
+  return std::exchange(events_, {});
 }
 
 size_t EventCapture::Count() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->events.size();
-}
-
-void EventCapture::FailSends(bool fail) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->fail = fail;
+  std::lock_guard<std::mutex> lock(mutex_);
+  return events_.size();
 }
 
 std::vector<std::string> ArgsText(const std::vector<MsgFmt_Value> &args) {
   std::vector<std::string> out;
   for (const MsgFmt_Value &v : args) {
+    std::ostringstream ss;
     switch (v.type) {
-      case MSGFMT_TYPE_INT32:
-        out.push_back("I:" + std::to_string(static_cast<int32_t>(v.bits)));
-        break;
-      case MSGFMT_TYPE_UINT32:
-        out.push_back("U:" + std::to_string(static_cast<uint32_t>(v.bits)));
-        break;
-      case MSGFMT_TYPE_INT64:
-        out.push_back("L:" + std::to_string(static_cast<int64_t>(v.bits)));
-        break;
-      case MSGFMT_TYPE_UINT64: out.push_back("UL:" + std::to_string(v.bits)); break;
+      case MSGFMT_TYPE_INT32: ss << "I:" << static_cast<int32_t>(v.bits); break;
+      case MSGFMT_TYPE_UINT32: ss << "U:" << static_cast<uint32_t>(v.bits); break;
+      case MSGFMT_TYPE_INT64: ss << "L:" << static_cast<int64_t>(v.bits); break;
+      case MSGFMT_TYPE_UINT64: ss << "UL:" << v.bits; break;
       case MSGFMT_TYPE_DOUBLE: {
         double d;
         memcpy(&d, &v.bits, sizeof d);
-        std::ostringstream ss;
         ss << "D:" << d;
-        out.push_back(ss.str());
         break;
       }
-      case MSGFMT_TYPE_STRING: out.push_back(v.isNull ? "S:(null)" : "S:" + v.str); break;
-      default: out.push_back("?:" + std::to_string(v.type)); break;
+      case MSGFMT_TYPE_STRING: ss << "S:" << (v.isNull ? "(null)" : v.str); break;
+      default: ss << "?:" << v.type; break;
     }
+    out.push_back(ss.str());
   }
   return out;
 }

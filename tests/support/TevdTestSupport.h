@@ -1,21 +1,19 @@
-// Shared helpers for the daemon's unit tests: a scratch host-model root, a fake
-// clock, observations built from literal values, and a capture of posted
-// events decoded from their wire bytes.
+// Shared helpers of the unit tests.
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "MsgFmt.h"
 #include "Qprob.h"
+#include "TevClock.h"
 #include "TevLib.h"
 
 namespace tevdtest {
 
-// A private TEVD_ROOT for the life of the object (the previous value comes
-// back on destruction). Paths are relative to the root, e.g.
-// "platform/options/Net/LinkFlappingThreshold".
+// A private TEVD_ROOT while alive, removed afterwards; paths are relative to it.
 class ScratchRoot {
  public:
   ScratchRoot();
@@ -35,43 +33,40 @@ class ScratchRoot {
 // The wall clock stands still at `startSec` until advanced.
 class FakeClock {
  public:
-  explicit FakeClock(int64_t startSec = 1700000000);
-  ~FakeClock();
-  void Advance(int64_t seconds);
-  void AdvanceUs(int64_t usec);
+  explicit FakeClock(int64_t startSec = 1700000000) { TevClock_SetFake(startSec * 1000000); }
+  ~FakeClock() { TevClock_UseReal(); }
+  void Advance(int64_t seconds) { TevClock_Advance(seconds * 1000000); }
+  void AdvanceUs(int64_t usec) { TevClock_Advance(usec); }
 };
 
 struct TevDeleter {
-  void operator()(Tev *t) const;
+  void operator()(Tev *t) const { Tev_Free(t); }
 };
-using TevPtr = std::unique_ptr<Tev, TevDeleter>;
+using TevPtr = std::unique_ptr<Tev, TevDeleter>;  // an observation built from literal values
 TevPtr MakeTev(const std::string &id, const std::vector<MsgFmt_Value> &args = {},
                const std::string &message = "", uint64_t timestampUs = 1234);
 
-// Shorthands for argument values.
-MsgFmt_Value S(const std::string &s);
-MsgFmt_Value I(int32_t v);
-MsgFmt_Value U(uint32_t v);
-MsgFmt_Value L(int64_t v);
-MsgFmt_Value UL(uint64_t v);
+inline MsgFmt_Value S(const std::string &s) { return MsgFmt_Value::Str(s); }
+inline MsgFmt_Value I(int32_t v) { return MsgFmt_Value::I32(v); }
+inline MsgFmt_Value U(uint32_t v) { return MsgFmt_Value::U32(v); }
+inline MsgFmt_Value L(int64_t v) { return MsgFmt_Value::I64(v); }
+inline MsgFmt_Value UL(uint64_t v) { return MsgFmt_Value::U64(v); }
 
-// While alive, every event TevdQprob_Post sends is captured (decoded from its
-// wire bytes) instead of going to a socket; the rate window and retry list are
-// reset at both ends.
+// Captures TevdQprob_Post's events while alive; resets the posting state at both ends.
 class EventCapture {
  public:
   EventCapture();
   ~EventCapture();
   std::vector<QprobMessage> Take();  // and forget
   size_t Count() const;
-  void FailSends(bool fail);  // make deliveries fail (queue for retry)
+
  private:
   static int Hook(const void *message, size_t length, void *ctx);
-  struct State;
-  std::unique_ptr<State> state_;
+  mutable std::mutex mutex_;
+  std::vector<QprobMessage> events_;  // guarded by mutex_
 };
 
-// Literal expectations: "S:text", "I:-3", "U:7", "L:...", "UL:..." per argument.
+// "S:text", "I:-3", "U:7", "L:...", "UL:...", "D:..." per argument.
 std::vector<std::string> ArgsText(const std::vector<MsgFmt_Value> &args);
 
 }  // namespace tevdtest

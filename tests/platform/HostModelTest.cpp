@@ -1,6 +1,6 @@
-// The host model: HostCtl/MtlCtl reads and writes over platform/ files, the
-// throw on absent entries, KNO nodes (UUID record bytes, options, threshold,
-// group names, link flapping), the build check, the KFS look-up, the kernel
+// The host model: reads and writes over the files under platform/, the throw
+// on absent entries, KNO nodes (UUID record bytes, options, threshold, group
+// names, link flapping), the build check, the KFS look-up, the kernel
 // time-stamp call and the log datagram.
 #include <errno.h>
 #include <fcntl.h>
@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <thread>
 
 #include "Harness.h"
 #include "HostCtl.h"
@@ -28,28 +27,17 @@ class HostModel : public ::testing::Test {
   tevdtest::ScratchRoot root_;
 };
 
-TEST_F(HostModel, StorageReadsFollowTheFiles) {
-  root_.Write("platform/storage/paths/hba1:C0:T0:L0", "naa.600\n");
+TEST_F(HostModel, PartitionsInNumericOrderAndNothingIsCached) {
   root_.Write("platform/storage/devices/naa.600/status", "2\n");
-  root_.Write("platform/storage/devices/naa.600/partitions/3", "datastore3");
-  root_.Write("platform/storage/devices/naa.600/partitions/1", "datastore1\n");
-  root_.Write("platform/storage/devices/naa.600/partitions/10", "");
-  root_.MakeDir("platform/storage/devices/mpx.cd");
-  auto storage = HostCtl::HostFactory::GetHost()->GetStorageInfo();
-  EXPECT_EQ("naa.600", storage->GetPath("hba1:C0:T0:L0")->GetDeviceName());
-  std::unique_ptr<HostCtl::Storage::Lun> lun = storage->GetLun("naa.600");
-  EXPECT_EQ(2u, lun->GetPathRedundancyStatus());
+  for (const char *n : {"3", "1", "10"})
+    root_.Write(std::string("platform/storage/devices/naa.600/partitions/") + n, "");
+  auto lun = HostCtl::HostFactory::GetHost()->GetStorageInfo()->GetLun("naa.600");
   auto *disk = dynamic_cast<HostCtl::Storage::DiskLun *>(lun.get());
   ASSERT_NE(nullptr, disk);
-  auto parts = disk->GetPartitions();
-  ASSERT_EQ(3u, parts.size());
-  EXPECT_EQ(1, parts[0]->GetPartitionNumber());
-  EXPECT_EQ(3, parts[1]->GetPartitionNumber());
-  EXPECT_EQ(10, parts[2]->GetPartitionNumber());
-  EXPECT_EQ("naa.600", parts[2]->GetDeviceName());
-  std::unique_ptr<HostCtl::Storage::Lun> cd = storage->GetLun("mpx.cd");
-  EXPECT_EQ(nullptr, dynamic_cast<HostCtl::Storage::DiskLun *>(cd.get()));
-  // Changing a file changes the host: nothing is cached.
+  std::vector<int> numbers;
+  for (const auto &p : disk->GetPartitions()) numbers.push_back(p->GetPartitionNumber());
+  EXPECT_EQ((std::vector<int>{1, 3, 10}), numbers);
+  EXPECT_EQ(2u, lun->GetPathRedundancyStatus());
   root_.Write("platform/storage/devices/naa.600/status", "1");
   EXPECT_EQ(1u, lun->GetPathRedundancyStatus());
 }
@@ -77,19 +65,6 @@ TEST_F(HostModel, NameWithSlashIsStoredWithPercent2F) {
   auto pg = HostCtl::Network::NetworkFactory::GetPortGroupByName("pg-mgmt \"vlan 10\"/a");
   EXPECT_EQ("pg-mgmt \"vlan 10\"/a", pg->GetName());
   EXPECT_EQ("ksw0", pg->GetVirtualSwitchName());
-}
-
-TEST_F(HostModel, OptionsAndVirtualMachines) {
-  root_.Write("platform/options/Net/LinkFlappingThreshold", "3\n");
-  EXPECT_EQ(3, MtlCtl::Adv::AdvancedIntegerOptionImpl("Net", "LinkFlappingThreshold").GetValue());
-  root_.Write("platform/vms/4321/name", "web-01\n");
-  auto vm = MtlCtl::Resource::ResourceInfoImpl().GetVirtualMachineByWorldId(4321);
-  EXPECT_EQ(4321, vm->GetWorldId());
-  EXPECT_EQ("web-01", vm->GetName());
-  vm->Kill(0);
-  std::string killed;
-  ASSERT_TRUE(root_.Read("platform/vms/4321/killed", &killed));
-  EXPECT_EQ("0\n", killed);
 }
 
 TEST_F(HostModel, LinkFlappingNodeIsWrittenOnlyIntoAnExistingNicDirectory) {
@@ -246,36 +221,7 @@ TEST_F(HostModel, LogLineGoesToDevLogAsOneSyslogDatagram) {
   tzset();
 }
 
-TEST(PlatformClock, FakeClockIsReadSafelyWhileAnotherThreadAdvancesIt) {
-  tevdtest::FakeClock clock(1000);
-  std::thread mover([&clock] {
-    for (int i = 0; i < 1000; i++) clock.AdvanceUs(1000);
-  });
-  int64_t last = 0;
-  for (int i = 0; i < 1000; i++) {
-    struct timeval tv;
-    TevClock_GetTimeOfDay(&tv);
-    int64_t now = static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
-    EXPECT_GE(now, last);
-    last = now;
-  }
-  mover.join();
-  EXPECT_EQ(1001, TevClock_Time());
-}
-
-TEST(PlatformStr, ThreadNamesAreKeptInFullPerThread) {
-  VThreadBase_SetName("main-of-this-test-with-a-long-name");
-  std::string other;
-  std::thread t([&other] {
-    VThreadBase_SetName("scsi-correlator-agent");
-    other = VThreadBase_CurName();
-  });
-  t.join();
-  EXPECT_EQ("scsi-correlator-agent", other);
-  EXPECT_STREQ("main-of-this-test-with-a-long-name", VThreadBase_CurName());
-  char kernelName[32];
-  ASSERT_EQ(0, pthread_getname_np(pthread_self(), kernelName, sizeof kernelName));
-  EXPECT_STREQ("main-of-this-te", kernelName);
+TEST(PlatformStr, FormattingReportsTheFullLengthAndTruncates) {
   size_t len = 0;
   char *s = Str_Asprintf(&len, "%s-%d", "x", 42);
   EXPECT_STREQ("x-42", s);

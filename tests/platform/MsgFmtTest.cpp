@@ -48,27 +48,22 @@ struct TypeRow {
   std::vector<uint32_t> types;
 };
 
-TEST(MsgFmtTypes, ConversionsMapToTheirTypeCodes) {
-  const TypeRow rows[] = {
+TEST(MsgFmtTypes, ConversionsMapToTheirTypeCodesAndUnsupportedOnesAreRefused) {
+  const std::pair<const char *, std::vector<uint32_t>> rows[] = {
       {"%d %i %c %hd %hhd %hi", {1, 1, 1, 1, 1, 1}},
       {"%ld %lld %li %zd", {2, 2, 2, 2}},
       {"%u %x %X %o %hu %hhx", {3, 3, 3, 3, 3, 3}},
-      {"%lu %lx %llu %llx %zu %zx", {4, 4, 4, 4, 4, 4}},
+      {"%lu %lx %llu %llx %zu %zx %p", {4, 4, 4, 4, 4, 4, 4}},
       {"%f %e %g %Lf %lg", {5, 5, 5, 5, 5}},
-      {"%s", {6}},
-      {"%p", {4}},
       {"100%% done %-8s|%08.3f", {6, 5}},
       {"no conversions", {}},
   };
-  for (const TypeRow &row : rows) {
+  for (const auto &row : rows) {
     std::vector<uint32_t> types;
     std::string why;
-    ASSERT_TRUE(MsgFmt_TypesOfFormat(row.format, &types, &why)) << row.format << ": " << why;
-    EXPECT_EQ(row.types, types) << row.format;
+    ASSERT_TRUE(MsgFmt_TypesOfFormat(row.first, &types, &why)) << row.first << ": " << why;
+    EXPECT_EQ(row.second, types) << row.first;
   }
-}
-
-TEST(MsgFmtTypes, UnsupportedConversionsAreRefused) {
   for (const char *bad : {"%n", "%q", "%*d", "%.*s", "%ls", "trailing %", "%l"}) {
     std::string why;
     EXPECT_FALSE(MsgFmt_TypesOfFormat(bad, nullptr, &why)) << bad;
@@ -125,7 +120,7 @@ TEST(MsgFmtBlock, BlockThatDoesNotFitFailsQuietlyAndBadFormatNamesTheProblem) {
   EXPECT_EQ("", tooBig.error);
 }
 
-TEST(MsgFmtText, AsprintfFormatsFromUnswizzledSlots) {
+TEST(MsgFmtText, TextFromSlotsAndFromDecodedValues) {
   const char *none = nullptr;
   const char *format = "NIC %s [%s] down (%d/%lu) %5.1f%% %p %x";
   Serialized s = Serialize(256, format, "hwnic1", none, -4, 18446744073709551615ul, 99.25,
@@ -137,16 +132,13 @@ TEST(MsgFmtText, AsprintfFormatsFromUnswizzledSlots) {
   EXPECT_STREQ("NIC hwnic1 [(null)] down (-4/18446744073709551615)  99.2% 0xbeef ff", text);
   EXPECT_EQ(strlen(text), len);
   free(text);
-}
-
-TEST(MsgFmtText, FormatValuesUsesDecodedValues) {
+  // Decoded values; a conversion that does not suit its value prints the value as it is,
+  // missing arguments print nothing.
   EXPECT_EQ("dev naa.1 has 2 paths of 3",
             MsgFmt_FormatValues(
                 "dev %s has %d paths of %lu",
                 {MsgFmt_Value::Str("naa.1"), MsgFmt_Value::I32(2), MsgFmt_Value::U64(3)}));
-  // A conversion that does not suit the value prints the value as it is.
   EXPECT_EQ("n=7", MsgFmt_FormatValues("n=%s", {MsgFmt_Value::I32(7)}));
-  // Missing arguments print nothing.
   EXPECT_EQ("a= b=", MsgFmt_FormatValues("a=%d b=%s", {}));
 }
 
@@ -166,8 +158,11 @@ TEST(MsgFmtSwizzled, GetSwizzledStringChecksBounds) {
 
 // ---- malformed blocks ----------------------------------------------------------
 
-void SetSlot(std::vector<uint8_t> *b, int index, size_t field, uint64_t v, size_t width) {
-  memcpy(b->data() + index * 16 + field, &v, width);
+void Put(std::vector<uint8_t> *b, size_t off, uint64_t v, size_t width) {
+  memcpy(b->data() + off, &v, width);
+}
+void SetSlot(std::vector<uint8_t> *b, size_t index, size_t field, uint64_t v, size_t width) {
+  Put(b, index * 16 + field, v, width);
 }
 
 struct BadBlock {
@@ -237,7 +232,7 @@ std::vector<uint8_t> BuildQprob(const std::string &id, const std::vector<MsgFmt_
   return m;
 }
 
-TEST(QprobDecode, DecodesHeaderIdentifierAndArguments) {
+TEST(QprobDecode, DecodesHeaderIdentifierClassAndArguments) {
   std::vector<uint8_t> m =
       BuildQprob("kos.problem.net.hwnic.linkstate.down",
                  {MsgFmt_Value::Str("hwnic\"1\\\n\x01"), MsgFmt_Value::NullStr(),
@@ -257,14 +252,9 @@ TEST(QprobDecode, DecodesHeaderIdentifierAndArguments) {
       "\"hwnic\\\"1\\\\\\n\\u0001\"},{\"type\":\"string\",\"value\":null},{\"type\":\"int32\",\"value\":-5},"
       "{\"type\":\"uint64\",\"value\":7},{\"type\":\"double\",\"value\":0.5}]}",
       Qprob_ToJson(q));
-}
-
-TEST(QprobDecode, ClassComesFromTheIdentifierPrefix) {
-  const std::pair<const char *, const char *> rows[] = {
-      {"kos.audit.x", "audit"}, {"kos.clear.x", "clear"}, {"kos.other.x", ""}};
-  for (const auto &row : rows) {
-    std::vector<uint8_t> m = BuildQprob(row.first, {}, nullptr);
-    QprobMessage q;
+  for (const auto &row :
+       {std::make_pair("kos.audit.x", "audit"), {"kos.clear.x", "clear"}, {"kos.other.x", ""}}) {
+    m = BuildQprob(row.first, {}, nullptr);
     ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), &q, nullptr)) << row.first;
     EXPECT_EQ(row.second, q.className);
     EXPECT_EQ("", q.hostUuid);
@@ -280,20 +270,12 @@ TEST(QprobDecode, MalformedMessagesAreRefused) {
       {"LengthMismatch", [](std::vector<uint8_t> *m) { m->push_back(0); }},
       {"Truncated", [](std::vector<uint8_t> *m) { m->resize(60); }},
       {"IdentifierLengthZero", [](std::vector<uint8_t> *m) { memset(m->data() + 64, 0, 4); }},
-      {"IdentifierLengthAbove129",
-       [](std::vector<uint8_t> *m) {
-         uint32_t v = 130;
-         memcpy(m->data() + 64, &v, 4);
-       }},
+      {"IdentifierLengthAbove129", [](std::vector<uint8_t> *m) { Put(m, 64, 130, 4); }},
       {"IdentifierWithoutNul", [](std::vector<uint8_t> *m) { (*m)[68 + 11] = 'x'; }},
       // No NUL in the 38-byte field, and none in the padding after it either.
       {"HostIdentityUnterminated",
        [](std::vector<uint8_t> *m) { memset(m->data() + 16, 'a', 40); }},
-      {"ArgumentCountTooLarge",
-       [](std::vector<uint8_t> *m) {
-         uint32_t v = 9;
-         memcpy(m->data() + 60, &v, 4);
-       }},
+      {"ArgumentCountTooLarge", [](std::vector<uint8_t> *m) { Put(m, 60, 9, 4); }},
   };
   for (const Row &row : rows) {
     std::vector<uint8_t> m = BuildQprob("kos.clear.x", {MsgFmt_Value::Str("s")}, nullptr);

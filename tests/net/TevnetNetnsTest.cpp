@@ -120,7 +120,7 @@ class TevnetNetns : public ::testing::Test {
   std::unique_ptr<tevdtest::Process> tevnet_;
 };
 
-TEST_F(TevnetNetns, UplinksLostAndBackAreRedundancyAndConnectivityEvents) {
+TEST_F(TevnetNetns, UplinksLostAndBackAndADaemonRestarted) {
   StartTevnet();
   ASSERT_TRUE(In("link set lnk1 down"));
   EXPECT_EQ(Event("kos.problem.net.redundancy.lost"), (Strings{"ksw0", "hwnic1", kBothGroups}))
@@ -133,18 +133,14 @@ TEST_F(TevnetNetns, UplinksLostAndBackAreRedundancyAndConnectivityEvents) {
   EXPECT_EQ(Event("kos.clear.net.redundancy.restored"), (Strings{"ksw0", kBothGroups, "hwnic1"}));
   // The port-group transitions came first, so the bare link state was covered.
   EXPECT_EQ(Count("kos.problem.net.hwnic.linkstate.down"), 0u);
-  EXPECT_EQ(Count("kos.clear.net.hwnic.linkstate.up"), 0u);
-}
-
-TEST_F(TevnetNetns, ARestartedDaemonIsFoundAgain) {
-  StartTevnet();
+  // A restarted daemon is found again; what happened meanwhile was dropped.
   tevd_.reset();
-  ASSERT_TRUE(In("link set lnk1 down"));  // nobody reads: dropped and counted
+  ASSERT_TRUE(In("link set lnk1 down"));
   StartTevd();
   ASSERT_TRUE(In("link set lnk0 down"));
-  EXPECT_EQ(Event("kos.problem.net.connectivity.lost"), (Strings{"ksw0", "hwnic0", kBothGroups}))
+  EXPECT_EQ(Event("kos.problem.net.connectivity.lost", 2), (Strings{"ksw0", "hwnic0", kBothGroups}))
       << Err();
-  EXPECT_EQ(Count("kos.problem.net.redundancy.lost"), 0u);
+  EXPECT_EQ(Count("kos.problem.net.redundancy.lost"), 1u);
 }
 
 TEST_F(TevnetNetns, FlappingUplinkIsTakenDownAndBroughtBackByAnOperator) {

@@ -35,18 +35,9 @@ Serialized Serialize(size_t capacity, const char *format, ...) {
   va_start(ap, format);
   s.ok = MsgFmt_GetArgsWithBuf(format, ap, &s.args, &s.count, &error, s.block(), &s.used);
   va_end(ap);
-  if (error == reinterpret_cast<char *>(1)) {
-    s.error = "<untouched>";
-  } else if (error != nullptr) {
-    s.error = error;
-  }
+  s.error = error == reinterpret_cast<char *>(1) ? "<untouched>" : error == nullptr ? "" : error;
   return s;
 }
-
-struct TypeRow {
-  const char *format;
-  std::vector<uint32_t> types;
-};
 
 TEST(MsgFmtTypes, ConversionsMapToTheirTypeCodesAndUnsupportedOnesAreRefused) {
   const std::pair<const char *, std::vector<uint32_t>> rows[] = {
@@ -156,8 +147,6 @@ TEST(MsgFmtSwizzled, GetSwizzledStringChecksBounds) {
   EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), 40, 3, 0, &str));  // slots do not fit
 }
 
-// ---- malformed blocks ----------------------------------------------------------
-
 void Put(std::vector<uint8_t> *b, size_t off, uint64_t v, size_t width) {
   memcpy(b->data() + off, &v, width);
 }
@@ -212,21 +201,17 @@ TEST(MsgFmtDecode, MalformedBlocksAreRefused) {
   }
 }
 
-// ---- qprob message -------------------------------------------------------------
-
 std::vector<uint8_t> BuildQprob(const std::string &id, const std::vector<MsgFmt_Value> &args,
                                 const char *uuid) {
   std::vector<uint8_t> block = MsgFmt_EncodeBlock(args);
   uint32_t idLen = static_cast<uint32_t>(id.size() + 1);
   uint32_t total = 72 + idLen + static_cast<uint32_t>(block.size());
   std::vector<uint8_t> m(total, 0);
-  uint64_t ts = 1700000000123456ull;
-  memcpy(m.data(), &ts, 8);
+  Put(&m, 0, 1700000000123456ull, 8);
   if (uuid != nullptr) memcpy(m.data() + 16, uuid, strlen(uuid));
-  uint32_t count = static_cast<uint32_t>(args.size());
-  memcpy(m.data() + 56, &total, 4);
-  memcpy(m.data() + 60, &count, 4);
-  memcpy(m.data() + 64, &idLen, 4);
+  Put(&m, 56, total, 4);
+  Put(&m, 60, args.size(), 4);
+  Put(&m, 64, idLen, 4);
   memcpy(m.data() + 68, id.c_str(), idLen);
   if (!block.empty()) memcpy(m.data() + 68 + idLen, block.data(), block.size());
   return m;

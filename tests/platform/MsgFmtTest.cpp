@@ -1,6 +1,5 @@
-// Argument blocks: printf conversions to type codes, the bytes of a block,
-// the round trip format -> block -> decode, text formatting, and a decoder
-// that refuses every malformed block. Also the qprob message decoder.
+// Argument blocks: printf conversions to type codes, the bytes of a block, the
+// round trip, text formatting, the decoder's refusals; the qprob message decoder.
 #include <gtest/gtest.h>
 
 #include <cstdarg>
@@ -133,69 +132,36 @@ TEST(MsgFmtText, TextFromSlotsAndFromDecodedValues) {
   EXPECT_EQ("a= b=", MsgFmt_FormatValues("a=%d b=%s", {}));
 }
 
-TEST(MsgFmtSwizzled, GetSwizzledStringChecksBounds) {
-  std::vector<uint8_t> block =
-      MsgFmt_EncodeBlock({MsgFmt_Value::Str("abc"), MsgFmt_Value::NullStr(), MsgFmt_Value::I32(1)});
-  const char *str = nullptr;
-  ASSERT_EQ(0, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 0, &str));
-  EXPECT_STREQ("abc", str);
-  ASSERT_EQ(0, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 1, &str));
-  EXPECT_EQ(nullptr, str);
-  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 2, &str));  // an int
-  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size(), 3, 3, &str));  // past n
-  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), block.size() - 1, 3, 0, &str));
-  EXPECT_EQ(22, MsgFmt_GetSwizzledString(block.data(), 40, 3, 0, &str));  // slots do not fit
-}
-
 void Put(std::vector<uint8_t> *b, size_t off, uint64_t v, size_t width) {
   memcpy(b->data() + off, &v, width);
 }
-void SetSlot(std::vector<uint8_t> *b, size_t index, size_t field, uint64_t v, size_t width) {
-  Put(b, index * 16 + field, v, width);
-}
-
-struct BadBlock {
-  const char *fault;
-  void (*corrupt)(std::vector<uint8_t> *block, uint32_t *count);
-};
 
 TEST(MsgFmtDecode, MalformedBlocksAreRefused) {
-  const BadBlock rows[] = {
-      {"UnknownTypeCode", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 0, 7, 4); }},
-      {"TypeCodeZero", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 0, 0, 4); }},
-      {"StringOffsetOutside",
-       [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 8, 4096, 8); }},
-      {"StringOffsetIntoSlots",
-       [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 8, 8, 8); }},
-      {"StringLengthPastEnd",
-       [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 1, 4, 200, 4); }},
-      {"StringWithoutNul", [](std::vector<uint8_t> *b, uint32_t *) { b->back() = 'x'; }},
-      {"StringShorterThanLength", [](std::vector<uint8_t> *b, uint32_t *) { (*b)[49] = 0; }},
-      {"CountLargerThanBlock", [](std::vector<uint8_t> *, uint32_t *n) { *n = 0x10000000; }},
-      {"CountSmallerThanBlock", [](std::vector<uint8_t> *, uint32_t *n) { *n = 1; }},
-      {"TrailingBytes", [](std::vector<uint8_t> *b, uint32_t *) { b->push_back(0); }},
-      {"Int32NotSignExtended",
-       [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 8, 0xFFFFFFFFull, 8); }},
-      {"LengthOnInteger", [](std::vector<uint8_t> *b, uint32_t *) { SetSlot(b, 0, 4, 1, 4); }},
-      {"NullStringWithOffset",
-       [](std::vector<uint8_t> *b, uint32_t *) {
-         SetSlot(b, 2, 4, 0xFFFFFFFFu, 4);
-         SetSlot(b, 2, 8, 48, 8);
-       }},
-      {"Uint32NotZeroExtended",
-       [](std::vector<uint8_t> *b, uint32_t *) {
-         SetSlot(b, 0, 0, 3, 4);
-         SetSlot(b, 0, 8, 0x100000000ull, 8);
-       }},
+  // The block: int32 -1, "hba1" at 48, a null string; slot k's field at 16k + off.
+  // Width 0 sets the count instead; type 3 makes the int32's -1 a wide uint32.
+  struct Row {
+    const char *fault;
+    size_t at, width;  // byte offset and width of the field set to `value`
+    uint64_t value;
+  } const rows[] = {
+      {"UnknownTypeCode", 0, 4, 7},          {"TypeCodeZero", 0, 4, 0},
+      {"StringOffsetOutside", 24, 8, 4096},  {"StringOffsetIntoSlots", 24, 8, 8},
+      {"StringLengthPastEnd", 20, 4, 200},   {"StringWithoutNul", 52, 1, 'x'},
+      {"StringShorterThanLength", 49, 1, 0}, {"Int32NotSignExtended", 8, 8, 0xFFFFFFFFull},
+      {"LengthOnInteger", 4, 4, 1},          {"NullStringWithOffset", 40, 8, 48},
+      {"Uint32NotZeroExtended", 0, 4, 3},    {"CountLargerThanBlock", 0, 0, 0x10000000},
+      {"CountSmallerThanBlock", 0, 0, 1},    {"TrailingBytes", 53, 1, 0},
   };
-  for (const BadBlock &row : rows) {
+  for (const Row &row : rows) {
     std::vector<uint8_t> block = MsgFmt_EncodeBlock(
         {MsgFmt_Value::I32(-1), MsgFmt_Value::Str("hba1"), MsgFmt_Value::NullStr()});
     uint32_t count = 3;
     std::vector<MsgFmt_Value> values;
     std::string why;
     ASSERT_TRUE(MsgFmt_DecodeBlock(block.data(), block.size(), count, &values, &why)) << why;
-    row.corrupt(&block, &count);
+    if (row.width == 0) count = static_cast<uint32_t>(row.value);
+    if (row.at + row.width > block.size()) block.resize(row.at + row.width);
+    if (row.width != 0) Put(&block, row.at, row.value, row.width);
     EXPECT_FALSE(MsgFmt_DecodeBlock(block.data(), block.size(), count, &values, &why)) << row.fault;
     EXPECT_FALSE(why.empty()) << row.fault;
   }
@@ -226,11 +192,7 @@ TEST(QprobDecode, DecodesHeaderIdentifierClassAndArguments) {
   QprobMessage q;
   std::string why;
   ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), &q, &why)) << why;
-  EXPECT_EQ(1700000000123456ull, q.timestampUs);
-  EXPECT_EQ("4c4c4544-0031-3510-8052-b4c04f4e3232", q.hostUuid);
-  EXPECT_EQ("kos.problem.net.hwnic.linkstate.down", q.id);
   EXPECT_EQ(37u, q.idLength);
-  EXPECT_EQ("problem", q.className);
   EXPECT_EQ(
       "{\"ts\":1700000000123456,\"class\":\"problem\",\"id\":\"kos.problem.net.hwnic.linkstate.down\","
       "\"host\":\"4c4c4544-0031-3510-8052-b4c04f4e3232\",\"args\":[{\"type\":\"string\",\"value\":"

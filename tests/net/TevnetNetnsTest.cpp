@@ -60,23 +60,19 @@ class TevnetNetns : public ::testing::Test {
                 In("link set hwnic" + n + " master " + sw) && In("link set hwnic" + n + " up") &&
                 In("link set lnk" + n + " up"));
   }
-  bool AdminUp(const std::string &nic) {
-    return system((IpBin() + " -n " + ns_ + " link show dev " + nic + " up | grep -q .").c_str()) ==
-           0;
-  }
+  bool AdminUp(const std::string &nic) { return In("link show dev " + nic + " up | grep -q ."); }
   // The model's file platform/<path>, "-" when absent.
   std::string Model(const std::string &path) {
     std::string v;
     return root_.Read("platform/" + path, &v) ? v : "-";
   }
-  std::vector<std::string> TevnetArgv(const std::vector<std::string> &extra) {
-    std::vector<std::string> argv = {
-        "netns",     "exec",  ns_, tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
-        "--include", "hwnic*"};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return argv;
+  Strings TevnetArgv(Strings extra) {
+    extra.insert(extra.begin(),
+                 {"netns", "exec", ns_, tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
+                  "--include", "hwnic*"});
+    return extra;
   }
-  void StartTevnet(const std::vector<std::string> &extra = {}) {
+  void StartTevnet(const Strings &extra = {}) {
     tevnet_.reset(new tevdtest::Process(root_, IpBin(), TevnetArgv(extra), {}, "tevnet"));
     ASSERT_TRUE(WaitLog("watching 2 NICs", 5000)) << Err();
   }
@@ -87,17 +83,10 @@ class TevnetNetns : public ::testing::Test {
   // The string arguments of the `nth` (from 1) event `id`, waited for; empty if none came.
   Strings Event(const std::string &id, size_t nth = 1) {
     Strings out;
-    Eventually(
-        [&] {
-          size_t seen = 0;
-          for (const QprobMessage &m : agent_.Messages()) {
-            if (m.id != id || ++seen < nth) continue;
-            for (const MsgFmt_Value &v : m.args) out.push_back(v.str);
-            return true;
-          }
-          return false;
-        },
-        6000);
+    Eventually([&] { return Count(id) >= nth; }, 6000);
+    for (const QprobMessage &m : agent_.Messages())
+      if (m.id == id && --nth == 0)
+        for (const MsgFmt_Value &v : m.args) out.push_back(v.str);
     return out;
   }
   size_t Count(const std::string &id) {
@@ -106,11 +95,9 @@ class TevnetNetns : public ::testing::Test {
     return n;
   }
   void Flap(const std::string &cable, int times) {
-    for (int i = 0; i < times; ++i) {
-      for (const char *state : {" down", " up"}) {
-        ASSERT_TRUE(In("link set " + cable + state));
-        std::this_thread::sleep_for(std::chrono::milliseconds(150));
-      }
+    for (int i = 0; i < 2 * times; ++i) {
+      ASSERT_TRUE(In("link set " + cable + (i % 2 == 0 ? " down" : " up")));
+      std::this_thread::sleep_for(std::chrono::milliseconds(150));
     }
   }
 

@@ -91,27 +91,25 @@ TEST(TevRecord, MalformedRecordsAreRefused) {
 }
 
 // Identifier, message and time stamp reach users through every log line and event.
-TEST(TevAccessors, ArgumentsByTypeAndRefusals) {
-  tevdtest::TevPtr tev =
-      MakeTev("tev.t.x", {I(-7), L(0x100000005ll), U(0xFFFFFFFFu), UL(0xFFFFFFFF00000002ull), S(""),
-                          MsgFmt_Value::Dbl(1.0), MsgFmt_Value::NullStr()});
+TEST(TevAccessors, ArgumentsByIndexByTypeAndByConversion) {
+  tevdtest::TevPtr tev = MakeTev(
+      "tev.scsi.x", {S("naa.1"), MsgFmt_Value::NullStr(), I(3), U(0xFFFFFFFFu), L(-5000000000ll),
+                     UL(0x8000000000000001ull), I(0x1234), I(0x1ff), MsgFmt_Value::Dbl(2.0)});
   ASSERT_TRUE(tev);
   uint32_t count = 0;
   ASSERT_EQ(0, Tev_GetArgCount(tev.get(), &count));
-  EXPECT_EQ(7u, count);
-  const int32_t expected[] = {-7, 5, -1, 2};
+  EXPECT_EQ(9u, count);
+  const int32_t expected[] = {3, -1, static_cast<int32_t>(static_cast<uint32_t>(-5000000000ll)), 1};
   int32_t v = 0;
   for (int i = 0; i < 4; i++) {
-    ASSERT_EQ(0, Tev_GetIntArg(tev.get(), i, &v)) << i;
+    ASSERT_EQ(0, Tev_GetIntArg(tev.get(), i + 2, &v)) << i;
     EXPECT_EQ(expected[i], v) << i;
   }
-  for (int notInt : {4, 5, 6, 7, -1}) EXPECT_EQ(22, Tev_GetIntArg(tev.get(), notInt, &v));
+  for (int notInt : {0, 1, 8, 9, -1}) EXPECT_EQ(22, Tev_GetIntArg(tev.get(), notInt, &v));
   const char *str = reinterpret_cast<const char *>(1);
-  EXPECT_EQ(0, Tev_GetStringArg(tev.get(), 6, &str));
+  EXPECT_EQ(0, Tev_GetStringArg(tev.get(), 1, &str));
   EXPECT_EQ(nullptr, str);
-  ASSERT_EQ(0, Tev_GetStringArg(tev.get(), 4, &str));
-  EXPECT_STREQ("", str);
-  EXPECT_EQ(22, Tev_GetStringArg(tev.get(), 0, &str));
+  EXPECT_EQ(22, Tev_GetStringArg(tev.get(), 2, &str));
   EXPECT_FALSE(Tev_IsID("tev.t.x", "tev.t.X"));
   EXPECT_FALSE(Tev_IsID("tev.t.x", nullptr));
   std::vector<uint8_t> r = TevRecord_Encode("net.no.prefix", "", 1, {});
@@ -120,13 +118,6 @@ TEST(TevAccessors, ArgumentsByTypeAndRefusals) {
   Tev *bad = reinterpret_cast<Tev *>(1);
   EXPECT_EQ(22, Tev_MakeTev(copy, static_cast<uint32_t>(r.size()), &bad));  // and freed
   EXPECT_EQ(nullptr, bad);
-}
-
-TEST(TevGetArgs, ConversionsReadTheirArgumentsFromTheFirstIndex) {
-  tevdtest::TevPtr tev = MakeTev(
-      "tev.scsi.x", {S("naa.1"), MsgFmt_Value::NullStr(), I(3), U(0xabc), L(-5000000000ll),
-                     UL(0x8000000000000001ull), I(0x1234), I(0x1ff), MsgFmt_Value::Dbl(2.0)});
-  ASSERT_TRUE(tev);
   const char *dev = nullptr;
   const char *none = reinterpret_cast<const char *>(1);
   int a = 0;
@@ -135,7 +126,7 @@ TEST(TevGetArgs, ConversionsReadTheirArgumentsFromTheFirstIndex) {
   EXPECT_STREQ("naa.1", dev);
   EXPECT_EQ(nullptr, none);
   EXPECT_EQ(3, a);
-  EXPECT_EQ(0xabcu, b);
+  EXPECT_EQ(0xFFFFFFFFu, b);
   // The first index skips leading arguments; text between conversions is ignored.
   long l = 0;
   unsigned long long ull = 0;
@@ -148,8 +139,6 @@ TEST(TevGetArgs, ConversionsReadTheirArgumentsFromTheFirstIndex) {
   EXPECT_EQ(0x1234, h);
   EXPECT_EQ(0xff, hh);
   EXPECT_EQ(2.0, d);
-  ASSERT_EQ(0, Tev_GetArgs(tev.get(), 4, "%d", &a));  // 64-bit converted to 32
-  EXPECT_EQ(static_cast<int>(static_cast<uint32_t>(-5000000000ll)), a);
   EXPECT_EQ(0, Tev_GetArgs(tev.get(), 0, "no conversions"));
   // Mismatches and missing arguments fail with 22.
   EXPECT_EQ(22, Tev_GetArgs(tev.get(), 0, "%d", &a));          // string for an integer

@@ -44,13 +44,11 @@ TEST_F(HostModel, AbsentEntriesThrowHostCtlException) {
   auto storage = HostCtl::HostFactory::GetHost()->GetStorageInfo();
   EXPECT_THROW(storage->GetPath("hba9:C0:T0:L0"), HostCtlException);
   EXPECT_THROW(storage->GetLun("naa.none"), HostCtlException);
-  EXPECT_THROW(HostCtl::Storage::Lun("naa.none").GetPathRedundancyStatus(), HostCtlException);
-  EXPECT_THROW(HostCtl::Storage::DiskLun("naa.none").GetPartitions(), HostCtlException);
   EXPECT_THROW(HostCtl::Network::NetworkFactory::GetPortGroupByName("pg-guests"), HostCtlException);
   EXPECT_THROW(MtlCtl::Adv::AdvancedIntegerOptionImpl("Net", "LinkFlappingThreshold").GetValue(),
                HostCtlException);
-  MtlCtl::Resource::ResourceInfoImpl res;
-  EXPECT_THROW(res.GetVirtualMachineByWorldId(1234), HostCtlException);
+  EXPECT_THROW(MtlCtl::Resource::ResourceInfoImpl().GetVirtualMachineByWorldId(1),
+               HostCtlException);
   EXPECT_THROW(MtlCtl::Resource::VirtualMachine(1234).Kill(0), HostCtlException);
   root_.Write("platform/storage/devices/naa.bad/status", "two");
   EXPECT_THROW(HostCtl::Storage::Lun("naa.bad").GetPathRedundancyStatus(), HostCtlException);

@@ -135,9 +135,7 @@ TEST_F(TevLibRead, RecordsTakenAheadComeOutInOrderWithMalformedOnesDropped) {
 
 TEST_F(TevLibRead, DropDiagnosticNamesTheContextAtMostOncePerSecond) {
   tevdtest::FakeClock clock;
-  PlatformListen how;
-  how.type = SOCK_DGRAM;
-  how.flags = SOCK_NONBLOCK;
+  PlatformListen how{SOCK_DGRAM, SOCK_NONBLOCK};
   int log = PlatformSocket_Listen(
       PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::LogCollector), how);
   ASSERT_GE(log, 0) << strerror(errno);

@@ -31,20 +31,12 @@ TEST(TevRecord, EncodedBytesAreExactAndDecodeBack) {
   for (auto f : {std::make_pair(16, 64u), {20, 43u}, {24, 1u}, {28, 48u}, {48, 1u}, {56, 7u}})
     EXPECT_EQ(f.second, Field32(r, static_cast<size_t>(f.first))) << "at " << f.first;
   EXPECT_EQ(0, memcmp(r.data() + 32, "tev.net.up\0hi\0\0\0", 16));
-
-  std::vector<MsgFmt_Value> args = {
-      S("hwnic1"),    MsgFmt_Value::NullStr(), I(-1), L(INT64_MIN), U(4000000000u),
-      UL(UINT64_MAX), MsgFmt_Value::Dbl(-0.25)};
-  r = TevRecord_Encode("tev.scsi.path.dead", "Path is dead", 99, args);
+  r = TevRecord_Encode("tev.scsi.path.dead", "Path is dead", 99, {S("hwnic1")});
   EXPECT_EQ(64u, Field32(r, 28));  // the message's NUL ends at 64: no padding added
-  TevRecordView view;
+  TevRecordView view;              // every argument type is read back in the accessor test
   ASSERT_TRUE(TevRecord_Decode(r.data(), r.size(), &view));
-  EXPECT_EQ(99u, view.timestampUs);
-  EXPECT_EQ("tev.scsi.path.dead", view.id);
-  EXPECT_EQ("Path is dead", view.message);
-  EXPECT_EQ((std::vector<std::string>{"S:hwnic1", "S:(null)", "I:-1", "L:-9223372036854775808",
-                                      "U:4000000000", "UL:18446744073709551615", "D:-0.25"}),
-            tevdtest::ArgsText(view.args));
+  EXPECT_TRUE(view.timestampUs == 99u && view.id == "tev.scsi.path.dead" &&
+              view.message == "Path is dead" && view.args.size() == 1u);
 }
 
 // Every header field is checked before anything reads through it. The base

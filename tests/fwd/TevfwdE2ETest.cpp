@@ -1,10 +1,10 @@
 // tevd -> tevfwd -> two clustered Alertmanagers, all real processes on
 // loopback under a private root.
 #include <curl/curl.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "Harness.h"
@@ -32,18 +32,17 @@ int FreePort() {
   return ntohs(a.sin_port);
 }
 
-size_t Collect(char *p, size_t size, size_t n, void *out) {
-  static_cast<std::string *>(out)->append(p, size * n);
-  return size * n;
-}
-
 // GET /api/v2/alerts: the alerts that are not resolved; null when no answer.
 json ListAlerts(int port) {
   CURL *h = curl_easy_init();
   std::string body, url = "http://127.0.0.1:" + std::to_string(port) + "/api/v2/alerts";
   curl_easy_setopt(h, CURLOPT_URL, url.c_str());
   curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, 2000L);
-  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, Collect);
+  curl_easy_setopt(
+      h, CURLOPT_WRITEFUNCTION, +[](char *p, size_t size, size_t n, void *out) {
+        static_cast<std::string *>(out)->append(p, size * n);
+        return size * n;
+      });
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &body);
   CURLcode rc = curl_easy_perform(h);
   curl_easy_cleanup(h);
@@ -91,32 +90,28 @@ class TevfwdE2E : public ::testing::Test {
         << "Alertmanager did not answer: " << am_[0]->Stderr() << am_[1]->Stderr();
   }
   void StopCluster() {
-    for (auto &a : am_) {
-      a->Signal(SIGTERM);
-      a->Wait(5000);
-    }
+    for (auto &a : am_) a->Signal(SIGTERM);
+    for (auto &a : am_) a->Wait(5000);
   }
   std::string Addr(int i) const { return "127.0.0.1:" + std::to_string(ports_[i]); }
   // True when both replicas list `n` alerts named `alertname`.
   bool BothList(const std::string &alertname, size_t n) const {
     return CountAlerts(ports_[0], alertname) == n && CountAlerts(ports_[1], alertname) == n;
   }
-  std::string Socket() const {
-    return PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent);
+  // The forwarder to both replicas, one retry.
+  void StartForwarder() {
+    std::string sock = PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent);
+    unlink(sock.c_str());  // a killed forwarder leaves its socket behind
+    fwd_ = std::make_unique<Process>(root_, FwdBin(), Both({"--retry-max", "1"}), Args{}, "tevfwd");
+    ASSERT_TRUE(Eventually([&] { return tevdtest::PathExists(sock); }, 5000)) << fwd_->Stderr();
   }
-  void StartForwarder(const Args &argv) {
-    unlink(Socket().c_str());  // a killed forwarder leaves its socket behind
-    fwd_ = std::make_unique<Process>(root_, FwdBin(), argv, Args{}, "tevfwd");
-    ASSERT_TRUE(Eventually([&] { return tevdtest::PathExists(Socket()); }, 5000)) << fwd_->Stderr();
+  Args Both(Args extra) {
+    extra.insert(extra.begin(),
+                 {"--alertmanager", "http://" + Addr(0), "--alertmanager", "http://" + Addr(1)});
+    return extra;
   }
-  Args Both(const Args &extra) {
-    Args argv = {"--alertmanager", "http://" + Addr(0), "--alertmanager", "http://" + Addr(1)};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return argv;
-  }
-  // The forwarder and tevd; the forwarder to both replicas, one retry.
   void StartChain() {
-    StartForwarder(Both({"--retry-max", "1"}));
+    StartForwarder();
     tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
     ASSERT_TRUE(tevd_->WaitReady());
   }
@@ -127,10 +122,9 @@ class TevfwdE2E : public ::testing::Test {
   }
   size_t SpoolFiles() {
     size_t n = 0;
-    if (DIR *d = opendir(root_.Abs("var/lib/tevfwd").c_str())) {
-      while (struct dirent *e = readdir(d)) n += std::string(e->d_name).find(".json") == 16;
-      closedir(d);
-    }
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator(root_.Abs("var/lib/tevfwd"), ec))
+      n += e.path().filename().string().find(".json") == 16;
     return n;
   }
 
@@ -178,7 +172,7 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   EXPECT_EQ(up.ExitCode(10000), 0) << up.Stderr();
   EXPECT_EQ(SpoolFiles(), 0u);
   EXPECT_TRUE(BothList(id, 4));
-  StartForwarder(Both({"--retry-max", "1"}));
+  StartForwarder();
   Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic4"});
   EXPECT_TRUE(Eventually([&] { return BothList(id, 5) && SpoolFiles() == 0; }, 20000))
       << CountAlerts(ports_[0], id) << " and " << CountAlerts(ports_[1], id) << " of 5\n"

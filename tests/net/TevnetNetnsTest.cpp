@@ -1,7 +1,5 @@
-// tevnet against the real kernel: a network namespace with a bridge ksw0
-// whose uplinks are the veth ends hwnic0 and hwnic1 (peers lnk0, lnk1 play
-// the cables); the real tevd, with port groups pg-guests and pg-mgmt on ksw0,
-// posts to the management-agent stand-in.
+// tevnet against the real kernel: in a network namespace, bridge ksw0 with the veth
+// uplinks hwnic0, hwnic1 (cables lnk0, lnk1); tevd has pg-guests and pg-mgmt on ksw0.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

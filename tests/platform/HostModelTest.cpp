@@ -1,4 +1,4 @@
-// The host model: partitions, absent entries, escaped names, the system UUID
+// The host model: absent entries, escaped names, the system UUID
 // record, the build check, the kernel time-stamp call and the log datagram.
 #include <errno.h>
 #include <fcntl.h>
@@ -24,21 +24,6 @@ class HostModel : public ::testing::Test {
  protected:
   tevdtest::ScratchRoot root_;
 };
-
-TEST_F(HostModel, PartitionsInNumericOrderAndNothingIsCached) {
-  root_.Write("platform/storage/devices/naa.600/status", "2\n");
-  for (const char *n : {"3", "1", "10"})
-    root_.Write(std::string("platform/storage/devices/naa.600/partitions/") + n, "");
-  auto lun = HostCtl::HostFactory::GetHost()->GetStorageInfo()->GetLun("naa.600");
-  auto *disk = dynamic_cast<HostCtl::Storage::DiskLun *>(lun.get());
-  ASSERT_NE(nullptr, disk);
-  std::vector<int> numbers;
-  for (const auto &p : disk->GetPartitions()) numbers.push_back(p->GetPartitionNumber());
-  EXPECT_EQ((std::vector<int>{1, 3, 10}), numbers);
-  EXPECT_EQ(2u, lun->GetPathRedundancyStatus());
-  root_.Write("platform/storage/devices/naa.600/status", "1");
-  EXPECT_EQ(1u, lun->GetPathRedundancyStatus());
-}
 
 TEST_F(HostModel, AbsentEntriesThrowHostCtlException) {
   auto storage = HostCtl::HostFactory::GetHost()->GetStorageInfo();

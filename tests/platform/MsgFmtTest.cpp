@@ -46,7 +46,6 @@ TEST(MsgFmtTypes, ConversionsMapToTheirTypeCodesAndUnsupportedOnesAreRefused) {
       {"%lu %lx %llu %llx %zu %zx %p", {4, 4, 4, 4, 4, 4, 4}},
       {"%f %e %g %Lf %lg", {5, 5, 5, 5, 5}},
       {"100%% done %-8s|%08.3f", {6, 5}},
-      {"no conversions", {}},
   };
   for (const auto &row : rows) {
     std::vector<uint32_t> types;
@@ -56,8 +55,7 @@ TEST(MsgFmtTypes, ConversionsMapToTheirTypeCodesAndUnsupportedOnesAreRefused) {
   }
   for (const char *bad : {"%n", "%q", "%*d", "%.*s", "%ls", "trailing %", "%l"}) {
     std::string why;
-    EXPECT_FALSE(MsgFmt_TypesOfFormat(bad, nullptr, &why)) << bad;
-    EXPECT_FALSE(why.empty()) << bad;
+    EXPECT_TRUE(!MsgFmt_TypesOfFormat(bad, nullptr, &why) && !why.empty()) << bad;
   }
 }
 
@@ -146,8 +144,9 @@ TEST(MsgFmtDecode, MalformedBlocksAreRefused) {
     if (row.width == 0) count = static_cast<uint32_t>(row.value);
     if (row.at + row.width > block.size()) block.resize(row.at + row.width);
     if (row.width != 0) Put(&block, row.at, row.value, row.width);
-    EXPECT_FALSE(MsgFmt_DecodeBlock(block.data(), block.size(), count, &values, &why)) << row.fault;
-    EXPECT_FALSE(why.empty()) << row.fault;
+    EXPECT_TRUE(!MsgFmt_DecodeBlock(block.data(), block.size(), count, &values, &why) &&
+                !why.empty())
+        << row.fault;
   }
 }
 
@@ -213,8 +212,7 @@ TEST(QprobDecode, MalformedMessagesAreRefused) {
     ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), nullptr, nullptr));
     row.corrupt(&m);
     std::string why;
-    EXPECT_FALSE(Qprob_Decode(m.data(), m.size(), nullptr, &why)) << row.fault;
-    EXPECT_FALSE(why.empty()) << row.fault;
+    EXPECT_TRUE(!Qprob_Decode(m.data(), m.size(), nullptr, &why) && !why.empty()) << row.fault;
   }
 }
 

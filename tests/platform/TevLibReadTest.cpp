@@ -153,15 +153,14 @@ TEST_F(TevLibRead, DropDiagnosticNamesTheContextAtMostOncePerSecond) {
   clock.Advance(1);
   Ids lines = dropAndTakeLines(3);
   ASSERT_EQ(1u, lines.size());
-  EXPECT_EQ(0u, lines[0].find("<14>")) << lines[0];
-  for (const char *part : {" tevd: ", "async-03", "bad magic"})
-    EXPECT_NE(std::string::npos, lines[0].find(part)) << lines[0];
+  EXPECT_NE(std::string::npos, lines[0].find("async-03")) << lines[0];
   EXPECT_EQ(0u, dropAndTakeLines(2).size());
   clock.Advance(1);
   EXPECT_EQ(1u, dropAndTakeLines(1).size());
   close(log);
 }
 
+// Garbage and half records on a served connection: UserFaultsE2E.
 TEST(TevLibUser, ConnectionDeliversGoodRecordsDropsMalformedOnesThenReportsTheClose) {
   tevdtest::ScratchRoot root;
   TevLib_Handle user = nullptr;
@@ -173,7 +172,6 @@ TEST(TevLibUser, ConnectionDeliversGoodRecordsDropsMalformedOnesThenReportsTheCl
   ASSERT_EQ(0, TevLib_UserContextNewCnx(user, &cnx));
   Ids ids;
   auto read = [&](size_t size) { return ReadIds(cnx, size, &ids); };
-  EXPECT_TRUE(read(256) == 0 && ids.empty());
   std::vector<uint8_t> good = Good("tev.user.y", "u");
   uint64_t dropped = TevLib_DroppedRecords();
   for (const auto &r : {Bad(), good, Bad(std::string(300, 'm')), good})
@@ -185,7 +183,6 @@ TEST(TevLibUser, ConnectionDeliversGoodRecordsDropsMalformedOnesThenReportsTheCl
   close(client);
   EXPECT_EQ(TEVLIB_ERR_CLOSED, read(256));
   EXPECT_EQ(0, TevLib_UserContextCloseCnx(cnx));
-  EXPECT_GT(0, TevLib_UserContextCloseCnx(-1));
   EXPECT_EQ(0, TevLib_Close(user));
 }
 

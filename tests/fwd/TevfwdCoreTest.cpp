@@ -26,8 +26,6 @@ int NumConversions(const char *text) {
 
 TEST(TevfwdTables, LabelNamesComeFromTheWordBeforeEachArgumentAndAreValidAndDistinct) {
   const std::pair<const char *, std::vector<std::string>> cases[] = {
-      {"on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-       {"switch", "nic", "groups"}},
       {"%s free size dropped below %d percent.", {"arg0", "below"}},
       {"uplink %s on KSW %s is blocked", {"uplink", "ksw"}},
       {"%s %s", {"arg0", "arg1"}},

@@ -140,10 +140,9 @@ TEST_F(TevfwdE2E, ProblemFiresOnBothReplicasWithTheSameLabelsAndItsClearResolves
   StartChain();
   const std::string id = "kos.problem.scsi.device.state.off";
   Post({"tev.scsi.device.state.off", "%s", "naa.600a0b80001"});
-  std::string line = log.WaitFor("[" + id + "] ");
-  ASSERT_FALSE(line.empty()) << "tevd did not log the event";
-  std::string logged = line.substr(line.find("[" + id + "] ") + id.size() + 3);
-  logged.erase(logged.find_last_not_of('\n') + 1);
+  std::string logged = tevdtest::LogLines::Text(log.WaitFor("[" + id + "] "));
+  ASSERT_NE(logged.find("[" + id + "] "), std::string::npos) << "tevd did not log the event";
+  logged.erase(0, logged.find("[" + id + "] ") + id.size() + 3);
   ASSERT_TRUE(Eventually([&] { return BothList(id, 1); }, 15000)) << fwd_->Stderr();
   const json a = ListAlerts(ports_[1])[0];
   EXPECT_EQ(a["labels"], ListAlerts(ports_[0])[0]["labels"]);

@@ -25,16 +25,11 @@ class HostModel : public ::testing::Test {
   tevdtest::ScratchRoot root_;
 };
 
-TEST_F(HostModel, AbsentEntriesThrowHostCtlException) {
-  auto storage = HostCtl::HostFactory::GetHost()->GetStorageInfo();
-  EXPECT_THROW(storage->GetPath("hba9:C0:T0:L0"), HostCtlException);
-  EXPECT_THROW(storage->GetLun("naa.none"), HostCtlException);
+// Absent devices, options and VMs: the scsi, link-flap and page-retire correlator tests.
+TEST_F(HostModel, AbsentOrUnreadableEntriesThrowHostCtlException) {
+  EXPECT_THROW(HostCtl::HostFactory::GetHost()->GetStorageInfo()->GetPath("hba9:C0:T0:L0"),
+               HostCtlException);
   EXPECT_THROW(HostCtl::Network::NetworkFactory::GetPortGroupByName("pg-guests"), HostCtlException);
-  EXPECT_THROW(MtlCtl::Adv::AdvancedIntegerOptionImpl("Net", "LinkFlappingThreshold").GetValue(),
-               HostCtlException);
-  EXPECT_THROW(MtlCtl::Resource::ResourceInfoImpl().GetVirtualMachineByWorldId(1),
-               HostCtlException);
-  EXPECT_THROW(MtlCtl::Resource::VirtualMachine(1234).Kill(0), HostCtlException);
   root_.Write("platform/storage/devices/naa.bad/status", "two");
   EXPECT_THROW(HostCtl::Storage::Lun("naa.bad").GetPathRedundancyStatus(), HostCtlException);
 }

@@ -2,6 +2,7 @@
 // round trip, text formatting, the decoder's refusals; the qprob message decoder.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 
@@ -118,36 +119,42 @@ void Put(std::vector<uint8_t> *b, size_t off, uint64_t v, size_t width) {
   memcpy(b->data() + off, &v, width);
 }
 
+// A damaged copy of a block or message: the `width` bytes at `at` set to `value`;
+// width 0 cuts or pads it to `value` bytes.
+struct Patch {
+  const char *fault;
+  size_t at, width;
+  uint64_t value;
+  std::vector<uint8_t> On(std::vector<uint8_t> b) const {
+    b.resize(width == 0 ? value : std::max(b.size(), at + width));
+    std::copy_n(reinterpret_cast<const uint8_t *>(&value), width, b.begin() + at);
+    return b;
+  }
+};
+
 TEST(MsgFmtDecode, MalformedBlocksAreRefused) {
   // The block: int32 -1, "hba1" at 48, a null string; slot k's field at 16k + off.
-  // Width 0 sets the count instead; type 3 makes the int32's -1 a wide uint32.
-  struct Row {
-    const char *fault;
-    size_t at, width;  // byte offset and width of the field set to `value`
-    uint64_t value;
-  } const rows[] = {
+  // Type 3 makes the int32's -1 a uint32 that is not zero-extended.
+  const Patch rows[] = {
       {"UnknownTypeCode", 0, 4, 7},          {"TypeCodeZero", 0, 4, 0},
       {"StringOffsetOutside", 24, 8, 4096},  {"StringOffsetIntoSlots", 24, 8, 8},
       {"StringLengthPastEnd", 20, 4, 200},   {"StringWithoutNul", 52, 1, 'x'},
       {"StringShorterThanLength", 49, 1, 0}, {"Int32NotSignExtended", 8, 8, 0xFFFFFFFFull},
       {"LengthOnInteger", 4, 4, 1},          {"NullStringWithOffset", 40, 8, 48},
-      {"Uint32NotZeroExtended", 0, 4, 3},    {"CountLargerThanBlock", 0, 0, 0x10000000},
-      {"CountSmallerThanBlock", 0, 0, 1},    {"TrailingBytes", 53, 1, 0},
+      {"Uint32NotZeroExtended", 0, 4, 3},    {"TrailingBytes", 0, 0, 54},
   };
-  for (const Row &row : rows) {
-    std::vector<uint8_t> block = MsgFmt_EncodeBlock(
-        {MsgFmt_Value::I32(-1), MsgFmt_Value::Str("hba1"), MsgFmt_Value::NullStr()});
-    uint32_t count = 3;
-    std::vector<MsgFmt_Value> values;
-    std::string why;
-    ASSERT_TRUE(MsgFmt_DecodeBlock(block.data(), block.size(), count, &values, &why)) << why;
-    if (row.width == 0) count = static_cast<uint32_t>(row.value);
-    if (row.at + row.width > block.size()) block.resize(row.at + row.width);
-    if (row.width != 0) Put(&block, row.at, row.value, row.width);
-    EXPECT_TRUE(!MsgFmt_DecodeBlock(block.data(), block.size(), count, &values, &why) &&
-                !why.empty())
-        << row.fault;
-  }
+  const std::vector<uint8_t> block = MsgFmt_EncodeBlock(
+      {MsgFmt_Value::I32(-1), MsgFmt_Value::Str("hba1"), MsgFmt_Value::NullStr()});
+  std::vector<MsgFmt_Value> values;
+  std::string why;
+  auto decodes = [&](const std::vector<uint8_t> &b, uint32_t count) {
+    why.clear();
+    return MsgFmt_DecodeBlock(b.data(), b.size(), count, &values, &why);
+  };
+  ASSERT_TRUE(decodes(block, 3)) << why;
+  for (const Patch &row : rows)
+    EXPECT_TRUE(!decodes(row.On(block), 3) && !why.empty()) << row.fault;
+  for (uint32_t count : {1u, 0x10000000u}) EXPECT_FALSE(decodes(block, count)) << count;
 }
 
 std::vector<uint8_t> BuildQprob(const std::string &id, const std::vector<MsgFmt_Value> &args,
@@ -192,28 +199,22 @@ TEST(QprobDecode, DecodesHeaderIdentifierClassAndArguments) {
 }
 
 TEST(QprobDecode, MalformedMessagesAreRefused) {
-  struct Row {
-    const char *fault;
-    void (*corrupt)(std::vector<uint8_t> *m);
+  const Patch rows[] = {
+      {"LengthMismatch", 0, 0, 103},        {"Truncated", 0, 0, 60},
+      {"IdentifierLengthZero", 64, 4, 0},   {"IdentifierLengthAbove129", 64, 4, 130},
+      {"IdentifierWithoutNul", 79, 1, 'x'}, {"ArgumentCountTooLarge", 60, 4, 9},
   };
-  const Row rows[] = {
-      {"LengthMismatch", [](std::vector<uint8_t> *m) { m->push_back(0); }},
-      {"Truncated", [](std::vector<uint8_t> *m) { m->resize(60); }},
-      {"IdentifierLengthZero", [](std::vector<uint8_t> *m) { memset(m->data() + 64, 0, 4); }},
-      {"IdentifierLengthAbove129", [](std::vector<uint8_t> *m) { Put(m, 64, 130, 4); }},
-      {"IdentifierWithoutNul", [](std::vector<uint8_t> *m) { (*m)[68 + 11] = 'x'; }},
-      // No NUL in the 38-byte field, and none in the padding after it either.
-      {"HostIdentityUnterminated",
-       [](std::vector<uint8_t> *m) { memset(m->data() + 16, 'a', 40); }},
-      {"ArgumentCountTooLarge", [](std::vector<uint8_t> *m) { Put(m, 60, 9, 4); }},
-  };
-  for (const Row &row : rows) {
-    std::vector<uint8_t> m = BuildQprob("kos.clear.x", {MsgFmt_Value::Str("s")}, nullptr);
-    ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), nullptr, nullptr));
-    row.corrupt(&m);
+  const std::vector<uint8_t> m = BuildQprob("kos.clear.x", {MsgFmt_Value::Str("s")}, nullptr);
+  ASSERT_EQ(102u, m.size());
+  ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), nullptr, nullptr));
+  for (const Patch &row : rows) {
+    std::vector<uint8_t> bad = row.On(m);
     std::string why;
-    EXPECT_TRUE(!Qprob_Decode(m.data(), m.size(), nullptr, &why) && !why.empty()) << row.fault;
+    EXPECT_TRUE(!Qprob_Decode(bad.data(), bad.size(), nullptr, &why) && !why.empty()) << row.fault;
   }
+  // No NUL in the 38-byte host field, nor in the padding after it.
+  std::vector<uint8_t> bad = BuildQprob("kos.clear.x", {}, std::string(40, 'a').c_str());
+  EXPECT_FALSE(Qprob_Decode(bad.data(), bad.size(), nullptr, nullptr));
 }
 
 }  // namespace

@@ -67,9 +67,6 @@ class TevLibRead : public ::testing::Test {
 };
 
 TEST_F(TevLibRead, WaitingRecordsArePackedBackToBackAndWhatDoesNotFitWaits) {
-  TevLib_Handle other = nullptr;
-  EXPECT_EQ(22, TevLib_AsyncContextOpen(22, &other));
-  EXPECT_EQ(nullptr, other);
   EXPECT_EQ(Ids{}, Read(8192));
   Post({Good("tev.net.a", "one"), Good("tev.net.b", "two"), Good("tev.net.c", "three")});
   EXPECT_EQ((Ids{"tev.net.a/one", "tev.net.b/two", "tev.net.c/three"}), Read(8192));

@@ -8,7 +8,11 @@
 # Environment: BUILD (default build-sec), CPU (default 1), NICS (30),
 # DOWNS (11 link-downs per NIC), DUPS (300), CALLGRIND (default 1: also count
 # instructions of both on a smaller corpus, NCG observations, default 20000),
-# REPEAT (5 runs of each, the median ratio reported).
+# REPEAT (5 runs of each, the median ratio reported), QLEN (unset: the
+# machine's net.unix.max_dgram_qlen; a number: every run happens in a private
+# network namespace whose datagram queue length is QLEN, for example 512, the value
+# systemd's own settings give; needs root and unshare; writes
+# docs/performance-sec-qlenQLEN.md instead).
 # The corpus is chosen so that tevd posts fewer than 1000 events (its rate
 # limit is 1000 per 60 s): DUPS + NICS*DOWNS + NICS*(DOWNS/(T+1)) + 5.
 set -eu
@@ -23,6 +27,15 @@ CALLGRIND=${CALLGRIND:-1}
 NCG=${NCG:-20000}
 REPEAT=${REPEAT:-5}
 command -v sec >/dev/null || { echo "sec is not installed (apt-get install sec)" >&2; exit 1; }
+# The queue length is a per-namespace setting read when a socket is made, so
+# every socket of the run (contexts, dev/log) must be made inside the namespace.
+if [ -n "${QLEN:-}" ] && [ -z "${SEC_IN_NETNS:-}" ]; then
+  export SEC_IN_NETNS=1 QLEN
+  exec unshare -n sh -c 'sysctl -qw "net.unix.max_dgram_qlen=$QLEN" && exec "$0" "$@"' "$0" "$@"
+fi
+DOC=docs/performance-sec.md
+[ -n "${QLEN:-}" ] && DOC=docs/performance-sec-qlen$QLEN.md
+QUEUE=$(cat /proc/sys/net/unix/max_dgram_qlen)
 
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DTEVD_BUILD_TESTS=OFF \
   "-DCMAKE_CXX_FLAGS=-Wno-error=stringop-truncation -Wno-error=format-truncation" >/dev/null
@@ -168,7 +181,8 @@ echo "## tevd against SEC (Simple Event Correlator)"
 echo
 echo "Measured by \`bench/sec.sh $N\` on $(date -u +%Y-%m-%d) (commit $(git rev-parse --short HEAD)), Release build,"
 echo "$SECV, perl $(perl -e 'print $^V'). Machine: $(lscpu | sed -n 's/^Model name: *//p' | head -1),"
-echo "$(nproc) cores shared with other work; both programs pinned to CPU $CPU."
+echo "$(nproc) cores shared with other work; both programs pinned to CPU $CPU; datagram queue"
+echo "length (net.unix.max_dgram_qlen) $QUEUE${QLEN:+, in a private network namespace}."
 echo
 echo "Target: tevd's CPU per observation at most a quarter of SEC's: **$VERDICT** (tevd ÷ SEC = $RATIO)."
 echo
@@ -209,7 +223,7 @@ echo "datagrams per receive, one pipe write per agent and poll pass, one pipe re
 echo "the log lines of a wake-up in one sendmmsg), but each observation is still one datagram"
 echo "in and one log datagram out, and the kernel's work per datagram stays: a buffer, a copy,"
 echo "a wake-up of the reader on the other side, and waiting for room in the collector's"
-echo "queue of 10 datagrams. The batched floor's row measures that part alone: the floor of"
+echo "queue of $QUEUE datagrams. The batched floor's row measures that part alone: the floor of"
 echo "\`bench/ingest.cpp\` (up to 16 datagrams per recvmmsg, one pipe write per poll pass, one"
 echo "large pipe read per wake-up, the log lines of a wake-up in one sendmmsg over a connected"
 echo "socket, no decoding, no correlation) run by the same feed in place of tevd. tevd's user time alone"
@@ -218,5 +232,5 @@ echo "The CPU figures vary by tens of percent from run to run on this shared"
 echo "machine (list above); the instruction counts do not."
 echo
 echo "Rules: [bench/sec/rules.sec.in](../bench/sec/rules.sec.in)."
-} >docs/performance-sec.md
-echo "written: docs/performance-sec.md (raw output in $OUT)"
+} >"$DOC"
+echo "written: $DOC (raw output in $OUT)"

@@ -85,8 +85,15 @@ TEST(TevRecord, MalformedRecordsAreRefused) {
 TEST(TevAccessors, ArgumentsByIndexByTypeAndByConversion) {
   tevdtest::TevPtr tev = MakeTev(
       "tev.scsi.x", {S("naa.1"), MsgFmt_Value::NullStr(), I(3), U(0xFFFFFFFFu), L(-5000000000ll),
-                     UL(0x8000000000000001ull), I(0x1234), I(0x1ff), MsgFmt_Value::Dbl(2.0)});
+                     UL(0x8000000000000001ull), I(0x1234), I(0x1ff), MsgFmt_Value::Dbl(2.0)},
+      "Path naa.1 is down");
   ASSERT_TRUE(tev);
+  char *msg = nullptr;
+  size_t msgLen = 0;
+  ASSERT_EQ(0, Tev_GetMsg(tev.get(), &msg, &msgLen));
+  EXPECT_STREQ("Path naa.1 is down", msg);
+  EXPECT_EQ(18u, msgLen);
+  free(msg);
   uint32_t count = 0;
   ASSERT_EQ(0, Tev_GetArgCount(tev.get(), &count));
   EXPECT_EQ(9u, count);

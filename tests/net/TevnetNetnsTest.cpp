@@ -123,6 +123,11 @@ TEST_F(TevnetNetns, UplinksLostAndBackAndADaemonRestarted) {
   // A restarted daemon is found again; what happened meanwhile was dropped.
   tevd_.reset();
   ASSERT_TRUE(In("link set lnk1 down"));
+  // tevnet must have posted into the void before the daemon is back: it
+  // writes the model just before it posts, so the model's change plus a
+  // moment is the sign (on a busy machine it once came after the restart).
+  ASSERT_TRUE(Eventually([&] { return Model("nodes/net/pNics/hwnic1/carrier") == "0\n"; }, 3000));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
   StartTevd();
   ASSERT_TRUE(In("link set lnk0 down"));
   EXPECT_EQ(Event("kos.problem.net.connectivity.lost", 2), (Strings{"ksw0", "hwnic0", kBothGroups}))

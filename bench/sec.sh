@@ -31,7 +31,7 @@ command -v sec >/dev/null || { echo "sec is not installed (apt-get install sec)"
 # every socket of the run (contexts, dev/log) must be made inside the namespace.
 if [ -n "${QLEN:-}" ] && [ -z "${SEC_IN_NETNS:-}" ]; then
   export SEC_IN_NETNS=1 QLEN
-  exec unshare -n sh -c 'sysctl -qw "net.unix.max_dgram_qlen=$QLEN" && exec "$0" "$@"' "$0" "$@"
+  exec unshare -n sh -c 'sysctl -qw "net.unix.max_dgram_qlen=$QLEN" && exec "$0" "$@"' "$PWD/bench/sec.sh" "$@"
 fi
 DOC=docs/performance-sec.md
 [ -n "${QLEN:-}" ] && DOC=docs/performance-sec-qlen$QLEN.md

@@ -10,6 +10,7 @@
 # same invocation, for the before/after table; BEFORE_LATENCY_RUNS, default 2).
 set -eu
 cd "$(dirname "$0")/.."
+scripts/deps.sh daemon bench
 N=${1:-1000000}
 BUILD=${BUILD:-build-bench}
 LATENCY_RUNS=${LATENCY_RUNS:-10}

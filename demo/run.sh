@@ -8,7 +8,8 @@
 # cleanly too. DEMO_SCENARIOS="a.scn b.scn" picks other scenarios ("" none).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-cmake -S . -B build-demo -DTEVD_BUILD_TESTS=OFF >/dev/null
+scripts/deps.sh daemon
+cmake -S . -B build-demo -DTEVD_BUILD_TESTS=OFF -DTEVD_BUILD_COMPANIONS=OFF -DTEVD_BUILD_MAN=OFF >/dev/null
 cmake --build build-demo -j2 --target tevd tevctl >/dev/null
 bin=$PWD/build-demo
 root=$(mktemp -d /tmp/tevd-demo.XXXXXX)

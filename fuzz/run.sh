@@ -12,6 +12,7 @@ cd "$(dirname "$0")/.."
 CXX=${FUZZ_CXX:-clang++}
 BUILD=${FUZZ_BUILD:-build-fuzz}
 TARGETS=${FUZZ_TARGETS:-"record getargs tevdutil msgfmt qprob readfd"}
+[ -n "${FUZZ_CXX:-}" ] || scripts/deps.sh fuzz
 
 if ! command -v "$CXX" >/dev/null 2>&1; then
   echo "fuzz/run.sh: $CXX not found (install clang and libclang-rt-14-dev)" >&2

@@ -5,6 +5,7 @@
 # with DESTDIR under another prefix. Any warning of verify or man fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/deps.sh daemon companions package
 src=$PWD
 dir=build-deb
 cmake -S . -B "$dir" -DTEVD_BUILD_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr >/dev/null

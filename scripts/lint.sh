@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 dir="${1:-build-lint}"
 [ "$#" -gt 0 ] && shift
-command -v clang-tidy >/dev/null 2>&1 || { echo "lint.sh: clang-tidy not found" >&2; exit 2; }
+scripts/deps.sh daemon companions lint
 if [ ! -f "$dir/compile_commands.json" ]; then
   # Configuring writes the version header; the templates list is built below.
   cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null

@@ -138,7 +138,7 @@ TEST_F(FaultInjectionE2ETest, SigtermWhileTheReaderWaitsOnAFullAgentPipe) {
 // Defect: a retry pass held the retry mutex while blocked in connect, a correlator queueing an
 // event waited on it where it cannot be cancelled, and shutdown hung on its join.
 TEST_F(FaultInjectionE2ETest, ShutdownWithinTwoSecondsBehindAStuckRetryPass) {
-  if (!FastClockMissing().empty()) GTEST_SKIP() << FastClockMissing();
+  TEVD_NEED_FAST_CLOCK();
   ASSERT_TRUE(Start({}, FastClockEnv())) << tevd_->Stderr();
   int user = ConnectUser(root_);
   const char kQueued[] = "An event (kos.problem.test.test2) could not be sent immediately";
@@ -204,7 +204,7 @@ TEST_F(FaultInjectionE2ETest, EmptyMessagesAndDescriptorExhaustionNeitherSpinNor
 // Defect: an agent that never accepts held a correlator in connect for ever, its pipe filled and
 // intake from every context stopped. Then a working agent gets every event.
 TEST_F(FaultInjectionE2ETest, StuckAgentLeavesOtherContextsServedAndLosesNoEvent) {
-  if (!FastClockMissing().empty()) GTEST_SKIP() << FastClockMissing();
+  TEVD_NEED_FAST_CLOCK();
   auto agent = std::make_unique<AgentStandIn>(root_, AgentStandIn::Stuck);
   ASSERT_TRUE(agent->ok());
   ASSERT_TRUE(Start({}, FastClockEnv())) << tevd_->Stderr();
@@ -292,7 +292,7 @@ TEST_F(FaultInjectionE2ETest, UnprivilegedPeersGetOnlyWhatTheSecurityDocumentGra
     int rc = AsNobody(a.inGroup, [&] {
       return ConnectTo(path(a.endpoint), a.type) >= 0 ? 0 : errno == EACCES ? 1 : 2;
     });
-    if (rc < 0) GTEST_SKIP() << "cannot become uid 65534 (needs root; CI runs as root)";
+    if (rc < 0) TEVD_SKIP_MISSING("cannot become uid 65534 (needs root)");
     EXPECT_EQ(a.connects ? 0 : 1, rc) << path(a.endpoint) << (a.inGroup ? " in group" : "");
   }
   // A group member posts what the kernel owns, then its own; it may read the trace.
@@ -583,10 +583,7 @@ TEST_F(LoadE2ETest, EightConnectionsAndFourContextsLoseNothingAndStayBounded) {
 
 // The agent absent, then back (the 180-second retry pass sped up 180 times by libfaketime).
 TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOldestIsAbandoned) {
-  if (!FastClockMissing().empty()) {
-    GTEST_SKIP() << FastClockMissing()
-                 << "; the retry pass runs under the fake clock in TevdQprobTest";
-  }
+  TEVD_NEED_FAST_CLOCK();  // the retry pass also runs under the fake clock in TevdQprobTest
   ASSERT_TRUE(Start({}, FastClockEnv())) << tevd_->Stderr();
   int user = ConnectUser(root_);
   const char *t0 = "kos.problem.test.test0", *t2 = "kos.problem.test.test2";

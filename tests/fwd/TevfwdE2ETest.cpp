@@ -64,8 +64,7 @@ class TevfwdE2E : public ::testing::Test {
  protected:
   void SetUp() override {
     if (access(kAlertmanager, X_OK) != 0) {
-      GTEST_SKIP() << "\n\n*** " << kAlertmanager
-                   << " is missing: install the Debian package prometheus-alertmanager ***\n";
+      TEVD_SKIP_MISSING(std::string(kAlertmanager) + " is missing (package prometheus-alertmanager)");
     }
     tevdtest::MakeHost(root_);
     root_.Write("am/config.yml", "route:\n  receiver: none\nreceivers:\n- name: none\n");

@@ -22,11 +22,10 @@ const char kBothGroups[] = "\"pg-guests\", \"pg-mgmt\"";
 class TevnetNetns : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (IpBin().empty()) GTEST_SKIP() << "SKIPPED: no ip binary (Debian package iproute2)";
+    if (IpBin().empty()) TEVD_SKIP_MISSING("no ip binary (package iproute2)");
     ns_ = "tevnet-t" + std::to_string(getpid());
     if (!Ip("netns add " + ns_)) {
-      GTEST_SKIP() << "SKIPPED: cannot create a network namespace (needs root and netns "
-                      "support): tevnet's kernel tests did not run";
+      TEVD_SKIP_MISSING("cannot create a network namespace (needs root and netns support)");
     }
     haveNs_ = true;
     ASSERT_TRUE(In("link add ksw0 type bridge") && In("link set ksw0 up"));

@@ -28,7 +28,36 @@ void MakeDirs(const std::string &path) {
   if (err != 0) ADD_FAILURE() << "cannot create " << path << ": " << strerror(err);
 }
 
+// Every skipped test, with its reason, is appended to $TEVD_SKIP_LOG, which
+// scripts/test.sh prints after the run: ctest shows a passing executable's
+// output to nobody, and a skip nobody reads is a silent one.
+class SkipRecorder : public ::testing::EmptyTestEventListener {
+  void OnTestEnd(const ::testing::TestInfo &info) override {
+    const char *path = getenv("TEVD_SKIP_LOG");
+    if (path == nullptr || path[0] == '\0' || !info.result()->Skipped()) return;
+    std::string why;
+    for (int i = 0; i < info.result()->total_part_count(); ++i) {
+      const ::testing::TestPartResult &part = info.result()->GetTestPartResult(i);
+      if (part.skipped()) why += part.message();
+    }
+    for (char &c : why)
+      if (c == '\n') c = ' ';
+    std::ofstream(path, std::ios::app)
+        << info.test_suite_name() << "." << info.name() << ":" << why << "\n";
+  }
+};
+
+[[maybe_unused]] const bool kSkipRecorderInstalled = [] {
+  ::testing::UnitTest::GetInstance()->listeners().Append(new SkipRecorder);
+  return true;
+}();
+
 }  // namespace
+
+bool RequireAllTests() {
+  const char *v = getenv("TEVD_REQUIRE_ALL_TESTS");
+  return v != nullptr && strcmp(v, "1") == 0;
+}
 
 ScratchRoot::ScratchRoot() {
   if (const char *old = getenv("TEVD_ROOT")) {

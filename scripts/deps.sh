@@ -68,6 +68,12 @@ echo "deps.sh: installing for $why: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 # Another install may hold dpkg's lock for a while (an unattended upgrade).
 lock=(-o DPkg::Lock::Timeout=300)
-apt-get "${lock[@]}" update -qq >/dev/null
-apt-get "${lock[@]}" install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
-  { echo "deps.sh: apt-get install failed for: ${missing[*]}" >&2; exit 1; }
+# apt's own chatter is shown only when it fails.
+out=$(mktemp)
+trap 'rm -f "$out"' EXIT
+if ! { apt-get "${lock[@]}" update -qq &&
+       apt-get "${lock[@]}" install -y -qq --no-install-recommends "${missing[@]}"; } >"$out" 2>&1; then
+  cat "$out" >&2
+  echo "deps.sh: apt-get install failed for: ${missing[*]}" >&2
+  exit 1
+fi

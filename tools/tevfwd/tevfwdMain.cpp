@@ -42,8 +42,11 @@ const char kUsage[] =
     "  --alertmanager URL   an Alertmanager, e.g. http://127.0.0.1:9093 (repeatable)\n"
     "  --audits             forward audit events too, as short-lived severity=info alerts\n"
     "  --resend SEC         re-send firing alerts every SEC seconds (default 60)\n"
-    "  --lifetime SEC       end a firing alert nothing cleared after SEC (default 86400)\n"
-    "  --audit-lifetime SEC life of an audit alert (default 300)\n"
+    "  --lifetime SEC       end a firing alert whose clear never came after SEC\n"
+    "                       (default 86400; events the catalogue gives a lifetime use it)\n"
+    "  --audit-lifetime SEC life of an audit or one-shot alert (default 300)\n"
+    "  --runbook-url URL    annotate alerts with runbook_url=URL followed by the event\n"
+    "                       identifier (default: no runbook_url)\n"
     "  --spool DIR          spool directory (default /var/lib/tevfwd under TEVD_ROOT)\n"
     "  --spool-max BYTES    spool size limit, oldest dropped first (default 16777216)\n"
     "  --retry-max SEC      longest wait between attempts to a failing URL (default 10)\n"
@@ -302,6 +305,8 @@ int ParseOption(int argc, char **argv, int *i, CommandLine *cl) {
   bool ok = true;
   if (a == "--alertmanager") {
     ok = value(&v) && (opt.alertmanagers.push_back(v), true);
+  } else if (a == "--runbook-url") {
+    ok = value(&v) && (opt.runbookUrl = v, true);
   } else if (a == "--audits") {
     opt.audits = true;
   } else if (a == "--once") {

@@ -9,16 +9,10 @@ dir="${1:-build-lint}"
 [ "$#" -gt 0 ] && shift
 scripts/deps.sh daemon companions lint
 if [ ! -f "$dir/compile_commands.json" ]; then
-  # Configuring writes the version header; the templates list is built below.
+  # Configuring writes the version header, the one generated file the
+  # sources include (the event catalogue is a source file).
   cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
 fi
-# The forwarder's event templates are generated at build time from the
-# daemon's sources; its sources include that list.
-targets=$(cmake --build "$dir" --target help 2>/dev/null || true)
-if [[ "$targets" == *tevfwd-templates* ]]; then
-  cmake --build "$dir" --target tevfwd-templates >/dev/null
-fi
-
 # The checks, and why some of their families are left out:
 #  - bugprone-easily-swappable-parameters: flags every function with two
 #    neighbouring parameters of one type (a C-style API's norm); no finding

@@ -14,16 +14,11 @@ namespace {
 // is the seconds spent in the all-paths-down state.
 constexpr TevdRow kApdRows[] = {
     {"tev.storage.apd.start", TevdApdCorrelatorDoTranslation, Problem, TevdRead::ByIndex, "s", "",
-     "@&!*@*@(kos.problem.storage.apd.start)Device or filesystem with identifier [%s] has "
-     "entered the All Paths Down state."},
+     tevd_ev::ProblemStorageApdStart},
     {"tev.storage.apd.exit", TevdApdCorrelatorDoTranslation, Clear, TevdRead::ByIndex, "s", "",
-     "@&!*@*@(kos.clear.storage.apd.exit)Device or filesystem with identifier [%s] has exited "
-     "the All Paths Down state."},
+     tevd_ev::ClearStorageApdExit},
     {"tev.storage.apd.timeout", TevdApdCorrelatorDoTranslation, Problem, TevdRead::ByIndex, "sd",
-     "",
-     "@&!*@*@(kos.problem.storage.apd.timeout)Device or filesystem with identifier [%s] has "
-     "entered the All Paths Down Timeout state after being in the All Paths Down state for %d "
-     "seconds. I/Os will now be fast failed."},
+     "", tevd_ev::ProblemStorageApdTimeout},
 };
 static_assert(TevdTranslate_FirstBadRow(kApdRows) == -1, "an APD row does not fit its template");
 

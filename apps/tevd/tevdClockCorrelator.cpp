@@ -54,39 +54,22 @@ struct SetValueRow {
 
 const SetValueRow kSetValueRows[] = {
     {"tev.clock.state.reset", false,
-     [](int32_t) {
-       TevdQprob_Post(0, Problem,
-                      "@&!*@*@(kos.problem.clock.state.reset)resetting system clock state");
-     }},
+     [](int32_t) { TevdQprob_Post(0, Problem, tevd_ev::ProblemClockStateReset); }},
     {"tev.clock.parameter.set.maxNegPhaseCorrection", true,
      [](int32_t v) {
-       TevdQprob_Post(
-           0, Problem,
-           "@&!*@*@(kos.problem.clock.parameter.set.maxNegPhaseCorrection)setting system "
-           "clock parameter maxNegPhaseCorrection to %d",
-           v);
+       TevdQprob_Post(0, Problem, tevd_ev::ProblemClockParameterSetMaxNegPhaseCorrection, v);
      }},
     {"tev.clock.parameter.set.maxPosPhaseCorrection", true,
      [](int32_t v) {
-       TevdQprob_Post(
-           0, Problem,
-           "@&!*@*@(kos.problem.clock.parameter.set.maxPosPhaseCorrection)setting system "
-           "clock parameter maxPosPhaseCorrection to %d",
-           v);
+       TevdQprob_Post(0, Problem, tevd_ev::ProblemClockParameterSetMaxPosPhaseCorrection, v);
      }},
     {"tev.clock.parameter.set.numLargeCorrections", true,
      [](int32_t v) {
-       TevdQprob_Post(0, Problem,
-                      "@&!*@*@(kos.problem.clock.parameter.set.numLargeCorrections)setting system "
-                      "clock parameter numLargeCorrections to %d",
-                      v);
+       TevdQprob_Post(0, Problem, tevd_ev::ProblemClockParameterSetNumLargeCorrections, v);
      }},
     {"tev.clock.parameter.set.maxLargeCorrections", true,
      [](int32_t v) {
-       TevdQprob_Post(0, Problem,
-                      "@&!*@*@(kos.problem.clock.parameter.set.maxLargeCorrections)setting system "
-                      "clock parameter maxLargeCorrections to %d",
-                      v);
+       TevdQprob_Post(0, Problem, tevd_ev::ProblemClockParameterSetMaxLargeCorrections, v);
      }},
 };
 
@@ -102,24 +85,18 @@ struct DeltaRow {
 const DeltaRow kDeltaRows[] = {
     {"tev.clock.correction.delta.warning", "%d %d %d %d %d %d", 0,
      [](const int32_t v[6]) {
-       TevdQprob_Post(0, Problem,
-                      "@&!*@*@(kos.problem.clock.correction.delta.warning)system clock stepped to "
-                      "%d.%09d, but delta %d > %d seconds, %d/%d large corrections",
-                      v[0], v[1], v[2], v[3], v[4], v[5]);
+       TevdQprob_Post(0, Problem, tevd_ev::ProblemClockCorrectionDeltaWarning, v[0], v[1], v[2],
+                      v[3], v[4], v[5]);
      }},
     {"tev.clock.correction.delta.failed", "%d %d %d %d %d", 1,
      [](const int32_t v[6]) {
-       TevdQprob_Post(0, Problem,
-                      "@&!*@*@(kos.problem.clock.correction.delta.failed)system clock step to "
-                      "%d.%09d failed, delta %d > %d seconds, number of large corrections > %d",
-                      v[1], v[2], v[3], v[4], v[5]);
+       TevdQprob_Post(0, Problem, tevd_ev::ProblemClockCorrectionDeltaFailed, v[1], v[2], v[3],
+                      v[4], v[5]);
      }},
     {"tev.clock.correction.delta.allowed", "%d %d %d %d", 2,
      [](const int32_t v[6]) {
-       TevdQprob_Post(0, Problem,
-                      "@&!*@*@(kos.problem.clock.correction.delta.allowed)system clock stepped to "
-                      "%d.%09d, but delta %d > %d seconds",
-                      v[2], v[3], v[4], v[5]);
+       TevdQprob_Post(0, Problem, tevd_ev::ProblemClockCorrectionDeltaAllowed, v[2], v[3], v[4],
+                      v[5]);
      }},
 };
 
@@ -185,25 +162,16 @@ int TevdClockCorrelator_Sync(Tev *tev) {
     int32_t sec = 0;
     int32_t nsec = 0;
     if (Tev_GetArgs(tev, 0, "%d %d", &sec, &nsec) == 0) {
-      TevdQprob_Post(0, Problem,
-                     "@&!*@*@(kos.problem.clock.correction.step.unsync)system clock stepped to "
-                     "%d.%09d, lost sync to upstream time servers",
-                     sec, nsec);
+      TevdQprob_Post(0, Problem, tevd_ev::ProblemClockCorrectionStepUnsync, sec, nsec);
       gSyncTable[kIdAdjSync] = 0;
     }
   } else if (strcmp(id, kIdAdjSync) == 0) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.clock.correction.adjtime.sync)system clock synchronized to "
-                   "upstream time servers");
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemClockCorrectionAdjtimeSync);
   } else if (strcmp(id, kIdAdjUnsync) == 0) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.clock.correction.adjtime.unsync)system clock lost "
-                   "synchronization to upstream time servers");
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemClockCorrectionAdjtimeUnsync);
     gSyncTable[kIdAdjSync] = 0;
   } else if (strcmp(id, kIdAdjLostSync) == 0) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.clock.correction.adjtime.lostsync)system clock apparently "
-                   "no longer synchronized to upstream time servers");
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemClockCorrectionAdjtimeLostsync);
     gSyncTable[kIdAdjSync] = 0;
   }
   // Also after a step whose arguments could not be read.

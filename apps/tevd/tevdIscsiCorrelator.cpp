@@ -20,30 +20,17 @@ constexpr TevdRow kIscsiRows[] = {
     {"tev.iscsi.session.recovery.timeout", TevdIscsiCorrelatorDoIgnore},
     {"tev.iscsi.target.async.event", TevdIscsiCorrelatorDoIgnore},
     {"tev.iscsi.target.connect.error", TevdIscsiCorrelatorDoTranslation, Problem, TevdRead::OneCall,
-     "ss", "10",
-     "@&!*@*@(kos.problem.storage.iscsi.target.connect.error)Login to iSCSI target %s on %s "
-     "failed. The iSCSI initiator could not establish a network connection to the target."},
+     "ss", "10", tevd_ev::ProblemStorageIscsiTargetConnectError},
     {"tev.iscsi.target.login.error", TevdIscsiCorrelatorDoTranslation, Problem, TevdRead::OneCall,
-     "ssh", "102",
-     "@&!*@*@(kos.problem.storage.iscsi.target.login.error)Login to iSCSI target %s on %s "
-     "failed. Target returned login error of: %s."},
+     "ssh", "102", tevd_ev::ProblemStorageIscsiTargetLoginError},
     {"tev.iscsi.target.permanently.removed", TevdIscsiCorrelatorDoTranslation, Problem,
-     TevdRead::OneCall, "ss", "01",
-     "@&!*@*@(kos.problem.storage.iscsi.target.permanently.removed)The target %s was permanently "
-     "removed from %s."},
+     TevdRead::OneCall, "ss", "01", tevd_ev::ProblemStorageIscsiTargetPermanentlyRemoved},
     {"tev.iscsi.discovery.connect.error", TevdIscsiCorrelatorDoTranslation, Problem,
-     TevdRead::OneCall, "ss", "10",
-     "@&!*@*@(kos.problem.storage.iscsi.discovery.connect.error)iSCSI discovery to %s on %s "
-     "failed. The iSCSI Initiator could not establish a network connection to the discovery "
-     "address."},
+     TevdRead::OneCall, "ss", "10", tevd_ev::ProblemStorageIscsiDiscoveryConnectError},
     {"tev.iscsi.discovery.login.error", TevdIscsiCorrelatorDoTranslation, Problem,
-     TevdRead::OneCall, "ssh", "102",
-     "@&!*@*@(kos.problem.storage.iscsi.discovery.login.error)iSCSI discovery to %s on %s "
-     "failed. The Discovery target returned a login error of: %s."},
+     TevdRead::OneCall, "ssh", "102", tevd_ev::ProblemStorageIscsiDiscoveryLoginError},
     {"tev.iscsi.isns.discovery.error", TevdIscsiCorrelatorDoTranslation, Problem, TevdRead::OneCall,
-     "ssss", "1023",
-     "@&!*@*@(kos.problem.storage.iscsi.isns.discovery.error)iSns discovery to %s on %s failed. "
-     "(%s : %s)."},
+     "ssss", "1023", tevd_ev::ProblemStorageIscsiIsnsDiscoveryError},
 };
 static_assert(TevdTranslate_FirstBadRow(kIscsiRows) == -1,
               "an iSCSI row does not fit its template");

@@ -56,11 +56,7 @@ int TevdKfsCorrelatorDoVolumeLocked(Tev *tev) {
   if (Tev_GetArgs(tev, 0, "%p", &device) != 0) {
     return 0;
   }
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.kfs.error.volume.is.locked)Volume on device %s is locked, "
-                 "possibly because some remote host encountered an error during a volume "
-                 "operation and could not recover.",
-                 device);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsErrorVolumeIsLocked, device);
   return 0;
 }
 
@@ -70,12 +66,7 @@ int TevdKfsCorrelatorDoExtentOffline(Tev *tev) {
   if (Tev_GetArgs(tev, 0, "%p %p", &device, &fs) != 0) {
     return 0;
   }
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.kfs.extent.offline)An attached device %s may be offline. "
-                 "The file system %s is now in a degraded state. While the datastore is still "
-                 "available, parts of data that reside on the extent that went offline might be "
-                 "inaccessible.",
-                 device != nullptr ? device : "", fs);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsExtentOffline, device != nullptr ? device : "", fs);
   return 0;
 }
 
@@ -85,11 +76,7 @@ int TevdKfsCorrelatorDoExtentOnline(Tev *tev) {
   if (Tev_GetArgs(tev, 0, "%p %p", &device, &fs) != 0) {
     return 0;
   }
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.kfs.extent.online)Device %s backing file system %s came "
-                 "online. This extent was previously offline. All resources on this device are "
-                 "now available.",
-                 device, fs);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsExtentOnline, device, fs);
   return 0;
 }
 
@@ -100,10 +87,7 @@ int TevdKfsCorrelatorDoVolumeMounted(Tev *tev) {
   if (Tev_GetArgs(tev, 0, "%p %p %p", &fs, &volume, &mode) != 0) {
     return 0;
   }
-  TevdQprob_Post(0, Audit,
-                 "@&!*@*@(kos.audit.kfs.volume.mounted)File system %s on volume %s has been "
-                 "mounted in '%s' mode. The datastore is now accessible on this host.",
-                 fs, volume, mode);
+  TevdQprob_Post(0, Audit, tevd_ev::AuditKfsVolumeMounted, fs, volume, mode);
   return 0;
 }
 
@@ -113,10 +97,7 @@ int TevdKfsCorrelatorDoVolumeUmounted(Tev *tev) {
   if (Tev_GetArgs(tev, 0, "%p %p", &fs, &volume) != 0) {
     return 0;
   }
-  TevdQprob_Post(0, Audit,
-                 "@&!*@*@(kos.audit.kfs.volume.umounted)File system %s on volume %s has been "
-                 "safely un-mounted. The datastore is no longer accessible on this host.",
-                 fs, volume);
+  TevdQprob_Post(0, Audit, tevd_ev::AuditKfsVolumeUmounted, fs, volume);
   return 0;
 }
 
@@ -126,10 +107,7 @@ int TevdKfsCorrelatorDoATSSupportLost(Tev *tev) {
     return 0;
   }
   // "notsupport" and "intialization" are the event's own words.
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.kfs.ats.support.lost)ATS-Only KFS volume '%s' will not be "
-                 "mounted. Host does notsupport ATS or ATS intialization has failed.",
-                 volume);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsAtsSupportLost, volume);
   return 0;
 }
 
@@ -140,13 +118,7 @@ int TevdKfsCorrelatorDoSpanIncompatibility(Tev *tev) {
     return 0;
   }
   KfsUuidFormat(&u);
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.kfs.spanstate.incompatibility.detected)Incompatible span "
-                 "change detected for KFS volume '%s' (%s): volume was not spanned at time of "
-                 "open but now it is, and this host is using ATS-only lockmode but the volume is "
-                 "not ATS-only. Volume descriptor refresh operations will fail until this host "
-                 "unmounts and remounts the volume.",
-                 volume, u.text);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsSpanstateIncompatibilityDetected, volume, u.text);
   return 0;
 }
 
@@ -161,13 +133,8 @@ int TevdKfsCorrelatorDoLockmodeInconsistent(Tev *tev) {
     return 0;
   }
   KfsUuidFormat(&u);
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.kfs.lockmode.inconsistency.detected)Inconsistent lockmode "
-                 "change detected for KFS volume '%s' (%s): volume was configured for %s lockmode "
-                 "at time of open and now it is configured for %s lockmode but this host is not "
-                 "using %s lockmode. Protocol error during ATS transition. Volume descriptor "
-                 "refresh operations will fail until this host unmounts and remounts the volume.",
-                 volume, u.text, atOpen, now, host);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsLockmodeInconsistencyDetected, volume, u.text,
+                 atOpen, now, host);
   return 0;
 }
 
@@ -178,12 +145,7 @@ int TevdKfsCorrelatorDoATSIncompatibility(Tev *tev) {
     return 0;
   }
   KfsUuidFormat(&u);
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.kfs.ats.incompatibility.detected)Multi-extent ATS-only "
-                 "volume '%s' (%s) is unable to use ATS because HardwareAcceleratedLocking is "
-                 "disabled on this host: potential for introducing filesystem corruption. Volume "
-                 "should not be used from other hosts.",
-                 volume, u.text);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsAtsIncompatibilityDetected, volume, u.text);
   return 0;
 }
 
@@ -198,13 +160,8 @@ int TevdKfsCorrelatorDoSpannedLockmodeInconsistent(Tev *tev) {
     return 0;
   }
   KfsUuidFormat(&u);
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.kfs.spanned.lockmode.inconsistency.detected)Inconsistent "
-                 "lockmode change detected for spanned KFS volume '%s' (%s): volume was "
-                 "configured for %s lockmode at time of open and now it is configured for %s "
-                 "lockmode but this host is not using %s lockmode. All operations on this volume "
-                 "will fail until this host unmounts and remounts the volume.",
-                 volume, u.text, atOpen, now, host);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsSpannedLockmodeInconsistencyDetected, volume,
+                 u.text, atOpen, now, host);
   return 0;
 }
 
@@ -219,24 +176,20 @@ int TevdKfsCorrelatorDoVolumeNameAndLabel(Tev *tev) {
   // The management agent renders these events by identifier; "%s %s" only
   // feeds the local log line.
   if (Tev_IsID(id, "tev.kfs.heartbeat.timedout")) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.heartbeat.timedout)%s %s", u.text, label);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsHeartbeatTimedout, u.text, label);
   } else if (Tev_IsID(id, "tev.kfs.heartbeat.recovered")) {
     // A problem, not a clear: the agent's catalogue knows it under this id.
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.heartbeat.recovered)%s %s", u.text, label);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsHeartbeatRecovered, u.text, label);
   } else if (Tev_IsID(id, "tev.kfs.journal.createfailed")) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.journal.createfailed)%s %s", u.text, label);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsJournalCreatefailed, u.text, label);
   } else if (Tev_IsID(id, "tev.kfs.heartbeat.unrecoverable")) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.heartbeat.unrecoverable)%s %s", u.text,
-                   label);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsHeartbeatUnrecoverable, u.text, label);
   } else if (Tev_IsID(id, "tev.kfs.lock.corruptondisk.v2")) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.lock.corruptondisk.v2)%s %s", u.text,
-                   label);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsLockCorruptondiskV2, u.text, label);
   } else if (Tev_IsID(id, "tev.kfs.resource.corruptondisk")) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.resource.corruptondisk)%s %s", u.text,
-                   label);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsResourceCorruptondisk, u.text, label);
   } else if (Tev_IsID(id, "tev.kfs.heartbeat.corruptondisk")) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.heartbeat.corruptondisk)%s %s", u.text,
-                   label);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsHeartbeatCorruptondisk, u.text, label);
   } else {
     TevdNotReached("apps/tevd/tevdKfsCorrelator", 142);
   }
@@ -255,12 +208,10 @@ int TevdKfsCorrelatorDoNFSVolume(Tev *tev) {
   KfsUuidFormat(&u);
   const char *id = KfsId(tev);
   if (Tev_IsID(id, "tev.kfs.nfs.server.disconnect")) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.nfs.server.disconnect)%s %s %s %s", first,
-                   second, u.text, last);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsNfsServerDisconnect, first, second, u.text, last);
   } else if (Tev_IsID(id, "tev.kfs.nfs.server.restored")) {
     // A problem, not a clear, as the identifier says.
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.kfs.nfs.server.restored)%s %s %s %s", first,
-                   second, u.text, last);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsNfsServerRestored, first, second, u.text, last);
   } else {
     TevdNotReached("apps/tevd/tevdKfsCorrelator", 646);
   }

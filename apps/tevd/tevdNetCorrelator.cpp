@@ -43,112 +43,75 @@ constexpr TevdRow kNetRows[] = {
     {"tev.net.uplink.watchdog.timeout", TevdNetCorrelatorWatchdog},
     {"tev.net.e1000.tso6.notsupported", TevdNetCorrelatorTso6NotSupported},
     {"tev.net.migrate.bindtomtl.failed", TevdNetCorrelatorTranslate, Problem, TevdRead::ByIndex,
-     "s", "",
-     "@&!*@*@(kos.problem.net.migrate.bindtomtl)The KOS advanced config option /Migrate/Mtlnic is set "
-     "to an invalid mtlnic: '%s'.  /Migrate/Mtlnic specifies a mtlnic that XMove binds to for improved "
-     "performance.  Please update the config option with a valid mtlnic or, if you don't want XMove to "
-     "bind to a specific mtlnic, remove the invalid mtlnic and leave the option blank."},
+     "s", "", tevd_ev::ProblemNetMigrateBindtomtl},
     {"tev.net.migrate.unsupported.latency", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "uss", "",
-     "@&!*@*@(kos.problem.net.migrate.unsupported.latency)Kosi has detected %ums round-trip xMove "
-     "network latency between host %s and %s.  High latency xMove networks are only supported if both "
-     "Kosi hosts have been configured for xMove latency tolerance."},
+     "uss", "", tevd_ev::ProblemNetMigrateUnsupportedLatency},
     {"tev.net.uplink.mtu.failed", TevdNetCorrelatorTranslate, Problem, TevdRead::ByIndex, "ds", "",
-     "@&!*@*@(kos.problem.net.uplink.mtu.failed)Mantle failed to set the MTU value %d on the uplink %s."},
+     tevd_ev::ProblemNetUplinkMtuFailed},
     {"tev.net.mtlnic.ip.duplicate", TevdNetCorrelatorTranslate, Problem, TevdRead::ByIndex, "sss",
-     "",
-     "@&!*@*@(kos.problem.net.mtlnic.ip.duplicate)Duplicate IP address detected for %s on interface "
-     "%s, current owner being %s."},
+     "", tevd_ev::ProblemNetMtlnicIpDuplicate},
     {"tev.net.firewall.config.changed", TevdNetCorrelatorFirewallConfig, Audit, TevdRead::OneCall,
-     "ss", "",
-     "@&!*@*@(kos.audit.net.firewall.config.changed)Firewall configuration has changed. Operation '%s' "
-     "for rule set %s succeeded."},
+     "ss", "", tevd_ev::AuditNetFirewallConfigChanged},
     {"tev.net.firewall.config.failed", TevdNetCorrelatorFirewallConfig, Problem, TevdRead::OneCall,
-     "ss", "",
-     "@&!*@*@(kos.problem.net.firewall.config.failed)Firewall configuration operation '%s' failed. The "
-     "changes were not applied to rule set %s."},
+     "ss", "", tevd_ev::ProblemNetFirewallConfigFailed},
     {"tev.net.firewall.port.hooked", TevdNetCorrelatorFirewallPort, Audit, TevdRead::ByIndex, "s",
-     "", "@&!*@*@(kos.audit.net.firewall.port.hooked)Port %s is now protected by Firewall."},
+     "", tevd_ev::AuditNetFirewallPortHooked},
     {"tev.net.firewall.port.hookfailed", TevdNetCorrelatorFirewallPort, Problem, TevdRead::ByIndex,
-     "s", "",
-     "@&!*@*@(kos.problem.net.firewall.port.hookfailed)Adding port %s to Firewall failed."},
+     "s", "", tevd_ev::ProblemNetFirewallPortHookfailed},
     {"tev.net.firewall.port.removed", TevdNetCorrelatorFirewallPort, Audit, TevdRead::ByIndex, "s",
-     "", "@&!*@*@(kos.audit.net.firewall.port.removed)Port %s is not protected with Firewall now."},
+     "", tevd_ev::AuditNetFirewallPortRemoved},
     {"tev.net.firewall.disabled", TevdNetCorrelatorTranslate, Audit, TevdRead::ByIndex, "", "",
-     "@&!*@*@(kos.audit.net.firewall.disabled)Firewall has been disabled."},
+     tevd_ev::AuditNetFirewallDisabled},
     {"tev.net.firewall.enabled", TevdNetCorrelatorTranslate, Audit, TevdRead::ByIndex, "s", "",
-     "@&!*@*@(kos.audit.net.firewall.enabled)Firewall has been enabled for port %s"},
+     tevd_ev::AuditNetFirewallEnabled},
     {"tev.net.fence.port.fail", TevdNetCorrelatorFencePortFail},
     {"tev.net.portset.port.full", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall, "sd", "",
-     "@&!*@*@(kos.problem.net.portset.port.full)Portset %s has reached the maximum number of ports "
-     "(%d). Cannot apply for any more free ports."},
+     tevd_ev::ProblemNetPortsetPortFull},
     // The hardware address comes last in the observation but first in the text.
     {"tev.net.portset.port.connect.fail", TevdNetCorrelatorTranslate, Problem, TevdRead::ByIndex,
-     "sss", "210",
-     "@&!*@*@(kos.problem.net.proxyswitch.port.unavailable)Virtual NIC with hardware address %s failed "
-     "to connect to distributed virtual port %s on switch %s. No more ports available on the host proxy "
-     "switch"},
+     "sss", "210", tevd_ev::ProblemNetProxyswitchPortUnavailable},
     {"tev.net.portset.port.vlan.invalidid", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "sd", "",
-     "@&!*@*@(kos.problem.net.portset.port.vlan.invalidid)%s VLANID %d is invalid. VLAN ID has to be "
-     "between 0 and 4095."},
+     "sd", "", tevd_ev::ProblemNetPortsetPortVlanInvalidid},
     {"tev.net.gateway.set.failed", TevdNetCorrelatorTranslate, Problem, TevdRead::ByIndex, "s", "",
-     "@&!*@*@(kos.problem.net.gateway.set.failed)Cannot connect to the specified gateway %s. Failed to "
-     "set it."},
+     tevd_ev::ProblemNetGatewaySetFailed},
     {"tev.net.heap.belowthreshold", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall, "sd",
-     "", "@&!*@*@(kos.problem.net.heap.belowthreshold)%s free size dropped below %d percent."},
+     "", tevd_ev::ProblemNetHeapBelowthreshold},
     {"tev.net.lacp.enable", TevdNetCorrelatorTranslate, Audit, TevdRead::OneCall, "s", "",
-     "@&!*@*@(kos.audit.net.lacp.enable)LACP for KSW %s is enabled"},
+     tevd_ev::AuditNetLacpEnable},
     {"tev.net.lacp.disable", TevdNetCorrelatorTranslate, Audit, TevdRead::OneCall, "s", "",
-     "@&!*@*@(kos.audit.net.lacp.disable)LACP for KSW %s is disabled"},
+     tevd_ev::AuditNetLacpDisable},
     {"tev.net.lacp.policy.incompatible", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "s", "",
-     "@&!*@*@(kos.problem.net.lacp.policy.incompatible)Current teaming policy for KSW: %s is "
-     "incompatible, supported is IP hash only"},
+     "s", "", tevd_ev::ProblemNetLacpPolicyIncompatible},
     {"tev.net.lacp.policy.linkstatus", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall, "s",
-     "",
-     "@&!*@*@(kos.problem.net.lacp.policy.linkstatus)Current teaming policy for KSW %s is "
-     "incompatible, supported link failover detection is link status only."},
+     "", tevd_ev::ProblemNetLacpPolicyLinkstatus},
     {"tev.net.lacp.uplink.inactive", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall, "s",
-     "",
-     "@&!*@*@(kos.problem.net.lacp.uplink.inactive)All uplinks on KSW %s must be active for LACP"},
+     "", tevd_ev::ProblemNetLacpUplinkInactive},
     {"tev.net.lacp.uplink.transition.down", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "ss", "",
-     "@&!*@*@(kos.problem.net.lacp.uplink.transition.down)uplink %s on KSW %s is moved out of link "
-     "aggregation group."},
+     "ss", "", tevd_ev::ProblemNetLacpUplinkTransitionDown},
     {"tev.net.lacp.uplink.transition.up", TevdNetCorrelatorTranslate, Clear, TevdRead::OneCall,
-     "ss", "",
-     "@&!*@*@(kos.clear.net.lacp.uplink.transition.up)uplink %s on KSW %s is moved into link "
-     "aggregation group"},
+     "ss", "", tevd_ev::ClearNetLacpUplinkTransitionUp},
     // The two "fail" texts name the switch first, yet take the same order.
     {"tev.net.lacp.uplink.fail.speed", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall, "ss",
-     "",
-     "@&!*@*@(kos.problem.net.lacp.uplink.fail.speed)Speed across all uplink ports must be same, KSW %s "
-     "uplink %s has different speed"},
+     "", tevd_ev::ProblemNetLacpUplinkFailSpeed},
     {"tev.net.lacp.uplink.fail.duplex", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "ss", "",
-     "@&!*@*@(kos.problem.net.lacp.uplink.fail.duplex)Duplex mode across all uplink ports must be "
-     "full, KSW %s uplink %s has different mode"},
+     "ss", "", tevd_ev::ProblemNetLacpUplinkFailDuplex},
     {"tev.net.lacp.uplink.blocked", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall, "ss",
-     "", "@&!*@*@(kos.problem.net.lacp.uplink.blocked)uplink %s on KSW %s is blocked"},
+     "", tevd_ev::ProblemNetLacpUplinkBlocked},
     {"tev.net.lacp.uplink.unblocked", TevdNetCorrelatorTranslate, Clear, TevdRead::OneCall, "ss",
-     "", "@&!*@*@(kos.clear.net.lacp.uplink.unblocked)uplink %s on KSW %s is unblocked"},
+     "", tevd_ev::ClearNetLacpUplinkUnblocked},
     {"tev.net.lacp.uplink.connected", TevdNetCorrelatorTranslate, Audit, TevdRead::OneCall, "ss",
-     "", "@&!*@*@(kos.audit.net.lacp.uplink.connected)uplink %s on KSW %s got connected"},
+     "", tevd_ev::AuditNetLacpUplinkConnected},
     {"tev.net.lacp.uplink.disconnected", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "ss", "",
-     "@&!*@*@(kos.problem.net.lacp.uplink.disconnected)uplink %s on KSW %s got disconnected"},
+     "ss", "", tevd_ev::ProblemNetLacpUplinkDisconnected},
     // The event keeps its historical ".2" name.
     {"tev.net.lacp.uplink.peer.noresponse", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "s", "", "@&!*@*@(kos.problem.net.lacp.peer.noresponse.2)No peer response on KSW %s"},
+     "s", "", tevd_ev::ProblemNetLacpPeerNoresponse2},
     {"tev.net.lacp.lag.transition.down", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "ss", "", "@&!*@*@(kos.problem.net.lacp.lag.transition.down)LAG %s on KSW %s is down."},
+     "ss", "", tevd_ev::ProblemNetLacpLagTransitionDown},
     {"tev.net.lacp.lag.transition.up", TevdNetCorrelatorTranslate, Clear, TevdRead::OneCall, "ss",
-     "", "@&!*@*@(kos.clear.net.lacp.lag.transition.up)LAG %s on KSW %s is up."},
+     "", tevd_ev::ClearNetLacpLagTransitionUp},
     {"tev.net.portset.unsupported.psclass", TevdNetCorrelatorTranslate, Problem, TevdRead::OneCall,
-     "s", "",
-     "@&!*@*@(kos.problem.net.portset.unsupported.psclass)%s is not a Orlan supported portset class, "
-     "the relevant module must be unloaded."},
+     "s", "", tevd_ev::ProblemNetPortsetUnsupportedPsclass},
 };
 static_assert(sizeof(kNetRows) / sizeof(kNetRows[0]) == 42, "net handles 42 observations");
 static_assert(TevdTranslate_FirstBadRow(kNetRows) == -1, "a net row does not fit its template");
@@ -183,24 +146,11 @@ int TevdNetCorrelatorFencePortFail(Tev *tev) {
   }
   // Kernel return codes: invalid fence id, and switch without fence property.
   if (status == 0xbad0007) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.fence.port.badfenceid)Mantle fails to set fenceId %d on "
-        "distributed virtual port %s on switch %s, reason: invalid fenceId",
-        fenceId, port, vswitch);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetFencePortBadfenceid, fenceId, port, vswitch);
   } else if (status == 0xbad0002) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.fence.switch.unavailable)Mantle fails to set fenceId %d on "
-        "distributed virtual port %s on switch %s, reason: dvSwitch fence property is not set",
-        fenceId, port, vswitch);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetFenceSwitchUnavailable, fenceId, port, vswitch);
   } else {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.fence.resource.limited)Mantle fails to set fenceId %d on "
-        "distributed virtual port %s on switch %s, reason: maximum number of fence networks "
-        "or ports have been reached",
-        fenceId, port, vswitch);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetFenceResourceLimited, fenceId, port, vswitch);
   }
   return 0;
 }
@@ -224,12 +174,7 @@ int TevdNetCorrelatorTso6NotSupported(Tev *tev) {
   } catch (const std::exception &) {
     return 0;
   }
-  TevdQprob_Post(
-      0, Problem,
-      "@&!*@*@(kos.problem.net.e1000.tso6.notsupported)Guest-initiated IPv6 TCP Segmentation "
-      "Offload (TSO) packets ignored. Manually disable TSO inside the guest operating system "
-      "in Virtual Machine %s, or use a different virtual adapter.",
-      name.c_str());
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemNetE1000Tso6Notsupported, name.c_str());
   return 0;
 }
 

@@ -66,11 +66,7 @@ void TevdNetCorrelatorNoteLinkDown(const std::string &nic) {
     return;
   }
   if (TakeNicDown(nic)) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.hwnic.linkstate.flapping)Taking down physical NIC %s because "
-        "the link is flapping.",
-        nic.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetHwnicLinkstateFlapping, nic.c_str());
   }
   history.clear();
 }

@@ -91,9 +91,7 @@ struct RestoreLists {
 std::string DvPortLabel(const DvPortInfo &info) { return info.first + "/" + info.second; }
 
 void PostLinkDown(const std::string &nic) {
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.net.hwnic.linkstate.down)Physical NIC %s linkstate is down",
-                 nic.c_str());
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemNetHwnicLinkstateDown, nic.c_str());
 }
 
 void ReportPortgroupUp(const std::string &nic) {
@@ -111,18 +109,12 @@ void ReportPortgroupUp(const std::string &nic) {
     lists.Add(pg.name, pg.uplinks);
   }
   if (!lists.connectivity.empty()) {
-    TevdQprob_Post(
-        0, Clear,
-        "@&!*@*@(kos.clear.net.connectivity.restored)Network connectivity restored on virtual "
-        "switch %s, portgroups: %s. Physical NIC %s is up",
-        vswitch.c_str(), QuotedList(lists.connectivity).c_str(), nic.c_str());
+    TevdQprob_Post(0, Clear, tevd_ev::ClearNetConnectivityRestored, vswitch.c_str(),
+                   QuotedList(lists.connectivity).c_str(), nic.c_str());
   }
   if (!lists.redundancy.empty()) {
-    TevdQprob_Post(
-        0, Clear,
-        "@&!*@*@(kos.clear.net.redundancy.restored)Uplink redundancy restored on virtual "
-        "switch %s, portgroups: %s. Physical NIC %s is up",
-        vswitch.c_str(), QuotedList(lists.redundancy).c_str(), nic.c_str());
+    TevdQprob_Post(0, Clear, tevd_ev::ClearNetRedundancyRestored, vswitch.c_str(),
+                   QuotedList(lists.redundancy).c_str(), nic.c_str());
   }
   tevdNet.pgUpInfo.erase(it);
 }
@@ -138,16 +130,11 @@ void ReportDvportUp(const std::string &nic) {
     lists.Add(DvPortLabel(port), port.uplinks);
   }
   if (!lists.connectivity.empty()) {
-    TevdQprob_Post(
-        0, Clear,
-        "@&!*@*@(kos.clear.net.dvport.connectivity.restored)Network connectivity restored on "
-        "DVPorts: %s. Physical NIC %s is up",
-        QuotedList(lists.connectivity).c_str(), nic.c_str());
+    TevdQprob_Post(0, Clear, tevd_ev::ClearNetDvportConnectivityRestored,
+                   QuotedList(lists.connectivity).c_str(), nic.c_str());
   }
   if (!lists.redundancy.empty()) {
-    TevdQprob_Post(0, Clear,
-                   "@&!*@*@(kos.clear.net.dvport.redundancy.restored)Uplink redundancy restored on "
-                   "DVPorts: %s. Physical NIC %s is up",
+    TevdQprob_Post(0, Clear, tevd_ev::ClearNetDvportRedundancyRestored,
                    QuotedList(lists.redundancy).c_str(), nic.c_str());
   }
   tevdNet.dvPortUpInfo.erase(it);
@@ -183,11 +170,7 @@ void HandleWatchdogExpiry(const std::string &nic) {
       tevdNet.dvPortUpInfo.erase(nic);
     }
     tevdNet.hwnicStates[nic] = 0;
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.hwnic.watchdog.reset)Uplink %s has recovered from a transient "
-        "failure due to watchdog timeout",
-        nic.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetHwnicWatchdogReset, nic.c_str());
   }
 }
 
@@ -216,9 +199,7 @@ void HandleExpired(const std::string &nic, uint32_t state) {
     case HWNIC_LINK_UP:
       ClearBits(nic, HWNIC_LINK_UP);
       if (!TevdNetCorrelatorHasAny(nic, HWNIC_PG_UP | HWNIC_DVPORT_UP | HWNIC_WATCHDOG)) {
-        TevdQprob_Post(0, Clear,
-                       "@&!*@*@(kos.clear.net.hwnic.linkstate.up)Physical NIC %s linkstate is up",
-                       nic.c_str());
+        TevdQprob_Post(0, Clear, tevd_ev::ClearNetHwnicLinkstateUp, nic.c_str());
       }
       break;
     case HWNIC_LINK_DOWN:
@@ -313,25 +294,16 @@ void TevdNetCorrelatorReportPortgroupDown(const std::string &nic) {
     lists.Add(pg.name, pg.uplinks);
   }
   if (!lists.connectivity.empty()) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.connectivity.lost)Lost network connectivity on virtual switch "
-        "%s. Physical NIC %s is down. Affected port groups: %s",
-        vswitch.c_str(), nic.c_str(), QuotedList(lists.connectivity).c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetConnectivityLost, vswitch.c_str(), nic.c_str(),
+                   QuotedList(lists.connectivity).c_str());
   }
   if (!lists.redundancyLost.empty()) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.redundancy.lost)Lost uplink redundancy on virtual switch %s. "
-        "Physical NIC %s is down. Affected port groups: %s",
-        vswitch.c_str(), nic.c_str(), QuotedList(lists.redundancyLost).c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetRedundancyLost, vswitch.c_str(), nic.c_str(),
+                   QuotedList(lists.redundancyLost).c_str());
   }
   if (!lists.degraded.empty()) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.redundancy.degraded)Uplink redundancy degraded on virtual "
-        "switch %s. Physical NIC %s is down. Affected port groups: %s",
-        vswitch.c_str(), nic.c_str(), QuotedList(lists.degraded).c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetRedundancyDegraded, vswitch.c_str(), nic.c_str(),
+                   QuotedList(lists.degraded).c_str());
   }
   tevdNet.pgDownInfo.erase(it);
 }
@@ -347,25 +319,16 @@ void TevdNetCorrelatorReportDvportDown(const std::string &nic) {
     lists.Add(DvPortLabel(port), port.uplinks);
   }
   if (!lists.connectivity.empty()) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.dvport.connectivity.lost)Lost network connectivity on DVPorts: "
-        "%s. Physical NIC %s is down.",
-        QuotedList(lists.connectivity).c_str(), nic.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetDvportConnectivityLost,
+                   QuotedList(lists.connectivity).c_str(), nic.c_str());
   }
   if (!lists.redundancyLost.empty()) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.dvport.redundancy.lost)Lost uplink redundancy on DVPorts: %s. "
-        "Physical NIC %s is down.",
-        QuotedList(lists.redundancyLost).c_str(), nic.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetDvportRedundancyLost,
+                   QuotedList(lists.redundancyLost).c_str(), nic.c_str());
   }
   if (!lists.degraded.empty()) {
-    TevdQprob_Post(
-        0, Problem,
-        "@&!*@*@(kos.problem.net.dvport.redundancy.degraded)Uplink redundancy degraded on "
-        "DVPorts: %s. Physical NIC %s is down.",
-        QuotedList(lists.degraded).c_str(), nic.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemNetDvportRedundancyDegraded,
+                   QuotedList(lists.degraded).c_str(), nic.c_str());
   }
   tevdNet.dvPortDownInfo.erase(it);
 }

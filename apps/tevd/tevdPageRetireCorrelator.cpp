@@ -82,12 +82,7 @@ void KillVirtualMachine(TevdPRInjectedMCEsPerVM &rec, int count, uint32_t page) 
     std::unique_ptr<MtlCtl::Resource::VirtualMachine> vm =
         resources.GetVirtualMachineByWorldId(rec.vmId);
     std::string name = vm->GetName();
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.pageretire.mce.injected.2)Killing %s because at least %d "
-                   "uncorrectable memory error machine check exceptions were injected for guest "
-                   "physical page %#x but the virtual machine's operating system kept using the "
-                   "page.",
-                   name.c_str(), count, page);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemPageretireMceInjected2, name.c_str(), count, page);
     rec.killed = true;
     vm->Kill(0);
   } catch (...) {
@@ -169,10 +164,7 @@ int TevdPageRetireCorrelatorSelectedThreshold(Tev *tev) {
   if (d < gLastReported) {
     return 0;
   }
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.pageretire.selectedmpnthreshold.host.exceeded)Number of host "
-                 "physical memory pages that have been selected for retirement (%lu) exceeds "
-                 "threshold (%lu).",
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemPageretireSelectedmpnthresholdHostExceeded,
                  static_cast<unsigned long>(n), static_cast<unsigned long>(gThreshold));
   gLastReported = n;
   return 0;
@@ -191,12 +183,7 @@ int TevdPageRetireCorrelatorSelectedNotRetired(Tev *tev) {
   if (gNotRetiredReported) {
     return 0;
   }
-  TevdQprob_Post(
-      0, Problem,
-      "@&!*@*@(kos.problem.pageretire.selectedbutnotretired.high)Number of host physical "
-      "memory pages that have been selected for retirement but could not yet be retired "
-      "is high: %lu",
-      count);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemPageretireSelectedbutnotretiredHigh, count);
   gNotRetiredReported = true;
   return 0;
 }
@@ -221,10 +208,7 @@ int TevdPageRetireCorrelatorPlatformRequest(Tev *tev) {
   }
   const char *id = nullptr;
   if (Tev_GetID(tev, &id) == 0 && id != nullptr && strcmp(id, kIdPlatformRequest) == 0) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.pageretire.platform.retire.request)Memory page retirement "
-                   "requested by platform firmware. FRU ID: %s. Refer to System Hardware Log: %s",
-                   fru, hwLog);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemPageretirePlatformRetireRequest, fru, hwLog);
   }
   return 0;
 }

@@ -8,6 +8,8 @@
 #include <cstdint>
 
 #include "Str.h"
+// Every template posted is a row of the event catalogue: tevd_ev::Name.
+#include "tevdEvents.h"
 
 typedef int32_t EventClass;
 enum : int32_t { Problem = 0, Audit = 1, Clear = 2 };

@@ -31,8 +31,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "ds",
      "",
-     "@&!*@*@(kos.problem.scsi.device.limitreached)The maximum number of supported devices of %d "
-     "has been reached. A device from plugin %s could not be created.",
+     tevd_ev::ProblemScsiDeviceLimitreached,
      {"Failed to get device limit reached device count: %d\n",
       "Failed to get device limit reached plugin name: %d\n"}},
     {"tev.scsi.scsipath.limitreached",
@@ -41,8 +40,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "ds",
      "",
-     "@&!*@*@(kos.problem.scsi.scsipath.limitreached)The maximum number of supported paths of %d "
-     "has been reached. Path %s could not be added.",
+     tevd_ev::ProblemScsiScsipathLimitreached,
      {"Failed to get path limit reached path count: %d\n",
       "Failed to get path limit reached path name: %d\n"}},
     {"tev.scsi.scsipath.badpath.unsafepe", TevdScsiCorrelatorDoBadPePath},
@@ -59,8 +57,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "s",
      "",
-     "@&!*@*@(kos.problem.scsi.device.state.permanentloss.pluggedback)Device: %s has been plugged "
-     "back in after being marked permanently inaccessible. No data consistency guarantees.",
+     tevd_ev::ProblemScsiDeviceStatePermanentlossPluggedback,
      {SCSI_DEVICE_NAME_FAILED}},
     {"tev.scsi.device.state.permanentloss.deviceonline",
      TevdScsiCorrelatorDoDeviceOnline,
@@ -68,8 +65,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "s",
      "",
-     "@&!*@*@(kos.clear.scsi.device.state.permanentloss.deviceonline)Device: %s, that was "
-     "permanently inaccessible, is now online. No data consistency guarantees.",
+     tevd_ev::ClearScsiDeviceStatePermanentlossDeviceonline,
      {SCSI_DEVICE_NAME_FAILED}},
     // The two blanks after "Device: %s" belong to these two texts.
     {"tev.scsi.device.state.off",
@@ -78,8 +74,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "s",
      "",
-     "@&!*@*@(kos.problem.scsi.device.state.off)Device: %s  has been turned off "
-     "administratively",
+     tevd_ev::ProblemScsiDeviceStateOff,
      {SCSI_DEVICE_NAME_FAILED}},
     {"tev.scsi.device.state.on",
      TevdScsiCorrelatorDoDeviceOn,
@@ -87,7 +82,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "s",
      "",
-     "@&!*@*@(kos.clear.scsi.device.state.on)Device: %s  has been turned on administratively",
+     tevd_ev::ClearScsiDeviceStateOn,
      {SCSI_DEVICE_NAME_FAILED}},
     // QErr now set, device, QErr supported; both values print as "0x%x".
     {"tev.scsi.device.io.qerr.change.config",
@@ -96,10 +91,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "dsd",
      "",
-     "@&!*@*@(kos.problem.scsi.device.io.qerr.change.config)QErr set to 0x%x for device %s. This "
-     "may cause unexpected behavior. The system is not configured to change the Qerr setting of "
-     "device. The Qerr value supported by system is 0x%x. Please check the SCSI "
-     "ChangeQErrSetting configuration value for KOS.",
+     tevd_ev::ProblemScsiDeviceIoQerrChangeConfig,
      {SCSI_CORRELATE_FAILED}},
     {"tev.scsi.device.io.qerr.changed",
      TevdScsiCorrelatorDoTranslation,
@@ -107,9 +99,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "dsd",
      "",
-     "@&!*@*@(kos.problem.scsi.device.io.qerr.changed)QErr set to 0x%x for device %s. This may "
-     "cause unexpected behavior. The device was originally configured to the supported QErr "
-     "setting of 0x%x, but this has been changed and could not be reset.",
+     tevd_ev::ProblemScsiDeviceIoQerrChanged,
      {SCSI_CORRELATE_FAILED}},
     // Device, plugin.
     {"tev.scsi.device.io.bad.plugin.type",
@@ -118,8 +108,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "ss",
      "",
-     "@&!*@*@(kos.problem.scsi.device.io.bad.plugin.type)Bad Plugin type for device %s, plugin "
-     "%s",
+     tevd_ev::ProblemScsiDeviceIoBadPluginType,
      {SCSI_CORRELATE_FAILED}},
     // Only this text spells "Plugin" with a capital letter.
     {"tev.scsi.device.io.inquiry.failed",
@@ -128,8 +117,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "ss",
      "",
-     "@&!*@*@(kos.problem.scsi.device.io.inquiry.failed)Failed to get standard inquiry for device "
-     "%s from Plugin %s.",
+     tevd_ev::ProblemScsiDeviceIoInquiryFailed,
      {SCSI_CORRELATE_FAILED}},
     {"tev.scsi.device.is.pseudo.failed",
      TevdScsiCorrelatorDoTranslation,
@@ -137,8 +125,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "ss",
      "",
-     "@&!*@*@(kos.problem.scsi.device.is.pseudo.failed)Failed to verify if the device %s from "
-     "plugin %s is a pseudo device",
+     tevd_ev::ProblemScsiDeviceIsPseudoFailed,
      {SCSI_CORRELATE_FAILED}},
     {"tev.scsi.device.is.ssd.failed",
      TevdScsiCorrelatorDoTranslation,
@@ -146,8 +133,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "ss",
      "",
-     "@&!*@*@(kos.problem.scsi.device.is.ssd.failed)Failed to verify if the device %s from plugin "
-     "%s is a Solid State Disk device",
+     tevd_ev::ProblemScsiDeviceIsSsdFailed,
      {SCSI_CORRELATE_FAILED}},
     {"tev.scsi.device.is.local.failed",
      TevdScsiCorrelatorDoTranslation,
@@ -155,8 +141,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "ss",
      "",
-     "@&!*@*@(kos.problem.scsi.device.is.local.failed)Failed to verify if the device %s from "
-     "plugin %s is a local - not shared - device",
+     tevd_ev::ProblemScsiDeviceIsLocalFailed,
      {SCSI_CORRELATE_FAILED}},
     {"tev.scsi.device.close.failed",
      TevdScsiCorrelatorDoTranslation,
@@ -164,8 +149,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "ss",
      "",
-     "@&!*@*@(kos.problem.scsi.device.close.failed)Failed to close the device %s properly, plugin "
-     "%s",
+     tevd_ev::ProblemScsiDeviceCloseFailed,
      {SCSI_CORRELATE_FAILED}},
     {"tev.scsi.device.filter.attach.failed",
      TevdScsiCorrelatorDoTranslation,
@@ -173,8 +157,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "s",
      "",
-     "@&!*@*@(kos.problem.scsi.device.filter.attach.failed)Failed to attach filters to device "
-     "'%s' during registration. Plugin load failed or the filter rules are incorrect.",
+     tevd_ev::ProblemScsiDeviceFilterAttachFailed,
      {"Failed to get params for correlation %s: %d\n"}},
     // " :%s" (blank before the colon, none after) is the text's own.
     {"tev.scsi.device.detach.failed",
@@ -183,8 +166,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "s",
      "",
-     "@&!*@*@(kos.problem.scsi.device.detach.failed)Detach failed for device :%s. Exceeded the "
-     "number of devices that can be detached, please cleanup stale detach entries.",
+     tevd_ev::ProblemScsiDeviceDetachFailed,
      {"Failed to get params for correlation %s: %d\n"}},
     {"tev.scsi.unsupported.plugin.type",
      TevdScsiCorrelatorDoTranslation,
@@ -192,13 +174,10 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::ByIndex,
      "d",
      "",
-     "@&!*@*@(kos.problem.scsi.unsupported.plugin.type)Scsi Device Allocation not supported for "
-     "plugin type %x",
+     tevd_ev::ProblemScsiUnsupportedPluginType,
      {SCSI_CORRELATE_FAILED}},
     {"tev.scsi.apd.event.descriptor.alloc.failed", TevdScsiCorrelatorDoTranslation, Problem,
-     TevdRead::ByIndex, "", "",
-     "@&!*@*@(kos.problem.scsi.apd.event.descriptor.alloc.failed)No memory to allocate APD (All "
-     "Paths Down) event subsystem"},
+     TevdRead::ByIndex, "", "", tevd_ev::ProblemScsiApdEventDescriptorAllocFailed},
     // Device, first and second latency in microseconds. The kernel decides
     // when latency is high or improved; the values are passed on as
     // received, never compared here.
@@ -208,8 +187,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "sll",
      "",
-     "@&!*@*@(kos.problem.scsi.device.io.latency.high)Device %s performance has deteriorated. I/O "
-     "latency increased from average value of %ld microseconds to %ld microseconds.",
+     tevd_ev::ProblemScsiDeviceIoLatencyHigh,
      {SCSI_CORRELATE_FAILED}},
     {"tev.scsi.device.io.latency.improved",
      TevdScsiCorrelatorDoTranslation,
@@ -217,8 +195,7 @@ constexpr TevdRow kScsiRows[] = {
      TevdRead::OneCall,
      "sll",
      "",
-     "@&!*@*@(kos.clear.scsi.device.io.latency.improved)Device %s performance has improved. I/O "
-     "latency reduced from %ld microseconds to %ld microseconds.",
+     tevd_ev::ClearScsiDeviceIoLatencyImproved,
      {SCSI_CORRELATE_FAILED}},
 };
 static_assert(sizeof(kScsiRows) / sizeof(kScsiRows[0]) == 33, "the scsi map has 33 rows");
@@ -267,22 +244,14 @@ int TevdScsiCorrelatorDoBadPePath(Tev *tev) {
     return rc;
   }
   if (Tev_IsID(id, "tev.scsi.scsipath.badpath.unsafepe")) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.scsi.scsipath.badpath.unsafepe)Sanity check failed for "
-                   "path %s. Could not safely determine if the path is to a QVol PE. Path "
-                   "dropped.",
-                   path);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemScsiScsipathBadpathUnsafepe, path);
   } else if (Tev_IsID(id, "tev.scsi.scsipath.badpath.unreachpe")) {
     const char *adapter = nullptr;
     if ((rc = Tev_GetStringArg(tev, 1, &adapter)) != 0) {
       TevdLog("Failed to get PE-incapable adapter name for path %s : %d\n", path, rc);
       return rc;
     }
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.scsi.scsipath.badpath.unreachpe)Sanity check failed for "
-                   "path %s. The path is to a QVol PE, but it goes out of adapter %s which is not "
-                   "PE capable. Path dropped.",
-                   path, adapter);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemScsiScsipathBadpathUnreachpe, path, adapter);
   } else {
     TevdLog("Unknown TEV ID: %s\n", id);
   }

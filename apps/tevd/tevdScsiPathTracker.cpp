@@ -97,11 +97,8 @@ void ReportFrequentPathStateChanges(const std::string &path) {
     return;
   }
   const std::string datastores = status == 0 ? "Unknown" : DatastoresOrUnknown(device);
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.storage.connectivity.pathstatechanges)Frequent path state "
-                 "changes are occurring for path %s. This may indicate a storage problem. "
-                 "Affected device: %s. Affected datastores: %s.",
-                 path.c_str(), device.c_str(), datastores.c_str());
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemStorageConnectivityPathstatechanges, path.c_str(),
+                 device.c_str(), datastores.c_str());
 }
 
 void CountPathStateChange(const std::string &path, bool add, bool remove) {
@@ -137,22 +134,16 @@ int TevdScsiCorrelatorDoPathDown(Tev *tev) {
   const std::string datastores = DatastoresOrUnknown(device);
   switch (status) {
     case 2:
-      TevdQprob_Post(0, Problem,
-                     "@&!*@*@(kos.problem.storage.redundancy.lost)Lost path redundancy to storage "
-                     "device %s. Path %s is down. Affected datastores: %s.",
-                     device.c_str(), path, datastores.c_str());
+      TevdQprob_Post(0, Problem, tevd_ev::ProblemStorageRedundancyLost, device.c_str(), path,
+                     datastores.c_str());
       break;
     case 3:
-      TevdQprob_Post(0, Problem,
-                     "@&!*@*@(kos.problem.storage.redundancy.degraded)Path redundancy to storage "
-                     "device %s degraded. Path %s is down. Affected datastores: %s.",
-                     device.c_str(), path, datastores.c_str());
+      TevdQprob_Post(0, Problem, tevd_ev::ProblemStorageRedundancyDegraded, device.c_str(), path,
+                     datastores.c_str());
       break;
     case 1:
-      TevdQprob_Post(0, Problem,
-                     "@&!*@*@(kos.problem.storage.connectivity.lost)Lost connectivity to storage "
-                     "device %s. Path %s is down. Affected datastores: %s.",
-                     device.c_str(), path, datastores.c_str());
+      TevdQprob_Post(0, Problem, tevd_ev::ProblemStorageConnectivityLost, device.c_str(), path,
+                     datastores.c_str());
       break;
     default: break;
   }
@@ -187,16 +178,12 @@ int TevdScsiCorrelatorDoPathUp(Tev *tev) {
   const std::string datastores = DatastoresOrUnknown(device);
   switch (status) {
     case 2:
-      TevdQprob_Post(0, Clear,
-                     "@&!*@*@(kos.clear.storage.connectivity.restored)Connectivity to storage "
-                     "device %s (Datastores: %s) restored. Path %s is active again.",
-                     device.c_str(), datastores.c_str(), path);
+      TevdQprob_Post(0, Clear, tevd_ev::ClearStorageConnectivityRestored, device.c_str(),
+                     datastores.c_str(), path);
       break;
     case 3:
-      TevdQprob_Post(0, Clear,
-                     "@&!*@*@(kos.clear.storage.redundancy.restored)Path redundancy to storage "
-                     "device %s (Datastores: %s) restored. Path %s is active again.",
-                     device.c_str(), datastores.c_str(), path);
+      TevdQprob_Post(0, Clear, tevd_ev::ClearStorageRedundancyRestored, device.c_str(),
+                     datastores.c_str(), path);
       break;
     case 1: break;  // still no path: nothing to clear yet
     default: TevdNotReached("apps/tevd/tevdScsiCorrelator", 1018);
@@ -246,17 +233,11 @@ int TevdScsiCorrelatorDoPowerOnReset(Tev *tev) {
   }
   const std::string datastores = status == 0 ? "Unknown" : DatastoresOrUnknown(device);
   if (isPath) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.storage.connectivity.pathpor)Frequent PowerOn Reset Unit "
-                   "Attentions are occurring on path %s. This may indicate a storage problem. "
-                   "Affected device: %s. Affected datastores: %s.",
-                   name, device.c_str(), datastores.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemStorageConnectivityPathpor, name, device.c_str(),
+                   datastores.c_str());
   } else {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.storage.connectivity.devicepor)Frequent PowerOn Reset Unit "
-                   "Attentions are occurring on device %s. This may indicate a storage problem. "
-                   "Affected datastores: %s.",
-                   device.c_str(), datastores.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemStorageConnectivityDevicepor, device.c_str(),
+                   datastores.c_str());
   }
   return 0;
 }
@@ -275,22 +256,14 @@ int TevdScsiCorrelatorDoPermanentLoss(Tev *tev) {
   }
   const std::string datastores = DatastoresOrNone(device);
   if (Tev_IsID(id, "tev.scsi.device.state.permanentloss")) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.scsi.device.state.permanentloss)Device: %s has been "
-                   "removed or is permanently inaccessible. Affected datastores (if any): %s.",
-                   device, datastores.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemScsiDeviceStatePermanentloss, device,
+                   datastores.c_str());
   } else if (Tev_IsID(id, "tev.scsi.device.state.permanentloss.withreservationheld")) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.scsi.device.state.permanentloss.withreservationheld)"
-                   "Device: %s has been removed or is permanently inaccessible while holding a "
-                   "reservation. Affected datastores (if any): %s.",
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemScsiDeviceStatePermanentlossWithreservationheld,
                    device, datastores.c_str());
   } else if (Tev_IsID(id, "tev.scsi.device.state.permanentloss.noopens")) {
-    TevdQprob_Post(0, Problem,
-                   "@&!*@*@(kos.problem.scsi.device.state.permanentloss.noopens)Permanently "
-                   "inaccessible device: %s has no more opens. It is now safe to unmount "
-                   "datastores (if any): %s and delete the device",
-                   device, datastores.c_str());
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemScsiDeviceStatePermanentlossNoopens, device,
+                   datastores.c_str());
   }
   return 0;
 }
@@ -303,11 +276,7 @@ int TevdScsiCorrelatorDoThinProvAtQuota(Tev *tev) {
     return rc;
   }
   const std::string datastores = DatastoresOrNone(device);
-  TevdQprob_Post(0, Problem,
-                 "@&!*@*@(kos.problem.scsi.device.thinprov.atquota)Space utilization on "
-                 "thin-provisioned device %s exceeded configured threshold. Affected datastores "
-                 "(if any): %s.",
-                 device, datastores.c_str());
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemScsiDeviceThinprovAtquota, device, datastores.c_str());
   return 0;
 }
 

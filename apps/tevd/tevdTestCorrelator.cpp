@@ -115,13 +115,12 @@ char *HugeString() {
 // oversized ones that the posting code must drop.
 void RunQprobTests() {
   Line("INFO: Testing QProb_PostProblem.");
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.tevdtestcorrelator.test.0)No args");
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.tevdtestcorrelator.test.1d)%d args", 1);
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.tevdtestcorrelator.test.1s)%s args", "one");
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemTevdtestcorrelatorTest0);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemTevdtestcorrelatorTest1d, 1);
+  TevdQprob_Post(0, Problem, tevd_ev::ProblemTevdtestcorrelatorTest1s, "one");
   char *huge = HugeString();
   if (huge != nullptr) {
-    TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.tevdtestcorrelator.test.hugestr)Huge string %s",
-                   huge);
+    TevdQprob_Post(0, Problem, tevd_ev::ProblemTevdtestcorrelatorTestHugestr, huge);
     free(huge);
   }
   char *hugeId = HugeString();
@@ -130,10 +129,9 @@ void RunQprobTests() {
     free(hugeId);
   }
   Line("INFO: Testing QProb_PostAudit.");
-  TevdQprob_Post(0, Audit, "@&!*@*@(kos.audit.tevdtestcorrelator.test)%s (%d) args", "Two", 2);
+  TevdQprob_Post(0, Audit, tevd_ev::AuditTevdtestcorrelatorTest, "Two", 2);
   Line("INFO: Testing QProb_PostClear.");
-  TevdQprob_Post(0, Clear, "@&!*@*@(kos.clear.tevdtestcorrelator.test)%s (%d) %ss", "Three", 3,
-                 "arg");
+  TevdQprob_Post(0, Clear, tevd_ev::ClearTevdtestcorrelatorTest, "Three", 3, "arg");
   Line("INFO: Qprob tests completed");
   qprobTestsDone = true;
 }

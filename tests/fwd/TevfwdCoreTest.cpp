@@ -1,6 +1,6 @@
-// The forwarder's tables and state, without Alertmanager: label names, the
-// pairing table's consistency, and the spool, re-send and lifetime under a
-// clock the test sets.
+// The forwarder's state, without Alertmanager: label values, resolution by
+// object, and the spool, re-send and lifetime under a clock the test sets.
+// (The catalogue's own consistency is checked when it compiles.)
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -17,48 +17,28 @@ using tevdtest::S;
 using tevfwd::Forwarder;
 using tevfwd::Rfc3339;
 
-int NumConversions(const char *text) {
-  std::vector<uint32_t> types;
-  std::string why;
-  EXPECT_TRUE(MsgFmt_TypesOfFormat(text, &types, &why)) << text << ": " << why;
-  return static_cast<int>(types.size());
-}
-
-TEST(TevfwdTables, LabelNamesComeFromTheWordBeforeEachArgumentAndAreValidAndDistinct) {
-  const std::pair<const char *, std::vector<std::string>> cases[] = {
-      {"%s free size dropped below %d percent.", {"arg0", "below"}},
-      {"uplink %s on KSW %s is blocked", {"uplink", "ksw"}},
-      {"%s %s", {"arg0", "arg1"}},
-      {"Device %s on device %s", {"device", "device_2"}},
+// Label values are the daemon's argument texts, with its quoted lists (port
+// groups, datastores) turned into comma-separated items; object labels match
+// when every item of the alert's value is among the recovery's.
+TEST(TevfwdEvents, QuotedListsBecomeItemsAndObjectsMatchByItems) {
+  const std::pair<const char *, const char *> values[] = {
+      {R"("br0")", "br0"},
+      {R"("pg-a", "pg-b")", "pg-a,pg-b"},
+      {"hwnic0", "hwnic0"},
+      {R"("unterminated)", R"("unterminated)"},
+      {R"("a" "b")", R"("a" "b")"},
+      {R"("a", )", R"("a", )"},
+      {"", ""},
   };
-  for (const auto &c : cases)
-    EXPECT_EQ(tevfwd::ArgLabelNames(c.first, c.second.size()), c.second) << c.first;
-  const std::regex valid("[a-z_][a-z0-9_]*");
-  const std::set<std::string> reserved = {"alertname", "host", "instance", "class", "severity"};
-  ASSERT_GT(tevfwd::Templates().size(), 100u);
-  for (const auto &t : tevfwd::Templates()) {
-    std::set<std::string> seen;
-    for (const std::string &n :
-         tevfwd::ArgLabelNames(t.text, static_cast<size_t>(NumConversions(t.text)))) {
-      EXPECT_TRUE(std::regex_match(n, valid) && seen.insert(n).second && !reserved.count(n))
-          << t.id << ": " << n;
-    }
-  }
-}
-
-TEST(TevfwdTables, EveryPairingNamesExistingEventsAndArguments) {
-  for (const auto &p : tevfwd::ClearPairs()) {
-    const auto *resolver = tevfwd::FindTemplate(p.resolver);
-    const auto *problem = tevfwd::FindTemplate(p.problem);
-    ASSERT_TRUE(resolver != nullptr && problem != nullptr) << p.resolver << " " << p.problem;
-    EXPECT_EQ(std::string(p.problem).rfind("kos.problem.", 0), 0u) << p.problem;
-    EXPECT_FALSE(tevfwd::IsResolver(p.problem)) << p.problem << " both resolves and is resolved";
-    ASSERT_EQ(strlen(p.resolverArgs), strlen(p.problemArgs)) << p.resolver;
-    for (size_t k = 0; p.resolverArgs[k] != '\0'; ++k) {
-      EXPECT_LT(p.resolverArgs[k] - '0', NumConversions(resolver->text)) << p.resolver;
-      EXPECT_LT(p.problemArgs[k] - '0', NumConversions(problem->text)) << p.problem;
-    }
-  }
+  for (const auto &v : values) EXPECT_EQ(tevfwd::LabelValue(v.first), v.second) << v.first;
+  EXPECT_TRUE(tevfwd::ItemsCovered("pg-a", "pg-a,pg-b"));
+  EXPECT_TRUE(tevfwd::ItemsCovered("pg-b,pg-a", "pg-a,pg-b"));
+  EXPECT_FALSE(tevfwd::ItemsCovered("pg-a,pg-c", "pg-a,pg-b"));
+  EXPECT_FALSE(tevfwd::ItemsCovered("ksw0", "ksw01"));
+  // Names from the catalogue; an event it does not know gets argN.
+  EXPECT_EQ(tevfwd::ArgLabelNames(TevdEvents_Find("kos.problem.net.redundancy.lost"), 3),
+            (std::vector<std::string>{"switch", "nic", "portgroups"}));
+  EXPECT_EQ(tevfwd::ArgLabelNames(nullptr, 2), (std::vector<std::string>{"arg0", "arg1"}));
 }
 
 QprobMessage Msg(const std::string &id, std::vector<MsgFmt_Value> args, uint64_t tsMs = 1000000) {
@@ -93,36 +73,103 @@ json DeliverAll(Forwarder *f, int64_t now) {
   return out;
 }
 
-TEST(TevfwdForwarder, ProblemFiresAndItsClearResolvesOnlyTheSameObject) {
-  Forwarder f(Opts());
+TEST(TevfwdForwarder, AlertCarriesTheCatalogueLabelsSeverityAndAnnotations) {
+  tevfwd::Options o = Opts();
+  o.runbookUrl = "https://runbooks.example/tevd#";
+  Forwarder f(o);
   const int64_t t0 = 1000000;
-  const std::string lost = "kos.problem.net.redundancy.lost";
-  for (const char *nic : {"hwnic0", "hwnic1"})
-    f.Accept(Msg(lost, {S("ksw0"), S(nic), S("pg")}), t0);
+  const std::string lost = "kos.problem.net.connectivity.lost";
+  f.Accept(Msg(lost, {S("br0"), S("hwnic1"), S(R"("pg-guests", "pg-mgmt")")}), t0);
   json fired = DeliverAll(&f, t0);
-  ASSERT_EQ(fired.size(), 2u);
+  ASSERT_EQ(fired.size(), 1u);
   EXPECT_EQ(fired[0]["labels"],
             json::parse(R"({"alertname":")" + lost +
                         R"(","class":"problem","host":"6f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0",)"
-                        R"("instance":"h1","severity":"warning","switch":"ksw0","nic":"hwnic0",)"
-                        R"("groups":"pg"})"));
+                        R"("instance":"h1","severity":"critical","switch":"br0","nic":"hwnic1",)"
+                        R"("portgroups":"pg-guests,pg-mgmt"})"));
+  EXPECT_EQ(fired[0]["annotations"],
+            json::parse(R"({"summary":"Network connectivity lost on a virtual switch",)"
+                        R"("description":"Lost network connectivity on virtual switch br0. )"
+                        R"(Physical NIC hwnic1 is down. Affected port groups: \"pg-guests\", )"
+                        R"(\"pg-mgmt\"","runbook_url":"https://runbooks.example/tevd#)" +
+                        lost + R"("})"));
   EXPECT_EQ(fired[0]["startsAt"], Rfc3339(t0));
   EXPECT_EQ(fired[0]["endsAt"], Rfc3339(t0 + 3 * 60000));  // firing: three re-sends ahead
   EXPECT_EQ(f.SpoolLength(), 0u);
-  EXPECT_EQ(f.counters().sent, 2u);
-  // Argument order differs between the two events: NIC 2 of the clear is NIC 1 of the problem.
-  f.Accept(Msg("kos.clear.net.redundancy.restored", {S("ksw0"), S("pg-x"), S("hwnic1")}), t0 + 5);
-  json resolved = DeliverAll(&f, t0 + 5);
-  ASSERT_EQ(resolved.size(), 1u);
-  EXPECT_EQ(resolved[0]["labels"]["nic"], "hwnic1");
-  EXPECT_EQ(resolved[0]["endsAt"], Rfc3339(t0 + 5));
-  EXPECT_EQ(f.ActiveCount(), 1u);
-  EXPECT_EQ(f.counters().resolved, 1u);
-  // Another host's clear resolves nothing.
-  QprobMessage other = Msg("kos.clear.net.redundancy.restored", {S("ksw0"), S("x"), S("hwnic0")});
+  EXPECT_EQ(f.counters().sent, 1u);
+  // Another host's recovery resolves nothing.
+  QprobMessage other =
+      Msg("kos.clear.net.redundancy.restored", {S("br0"), S(R"("pg-guests", "pg-mgmt")"), S("x")});
   other.hostUuid = "00000000-0000-0000-0000-000000000000";
   f.Accept(other, t0 + 6);
   EXPECT_EQ(f.ActiveCount(), 1u);
+}
+
+// Resolution follows the object: each story's events in order, then the
+// alerts still firing. The NIC or path a recovery names is not compared.
+TEST(TevfwdForwarder, RecoveriesResolveEveryAlertAboutTheirObject) {
+  using Args = std::vector<MsgFmt_Value>;
+  struct Story {
+    const char *name;
+    std::vector<std::pair<std::string, Args>> events;
+    std::set<std::string> firing;
+  };
+  const std::string pg = R"("pg-guests")";
+  const Story stories[] = {
+      {"both uplinks of a bridge down and back",
+       {{"kos.problem.net.redundancy.lost", {S("br0"), S("hwnic0"), S(pg)}},
+        {"kos.problem.net.connectivity.lost", {S("br0"), S("hwnic1"), S(pg)}},
+        {"kos.clear.net.connectivity.restored", {S("br0"), S(pg), S("hwnic0")}},
+        {"kos.clear.net.redundancy.restored", {S("br0"), S(pg), S("hwnic1")}}},
+       {}},
+      {"one uplink back: connectivity returns, redundancy is still lost",
+       {{"kos.problem.net.redundancy.lost", {S("br0"), S("hwnic0"), S(pg)}},
+        {"kos.problem.net.connectivity.lost", {S("br0"), S("hwnic1"), S(pg)}},
+        {"kos.clear.net.connectivity.restored", {S("br0"), S(pg), S("hwnic1")}}},
+       {"kos.problem.net.redundancy.lost"}},
+      {"another switch's recovery",
+       {{"kos.problem.net.redundancy.lost", {S("br0"), S("hwnic0"), S(pg)}},
+        {"kos.clear.net.redundancy.restored", {S("br1"), S(pg), S("hwnic0")}}},
+       {"kos.problem.net.redundancy.lost"}},
+      {"a recovery of one port group leaves the other's loss",
+       {{"kos.problem.net.redundancy.lost", {S("br0"), S("hwnic0"), S(R"("pg-a")")}},
+        {"kos.problem.net.redundancy.degraded", {S("br0"), S("hwnic0"), S(R"("pg-b")")}},
+        {"kos.clear.net.redundancy.restored", {S("br0"), S(R"("pg-b")"), S("hwnic0")}}},
+       {"kos.problem.net.redundancy.lost"}},
+      {"both paths of a device down and back",
+       {{"kos.problem.storage.redundancy.lost", {S("naa.1"), S("hba1:C0:T0:L1"), S("ds1")}},
+        {"kos.problem.storage.connectivity.lost", {S("naa.1"), S("hba2:C0:T0:L1"), S("ds1")}},
+        {"kos.clear.storage.connectivity.restored", {S("naa.1"), S("ds1"), S("hba1:C0:T0:L1")}},
+        {"kos.clear.storage.redundancy.restored", {S("naa.1"), S("ds1"), S("hba2:C0:T0:L1")}}},
+       {}},
+      {"a flapping NIC taken down comes back",
+       {{"kos.problem.net.hwnic.linkstate.down", {S("hwnic0")}},
+        {"kos.problem.net.hwnic.linkstate.flapping", {S("hwnic0")}},
+        {"kos.clear.net.hwnic.linkstate.up", {S("hwnic1")}},
+        {"kos.clear.net.hwnic.linkstate.up", {S("hwnic0")}}},
+       {}},
+      {"a problem-class recovery is not an alert itself",
+       {{"kos.problem.kfs.extent.offline", {S("naa.2"), S("fs1")}},
+        {"kos.problem.kfs.extent.online", {S("naa.2"), S("fs1")}}},
+       {}},
+  };
+  for (const Story &story : stories) {
+    Forwarder f(Opts());
+    int64_t t = 1000000;
+    for (const auto &ev : story.events) {
+      f.Accept(Msg(ev.first, ev.second, t), t);
+      t += 1000;
+    }
+    // The last word on each alert (labels) is whether it still fires.
+    std::map<std::string, json> last;
+    for (const json &a : DeliverAll(&f, t)) last[a["labels"].dump()] = a;
+    std::set<std::string> firing;
+    for (const auto &kv : last) {
+      if (kv.second["endsAt"] > Rfc3339(t)) firing.insert(kv.second["labels"]["alertname"]);
+    }
+    EXPECT_EQ(firing, story.firing) << story.name;
+    EXPECT_EQ(f.ActiveCount(), story.firing.size()) << story.name;
+  }
 }
 
 TEST(TevfwdForwarder, ResendLifetimeAndAuditsFollowTheClock) {

@@ -152,6 +152,49 @@ TEST_F(TevfwdE2E, ProblemFiresOnBothReplicasWithTheSameLabelsAndItsClearResolves
   EXPECT_TRUE(Eventually([&] { return BothList(id, 0); }, 15000)) << "not resolved";
 }
 
+// Both uplinks of a bridge go down and come back: the daemon's recoveries
+// name the NICs in the other order, and still nothing stays firing.
+TEST_F(TevfwdE2E, BothUplinksDownAndBackLeaveNothingFiring) {
+  for (Args a : {Args{"host", "portgroup", "pg-guests", "br0"}, Args{"host", "nic", "hwnic0"},
+                 Args{"host", "nic", "hwnic1"}}) {
+    ASSERT_EQ(tevdtest::RunTevctl(root_, a).status, 0);
+  }
+  StartChain();
+  auto uplink = [&](const char *nic, bool up, int left) {
+    if (up) {
+      Post({"tev.net.pg.uplink.transition.up",
+            "Uplink %s of port group %s is up, %d active uplinks", nic, "pg-guests",
+            std::to_string(left)});
+    } else {
+      Post({"tev.net.pg.uplink.transition.down",
+            "Uplink %s of port group %s is down, %d active uplinks left (%d)", nic, "pg-guests",
+            std::to_string(left), "0"});
+    }
+    Post({up ? "tev.net.hwnic.linkstate.up" : "tev.net.hwnic.linkstate.down",
+          up ? "Physical NIC %s linkstate is up" : "Physical NIC %s linkstate is down", nic});
+  };
+  const std::string lost = "kos.problem.net.redundancy.lost";
+  const std::string cut = "kos.problem.net.connectivity.lost";
+  uplink("hwnic0", false, 1);
+  ASSERT_TRUE(Eventually([&] { return BothList(lost, 1); }, 15000)) << fwd_->Stderr();
+  const json a = ListAlerts(ports_[0])[0];
+  EXPECT_EQ(a["labels"]["switch"], "br0");
+  EXPECT_EQ(a["labels"]["portgroups"], "pg-guests");
+  EXPECT_EQ(a["labels"]["severity"], "warning");
+  uplink("hwnic1", false, 0);
+  ASSERT_TRUE(Eventually([&] { return BothList(cut, 1); }, 15000)) << fwd_->Stderr();
+  uplink("hwnic0", true, 1);
+  ASSERT_TRUE(Eventually([&] { return BothList(cut, 0); }, 15000)) << fwd_->Stderr();
+  EXPECT_TRUE(BothList(lost, 1)) << "one uplink back is not redundancy";
+  uplink("hwnic1", true, 2);
+  EXPECT_TRUE(Eventually(
+      [&] {
+        return ListAlerts(ports_[0]) == json::array() && ListAlerts(ports_[1]) == json::array();
+      },
+      15000))
+      << ListAlerts(ports_[0]).dump();
+}
+
 TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   StartChain();
   const std::string id = "kos.problem.dhclient.lease.none";

@@ -278,6 +278,8 @@ const Command kCommands[] = {
     {"scenario", "play scenario files against a fresh tevd and check the events",
      tevctl::CmdScenario},
     {"fwd", "print the counters of tevfwd, the forwarder to Alertmanager", tevctl::CmdFwd},
+    {"events", "list the events tevd can post: severity, resolution, what to check",
+     tevctl::CmdEvents},
     {"version", "print the version of tevctl and tevd", CmdVersion},
 };
 

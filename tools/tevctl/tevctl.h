@@ -84,5 +84,6 @@ int CmdLog(const std::vector<std::string> &args);
 int CmdHost(const std::vector<std::string> &args);
 int CmdSelftest(const std::vector<std::string> &args);
 int CmdFwd(const std::vector<std::string> &args);
+int CmdEvents(const std::vector<std::string> &args);
 
 }  // namespace tevctl

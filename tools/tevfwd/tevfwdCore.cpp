@@ -64,6 +64,18 @@ std::string Dump(const json &j) { return j.dump(-1, ' ', false, json::error_hand
 
 bool IsFiring(const json &alert) { return alert.value("endsAt", int64_t{0}) == 0; }
 
+// How long a firing alert lives: its row's lifetime for a state nothing
+// reports the end of, else the option (a clear that never came).
+int64_t LifetimeMs(const json &alert, const Options &opt) {
+  const json &labels = alert["labels"];
+  const auto name = labels.find("alertname");
+  if (name == labels.end() || !name->is_string()) return opt.lifetimeMs;
+  const TevdEventInfo *ev = TevdEvents_Find(name->get<std::string>().c_str());
+  return ev != nullptr && ev->resolution == TevdResolution::Lifetime
+             ? int64_t{ev->lifetimeSec} * 1000
+             : opt.lifetimeMs;
+}
+
 }  // namespace
 
 std::string Fingerprint(const json &labels) { return Dump(labels); }
@@ -91,34 +103,38 @@ std::string Forwarder::EntryPath(uint64_t seq) const {
 
 void Forwarder::Accept(const QprobMessage &msg, int64_t nowMs) {
   ++counters_.received;
-  if (IsResolver(msg.id)) {
-    Resolve(msg, nowMs);
-    return;
-  }
+  const TevdEventInfo *ev = TevdEvents_Find(msg.id.c_str());
+  std::vector<std::string> names = ArgLabelNames(ev, msg.args.size());
+  json labels = json::object();
+  for (size_t i = 0; i < msg.args.size(); ++i) labels[names[i]] = LabelValue(ArgText(msg.args[i]));
+  Resolve(msg, labels, nowMs);
+
   const bool problem = msg.className == "problem";
   const bool audit = msg.className == "audit";
-  if (!problem && !(audit && opt_.audits)) return;  // clears without a pairing row, unknown classes
-
-  const EventTemplate *t = FindTemplate(msg.id);
-  std::vector<std::string> names = ArgLabelNames(t != nullptr ? t->text : nullptr, msg.args.size());
-  json labels = json::object();
-  json args = json::array();
-  for (size_t i = 0; i < msg.args.size(); ++i) {
-    std::string text = ArgText(msg.args[i]);
-    labels[names[i]] = text;
-    args.push_back(text);
+  // Recoveries, clears and unknown classes end alerts at most; audits are
+  // alerts only when asked for.
+  if ((ev != nullptr && ev->resolution == TevdResolution::Recovery) ||
+      !(problem || (audit && opt_.audits))) {
+    return;
   }
+  const bool oneShot = ev != nullptr ? ev->resolution == TevdResolution::OneShot : audit;
   labels["alertname"] = msg.id;
   labels["host"] = msg.hostUuid;
   labels["instance"] = opt_.hostName;
   labels["class"] = msg.className;
-  labels["severity"] = audit ? "info" : "warning";
+  labels["severity"] = ev != nullptr ? TevdEvents_SeverityName(ev->severity)
+                       : audit       ? "info"
+                                     : "warning";
+  json annotations = {{"description", Describe(msg.id, msg.args)}};
+  if (ev != nullptr) {
+    annotations["summary"] = ev->summary;
+    if (!opt_.runbookUrl.empty()) annotations["runbook_url"] = opt_.runbookUrl + msg.id;
+  }
   int64_t startsAt = msg.timestampUs != 0 ? static_cast<int64_t>(msg.timestampUs / 1000) : nowMs;
   json alert = {{"labels", labels},
-                {"annotations", {{"description", Describe(msg.id, msg.args)}}},
+                {"annotations", annotations},
                 {"startsAt", startsAt},
-                {"endsAt", audit ? startsAt + opt_.auditLifetimeMs : 0},
-                {"args", args}};
+                {"endsAt", oneShot ? startsAt + opt_.auditLifetimeMs : 0}};
   Apply(alert);
   Push(std::move(alert), true);
 }
@@ -140,22 +156,25 @@ void Forwarder::Apply(const json &alert) {
   }
 }
 
-void Forwarder::Resolve(const QprobMessage &msg, int64_t nowMs) {
+// Resolution follows the object: every firing alert of this host whose row
+// names `msg` as a clearing event and whose object labels are covered by the
+// same labels of `msg` ends, whichever NIC or path either names.
+void Forwarder::Resolve(const QprobMessage &msg, const json &labels, int64_t nowMs) {
   std::vector<std::string> ended;
-  for (const ClearPair &p : ClearPairs()) {
-    if (msg.id != p.resolver) continue;
+  for (const TevdEventInfo *problem : Resolves(msg.id)) {
+    const std::vector<std::string> object = TevdEvents_Words(problem->object);
     for (const auto &kv : active_) {
-      const json &labels = kv.second.alert["labels"];
-      const json &args = kv.second.alert["args"];
-      if (!args.is_array() || labels.value("alertname", "") != p.problem ||
-          labels.value("host", "") != msg.hostUuid) {
+      const json &alertLabels = kv.second.alert["labels"];
+      if (alertLabels.value("alertname", "") != problem->id ||
+          alertLabels.value("host", "") != msg.hostUuid) {
         continue;
       }
       bool same = true;
-      for (size_t k = 0; p.resolverArgs[k] != '\0' && same; ++k) {
-        size_t ra = static_cast<size_t>(p.resolverArgs[k] - '0');
-        size_t pa = static_cast<size_t>(p.problemArgs[k] - '0');
-        same = ra < msg.args.size() && pa < args.size() && args[pa] == ArgText(msg.args[ra]);
+      for (size_t k = 0; k < object.size() && same; ++k) {
+        const std::string &name = object[k];
+        same = alertLabels.contains(name) && labels.contains(name) &&
+               alertLabels[name].is_string() && labels[name].is_string() &&
+               ItemsCovered(alertLabels[name].get<std::string>(), labels[name].get<std::string>());
       }
       if (same) ended.push_back(kv.first);
     }
@@ -179,7 +198,9 @@ void Forwarder::EndAlert(const std::string &key, int64_t nowMs) {
 void Forwarder::Tick(int64_t nowMs) {
   std::vector<std::string> old;
   for (const auto &kv : active_) {
-    if (kv.second.startsAtMs + opt_.lifetimeMs <= nowMs) old.push_back(kv.first);
+    if (kv.second.startsAtMs + LifetimeMs(kv.second.alert, opt_) <= nowMs) {
+      old.push_back(kv.first);
+    }
   }
   for (const std::string &key : old) {
     EndAlert(key, nowMs);
@@ -253,7 +274,7 @@ std::string Forwarder::Render(const std::vector<const Entry *> &entries, const O
     if (endsAt == 0) {
       // Three re-send intervals: a forwarder that stops re-sending lets its
       // alerts resolve in Alertmanager instead of firing forever.
-      endsAt = std::min(nowMs + 3 * opt.resendMs, startsAt + opt.lifetimeMs);
+      endsAt = std::min(nowMs + 3 * opt.resendMs, startsAt + LifetimeMs(a, opt));
     }
     out.push_back({{"labels", a["labels"]},
                    {"annotations", a["annotations"]},

@@ -22,11 +22,12 @@ struct Options {
   std::vector<std::string> alertmanagers;
   bool audits = false;
   int64_t resendMs = 60000;          // re-send of firing alerts
-  int64_t lifetimeMs = 86400000;     // a firing alert nothing clears ends after this
-  int64_t auditLifetimeMs = 300000;  // an audit alert's life
+  int64_t lifetimeMs = 86400000;     // a firing alert its clear never reached ends after this
+  int64_t auditLifetimeMs = 300000;  // the life of an audit or one-shot alert
   std::string spoolDir;              // empty: nothing on disk (tests)
   std::string hostName;              // the instance label
   uint64_t spoolMaxBytes = 16u << 20;
+  std::string runbookUrl;  // the runbook_url annotation: this + the event identifier
 };
 
 struct Counters {
@@ -42,7 +43,7 @@ struct Counters {
 // One alert on its way out. `endsAtMs` 0: firing, its end is set when sent.
 struct Entry {
   uint64_t seq = 0;
-  nlohmann::json alert;  // {"labels":{..},"annotations":{..},"startsAt":ms,"endsAt":ms,"args":[..]}
+  nlohmann::json alert;  // {"labels":{..},"annotations":{..},"startsAt":ms,"endsAt":ms}
   uint32_t pending = 0;  // replicas (bit i) still to receive it
   bool onDisk = false;
   size_t bytes = 0;
@@ -89,7 +90,7 @@ class Forwarder {
     int64_t startsAtMs = 0;
   };
   void Push(nlohmann::json alert, bool durable);
-  void Resolve(const QprobMessage &msg, int64_t nowMs);
+  void Resolve(const QprobMessage &msg, const nlohmann::json &labels, int64_t nowMs);
   void EndAlert(const std::string &key, int64_t nowMs);
   std::string EntryPath(uint64_t seq) const;
   void Apply(const nlohmann::json &alert);

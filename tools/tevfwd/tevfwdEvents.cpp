@@ -1,93 +1,16 @@
-// Templates, label names and descriptions of tevd's events.
+// Label names, label values and descriptions of tevd's events.
 #include "tevfwdEvents.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
-#include <set>
+#include <map>
 
 namespace tevfwd {
 
-const std::vector<EventTemplate> &Templates() {
-  static const std::vector<EventTemplate> rows = {
-#include "tevfwdTemplates.inc"
-  };
-  return rows;
-}
-
-const EventTemplate *FindTemplate(const std::string &id) {
-  const auto &rows = Templates();
-  auto it = std::lower_bound(
-      rows.begin(), rows.end(), id,
-      [](const EventTemplate &t, const std::string &k) { return k.compare(t.id) > 0; });
-  return it != rows.end() && id == it->id ? &*it : nullptr;
-}
-
-namespace {
-
-// Words that never name an argument ("... on %s", "... being %s").
-bool IsFiller(const std::string &w) {
-  static const std::set<std::string> filler = {
-      "a",    "an",   "the",   "to",     "of",  "on",  "for",   "in",   "at",
-      "by",   "from", "with",  "and",    "or",  "is",  "are",   "be",   "being",
-      "been", "was",  "has",   "have",   "as",  "if",  "that",  "this", "than",
-      "into", "via",  "after", "before", "per", "set", "value", "not",  "no"};
-  return filler.count(w) != 0;
-}
-
-// Labels the forwarder sets itself; an argument never takes one of them.
-bool IsReserved(const std::string &w) {
-  return w == "alertname" || w == "host" || w == "instance" || w == "class" || w == "severity";
-}
-
-// Skips the conversion at text[i] == '%'; false for "%%".
-bool SkipConversion(const char *text, size_t *i) {
-  size_t p = *i + 1;
-  if (text[p] == '%') {
-    *i = p + 1;
-    return false;
-  }
-  while (text[p] != '\0' && strchr("0123456789.-+ #lhzjt", text[p]) != nullptr) ++p;
-  if (text[p] != '\0') ++p;
-  *i = p;
-  return true;
-}
-
-}  // namespace
-
-std::vector<std::string> ArgLabelNames(const char *text, size_t numArgs) {
+std::vector<std::string> ArgLabelNames(const TevdEventInfo *ev, size_t numArgs) {
   std::vector<std::string> names;
-  std::set<std::string> used;
-  std::vector<std::string> words;  // words since the previous conversion
-  std::string word;
-  auto endWord = [&] {
-    if (!word.empty() && isalpha(static_cast<unsigned char>(word[0]))) words.push_back(word);
-    word.clear();
-  };
-  for (size_t i = 0; text != nullptr && text[i] != '\0' && names.size() < numArgs;) {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c != '%') {
-      if (isalnum(c)) {
-        word.push_back(static_cast<char>(tolower(c)));
-      } else {
-        endWord();
-      }
-      ++i;
-      continue;
-    }
-    endWord();
-    if (!SkipConversion(text, &i)) continue;
-    std::string name;
-    for (auto w = words.rbegin(); w != words.rend() && name.empty(); ++w) {
-      if (!IsFiller(*w)) name = *w;
-    }
-    if (name.empty() || IsReserved(name)) name = "arg" + std::to_string(names.size());
-    std::string unique = name;
-    for (int n = 2; used.count(unique) != 0; ++n) unique = name + "_" + std::to_string(n);
-    used.insert(unique);
-    names.push_back(unique);
-    words.clear();
-  }
+  if (ev != nullptr) names = TevdEvents_Words(ev->labels);
+  names.resize(std::min(names.size(), numArgs));
   while (names.size() < numArgs) names.push_back("arg" + std::to_string(names.size()));
   return names;
 }
@@ -108,20 +31,66 @@ std::string ArgText(const MsgFmt_Value &v) {
   }
 }
 
+namespace {
+
+std::vector<std::string> Items(const std::string &value) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  for (size_t comma; (comma = value.find(',', start)) != std::string::npos; start = comma + 1)
+    out.push_back(value.substr(start, comma - start));
+  out.push_back(value.substr(start));
+  return out;
+}
+
+}  // namespace
+
+std::string LabelValue(const std::string &argText) {
+  // "\"a\"" or "\"a\", \"b\"": quote, item without quotes, quote, then ", ".
+  std::string joined;
+  size_t p = 0;
+  while (p < argText.size()) {
+    if (argText[p] != '"') return argText;
+    size_t close = argText.find('"', p + 1);
+    if (close == std::string::npos) return argText;
+    if (!joined.empty() || p != 0) joined += ",";
+    joined += argText.substr(p + 1, close - p - 1);
+    p = close + 1;
+    if (p == argText.size()) break;
+    if (argText.compare(p, 2, ", ") != 0) return argText;
+    p += 2;
+    if (p == argText.size()) return argText;
+  }
+  return argText.empty() ? argText : joined;
+}
+
+bool ItemsCovered(const std::string &alertValue, const std::string &recoveryValue) {
+  const std::vector<std::string> have = Items(recoveryValue);
+  for (const std::string &item : Items(alertValue)) {
+    if (std::find(have.begin(), have.end(), item) == have.end()) return false;
+  }
+  return true;
+}
+
 std::string Describe(const std::string &id, const std::vector<MsgFmt_Value> &args) {
-  if (const EventTemplate *t = FindTemplate(id)) {
-    return MsgFmt_FormatValues(t->text, args);
+  if (const TevdEventInfo *ev = TevdEvents_Find(id.c_str())) {
+    return MsgFmt_FormatValues(ev->text, args);
   }
   std::string out = id;
   for (const MsgFmt_Value &v : args) out += " " + ArgText(v);
   return out;
 }
 
-bool IsResolver(const std::string &id) {
-  for (const ClearPair &p : ClearPairs()) {
-    if (id == p.resolver) return true;
-  }
-  return false;
+std::vector<const TevdEventInfo *> Resolves(const std::string &id) {
+  // Built once: the catalogue does not change while the program runs.
+  static const std::map<std::string, std::vector<const TevdEventInfo *>> byResolver = [] {
+    std::map<std::string, std::vector<const TevdEventInfo *>> m;
+    for (const TevdEventInfo &ev : kTevdEvents) {
+      for (const std::string &r : TevdEvents_Words(ev.clearedBy)) m[r].push_back(&ev);
+    }
+    return m;
+  }();
+  auto it = byResolver.find(id);
+  return it == byResolver.end() ? std::vector<const TevdEventInfo *>{} : it->second;
 }
 
 }  // namespace tevfwd

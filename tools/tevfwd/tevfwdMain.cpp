@@ -36,14 +36,14 @@ using Clock = std::chrono::system_clock;
 const char kUsage[] =
     "Usage: tevfwd --alertmanager URL [--alertmanager URL...] [OPTIONS]\n"
     "Listens on var/run/orlan/marshd-qprob.sock under TEVD_ROOT as tevd's management\n"
-    "agent and posts every problem event to Alertmanager (POST /api/v2/alerts) as an\n"
-    "alert; clear events resolve the alerts they clear. Every alert goes to every\n"
-    "URL given (the replicas of one Alertmanager cluster).\n"
+    "agent; posts problems as alerts to every URL (the replicas of one Alertmanager\n"
+    "cluster, POST /api/v2/alerts); recoveries resolve them (see tevd-events(7)).\n"
     "  --alertmanager URL   an Alertmanager, e.g. http://127.0.0.1:9093 (repeatable)\n"
     "  --audits             forward audit events too, as short-lived severity=info alerts\n"
     "  --resend SEC         re-send firing alerts every SEC seconds (default 60)\n"
-    "  --lifetime SEC       end a firing alert nothing cleared after SEC (default 86400)\n"
-    "  --audit-lifetime SEC life of an audit alert (default 300)\n"
+    "  --lifetime SEC       end a firing alert whose clear never came after SEC (86400)\n"
+    "  --audit-lifetime SEC life of an audit or one-shot alert (default 300)\n"
+    "  --runbook-url URL    annotation runbook_url: URL followed by the event identifier\n"
     "  --spool DIR          spool directory (default /var/lib/tevfwd under TEVD_ROOT)\n"
     "  --spool-max BYTES    spool size limit, oldest dropped first (default 16777216)\n"
     "  --retry-max SEC      longest wait between attempts to a failing URL (default 10)\n"
@@ -315,8 +315,8 @@ int ParseOption(int argc, char **argv, int *i, CommandLine *cl) {
     ok = seconds(&cl->retryMaxSec);
   } else if (a == "--timeout") {
     ok = seconds(&cl->timeoutSec);
-  } else if (a == "--spool") {
-    ok = value(&v) && (cl->spool = v, true);
+  } else if (a == "--spool" || a == "--runbook-url") {
+    ok = value(&v) && ((a == "--spool" ? cl->spool : opt.runbookUrl) = v, true);
   } else if (a == "--spool-max") {
     ok = seconds(&secs);
     opt.spoolMaxBytes = static_cast<uint64_t>(secs);

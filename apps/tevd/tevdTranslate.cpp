@@ -196,7 +196,7 @@ int TevdTranslate_ById(Tev *tev, TevdRows rows, TevHandler handler, bool logNull
   }
   for (size_t i = 0; i < rows.count; ++i) {
     const TevdRow &row = rows.rows[i];
-    if (row.handler == handler && row.templ != nullptr && strcmp(row.tevId, id) == 0) {
+    if (row.handler == handler && row.templ[0] != '\0' && strcmp(row.tevId, id) == 0) {
       return TevdTranslate_Row(tev, row, id);
     }
   }
@@ -206,7 +206,7 @@ int TevdTranslate_ById(Tev *tev, TevdRows rows, TevHandler handler, bool logNull
 int TevdTranslate_Only(Tev *tev, TevdRows rows, TevHandler handler) {
   for (size_t i = 0; i < rows.count; ++i) {
     const TevdRow &row = rows.rows[i];
-    if (row.handler == handler && row.templ != nullptr) {
+    if (row.handler == handler && row.templ[0] != '\0') {
       return TevdTranslate_Row(tev, row, row.tevId);
     }
   }

@@ -306,8 +306,9 @@ TEST_F(NetTest, LinkDownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
   }
   // The two failed take-downs of the "3!" row: one line, with the file and the error.
   EXPECT_EQ(log.Matching("Cannot write kernel node").size(), 1u);
-  EXPECT_TRUE(log.Saw("Cannot write kernel node " + root_.Abs(kNode) +
-                      ": No such file or directory (errno 2); physical NIC hwnic0 is not taken down"));
+  EXPECT_TRUE(
+      log.Saw("Cannot write kernel node " + root_.Abs(kNode) +
+              ": No such file or directory (errno 2); physical NIC hwnic0 is not taken down"));
 }
 
 }  // namespace

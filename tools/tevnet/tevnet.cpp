@@ -85,8 +85,8 @@ bool ParseOptions(int argc, char **argv, Options *opts, int *exitCode) {
     } else if (a == "--enforce=all") {
       opts->enforce = 2;
     } else if (value("--include", &v) || value("--exclude", &v)) {
-      std::vector<std::string> &to = a.compare(0, 9, "--include") == 0 ? opts->include
-                                                                         : opts->exclude;
+      std::vector<std::string> &to =
+          a.compare(0, 9, "--include") == 0 ? opts->include : opts->exclude;
       for (size_t start = 0, comma; start <= v.size(); start = comma + 1) {
         comma = v.find(',', start);
         if (comma == std::string::npos) comma = v.size();
@@ -96,8 +96,7 @@ bool ParseOptions(int argc, char **argv, Options *opts, int *exitCode) {
       char *end = nullptr;
       unsigned long q = strtoul(v.c_str(), &end, 10);
       if (v.empty() || *end != '\0' || q > 86400 * 7) {
-        fprintf(stderr, "tevnet: --flap-quiet must be 0..604800 seconds, not \"%s\"\n",
-                v.c_str());
+        fprintf(stderr, "tevnet: --flap-quiet must be 0..604800 seconds, not \"%s\"\n", v.c_str());
         *exitCode = 2;
         return false;
       }
@@ -226,8 +225,8 @@ class Watcher {
     for (const auto &n : state_.nics) order.emplace_back(n.second.ifindex, n.first);
     std::sort(order.begin(), order.end());
     for (const auto &n : order) {
-      PostAll(poster_, bare ? TransitionObservations(state_, n.second,
-                                                     state_.nics.at(n.second).carrier, &PortGroupsOf)
+      PostAll(poster_, bare ? TransitionObservations(
+                                  state_, n.second, state_.nics.at(n.second).carrier, &PortGroupsOf)
                             : StateObservations(state_, n.second, &PortGroupsOf));
     }
     bool ok = poster_.Dropped() == dropped;
@@ -266,9 +265,9 @@ class Watcher {
         continue;
       }
       if (state_.nics.count(it->first) != 0) {
-        PostAll(poster_, it->second.bare ? TransitionObservations(
-                                               state_, it->first,
-                                               state_.nics.at(it->first).carrier, &PortGroupsOf)
+        PostAll(poster_, it->second.bare ? TransitionObservations(state_, it->first,
+                                                                  state_.nics.at(it->first).carrier,
+                                                                  &PortGroupsOf)
                                          : StateObservations(state_, it->first, &PortGroupsOf));
       }
       it = restate_.erase(it);
@@ -345,7 +344,9 @@ class Watcher {
   }
 
   // A NIC that went away ends its faults: one without carrier is told as
-  // coming up, among its switch's uplinks as they now stand.
+  // coming up, among its switch's uplinks as they now stand. Where none of
+  // them has carrier the daemon would report no port group restored, and
+  // only the bare link state names the NIC.
   void Gone(const std::string &name, NetState::Nic nic, const NetState &next) {
     restate_.erase(name);
     lastChange_.erase(name);
@@ -353,7 +354,9 @@ class Watcher {
     Log("%s: removed%s", name.c_str(), nic.carrier ? "" : " (it had no carrier: told as up)");
     if (nic.carrier) return;
     NetState view = next;
-    if (view.switches.count(nic.vswitch) == 0) nic.vswitch.clear();
+    if (view.switches.count(nic.vswitch) == 0 || view.UplinksWithCarrier(nic.vswitch) == 0) {
+      nic.vswitch.clear();
+    }
     nic.carrier = true;
     view.nics[name] = nic;
     PostAll(poster_, TransitionObservations(view, name, true, &PortGroupsOf));
@@ -421,8 +424,9 @@ int Run(const Options &opts) {
         } else {
           Log("netlink: %s", why.c_str());
         }
-        int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
-                          Clock::now().time_since_epoch()).count();
+        int64_t now =
+            std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch())
+                .count();
         if (overrunsLogged == 0 || now - overrunLogAt >= opts.dropLogSec) {
           Log("netlink: receive buffer overrun, link notifications lost (%llu overrun%s in all); "
               "link table read again",

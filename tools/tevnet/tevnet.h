@@ -21,10 +21,10 @@ struct Link {
   std::string name;
   std::string kind;  // IFLA_INFO_KIND: "" for hardware, "veth", "bridge", "bond", ...
   bool loopback = false;
-  bool ether = false;    // ARPHRD_ETHER
-  bool adminUp = false;  // IFF_UP
-  bool carrier = false;  // IFF_LOWER_UP: administratively up and the link has carrier
-  int master = 0;        // ifindex of the bridge or bond it is enslaved to, 0 for none
+  bool ether = false;      // ARPHRD_ETHER
+  bool adminUp = false;    // IFF_UP
+  bool carrier = false;    // IFF_LOWER_UP: administratively up and the link has carrier
+  int master = 0;          // ifindex of the bridge or bond it is enslaved to, 0 for none
   bool hasDevice = false;  // /sys/class/net/NAME/device exists: hardware behind it
 };
 

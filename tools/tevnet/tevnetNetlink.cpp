@@ -113,7 +113,9 @@ uint64_t Netlink::Overruns() const { return impl_->overruns; }
 bool Netlink::Read(std::vector<LinkMessage> *out) {
   bool overrun = false;
   impl_->pending.clear();
-  for (int rounds = 0; rounds < 4096; ++rounds) {
+  // After an overrun everything queued is read before the table is: a
+  // notification applied after the dump would take the state back in time.
+  for (int rounds = 0; rounds < (overrun ? 1 << 20 : 4096); ++rounds) {
     int n = nl_recvmsgs_report(impl_->events, impl_->cb);
     if (n == 0 || n == -NLE_AGAIN) break;
     if (n == -NLE_NOMEM) {

@@ -115,8 +115,7 @@ std::vector<Observation> StateObservations(const NetState &state, const std::str
                                            PortGroupsFn portGroups) {
   auto it = state.nics.find(nic);
   if (it == state.nics.end()) return {};
-  std::vector<Observation> out =
-      TransitionObservations(state, nic, it->second.carrier, portGroups);
+  std::vector<Observation> out = TransitionObservations(state, nic, it->second.carrier, portGroups);
   if (out.size() > 1) out.pop_back();
   return out;
 }

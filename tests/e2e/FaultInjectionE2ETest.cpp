@@ -607,9 +607,13 @@ TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOlde
   const std::string sent2 = "Successfully sent event (kos.problem.test.test2) after ";
   ASSERT_TRUE(log_->WaitCount(sent2, 3, kWait));
   for (const std::string &l : log_->Matching(sent2)) {
-    // Failed at the first attempt and the fourth and fifth pass; more if the sixth was missed.
+    // Failed at the first attempt and the fourth and fifth pass; more if the sixth was missed,
+    // one fewer if the agent was back within the fifth pass, after its line on A (lines reach
+    // the collector within milliseconds, before the pass has ended).
     std::string n = LogLines::Text(l).substr(sent2.size());
-    EXPECT_TRUE(n == "3 failures." || n == "4 failures." || n == "5 failures.") << l;
+    EXPECT_TRUE(n == "2 failures." || n == "3 failures." || n == "4 failures." ||
+                n == "5 failures.")
+        << l;
   }
   // C goes straight through.
   ASSERT_TRUE(SendRecord(user, Event(4)));

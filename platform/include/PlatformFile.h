@@ -23,3 +23,6 @@ constexpr size_t PLATFORM_FILE_VALUE_CAP = 64 * 1024;
 PlatformFileStatus PlatformFile_Read(const std::string &path, size_t cap, std::string *content);
 // Files refused so far by this process.
 unsigned long long PlatformFile_Refused(void);
+// Logs (at most once a second, with the same count) that `path` was not
+// written because it is not a regular file.
+void PlatformFile_RefuseWrite(const std::string &path);

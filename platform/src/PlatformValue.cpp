@@ -77,6 +77,10 @@ PlatformFileStatus PlatformFile_Read(const std::string &path, size_t cap, std::s
 
 unsigned long long PlatformFile_Refused(void) { return gRefused.load(); }
 
+void PlatformFile_RefuseWrite(const std::string &path) {
+  (void)Refuse(path, "not a regular file; not written");
+}
+
 namespace platform_internal {
 
 bool ReadFile(const std::string &path, std::string *content) {

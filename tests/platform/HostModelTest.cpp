@@ -59,6 +59,12 @@ TEST_F(HostModel, OnlyRegularFilesUpToTheCapAreReadFifosAndDevicesAreRefused) {
     EXPECT_EQ(row.status == PlatformFileStatus::Ok ? "value\n" : "untouched", content) << row.name;
   }
   EXPECT_EQ(refused + 4, PlatformFile_Refused());
+  // Writing the host model never waits on a FIFO either.
+  root_.MakeDir("platform");
+  ASSERT_EQ(0, mkfifo(PlatformModel_Path("fifo").c_str(), 0644));
+  EXPECT_FALSE(PlatformModel_Write("fifo", "1"));
+  EXPECT_TRUE(PlatformModel_Write("value", "1"));
+  EXPECT_EQ(refused + 5, PlatformFile_Refused());
 }
 
 TEST_F(HostModel, NameWithSlashIsStoredWithPercent2F) {

@@ -219,8 +219,8 @@ struct LineQueue {
   char bytes[kBytes];
 };
 
-LineQueue lineQueue;            // guarded by queueLock
-thread_local bool batching;     // this thread leaves its lines queued
+LineQueue lineQueue;         // guarded by queueLock
+thread_local bool batching;  // this thread leaves its lines queued
 pthread_cond_t queueNonEmpty = PTHREAD_COND_INITIALIZER;
 pthread_once_t flusherOnce = PTHREAD_ONCE_INIT;
 // Longest a queued line waits for a thread to flush before the flusher

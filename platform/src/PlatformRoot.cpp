@@ -71,7 +71,9 @@ int PlatformRoot_LockProgram(const char *program, std::string *why) {
   std::string dir = PlatformRoot_Path("/var/run/orlan");
   std::string path = dir + "/" + program + ".lock";
   int rc = PlatformRoot_MakeDirs(dir);
-  int fd = rc != 0 ? -1 : open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  int fd = rc != 0
+               ? -1
+               : open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
   if (fd < 0) {
     *why = "cannot open the lock file " + path + ": " + strerror(rc != 0 ? rc : errno);
     return -1;
@@ -91,7 +93,8 @@ int PlatformRoot_LockProgram(const char *program, std::string *why) {
     pid[strcspn(pid, "\n")] = '\0';
     close(fd);
     if (err == EWOULDBLOCK) {
-      *why = std::string("another ") + program + (pid[0] != '\0' ? std::string(" (pid ") + pid + ")" : "") +
+      *why = std::string("another ") + program +
+             (pid[0] != '\0' ? std::string(" (pid ") + pid + ")" : "") +
              " already runs on this root: it holds " + path;
     } else {
       *why = "cannot lock " + path + ": " + strerror(err);

@@ -701,10 +701,10 @@ TEST_F(FaultInjectionE2ETest, FifoAndDeviceLinkInTheHostModelAreSkippedNotWaited
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   EXPECT_TRUE(log_->WaitCount("Skipped the file ", 1, kWait));
   int user = ConnectUser(root_);
-  ASSERT_TRUE(SendRecord(user, TevRecord_Encode(
-                                   "tev.net.pg.uplink.transition.down", "pg down", 1,
-                                   {MsgFmt_Value::Str("hwnic1"), MsgFmt_Value::Str("pg-guests"),
-                                    MsgFmt_Value::I32(1), MsgFmt_Value::I32(0)})));
+  ASSERT_TRUE(SendRecord(
+      user, TevRecord_Encode("tev.net.pg.uplink.transition.down", "pg down", 1,
+                             {MsgFmt_Value::Str("hwnic1"), MsgFmt_Value::Str("pg-guests"),
+                              MsgFmt_Value::I32(1), MsgFmt_Value::I32(0)})));
   ASSERT_TRUE(SendRecord(user, TevRecord_Encode("tev.net.hwnic.linkstate.down", "then down", 1,
                                                 {MsgFmt_Value::Str("hwnic1")})));
   ASSERT_TRUE(SendRecord(user, Vm("intake goes on")));
@@ -725,8 +725,9 @@ TEST_F(FaultInjectionE2ETest, SecondDaemonOnTheRootRefusesAndHupOrUsr1DoNotEndIt
   ASSERT_EQ(0, stat(sock.c_str(), &before));
   Process second(root_, TevdBin(), {}, {}, "second");
   EXPECT_EQ(1, second.ExitCode(10000));
-  EXPECT_NE(std::string::npos, second.Stderr().find("another tevd (pid " +
-                                                    std::to_string(tevd_->pid()) + ") already runs"))
+  EXPECT_NE(
+      std::string::npos,
+      second.Stderr().find("another tevd (pid " + std::to_string(tevd_->pid()) + ") already runs"))
       << second.Stderr();
   ASSERT_EQ(0, stat(sock.c_str(), &after));
   EXPECT_EQ(before.st_ino, after.st_ino) << "the second daemon bound the socket afresh";

@@ -410,8 +410,8 @@ std::vector<std::string> Forwarder::TakeLogLines() {
     droppedUnlogged_ = 0;
   }
   if (unspooledUnlogged_ != 0) {
-    log_.push_back("cannot write the spool " + opt_.spoolDir + " (" + unspooledWhy_ + "): " +
-                   std::to_string(unspooledUnlogged_) +
+    log_.push_back("cannot write the spool " + opt_.spoolDir + " (" + unspooledWhy_ +
+                   "): " + std::to_string(unspooledUnlogged_) +
                    " alert(s) kept in memory only since the last report");
     unspooledUnlogged_ = 0;
   }

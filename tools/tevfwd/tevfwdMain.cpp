@@ -406,7 +406,8 @@ void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string
       nextLog = now + kFailureLogIntervalMs / 6;
     }
     if (gCounters.exchange(false)) PrintCounters(s);
-    if (gHangup.exchange(false)) Log("SIGHUP: nothing to reload; ignored (SIGTERM or SIGINT stops)");
+    if (gHangup.exchange(false))
+      Log("SIGHUP: nothing to reload; ignored (SIGTERM or SIGINT stops)");
   }
 }
 

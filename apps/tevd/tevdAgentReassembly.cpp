@@ -58,6 +58,21 @@ int TakeWanted(TevStream *s) {
   return s->want == 0 ? TEVD_AGENT_OK : TEVD_AGENT_SHORT;
 }
 
+// How many of the wake-up descriptors are readable now, without waiting.
+int ReadyExtras(const int *fds, int n) {
+  struct pollfd set[TEVD_AGENT_MAX_EXTRA_FDS];
+  for (int i = 0; i < n; ++i) {
+    set[i] = {fds[i], POLLIN, 0};
+  }
+  int woken = 0;
+  if (poll(set, static_cast<nfds_t>(n), 0) > 0) {
+    for (int i = 0; i < n; ++i) {
+      woken += (set[i].revents & POLLIN) != 0 ? 1 : 0;
+    }
+  }
+  return woken;
+}
+
 }  // namespace
 
 bool TevdAgent_StreamBuffered(const TevStream *s) { return s->chunkStart < s->chunkEnd; }
@@ -126,12 +141,20 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
     // Records already read from the pipe come first: they do not make it
     // readable. The extra descriptors are looked at once they are used up.
     if (TevdAgent_StreamBuffered(agent->stream)) {
+      // A wake-up that came meanwhile is served after this record, as it
+      // would be had each record been read on its own: a settling timer must
+      // not wait behind the rest of a 32 KiB read. Only agents with wake-up
+      // descriptors pay this poll.
+      int woken = numExtra > 0 ? ReadyExtras(extraFds, numExtra) : 0;
       int rc = TevdAgent_ReassembleStep(agent->stream, tev);
       if (rc != TEVD_AGENT_OK) {
         TevdLog("Failed to get Tev\n");
         return rc;
       }
-      if (*tev != nullptr) {
+      if (*tev != nullptr || woken > 0) {
+        if (readyExtra != nullptr) {
+          *readyExtra = woken;
+        }
         return TEVD_AGENT_OK;
       }
       continue;

@@ -108,6 +108,37 @@ TEST_F(AgentTest, RecordWrittenInPiecesReassemblesIntoOneObservation) {
   TevdAgent_Cleanup(agent);
 }
 
+// Three records in one read; a wake-up arriving while two are still buffered
+// is reported with the next record, not after the rest of the read.
+TEST_F(AgentTest, WakeUpDuringABufferedReadIsServedAfterTheCurrentRecord) {
+  TevdAgent *agent = Agent("wakeAgent", "net");
+  int wake[2];
+  ASSERT_EQ(0, pipe(wake));
+  std::vector<uint8_t> buf;
+  for (const char *id : {"tev.net.a", "tev.net.b", "tev.net.c"}) {
+    std::vector<uint8_t> r = Record(id);
+    buf.insert(buf.end(), r.begin(), r.end());
+  }
+  ASSERT_EQ(static_cast<ssize_t>(buf.size()), write(agent->stream->writeFd, buf.data(), buf.size()));
+  Tev *tev = nullptr;
+  int ready = -1;
+  ASSERT_EQ(0, TevdAgent_WaitTev(agent, &tev, wake, 1, &ready));
+  EXPECT_EQ(Record("tev.net.a"), BytesOf(tev));
+  EXPECT_EQ(0, ready);
+  char byte = 'w';
+  ASSERT_EQ(1, write(wake[1], &byte, 1));
+  ASSERT_EQ(0, TevdAgent_WaitTev(agent, &tev, wake, 1, &ready));
+  EXPECT_EQ(Record("tev.net.b"), BytesOf(tev));
+  EXPECT_EQ(1, ready);
+  ASSERT_EQ(1, read(wake[0], &byte, 1));
+  ASSERT_EQ(0, TevdAgent_WaitTev(agent, &tev, wake, 1, &ready));
+  EXPECT_EQ(Record("tev.net.c"), BytesOf(tev));
+  EXPECT_EQ(0, ready);
+  close(wake[0]);
+  close(wake[1]);
+  TevdAgent_Cleanup(agent);
+}
+
 TEST_F(AgentTest, DistributionWritesEachRecordOnlyToMatchingStreams) {
   TevdAgent *net = Agent("netAgent", "net");
   TevdAgent *scsi = Agent("scsiAgent", "scsi");

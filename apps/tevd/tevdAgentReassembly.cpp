@@ -110,6 +110,14 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
   return TEVD_AGENT_OK;
 }
 
+namespace {
+void CountHandled(TevdAgent *agent) {
+  if (agent->handled != nullptr) {
+    agent->handled->fetch_add(1, std::memory_order_relaxed);
+  }
+}
+}  // namespace
+
 int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numExtra,
                       int *readyExtra) {
   *tev = nullptr;
@@ -132,6 +140,7 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
         return rc;
       }
       if (*tev != nullptr) {
+        CountHandled(agent);
         return TEVD_AGENT_OK;
       }
       continue;
@@ -163,6 +172,9 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
       return TEVD_AGENT_BROKEN;
     }
     if (*tev != nullptr || woken > 0) {
+      if (*tev != nullptr) {
+        CountHandled(agent);
+      }
       if (readyExtra != nullptr) {
         *readyExtra = woken;
       }

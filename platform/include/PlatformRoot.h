@@ -26,3 +26,5 @@ void PlatformLog_Vsyslog(const char *format, va_list ap) __attribute__((format(p
 void PlatformLog_BatchLines(void);
 void PlatformLog_Flush(void);
 void PlatformLog_Unbatch(void);
+// Lines dropped for a full collector queue since the process started.
+unsigned long long PlatformLog_DroppedLines(void);

@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -178,6 +179,9 @@ bool ReconnectAfter(int err) {
 // send goes through again. Plain integers with atomic builtins (see below).
 int collectorStalled = 0;
 unsigned long long droppedLines = 0;
+// Every line dropped for a full queue since start, for the daemon's counters
+// (droppedLines goes back to 0 once reported).
+std::atomic<unsigned long long> droppedTotal{0};
 
 // Tells the collector, once it takes lines again, how many it missed.
 void ReportDropped(int fd) {
@@ -222,6 +226,7 @@ void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr)
       // Full after the wait, or full while taken as stopped: dropped, counted.
       __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
       __atomic_add_fetch(&droppedLines, 1, __ATOMIC_ACQ_REL);
+      droppedTotal.fetch_add(1, std::memory_order_relaxed);
       return;
     }
     if (!ReconnectAfter(errno)) {
@@ -283,6 +288,7 @@ void SendQueued(LineQueue &q) {
       // not one wait per line.
       __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
       __atomic_add_fetch(&droppedLines, q.count - done, __ATOMIC_ACQ_REL);
+      droppedTotal.fetch_add(q.count - done, std::memory_order_relaxed);
       break;
     }
     if (!retried && ReconnectAfter(errno)) {
@@ -322,6 +328,10 @@ bool QueueLine(const char *datagram, size_t size, const struct sockaddr_un *addr
 }  // namespace
 
 void PlatformLog_BatchLines(void) { lineQueue.on = true; }
+
+unsigned long long PlatformLog_DroppedLines(void) {
+  return droppedTotal.load(std::memory_order_relaxed);
+}
 
 void PlatformLog_Flush(void) {
   LineQueue &q = lineQueue;

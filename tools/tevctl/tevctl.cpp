@@ -280,6 +280,10 @@ const Command kCommands[] = {
     {"fwd", "print the counters of tevfwd, the forwarder to Alertmanager", tevctl::CmdFwd},
     {"events", "list the events tevd can post: severity, resolution, what to check",
      tevctl::CmdEvents},
+    {"metrics", "print the live daemons' counters in Prometheus' text format",
+     tevctl::CmdMetrics},
+    {"status", "say whether tevd and its companions run, with their main counters",
+     tevctl::CmdStatus},
     {"version", "print the version of tevctl and tevd", CmdVersion},
 };
 

@@ -192,37 +192,7 @@ std::string TevdMetrics_Text(void) {
 }
 
 int TevdMetrics_WriteFile(void) {
-  const std::string path = PlatformRoot_Path(TEVD_METRICS_PATH);
-  if (int err = PlatformRoot_MakeDirs(path.substr(0, path.rfind('/')))) {
-    return err;
-  }
-  // The collector reads *.prom only, so the temporary name is never read.
-  const std::string tmp = path + ".tmp";
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    return errno;
-  }
-  const std::string text = TevdMetrics_Text();
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t w = write(fd, text.data() + done, text.size() - done);
-    if (w < 0 && errno == EINTR) {
-      continue;
-    }
-    if (w <= 0) {
-      int err = w < 0 ? errno : EIO;
-      close(fd);
-      unlink(tmp.c_str());
-      return err;
-    }
-    done += static_cast<size_t>(w);
-  }
-  if (close(fd) != 0 || rename(tmp.c_str(), path.c_str()) != 0) {
-    int err = errno;
-    unlink(tmp.c_str());
-    return err;
-  }
-  return 0;
+  return PlatformRoot_ReplaceFile(PlatformRoot_Path(TEVD_METRICS_PATH), TevdMetrics_Text());
 }
 
 void TevdMetrics_Start(void) {

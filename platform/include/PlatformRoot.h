@@ -7,6 +7,11 @@
 std::string PlatformRoot_Path(const std::string &absolute);
 // Creates the missing directories of `path` (mode 0755). 0 or errno.
 int PlatformRoot_MakeDirs(const std::string &path);
+// Replaces the file at `path` (a real path, already under the root) with
+// `text` atomically: written to `path`.tmp in the same directory, then renamed
+// over it, so a reader sees the old file or the new one. Makes the directory.
+// 0 or errno.
+int PlatformRoot_ReplaceFile(const std::string &path, const std::string &text);
 // Host-model file helpers (names containing '/' use %2F). Throw
 // HostCtl::Lib::HostCtlException when the file is absent/unwritable.
 std::string PlatformModel_EscapeName(const std::string &name);

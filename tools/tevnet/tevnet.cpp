@@ -384,8 +384,8 @@ void WriteCounters(const Watcher &watch, const Poster &poster, const Netlink &nl
   std::string text;
   auto one = [&text](const char *name, const char *type, const char *help, long long value) {
     char buf[320];
-    snprintf(buf, sizeof buf, "# HELP %s %s\n# TYPE %s %s\n%s %lld\n", name, help, name, type,
-             name, value);
+    snprintf(buf, sizeof buf, "# HELP %s %s\n# TYPE %s %s\n%s %lld\n", name, help, name, type, name,
+             value);
     text += buf;
   };
   one("tevnet_nics_watched", "gauge", "NICs whose link tevnet watches.",
@@ -402,7 +402,8 @@ void WriteCounters(const Watcher &watch, const Poster &poster, const Netlink &nl
   one("tevnet_last_transition_timestamp_seconds", "gauge",
       "Time of the last observation posted (0: none yet).",
       static_cast<long long>(poster.LastPostUs() / 1000000));
-  one("tevnet_start_time_seconds", "gauge", "Time tevnet started.", static_cast<long long>(started));
+  one("tevnet_start_time_seconds", "gauge", "Time tevnet started.",
+      static_cast<long long>(started));
   one("tevnet_pid", "gauge", "Process id of the tevnet that wrote these counters.",
       static_cast<long long>(getpid()));
   PlatformRoot_ReplaceFile(PlatformRoot_Path(kCountersPath), text);

@@ -127,3 +127,19 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
     TEVD_SKIP_MISSING("promtool or node_exporter is absent (scripts/deps.sh companions)");
   }
 }
+
+// A first run without a host model still ends in the described panic, but the log says first
+// which file is missing and which command makes the model.
+TEST(FirstRun, WithoutAHostModelTheLogNamesTheFileAndTheCommandBeforeThePanic) {
+  ScratchRoot root;
+  LogLines log(root);
+  Process tevd(root, TevdBin());
+  EXPECT_EQ(tevd.ExitCode(10000), 128 + SIGABRT);
+  EXPECT_NE(tevd.Stderr().find("NOT_REACHED apps/tevd/tevdPageRetireCorrelator:178"),
+            std::string::npos)
+      << tevd.Stderr();
+  EXPECT_NE("", log.WaitFor("Cannot read the host model's " +
+                            root.Abs("platform/nodes/system/pageRetire/threshold") +
+                            ": the page-retirement settings are needed at start; 'tevctl host "
+                            "init' makes a complete host model."));
+}

@@ -78,8 +78,12 @@ run postinst configure || bad "postinst configure failed"
 [ -s "$sys/platform/nodes/system/systemUuid" ] || bad "postinst made no host model"
 [ -d "$sys/kfs/volumes" ] || bad "postinst made no kfs/volumes"
 echo '{"alerts":[1,2,3]}' >"$sys/var/lib/tevfwd/active.json"
+mkdir -p "$sys/etc/systemd/system/multi-user.target.wants"
+ln -s /lib/systemd/system/tevd.service "$sys/etc/systemd/system/multi-user.target.wants/tevd.service"
 run prerm remove && run postrm remove && run postrm purge || bad "prerm/postrm failed"
-left=$(cd "$sys" && find . -mindepth 1 ! -path ./var ! -path ./var/lib ! -path ./var/run)
+left=$(cd "$sys" && find . -mindepth 1 ! -path ./var ! -path ./var/lib ! -path ./var/run \
+  ! -path ./etc ! -path ./etc/systemd ! -path ./etc/systemd/system \
+  ! -path ./etc/systemd/system/multi-user.target.wants)
 [ -z "$left" ] || bad "purge left: $left"
 # A platform's own host model is not the package's to remove.
 mkdir -p "$sys/platform/nodes" && echo keep >"$sys/platform/mine"

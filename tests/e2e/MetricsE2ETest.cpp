@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <regex>
+#include <sstream>
+
 #include "Harness.h"
 
 using namespace tevdtest;
@@ -142,4 +145,80 @@ TEST(FirstRun, WithoutAHostModelTheLogNamesTheFileAndTheCommandBeforeThePanic) {
                             root.Abs("platform/nodes/system/pageRetire/threshold") +
                             ": the page-retirement settings are needed at start; 'tevctl host "
                             "init' makes a complete host model."));
+}
+
+// A context socket that cannot be made ends the start with its errno, as before; the log names
+// the call and the path first.
+TEST(FirstRun, AFailedContextOpenNamesTheCallAndThePathBeforeExiting) {
+  ScratchRoot root;
+  ASSERT_EQ(RunTevctl(root, {"host", "init"}).status, 0);
+  const std::string path =
+      PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::AsyncContext, 3);
+  root.Write(path.substr(root.path().size() + 1) + "/occupied", "x");  // a directory in the way
+  LogLines log(root);
+  Process tevd(root, TevdBin());
+  int rc = tevd.ExitCode(10000);
+  EXPECT_GT(rc, 0);
+  EXPECT_LT(rc, 128) << "an errno value, not a signal";
+  std::string failed = log.WaitFor("TevLib_AsyncContextOpen failed for " + path + ": ");
+  EXPECT_NE("", failed);
+  EXPECT_NE("", log.WaitFor("Exiting. rc:" + std::to_string(rc)));
+}
+
+// Without a root the self-test sequence would go to the host's own daemon: refused, and nothing
+// is posted, unless --force.
+TEST(FirstRun, SelftestWithoutARootIsRefused) {
+  ScratchRoot root;
+  Process p(root, TevctlBin(), {"selftest"}, {"TEVD_ROOT="}, "selftest");
+  EXPECT_EQ(p.ExitCode(5000), 1);
+  EXPECT_NE(p.Stderr().find("tevctl selftest: no root given"), std::string::npos) << p.Stderr();
+  EXPECT_EQ(p.Stdout(), "");
+}
+
+// The Alertmanager example of docs/fleet.md is a valid configuration, routes by severity, and
+// its inhibition names events the catalogue has: a host's lost uplink inhibits its storage-path
+// alerts.
+TEST(FleetExample, AlertmanagerConfigurationIsValidAndNamesRealEvents) {
+  ScratchRoot root;
+  std::string doc = Slurp(TEVD_SOURCE_DIR "/docs/fleet.md");
+  size_t at = doc.find("## Example Alertmanager configuration");
+  ASSERT_NE(at, std::string::npos);
+  size_t from = doc.find("```yaml\n", at);
+  ASSERT_NE(from, std::string::npos);
+  from += 8;
+  std::string yaml = doc.substr(from, doc.find("```", from) - from);
+  root.Write("alertmanager.yml", yaml);
+  RunResult events = RunTevctl(root, {"events"});
+  ASSERT_EQ(events.status, 0);
+  auto matching = [&](const std::string &expr) {
+    std::regex re(expr);
+    size_t n = 0;
+    std::istringstream lines(events.out);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.rfind("kos.", 0) == 0 && std::regex_match(line.substr(0, line.find(' ')), re)) ++n;
+    }
+    return n;
+  };
+  EXPECT_EQ(matching(R"(kos\.problem\.net\.(connectivity\.lost|redundancy\.lost))"), 2u);
+  EXPECT_GE(matching(R"(kos\.problem\.storage\.(connectivity|redundancy)\..*)"), 4u);
+  EXPECT_NE(yaml.find(R"(source_matchers: ['alertname=~"kos\\.problem\\.net\\.(connectivity\\.lost|redundancy\\.lost)"'])"),
+            std::string::npos);
+  EXPECT_NE(yaml.find(R"(target_matchers: ['alertname=~"kos\\.problem\\.storage\\.(connectivity|redundancy)\\..*"'])"),
+            std::string::npos);
+  const char kAmtool[] = "/usr/bin/amtool";
+  if (access(kAmtool, X_OK) != 0) {
+    TEVD_SKIP_MISSING("amtool is absent (prometheus-alertmanager: scripts/deps.sh companions)");
+  }
+  const std::string file = "--config.file=" + root.Abs("alertmanager.yml");
+  Process check(root, kAmtool, {"check-config", root.Abs("alertmanager.yml")}, {}, "amtool");
+  EXPECT_EQ(check.ExitCode(10000), 0) << check.Stdout() << check.Stderr();
+  const struct {
+    const char *label;
+    const char *receiver;
+  } routes[] = {{"severity=critical", "pager"}, {"severity=warning", "chat"}, {"severity=info", "chat"}};
+  for (const auto &r : routes) {
+    Process route(root, kAmtool, {"config", "routes", "test", file, r.label}, {}, "route");
+    EXPECT_EQ(route.ExitCode(10000), 0) << route.Stderr();
+    EXPECT_EQ(route.Stdout(), std::string(r.receiver) + "\n") << r.label;
+  }
 }

@@ -1,12 +1,14 @@
-// Log output and panic. TevdLog keeps no shared state: the time prefix and
-// the line live on the caller's stack and the sink (PlatformLog_Vsyslog) is
-// thread-safe, so every thread logs at once without a lock of ours. The only
-// memory is a per-thread copy of the last second's formatted local time,
-// which spares localtime_r (and glibc's time-zone lock) on all but the first
-// line of each second.
+// Log output and panic. TevdLog keeps no shared state of its own: the line
+// is formatted on the caller's stack and the sink (PlatformLog.cpp) queues
+// it under its one lock, where it also writes the time prefix, so lines
+// reach the collector in call order with prefixes that never go backwards.
+// The only memory here is a per-thread copy of the last second's formatted
+// local time, which spares localtime_r (and glibc's time-zone lock) on all
+// but the first line of each second.
 //
-// Agents may be cancelled at exit inside the sink's send, so the formatting
-// path holds no object with a destructor: plain buffers only.
+// Agents may be cancelled at exit; the sink holds off cancellation while it
+// holds its lock, and the formatting path holds no object with a
+// destructor: plain buffers only.
 #include "tevdLog.h"
 
 #include <cstdio>
@@ -63,28 +65,9 @@ int FormatPrefix(char *buf, size_t size, const struct timeval &tv, bool withMill
   return static_cast<int>(len);
 }
 
-// Hands a finished line to the sink as a "%s" argument.
-void LogText(const char *format, ...) TEV_PRINTF(1, 2);
-void LogText(const char *format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  PlatformLog_Vsyslog(format, ap);
-  va_end(ap);
-}
-
-// The joined-format path: prefix + caller's format, formatted by the sink.
-void LogJoined(const char *prefix, const char *format, va_list ap) {
-  char *joined = Str_Asprintf(nullptr, "%s%s", prefix, format);
-  if (joined != nullptr) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    PlatformLog_Vsyslog(joined, ap);
-#pragma GCC diagnostic pop
-    free(joined);
-  } else {
-    PlatformLog_Vsyslog(format, ap);
-  }
-}
+// The sink writes the prefix when the line joins its queue: the time of a
+// line is then the time of its place in the log.
+int MillisPrefix(char *buf, size_t size) { return TevdLog_TimePrefix(buf, size, true); }
 
 }  // namespace
 
@@ -132,22 +115,10 @@ int TevdLog_TimePrefix(char *buf, size_t size, bool withMillis) {
 }
 
 void TevdLogV(const char *format, va_list ap) {
-  // Most lines fit here: formatted once, on the stack, and passed on whole.
-  char line[1024];
-  int prefixLen = TevdLog_TimePrefix(line, 32, true);
-  va_list copy;
-  va_copy(copy, ap);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  int n = vsnprintf(line + prefixLen, sizeof line - static_cast<size_t>(prefixLen), format, copy);
+  PlatformLog_VsyslogWithPrefix(MillisPrefix, format, ap);
 #pragma GCC diagnostic pop
-  va_end(copy);
-  if (n >= 0 && static_cast<size_t>(n) < sizeof line - static_cast<size_t>(prefixLen)) {
-    LogText("%s", line);
-    return;
-  }
-  line[prefixLen] = '\0';
-  LogJoined(line, format, ap);
 }
 
 void TevdLog(const char *format, ...) {
@@ -172,7 +143,7 @@ void Panic(const char *format, ...) {
   char *bare = MsgFmt_Asprintf(nullptr, format, nullptr, 0);
   TevdLog("%s", bare != nullptr ? bare : "");
   free(bare);
-  PlatformLog_Flush();  // this thread's queued lines, the panic's among them
+  PlatformLog_Flush();  // every thread's queued lines, the panic's among them
   abort();
 }
 

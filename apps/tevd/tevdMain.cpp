@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "KNO.h"
 #include "PlatformRoot.h"
@@ -45,14 +46,34 @@ constexpr size_t kBufferCeiling = 131072;
 constexpr short kErrorBits = POLLERR | POLLHUP | POLLNVAL;  // 56
 
 volatile sig_atomic_t exitRequested = 0;
+// SIGHUP and SIGUSR1 (a service manager's reload, a signal meant for a
+// companion) are logged by the loop and otherwise ignored: tevd has nothing
+// to reload, and their default action would end it without a word.
+volatile sig_atomic_t hangupSeen = 0;
+volatile sig_atomic_t usr1Seen = 0;
 bool enableTevs = false;
 
 uint8_t *tevBuffer = nullptr;
 size_t tevBufferSize = 0;
 
 void OnSignal(int sig) {
-  if (sig != SIGPIPE) {
+  if (sig == SIGHUP) {
+    hangupSeen = 1;
+  } else if (sig == SIGUSR1) {
+    usr1Seen = 1;
+  } else if (sig != SIGPIPE) {
     exitRequested = 1;
+  }
+}
+
+void LogIgnoredSignals() {
+  if (hangupSeen != 0) {
+    hangupSeen = 0;
+    TevdLog("Ignoring SIGHUP: tevd has nothing to reload (SIGTERM or SIGINT stops it).\n");
+  }
+  if (usr1Seen != 0) {
+    usr1Seen = 0;
+    TevdLog("Ignoring SIGUSR1 (SIGTERM or SIGINT stops tevd).\n");
   }
 }
 
@@ -288,6 +309,7 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
       return flushed;
     }
     TevdNotify_LoopPass();
+    LogIgnoredSignals();
     if (exitRequested) {
       TevdLog("Exiting due to signal.\n");
       return 0;
@@ -328,6 +350,14 @@ int main(int argc, char **argv) {
   ContextRow contexts[kNumContexts];
   memcpy(contexts, kContextTable, sizeof contexts);
   enableTevs = TevdMain_ParseOptions(argc, argv);
+  // A second daemon on the same root would bind every socket afresh and
+  // leave the first one deaf: it refuses before it touches anything.
+  std::string lockWhy;
+  if (PlatformRoot_LockProgram("tevd", &lockWhy) < 0) {
+    fprintf(stderr, "tevd: %s; not starting.\n", lockWhy.c_str());
+    TevdLog("Not starting: %s.\n", lockWhy.c_str());
+    return 1;
+  }
 
   // The library's own diagnostics carry the daemon's time prefix too.
   TevLib_SetLogFunction(TevdLogV);

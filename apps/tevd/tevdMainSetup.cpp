@@ -54,7 +54,7 @@ namespace {
 
 void HandledSignals(sigset_t *set) {
   sigemptyset(set);
-  for (int sig : {SIGTERM, SIGINT, SIGPIPE}) {
+  for (int sig : {SIGTERM, SIGINT, SIGPIPE, SIGHUP, SIGUSR1}) {
     sigaddset(set, sig);
   }
 }
@@ -72,7 +72,7 @@ int TevdMain_InstallSignals(void (*handler)(int)) {
   memset(&sa, 0, sizeof sa);
   sa.sa_handler = handler;
   sigemptyset(&sa.sa_mask);
-  for (int sig : {SIGTERM, SIGINT, SIGPIPE}) {
+  for (int sig : {SIGTERM, SIGINT, SIGPIPE, SIGHUP, SIGUSR1}) {
     if (sigaction(sig, &sa, nullptr) != 0) {
       return errno;
     }

@@ -27,7 +27,8 @@ const ContextRow kContextTable[kNumContexts] = {
 // True when --enabletevs was given; --help or an unknown option prints the
 // usage and exits.
 bool TevdMain_ParseOptions(int argc, char **argv);
-// Installs `handler` for the handled signals (SIGTERM, SIGINT, SIGPIPE).
+// Installs `handler` for the handled signals (SIGTERM, SIGINT, SIGPIPE, and
+// SIGHUP and SIGUSR1, which the loop logs and ignores).
 int TevdMain_InstallSignals(void (*handler)(int));
 // Every thread but the reader blocks the handled signals, so a
 // process-directed SIGTERM always interrupts the reader's poll or its wait

@@ -112,21 +112,14 @@ void TevdQprobAlarmHandler(void) {
   retryHead.next = retryHead.prev = &retryHead;
   pthread_mutex_unlock(&retryListMutex);
 
-  bool timedOut = false;
   RetryEntry *next;
   for (RetryEntry *e = pass.next; e != &pass; e = next) {
     next = e->next;
-    // After one time-out the agent is taken as stuck for this pass: the rest
-    // count a failure without waiting again, so a pass (and every alarm
-    // behind it) takes one time-out at most.
-    int rc = -1;
-    if (!timedOut) {
-      errno = 0;
-      rc = TevdQprob_Send(e->message, e->length);
-      TevdMetrics_Add(gTevdMetrics.eventsRetried);
-      timedOut = rc < 0 && TevdQprob_LastSendTimedOut();
-      TevdQprob_NoteStuck(timedOut);
-    }
+    errno = 0;
+    int rc = TevdQprob_Send(e->message, e->length);
+    TevdMetrics_Add(gTevdMetrics.eventsRetried);
+    bool timedOut = rc < 0 && TevdQprob_LastSendTimedOut();
+    TevdQprob_NoteStuck(timedOut);
     if (rc < 0) {
       e->failures++;
     }
@@ -143,6 +136,13 @@ void TevdQprobAlarmHandler(void) {
       TevdLog("Abandoned event (%s) after %d failures.\n", MessageId(e->message), n + 1);
       TevdMetrics_Add(gTevdMetrics.eventsAbandoned);
       UnlinkEntry(e);
+    }
+    if (timedOut) {
+      // The agent is stuck: the pass ends here, so that it (and every alarm
+      // behind it) costs one time-out at most. The entries after this one
+      // were not tried and count nothing; they keep their place and their
+      // count for the next pass, so every event still gets all its attempts.
+      break;
     }
   }
 

@@ -240,7 +240,8 @@ int MtlSyscall(int number, void *arg) {
 }
 
 int KfsVolumes_Open(void) {
-  return open(PlatformRoot_Path("/kfs/volumes/").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  return open(PlatformRoot_Path("/kfs/volumes/").c_str(),
+              O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
 }
 
 int KfsVolumes_Ioctl(int dirFd, unsigned long request, void *query) {

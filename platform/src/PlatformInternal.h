@@ -74,7 +74,8 @@ void TevLibLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 void Syslog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// Reads a whole file; false when it cannot be opened.
+// Reads a whole host-model file (PlatformFile_Read with the value cap);
+// false when it is absent or refused.
 bool ReadFile(const std::string &path, std::string *content);
 // Drops trailing newlines (and carriage returns) of a host-model value.
 std::string TrimValue(const std::string &value);

@@ -2,6 +2,7 @@
 // datagram per line to the root's log collector.
 #include <errno.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdint.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -97,15 +98,23 @@ int LogHeadText(char *out, size_t size) {
   return h.len;
 }
 
-// Each thread sends on a datagram socket of its own, connected to the
-// collector, the way the C library's syslog does: addressing every line by
-// path made the kernel look the path up once per datagram, the largest single
-// cost of a busy log. The connection is made anew when the root's collector
-// path changes, when the collector went away (ECONNREFUSED, ENOTCONN), and at
-// least once a second, so a collector bound again at the same path gets the
-// lines of the next second even if the old one was never closed. Plain
-// thread-local data and a key destructor, not C++ objects, for the reason
-// given below PlatformLog_Unbatch.
+// DESIGN: every line of the process goes through one queue under one lock
+// (`queueLock`), and is sent from it in the order it was queued, by whichever
+// thread finds it due: the thread that logged it when it does not batch, a
+// batching thread whose line does not fit, PlatformLog_Flush, or the flusher
+// thread, which sends any line that has waited kMaxWaitUs. The time prefix
+// of a line is taken under the same lock (PlatformLog_VsyslogWithPrefix), so
+// the collector receives lines in call order with non-decreasing prefixes,
+// whatever thread logged them. A Panic flushes everything queued, from every
+// thread.
+//
+// One datagram socket, connected to the collector the way the C library's
+// syslog does: addressing every line by path made the kernel look the path
+// up once per datagram, the largest single cost of a busy log. The
+// connection is made anew when the root's collector path changes, when the
+// collector went away (ECONNREFUSED, ENOTCONN), and at least once a second,
+// so a collector bound again at the same path gets the lines of the next
+// second even if the old one was never closed. Used only under queueLock.
 struct ThreadSink {
   bool open;
   bool connected;
@@ -114,14 +123,8 @@ struct ThreadSink {
   char path[sizeof(((struct sockaddr_un *)nullptr)->sun_path)];
 };
 
-thread_local ThreadSink threadSink;
-pthread_key_t sinkKey;
-pthread_once_t sinkKeyOnce = PTHREAD_ONCE_INIT;
-
-void CloseThreadSink(void *fdPlusOne) {
-  close(static_cast<int>(reinterpret_cast<intptr_t>(fdPlusOne)) - 1);
-}
-void MakeSinkKey() { (void)pthread_key_create(&sinkKey, CloseThreadSink); }
+pthread_mutex_t queueLock = PTHREAD_MUTEX_INITIALIZER;
+ThreadSink threadSink;  // guarded by queueLock
 
 // This thread's socket, connected to `addr`; -1 when there is none or the
 // collector cannot be reached (the line is then dropped silently).
@@ -134,16 +137,16 @@ int ConnectedSocket(const struct sockaddr_un *addr) {
     }
     // A collector that falls behind fills its queue (ten datagrams by
     // default): wait a little for it rather than lose lines. One that lets a
-    // wait run out is taken as stopped (see SendLine) and costs no more
+    // wait run out is taken as stopped (see SendQueued) and costs no more
     // waiting.
     struct timeval timeout = {0, 250000};
     (void)setsockopt(s.fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-    (void)pthread_once(&sinkKeyOnce, MakeSinkKey);
-    (void)pthread_setspecific(sinkKey, reinterpret_cast<void *>(static_cast<intptr_t>(s.fd) + 1));
     s.open = true;
     s.connected = false;
   }
-  time_t now = lastHead.secs;
+  struct timespec ts;
+  TevClock_GetRealtime(&ts);
+  time_t now = ts.tv_sec;
   if (s.connected && s.since == now && strcmp(s.path, addr->sun_path) == 0) {
     return s.fd;
   }
@@ -167,6 +170,7 @@ bool ReconnectAfter(int err) {
     return true;
   }
   if (err == EBADF || err == ENOTSOCK) {
+    if (s.fd >= 0 && err == ENOTSOCK) close(s.fd);
     s.open = false;
     s.connected = false;
     return true;
@@ -205,51 +209,33 @@ void ReportDropped(int fd) {
   }
 }
 
-void SendLine(const char *datagram, size_t size, const struct sockaddr_un *addr) {
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    int fd = ConnectedSocket(addr);
-    if (fd < 0) {
-      return;  // no collector: dropped silently
-    }
-    bool stalled = __atomic_load_n(&collectorStalled, __ATOMIC_ACQUIRE) != 0;
-    int flags = MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0);
-    if (send(fd, datagram, size, flags) >= 0) {
-      if (stalled) {
-        __atomic_store_n(&collectorStalled, 0, __ATOMIC_RELEASE);
-      }
-      if (__atomic_load_n(&droppedLines, __ATOMIC_ACQUIRE) != 0) {
-        ReportDropped(fd);
-      }
-      return;
-    }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      // Full after the wait, or full while taken as stopped: dropped, counted.
-      __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
-      __atomic_add_fetch(&droppedLines, 1, __ATOMIC_ACQ_REL);
-      droppedTotal.fetch_add(1, std::memory_order_relaxed);
-      return;
-    }
-    if (!ReconnectAfter(errno)) {
-      return;
-    }
-  }
-}
-
-// Lines of one thread waiting to be sent together (PlatformLog_BatchLines).
-// Plain thread-local buffers, no destructor: see below on cancellation.
+// The process's lines waiting to be sent together. Plain buffers, no
+// destructor: see below on cancellation.
 struct LineQueue {
   static constexpr unsigned kLines = 32;
   static constexpr size_t kBytes = 16 * 1024;
-  bool on;
   unsigned count;
   size_t used;
+  int64_t firstUs;          // when the oldest queued line was queued (TevClock)
   struct sockaddr_un addr;  // every queued line goes to this collector
   size_t offset[kLines];
   size_t length[kLines];
   char bytes[kBytes];
 };
 
-thread_local LineQueue lineQueue;
+LineQueue lineQueue;         // guarded by queueLock
+thread_local bool batching;  // this thread leaves its lines queued
+pthread_cond_t queueNonEmpty = PTHREAD_COND_INITIALIZER;
+pthread_once_t flusherOnce = PTHREAD_ONCE_INIT;
+// Longest a queued line waits for a thread to flush before the flusher
+// thread sends it.
+constexpr int64_t kMaxWaitUs = 5000;
+
+int64_t NowUs() {
+  struct timespec ts;
+  TevClock_GetRealtime(&ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
 
 // Sends the queued lines with as few sendmmsg() calls as the collector
 // allows. A line the socket refuses is dropped, as one send() would have
@@ -284,8 +270,8 @@ void SendQueued(LineQueue &q) {
       continue;
     }
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      // As in SendLine: the rest of the batch is dropped and counted at once,
-      // not one wait per line.
+      // Full after the wait, or full while taken as stopped: the rest of the
+      // batch is dropped and counted at once, not one wait per line.
       __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
       __atomic_add_fetch(&droppedLines, q.count - done, __ATOMIC_ACQ_REL);
       droppedTotal.fetch_add(q.count - done, std::memory_order_relaxed);
@@ -301,100 +287,226 @@ void SendQueued(LineQueue &q) {
   q.used = 0;
 }
 
-// Queues a finished datagram; false when the calling thread does not batch.
-bool QueueLine(const char *datagram, size_t size, const struct sockaddr_un *addr) {
-  LineQueue &q = lineQueue;
-  if (!q.on) {
-    return false;
+void FlushLocked() {
+  if (lineQueue.count > 0) {
+    SendQueued(lineQueue);
   }
+}
+
+// Holds queueLock with cancellation off: send() is a cancellation point, and
+// a thread cancelled there would leave the lock held for ever.
+struct QueueGuard {
+  int oldState;
+  QueueGuard() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
+    pthread_mutex_lock(&queueLock);
+  }
+  ~QueueGuard() {
+    pthread_mutex_unlock(&queueLock);
+    pthread_setcancelstate(oldState, nullptr);
+  }
+};
+
+// Sends what has waited kMaxWaitUs (by TevClock, so a fake clock that does
+// not move holds lines until a flush). Signals stay blocked here: they are
+// meant for the program's own threads.
+void *FlusherMain(void *) {
+  pthread_mutex_lock(&queueLock);
+  for (;;) {
+    if (lineQueue.count == 0) {
+      pthread_cond_wait(&queueNonEmpty, &queueLock);
+      continue;
+    }
+    int64_t now = NowUs();
+    if (now - lineQueue.firstUs >= kMaxWaitUs || now < lineQueue.firstUs) {
+      FlushLocked();
+      continue;
+    }
+    struct timespec until;
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_nsec += 1000000;  // the age is TevClock's: look again in a millisecond
+    if (until.tv_nsec >= 1000000000) {
+      until.tv_sec += 1;
+      until.tv_nsec -= 1000000000;
+    }
+    pthread_cond_timedwait(&queueNonEmpty, &queueLock, &until);
+  }
+  return nullptr;
+}
+
+// A child of fork() has no flusher and must find the lock free: the fork
+// waits for the lock, and the child starts its own flusher when it batches.
+void BeforeFork() { pthread_mutex_lock(&queueLock); }
+void AfterForkParent() { pthread_mutex_unlock(&queueLock); }
+void AfterForkChild() {
+  pthread_mutex_unlock(&queueLock);
+  flusherOnce = PTHREAD_ONCE_INIT;
+}
+
+void StartFlusher() {
+  static bool forkHandlers = false;  // a child starting its flusher has them already
+  if (!forkHandlers) {
+    forkHandlers = true;
+    pthread_atfork(BeforeFork, AfterForkParent, AfterForkChild);
+  }
+  // The wait above counts on the monotonic clock (a wall clock set back
+  // would stretch it). Signalled only under the lock, so set up under it.
+  {
+    QueueGuard guard;
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    // Not destroyed first: in a child of fork() it may still count the
+    // parent's flusher as a waiter, and a destroy would wait for it.
+    pthread_cond_init(&queueNonEmpty, &attr);
+    pthread_condattr_destroy(&attr);
+  }
+  sigset_t all, old;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &old);
+  pthread_t t;
+  if (pthread_create(&t, nullptr, FlusherMain, nullptr) == 0) {
+    pthread_detach(t);
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+// Queues a line: the syslog head and `prefix` (when given) are written at
+// this moment, under the lock, then `body`. Sent at once unless this thread
+// batches.
+void QueueLine(int (*prefix)(char *, size_t), const char *body, size_t bodyLen,
+               const struct sockaddr_un *addr) {
+  if (batching) {
+    (void)pthread_once(&flusherOnce, StartFlusher);
+  }
+  QueueGuard guard;
+  char start[160];
+  int headLen = LogHeadText(start, sizeof start);
+  if (headLen < 0) {
+    return;
+  }
+  size_t startLen = static_cast<size_t>(headLen);
+  if (prefix != nullptr) {
+    int n = prefix(start + startLen, sizeof start - startLen);
+    if (n > 0) startLen += static_cast<size_t>(n);
+  }
+  size_t size = startLen + bodyLen;
+  LineQueue &q = lineQueue;
   if (q.count > 0 && (q.count == LineQueue::kLines || q.used + size > LineQueue::kBytes ||
                       strcmp(q.addr.sun_path, addr->sun_path) != 0)) {
     SendQueued(q);
   }
   if (size > LineQueue::kBytes) {
-    return false;  // sent on its own, after the lines before it
+    // Sent on its own, after the lines before it.
+    char *datagram = static_cast<char *>(malloc(size));
+    if (datagram == nullptr) {
+      return;
+    }
+    memcpy(datagram, start, startLen);
+    memcpy(datagram + startLen, body, bodyLen);
+    struct mmsghdr msg;
+    struct iovec iov = {datagram, size};
+    memset(&msg, 0, sizeof msg);
+    msg.msg_hdr.msg_iov = &iov;
+    msg.msg_hdr.msg_iovlen = 1;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      int fd = ConnectedSocket(addr);
+      if (fd < 0) break;
+      bool stalled = __atomic_load_n(&collectorStalled, __ATOMIC_ACQUIRE) != 0;
+      if (sendmmsg(fd, &msg, 1, MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0)) == 1) {
+        if (stalled) __atomic_store_n(&collectorStalled, 0, __ATOMIC_RELEASE);
+        break;
+      }
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
+        __atomic_add_fetch(&droppedLines, 1, __ATOMIC_ACQ_REL);
+        droppedTotal.fetch_add(1, std::memory_order_relaxed);
+        break;
+      }
+      if (!ReconnectAfter(errno)) break;
+    }
+    free(datagram);
+    return;
   }
   if (q.count == 0) {
     q.addr = *addr;
+    q.firstUs = NowUs();
+    pthread_cond_signal(&queueNonEmpty);
   }
-  memcpy(q.bytes + q.used, datagram, size);
+  memcpy(q.bytes + q.used, start, startLen);
+  memcpy(q.bytes + q.used + startLen, body, bodyLen);
   q.offset[q.count] = q.used;
   q.length[q.count] = size;
   q.used += size;
   ++q.count;
-  return true;
+  if (!batching) {
+    SendQueued(q);
+  }
 }
 
 }  // namespace
 
-void PlatformLog_BatchLines(void) { lineQueue.on = true; }
+void PlatformLog_BatchLines(void) { batching = true; }
 
 unsigned long long PlatformLog_DroppedLines(void) {
   return droppedTotal.load(std::memory_order_relaxed);
 }
 
 void PlatformLog_Flush(void) {
-  LineQueue &q = lineQueue;
-  if (q.count > 0) {
-    SendQueued(q);
-  }
+  QueueGuard guard;
+  FlushLocked();
 }
 
 void PlatformLog_Unbatch(void) {
+  batching = false;
   PlatformLog_Flush();
-  lineQueue.on = false;
 }
 
-// The daemon cancels its agents at exit, and send() here is a
-// cancellation point where a busy agent is often stopped. The function holds
-// no object with a destructor (plain buffers and malloc only), so such a
-// stop unwinds nothing of ours and stays cheap and safe, whichever way the
-// program that links this library cancels its threads.
+// The daemon cancels its agents at exit; the log path turns cancellation off
+// while it holds the queue's lock (QueueGuard) and holds no object with a
+// destructor beyond that guard, so a stop never leaves the lock held.
 //
-// Cost per line in the common case: the formatting into a stack buffer and
-// one send(), or, on a batching thread, a copy into its queue and a share
-// of one sendmmsg(); a line too long for the stack buffer is formatted again
-// into a malloc'd one.
-void PlatformLog_Vsyslog(const char *format, va_list ap) {
+// Cost per line in the common case: the formatting into a stack buffer, then
+// under the lock the head, the prefix and a copy into the queue, and one
+// sendmmsg() for the line (or, on a batching thread, a share of one); a line
+// too long for the stack buffer is formatted again into a malloc'd one.
+void PlatformLog_VsyslogWithPrefix(int (*prefix)(char *buf, size_t size), const char *format,
+                                   va_list ap) {
   struct sockaddr_un addr;
   LogSink sink = LogSocketAddr(&addr);
-  if (sink == LogSink::Syslog) {
-    vsyslog(LOG_INFO, format, ap);
-    return;
-  }
   if (sink == LogSink::None) {
     return;
   }
   char stackBuf[2048];
-  int headLen = LogHeadText(stackBuf, sizeof stackBuf);
-  if (headLen < 0) {
-    return;
-  }
-  size_t room = sizeof stackBuf - static_cast<size_t>(headLen);
   va_list copy;
   va_copy(copy, ap);
-  int n = vsnprintf(stackBuf + headLen, room, format, copy);
+  int n = vsnprintf(stackBuf, sizeof stackBuf, format, copy);
   va_end(copy);
   if (n < 0) {
     return;
   }
-  size_t size = static_cast<size_t>(headLen) + static_cast<size_t>(n);
-  if (static_cast<size_t>(n) < room) {
-    if (!QueueLine(stackBuf, size, &addr)) {
-      SendLine(stackBuf, size, &addr);
+  char *body = stackBuf;
+  if (static_cast<size_t>(n) >= sizeof stackBuf) {
+    body = static_cast<char *>(malloc(static_cast<size_t>(n) + 1));
+    if (body == nullptr) {
+      return;
     }
-    return;
+    vsnprintf(body, static_cast<size_t>(n) + 1, format, ap);
   }
-  char *datagram = static_cast<char *>(malloc(size + 1));
-  if (datagram == nullptr) {
-    return;
+  if (sink == LogSink::Syslog) {
+    char start[64] = "";
+    if (prefix != nullptr && prefix(start, sizeof start) < 0) start[0] = '\0';
+    syslog(LOG_INFO, "%s%s", start, body);
+  } else {
+    QueueLine(prefix, body, static_cast<size_t>(n), &addr);
   }
-  memcpy(datagram, stackBuf, static_cast<size_t>(headLen));
-  vsnprintf(datagram + headLen, static_cast<size_t>(n) + 1, format, ap);
-  if (!QueueLine(datagram, size, &addr)) {
-    SendLine(datagram, size, &addr);
+  if (body != stackBuf) {
+    free(body);
   }
-  free(datagram);
+}
+
+void PlatformLog_Vsyslog(const char *format, va_list ap) {
+  PlatformLog_VsyslogWithPrefix(nullptr, format, ap);
 }
 
 namespace platform_internal {

@@ -2,8 +2,10 @@
 // Nothing here caches: the host model is read at each call.
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "PlatformFile.h"
 #include "PlatformInternal.h"
 #include "PlatformRoot.h"
 
@@ -45,8 +47,22 @@ bool PlatformModel_Read(const std::string &relative, std::string *value) {
 bool PlatformModel_Write(const std::string &relative, const std::string &value) {
   // No directory is created: writing into an absent node is the call's failure.
   std::string path = PlatformModel_Path(relative);
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  // Only a regular file is written (a FIFO would hold the writer until
+  // someone reads it), and it is emptied only once it is known to be one.
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+  struct stat st;
+  if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+    close(fd);
+    PlatformFile_RefuseWrite(path);
+    errno = EINVAL;
+    return false;
+  }
   if (fd < 0) {
+    if (errno == ENXIO) PlatformFile_RefuseWrite(path);  // a FIFO nobody reads
+    return false;
+  }
+  if (ftruncate(fd, 0) != 0) {
+    close(fd);
     return false;
   }
   std::string line = value + "\n";

@@ -6,11 +6,13 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -96,4 +98,46 @@ int PlatformRoot_ReplaceFile(const std::string &path, const std::string &text) {
     return err;
   }
   return 0;
+}
+
+int PlatformRoot_LockProgram(const char *program, std::string *why) {
+  std::string dir = PlatformRoot_Path("/var/run/orlan");
+  std::string path = dir + "/" + program + ".lock";
+  int rc = PlatformRoot_MakeDirs(dir);
+  int fd = rc != 0
+               ? -1
+               : open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    *why = "cannot open the lock file " + path + ": " + strerror(rc != 0 ? rc : errno);
+    return -1;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    *why = "the lock file " + path + " is not a regular file";
+    return -1;
+  }
+  while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EINTR) continue;
+    int err = errno;
+    char pid[32] = "";
+    ssize_t n = pread(fd, pid, sizeof pid - 1, 0);
+    pid[n > 0 ? n : 0] = '\0';
+    pid[strcspn(pid, "\n")] = '\0';
+    close(fd);
+    if (err == EWOULDBLOCK) {
+      *why = std::string("another ") + program +
+             (pid[0] != '\0' ? std::string(" (pid ") + pid + ")" : "") +
+             " already runs on this root: it holds " + path;
+    } else {
+      *why = "cannot lock " + path + ": " + strerror(err);
+    }
+    return -1;
+  }
+  // The holder's pid, for the refusal above; the lock itself is the flock.
+  std::string text = std::to_string(getpid()) + "\n";
+  if (ftruncate(fd, 0) != 0 || pwrite(fd, text.data(), text.size(), 0) < 0) {
+    // Only the message of a later refusal loses the pid.
+  }
+  return fd;
 }

@@ -101,3 +101,34 @@ TEST_F(TevdLogTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
   // The log copy leaves the value out; standard error alone carries it.
   EXPECT_EQ(kLine + "x ", log_->Next());
 }
+
+// Defects: lines of a batching thread waited in its own queue without bound and reached the
+// collector after later lines of other threads (time prefixes going back); a Panic sent only
+// its own thread's queue, so the other threads' last lines were lost.
+TEST_F(TevdLogTest, QueuedLinesKeepCallOrderWaitAtMostFiveMsAndPanicSendsEveryThreadsLines) {
+  std::thread([&] {
+    PlatformLog_BatchLines();
+    TevdLog("batched first\n");
+  }).join();
+  clock_.AdvanceUs(1000);
+  TevdLog("unbatched second\n");
+  EXPECT_EQ(kLine + "batched first\n", log_->Next());
+  EXPECT_EQ(kLine.substr(0, kLine.size() - 6) + "001Z: unbatched second\n", log_->Next());
+  log_->Take();
+  std::thread([&] {
+    PlatformLog_BatchLines();
+    TevdLog("waits\n");
+  }).join();
+  EXPECT_TRUE(log_->Take().empty()) << "sent before its time was up";
+  clock_.AdvanceUs(5000);  // no flush: the queue's age alone sends it
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: waits\n"));
+  // Another thread's line waits in the queue when the panic comes (the child of the death test
+  // starts no thread: ThreadSanitizer does not allow it).
+  std::thread([] {
+    PlatformLog_BatchLines();
+    TevdLog("last words\n");
+  }).join();
+  EXPECT_EXIT(Panic("x"), ::testing::KilledBySignal(SIGABRT), "Panic");
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: last words\n"));
+  EXPECT_NE(std::string::npos, log_->Next().find("Z: Tevd - Panic: "));
+}

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,11 +23,13 @@ struct Wire {
   std::vector<Bytes> sent;
   int attempts = 0;
   bool fail = false;
+  int err = 0;  // errno of a failure: EAGAIN is a time-out
   static int Hook(const void *message, size_t length, void *ctx) {
     Wire *w = static_cast<Wire *>(ctx);
     w->attempts++;
     const uint8_t *p = static_cast<const uint8_t *>(message);
     if (!w->fail) w->sent.emplace_back(p, p + length);
+    errno = w->fail ? w->err : 0;
     return w->fail ? -1 : 0;
   }
 };
@@ -206,6 +209,37 @@ TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
   EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
   clock_.Advance(180);
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());
+}
+
+// Defect: after a time-out to a stuck agent, the later entries of the pass counted a failure
+// without an attempt, and reached "Abandoned ... after 6 failures." tried once or never.
+TEST_F(TevdQprobTest, EntriesBehindATimeOutAreNotCountedUntilTriedAndEachGetsSixAttempts) {
+  wire_.fail = true;
+  wire_.err = ECONNREFUSED;
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r.a)x");
+  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r.b)x");
+  log_.Take();
+  wire_.err = EAGAIN;  // stuck from now on: every attempt times out
+  wire_.attempts = 0;
+  Lines all;
+  for (int pass = 0; pass < 10; ++pass) {
+    for (const std::string &l : RetryPass()) all.push_back(l);
+  }
+  // One attempt per pass; a gets its five retries, then b gets its five.
+  EXPECT_EQ(10, wire_.attempts);
+  Lines expected;
+  for (const char *id : {"a", "b"}) {
+    for (int n = 2; n <= 5; ++n) {
+      expected.push_back(std::string("Failed to send event (kos.problem.r.") + id + "); " +
+                         std::to_string(n) + " failures so far.");
+    }
+    expected.push_back(std::string("Abandoned event (kos.problem.r.") + id + ") after 6 failures.");
+  }
+  std::vector<std::string> got;
+  for (const std::string &l : all)
+    if (l.find("kos.problem.r.") != std::string::npos) got.push_back(l);
+  EXPECT_EQ(expected, got);
+  EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
 }
 
 using V = MsgFmt_Value;

@@ -604,9 +604,13 @@ TEST_F(AgentFaultsE2ETest, AgentAbsentThenBackGetsEveryQueuedEventOnceAndTheOlde
   const std::string sent2 = "Successfully sent event (kos.problem.test.test2) after ";
   ASSERT_TRUE(log_->WaitCount(sent2, 3, kWait));
   for (const std::string &l : log_->Matching(sent2)) {
-    // Failed at the first attempt and the fourth and fifth pass; more if the sixth was missed.
+    // Failed at the first attempt and the fourth and fifth pass; more if the sixth was missed,
+    // one fewer if the agent was back within the fifth pass, after its line on A (lines reach
+    // the collector within milliseconds, before the pass has ended).
     std::string n = LogLines::Text(l).substr(sent2.size());
-    EXPECT_TRUE(n == "3 failures." || n == "4 failures." || n == "5 failures.") << l;
+    EXPECT_TRUE(n == "2 failures." || n == "3 failures." || n == "4 failures." ||
+                n == "5 failures.")
+        << l;
   }
   // C goes straight through.
   ASSERT_TRUE(SendRecord(user, Event(4)));
@@ -681,4 +685,55 @@ TEST_F(NotifyE2ETest, ReadyAfterSocketsWatchdogOnlyWhileTheLoopRunsStoppingOnSig
   ExpectCleanExit(*tevd_, kWait);
   EXPECT_TRUE(notify.WaitCount("STOPPING=1", 1, kWait));
   EXPECT_EQ(1u, notify.Count("READY=1"));
+}
+
+// Defects: a FIFO in the host model hung the start (kernel build) or the net correlator (a port
+// group) for ever, and with it the intake; a link to /dev/zero was read until memory ran out.
+TEST_F(FaultInjectionE2ETest, FifoAndDeviceLinkInTheHostModelAreSkippedNotWaitedOn) {
+  ASSERT_EQ(0, mkfifo(root_.Abs("platform/kernel-build").c_str(), 0644));
+  ASSERT_EQ(0, unlink(root_.Abs("platform/nodes/system/systemUuid").c_str()));
+  ASSERT_EQ(0, symlink("/dev/zero", root_.Abs("platform/nodes/system/systemUuid").c_str()));
+  root_.MakeDir("platform/network/portgroups");
+  ASSERT_EQ(0, mkfifo(root_.Abs("platform/network/portgroups/pg-guests").c_str(), 0644));
+  ASSERT_TRUE(Start()) << tevd_->Stderr();
+  EXPECT_TRUE(log_->WaitCount("Skipped the file ", 1, kWait));
+  int user = ConnectUser(root_);
+  ASSERT_TRUE(SendRecord(
+      user, TevRecord_Encode("tev.net.pg.uplink.transition.down", "pg down", 1,
+                             {MsgFmt_Value::Str("hwnic1"), MsgFmt_Value::Str("pg-guests"),
+                              MsgFmt_Value::I32(1), MsgFmt_Value::I32(0)})));
+  ASSERT_TRUE(SendRecord(user, TevRecord_Encode("tev.net.hwnic.linkstate.down", "then down", 1,
+                                                {MsgFmt_Value::Str("hwnic1")})));
+  ASSERT_TRUE(SendRecord(user, Vm("intake goes on")));
+  // The net correlator got past the port group to its next observation.
+  EXPECT_TRUE(log_->WaitCount("[tev.net.hwnic.linkstate.down] then down", 1, kWait));
+  EXPECT_TRUE(log_->WaitCount("[tev.vm.fault] intake goes on", 1, kWait));
+  EXPECT_LE(log_->Count("Skipped the file "), 2u) << "one line a second at most";
+  close(user);
+  ExpectCleanExit(*tevd_, kExitMs);
+}
+
+// Defects: a second daemon on the same root took the sockets over without a word (the first ran
+// on deaf); SIGHUP ended the daemon silently, and SIGUSR1 (tevfwd's counters signal) killed it.
+TEST_F(FaultInjectionE2ETest, SecondDaemonOnTheRootRefusesAndHupOrUsr1DoNotEndIt) {
+  ASSERT_TRUE(Start()) << tevd_->Stderr();
+  struct stat before, after;
+  std::string sock = PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::UserContext);
+  ASSERT_EQ(0, stat(sock.c_str(), &before));
+  Process second(root_, TevdBin(), {}, {}, "second");
+  EXPECT_EQ(1, second.ExitCode(10000));
+  EXPECT_NE(
+      std::string::npos,
+      second.Stderr().find("another tevd (pid " + std::to_string(tevd_->pid()) + ") already runs"))
+      << second.Stderr();
+  ASSERT_EQ(0, stat(sock.c_str(), &after));
+  EXPECT_EQ(before.st_ino, after.st_ino) << "the second daemon bound the socket afresh";
+  for (int sig : {SIGHUP, SIGUSR1}) tevd_->Signal(sig);
+  EXPECT_TRUE(log_->WaitCount("Ignoring SIGHUP", 1, kWait));
+  EXPECT_TRUE(log_->WaitCount("Ignoring SIGUSR1", 1, kWait));
+  int user = ConnectUser(root_);
+  ASSERT_TRUE(SendRecord(user, Vm("still served")));
+  EXPECT_TRUE(log_->WaitCount("[tev.vm.fault] still served", 1, kWait));
+  close(user);
+  ExpectCleanExit(*tevd_, kExitMs);
 }

@@ -3,6 +3,7 @@
 // (The catalogue's own consistency is checked when it compiles.)
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <regex>
 #include <set>
 
@@ -246,6 +247,43 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles)
   EXPECT_EQ(h.Recover(2000000), 1u);  // entry 7 is an alert, if an odd one
   EXPECT_EQ(h.counters().dropped, 1u);
   EXPECT_FALSE(h.TakeLogLines().empty());
+}
+
+// Defects: entries a full or read-only spool never took counted as spooled, with a log line each;
+// 9999999999999999.json pushed later names to 17 digits, which recovery ignored for ever; a
+// leftover .tmp stayed; an entry without some keys reached undefined behaviour in the lookup.
+TEST(TevfwdForwarder, UnwritableSpoolIsNotCountedAsSpooledAndOddSpoolFilesAreRecovered) {
+  tevdtest::ScratchRoot root;
+  {
+    Forwarder f(Opts(root.Abs("absent")));  // every write fails
+    for (int i = 0; i < 5; ++i)
+      f.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic" + std::to_string(i))}), 1000000);
+    EXPECT_EQ(f.counters().spooled, 0u);
+    EXPECT_EQ(f.counters().unspooled, 5u);
+    auto lines = f.TakeLogLines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(": 5 alert(s) kept in memory only"), std::string::npos) << lines[0];
+    EXPECT_EQ(DeliverAll(&f, 1000000).size(), 5u) << "still sent from memory";
+  }
+  const std::string entry = "{\"labels\":{\"alertname\":\"x\"},\"startsAt\":1,\"endsAt\":0}";
+  root.Write("spool/9999999999999999.json", entry);
+  root.Write("spool/12345678901234567.json", entry);  // left by a counter past 16 digits
+  root.Write("spool/0000000000000002.json", "{\"labels\":{},\"startsAt\":1}");  // no endsAt
+  root.Write("spool/0000000000000003.json.tmp", "cut short");
+  root.Write("spool/active.json.tmp", "cut short");
+  Forwarder g(Opts(root.Abs("spool")));
+  EXPECT_EQ(g.Recover(2000000), 2u);
+  EXPECT_EQ(g.counters().dropped, 1u);
+  g.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic9")}), 2000000);
+  EXPECT_EQ(g.counters().spooled, 1u);
+  std::set<std::string> names;
+  for (const auto &e : std::filesystem::directory_iterator(root.Abs("spool")))
+    names.insert(e.path().filename().string());
+  EXPECT_EQ(names, (std::set<std::string>{"0000000000000001.json", "0000000000000002.json",
+                                          "0000000000000003.json"}));
+  json sent = DeliverAll(&g, 2000000);
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_TRUE(sent[0]["annotations"].is_object()) << "missing keys are read as empty";
 }
 
 }  // namespace

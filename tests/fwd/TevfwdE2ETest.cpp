@@ -237,3 +237,26 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
 }
 
 }  // namespace
+
+// Defects: a FIFO in the spool hung tevfwd at start; a second tevfwd on the root took the agent
+// socket over; SIGHUP ended it without a word. No Alertmanager is needed for any of these.
+TEST(TevfwdProcess, FifoInTheSpoolSecondInstanceAndSighupDoNotStopIt) {
+  tevdtest::ScratchRoot root;
+  root.MakeDir("var/lib/tevfwd");
+  for (const char *name : {"0000000000000001.json", "active.json"})
+    ASSERT_EQ(0, mkfifo(root.Abs(std::string("var/lib/tevfwd/") + name).c_str(), 0644));
+  const Args args = {"--alertmanager", "http://127.0.0.1:9"};
+  Process first(root, FwdBin(), args, {}, "first");
+  std::string sock = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent);
+  ASSERT_TRUE(Eventually([&] { return tevdtest::PathExists(sock); }, 5000)) << first.Stderr();
+  EXPECT_NE(first.Stderr().find("Skipped the file "), std::string::npos) << first.Stderr();
+  Process second(root, FwdBin(), args, {}, "second");
+  EXPECT_EQ(second.ExitCode(5000), 1);
+  EXPECT_NE(second.Stderr().find("another tevfwd (pid " + std::to_string(first.pid())),
+            std::string::npos)
+      << second.Stderr();
+  first.Signal(SIGHUP);
+  EXPECT_TRUE(Eventually([&] { return first.Stderr().find("SIGHUP") != std::string::npos; }, 5000));
+  EXPECT_TRUE(first.Running());
+  tevdtest::ExpectCleanExit(first, 5000);
+}

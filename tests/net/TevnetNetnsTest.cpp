@@ -274,3 +274,20 @@ TEST_F(TevnetNetns, HostModelFollowsTheLinksAndLeavesOperatorPortGroups) {
 }
 
 }  // namespace
+
+// Defects: a FIFO in the host model hung tevnet at start; a second tevnet on the root ran beside
+// the first; SIGHUP ended it without a word.
+TEST_F(TevnetNetns, FifoInTheHostModelSecondInstanceAndSighupDoNotStopIt) {
+  root_.MakeDir("platform/nodes/net/pNics/hwnic0");
+  ASSERT_EQ(0, mkfifo(root_.Abs("platform/nodes/net/pNics/hwnic0/carrier").c_str(), 0644));
+  StartTevnet();
+  EXPECT_TRUE(WaitLog("Skipped the file ", 5000)) << Err();
+  tevdtest::Process second(root_, IpBin(), TevnetArgv({}), {}, "second");
+  EXPECT_EQ(second.ExitCode(5000), 1);
+  EXPECT_NE(second.Stderr().find("another tevnet (pid " + std::to_string(tevnet_->pid())),
+            std::string::npos)
+      << second.Stderr();
+  tevnet_->Signal(SIGHUP);
+  EXPECT_TRUE(WaitLog("SIGHUP: writing the host model afresh", 5000)) << Err();
+  EXPECT_TRUE(tevnet_->Running());
+}

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "HostCtl.h"
 #include "KNO.h"
 #include "MtlCtl.h"
+#include "PlatformFile.h"
 #include "PlatformRoot.h"
 #include "Str.h"
 #include "TevClock.h"
@@ -32,6 +34,37 @@ TEST_F(HostModel, AbsentOrUnreadableEntriesThrowHostCtlException) {
   EXPECT_THROW(HostCtl::Network::NetworkFactory::GetPortGroupByName("pg-guests"), HostCtlException);
   root_.Write("platform/storage/devices/naa.bad/status", "two");
   EXPECT_THROW(HostCtl::Storage::Lun("naa.bad").GetPathRedundancyStatus(), HostCtlException);
+}
+
+// Defects: a FIFO was opened and waited on for ever, a link to /dev/zero read until memory ran
+// out. Only a regular file of at most the cap is read; the rest are refused without waiting.
+TEST_F(HostModel, OnlyRegularFilesUpToTheCapAreReadFifosAndDevicesAreRefused) {
+  root_.Write("ok", "value\n");
+  root_.Write("big", std::string(100, 'b'));
+  root_.MakeDir("dir");
+  ASSERT_EQ(0, mkfifo(root_.Abs("fifo").c_str(), 0644));
+  ASSERT_EQ(0, symlink("/dev/zero", root_.Abs("zero").c_str()));
+  ASSERT_EQ(0, symlink(root_.Abs("ok").c_str(), root_.Abs("link").c_str()));
+  const struct {
+    const char *name;
+    PlatformFileStatus status;
+  } table[] = {{"ok", PlatformFileStatus::Ok},         {"link", PlatformFileStatus::Ok},
+               {"absent", PlatformFileStatus::Absent}, {"ok/below", PlatformFileStatus::Absent},
+               {"big", PlatformFileStatus::Refused},   {"dir", PlatformFileStatus::Refused},
+               {"fifo", PlatformFileStatus::Refused},  {"zero", PlatformFileStatus::Refused}};
+  unsigned long long refused = PlatformFile_Refused();
+  for (const auto &row : table) {
+    std::string content = "untouched";
+    EXPECT_EQ(row.status, PlatformFile_Read(root_.Abs(row.name), 99, &content)) << row.name;
+    EXPECT_EQ(row.status == PlatformFileStatus::Ok ? "value\n" : "untouched", content) << row.name;
+  }
+  EXPECT_EQ(refused + 4, PlatformFile_Refused());
+  // Writing the host model never waits on a FIFO either.
+  root_.MakeDir("platform");
+  ASSERT_EQ(0, mkfifo(PlatformModel_Path("fifo").c_str(), 0644));
+  EXPECT_FALSE(PlatformModel_Write("fifo", "1"));
+  EXPECT_TRUE(PlatformModel_Write("value", "1"));
+  EXPECT_EQ(refused + 5, PlatformFile_Refused());
 }
 
 TEST_F(HostModel, NameWithSlashIsStoredWithPercent2F) {

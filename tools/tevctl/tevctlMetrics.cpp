@@ -6,6 +6,7 @@
 
 #include <dirent.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -35,8 +36,31 @@ double CountersFile::Sum(const std::string &name) const {
 
 namespace {
 
+// With a lock file (var/run/orlan/PROGRAM.lock, flocked by the running
+// program for its life): whether process `pid` holds that lock now, as
+// /proc/locks lists it. Read, never taken: a probe lock could make a daemon
+// that starts at that moment refuse to run. -1 when there is no lock file.
+int HoldsLock(long pid, const std::string &program) {
+  struct stat st;
+  if (stat(RootPath("/var/run/orlan/" + program + ".lock").c_str(), &st) != 0) return -1;
+  char inode[64];
+  snprintf(inode, sizeof inode, ":%llu ", static_cast<unsigned long long>(st.st_ino));
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);) {
+    std::istringstream f(line);
+    std::string n, kind, mode, access, owner, where;
+    f >> n >> kind >> mode >> access >> owner >> where;
+    if (kind == "FLOCK" && owner == std::to_string(pid) &&
+        (where + " ").find(inode) != std::string::npos) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
 // True when `pid` runs a program called `program` (the kernel's short name
-// starts with it: tevd-selftest writes tevd's file).
+// starts with it: tevd-selftest writes tevd's file) and, where the program
+// keeps a lock file, holds that lock.
 bool Runs(long pid, const std::string &program) {
   if (pid <= 0 || (kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM)) {
     return false;
@@ -51,7 +75,8 @@ bool Runs(long pid, const std::string &program) {
     return false;
   }
   std::string name = line.substr(open + 1, close - open - 1);
-  return line[close + 2] != 'Z' && name.compare(0, program.size(), program) == 0;
+  return line[close + 2] != 'Z' && name.compare(0, program.size(), program) == 0 &&
+         HoldsLock(pid, program) != 0;
 }
 
 const char kUsage[] =

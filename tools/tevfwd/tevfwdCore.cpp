@@ -6,11 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
-#include <fstream>
-#include <sstream>
 
+#include "PlatformFile.h"
 #include "tevfwdEvents.h"
 
 namespace tevfwd {
@@ -25,20 +26,27 @@ namespace {
 
 bool WriteFileAtomicImpl(const std::string &path, const std::string &data) {
   std::string tmp = path + ".tmp";
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) return false;
   size_t off = 0;
   while (off < data.size()) {
     ssize_t n = write(fd, data.data() + off, data.size() - off);
     if (n <= 0) {
+      int err = n < 0 ? errno : ENOSPC;
       close(fd);
       unlink(tmp.c_str());
+      errno = err;
       return false;
     }
     off += static_cast<size_t>(n);
   }
-  close(fd);
-  return rename(tmp.c_str(), path.c_str()) == 0;
+  if (close(fd) != 0 || rename(tmp.c_str(), path.c_str()) != 0) {
+    int err = errno;
+    unlink(tmp.c_str());
+    errno = err;
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -49,13 +57,45 @@ bool WriteFileAtomic(const std::string &path, const std::string &data) {
 
 namespace {
 
-bool ReadFile(const std::string &path, std::string *out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  *out = ss.str();
+// A spool entry is one alert (a few KiB at most); the active set is every
+// firing alert, bounded in practice by the spool's own limit.
+constexpr size_t kEntryCap = 1u << 20;
+constexpr size_t kActiveCap = 64u << 20;
+
+bool ReadFile(const std::string &path, size_t cap, std::string *out) {
+  return PlatformFile_Read(path, cap, out) == PlatformFileStatus::Ok;
+}
+
+// Everything the forwarder later reads of an alert from disk: whatever else
+// a damaged or hand-made file holds, these keys are there with these types
+// (the ones an old file may lack are added empty), so that no lookup on a
+// const alert meets a missing key.
+bool WellFormed(json *a) {
+  if (!a->is_object() || !a->contains("labels") || !a->at("labels").is_object() ||
+      !a->value("startsAt", json()).is_number() || !a->value("endsAt", json()).is_number()) {
+    return false;
+  }
+  if (!a->contains("annotations") || !a->at("annotations").is_object())
+    (*a)["annotations"] = json::object();
+  if (!a->contains("args") || !a->at("args").is_array()) (*a)["args"] = json::array();
   return true;
+}
+
+// Spool names are 16 digits; longer ones (up to 19, all a 64-bit counter
+// can spell) come from a counter pushed past 16 digits and are still read.
+bool SpoolName(const std::string &name, uint64_t *seq) {
+  size_t digits = name.size() - 5;
+  if (name.size() < 21 || name.size() > 24 || name.compare(digits, 5, ".json") != 0 ||
+      name.find_first_not_of("0123456789") != digits) {
+    return false;
+  }
+  *seq = std::stoull(name.substr(0, digits));
+  return true;
+}
+
+bool EndsWith(const std::string &s, const char *tail) {
+  size_t n = strlen(tail);
+  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
 // Arguments are the producers' bytes: text that is not UTF-8 is sent with
@@ -221,9 +261,16 @@ void Forwarder::Push(json alert, bool durable) {
   e.alert = std::move(alert);
   if (durable && !opt_.spoolDir.empty()) {
     e.onDisk = WriteFileAtomic(EntryPath(e.seq), text);
-    if (!e.onDisk) log_.push_back("cannot write the spool entry " + EntryPath(e.seq));
+    if (!e.onDisk) {
+      // A full or read-only spool: the entry lives in memory only, and is
+      // counted as such, not as spooled (a crash would lose it). One line
+      // per log interval says how many (TakeLogLines).
+      ++counters_.unspooled;
+      ++unspooledUnlogged_;
+      unspooledWhy_ = strerror(errno);
+    }
   }
-  if (durable) ++counters_.spooled;
+  if (durable && (e.onDisk || opt_.spoolDir.empty())) ++counters_.spooled;
   spoolBytes_ += e.bytes;
   spool_.push_back(std::move(e));
   while (spoolBytes_ > opt_.spoolMaxBytes && spool_.size() > 1) {
@@ -276,8 +323,8 @@ std::string Forwarder::Render(const std::vector<const Entry *> &entries, const O
       // alerts resolve in Alertmanager instead of firing forever.
       endsAt = std::min(nowMs + 3 * opt.resendMs, startsAt + LifetimeMs(a, opt));
     }
-    out.push_back({{"labels", a["labels"]},
-                   {"annotations", a["annotations"]},
+    out.push_back({{"labels", a.value("labels", json::object())},
+                   {"annotations", a.value("annotations", json::object())},
                    {"startsAt", Rfc3339(startsAt)},
                    {"endsAt", Rfc3339(endsAt)}});
   }
@@ -298,12 +345,12 @@ void Forwarder::SaveActive() {
 size_t Forwarder::Recover(int64_t nowMs) {
   if (opt_.spoolDir.empty()) return 0;
   std::string text;
-  if (ReadFile(opt_.spoolDir + "/active.json", &text)) {
+  if (ReadFile(opt_.spoolDir + "/active.json", kActiveCap, &text)) {
     json all = json::parse(text, nullptr, false);
     if (all.is_array()) {
-      for (const json &a : all) {
+      for (json &a : all) {
         try {
-          if (a.is_object() && a.contains("labels") && a["labels"].is_object()) Apply(a);
+          if (WellFormed(&a)) Apply(a);
         } catch (const std::exception &e) {
           log_.push_back(std::string("ignoring an alert of active.json: ") + e.what());
         }
@@ -312,27 +359,29 @@ size_t Forwarder::Recover(int64_t nowMs) {
       log_.push_back("ignoring unreadable " + opt_.spoolDir + "/active.json");
     }
   }
-  std::vector<uint64_t> seqs;
+  std::vector<std::pair<uint64_t, std::string>> files;
   if (DIR *d = opendir(opt_.spoolDir.c_str())) {
     while (struct dirent *de = readdir(d)) {
       std::string name = de->d_name;
-      if (name.size() == 21 && name.compare(16, 5, ".json") == 0 &&
-          name.find_first_not_of("0123456789") == 16) {
-        seqs.push_back(std::stoull(name.substr(0, 16)));
+      uint64_t seq = 0;
+      if (SpoolName(name, &seq)) {
+        files.emplace_back(seq, name);
+      } else if (EndsWith(name, ".tmp")) {
+        // A write that a crash cut short: its entry was never accepted.
+        unlink((opt_.spoolDir + "/" + name).c_str());
       }
     }
     closedir(d);
   }
-  std::sort(seqs.begin(), seqs.end());
+  std::sort(files.begin(), files.end());
   size_t recovered = 0;
-  for (uint64_t seq : seqs) {
+  for (const auto &f : files) {
+    const std::string path = opt_.spoolDir + "/" + f.second;
     json alert;
-    if (ReadFile(EntryPath(seq), &text)) alert = json::parse(text, nullptr, false);
-    if (!alert.is_object() || !alert.contains("labels") || !alert["labels"].is_object() ||
-        !alert.value("startsAt", json()).is_number() ||
-        !alert.value("endsAt", json()).is_number()) {
-      log_.push_back("dropping unreadable spool entry " + EntryPath(seq));
-      unlink(EntryPath(seq).c_str());
+    if (ReadFile(path, kEntryCap, &text)) alert = json::parse(text, nullptr, false);
+    if (!WellFormed(&alert)) {
+      log_.push_back("dropping unreadable spool entry " + path);
+      unlink(path.c_str());
       ++counters_.dropped;
       continue;
     }
@@ -340,20 +389,26 @@ size_t Forwarder::Recover(int64_t nowMs) {
     try {
       Apply(alert);
     } catch (const std::exception &e) {
-      log_.push_back("dropping spool entry " + EntryPath(seq) + ": " + e.what());
-      unlink(EntryPath(seq).c_str());
+      log_.push_back("dropping spool entry " + path + ": " + e.what());
+      unlink(path.c_str());
       ++counters_.dropped;
       continue;
     }
+    // Entries are numbered afresh from 1 in their order, so names keep
+    // their 16 digits whatever number a file (or a hand) left behind.
     Entry e;
-    e.seq = seq;
+    e.seq = nextSeq_++;
+    if (EntryPath(e.seq) != path && rename(path.c_str(), EntryPath(e.seq).c_str()) != 0) {
+      log_.push_back("cannot rename the spool entry " + path + ": " + strerror(errno));
+      e.seq = f.first;  // stays where it is, sent from memory; never renamed over
+      nextSeq_ = std::max(nextSeq_, f.first + 1);
+    }
     e.pending = allReplicas_;
     e.onDisk = true;
     e.bytes = text.size();
     e.alert = std::move(alert);
     spoolBytes_ += e.bytes;
     spool_.push_back(std::move(e));
-    nextSeq_ = std::max(nextSeq_, seq + 1);
     ++recovered;
   }
   nextResendMs_ = nowMs + opt_.resendMs;
@@ -364,7 +419,8 @@ std::string Forwarder::CountersJson() const {
   const Counters &c = counters_;
   return json{{"received", c.received},   {"sent", c.sent},           {"resolved", c.resolved},
               {"spooled", c.spooled},     {"dropped", c.dropped},     {"expired", c.expired},
-              {"malformed", c.malformed}, {"waiting", spool_.size()}, {"active", active_.size()}}
+              {"malformed", c.malformed}, {"waiting", spool_.size()}, {"active", active_.size()},
+              {"unspooled", c.unspooled}}
       .dump();
 }
 
@@ -373,6 +429,12 @@ std::vector<std::string> Forwarder::TakeLogLines() {
     log_.push_back("spool over " + std::to_string(opt_.spoolMaxBytes) + " bytes: dropped the " +
                    std::to_string(droppedUnlogged_) + " oldest alert(s)");
     droppedUnlogged_ = 0;
+  }
+  if (unspooledUnlogged_ != 0) {
+    log_.push_back("cannot write the spool " + opt_.spoolDir + " (" + unspooledWhy_ +
+                   "): " + std::to_string(unspooledUnlogged_) +
+                   " alert(s) kept in memory only since the last report");
+    unspooledUnlogged_ = 0;
   }
   std::vector<std::string> out;
   out.swap(log_);

@@ -36,7 +36,8 @@ struct Counters {
   uint64_t sent = 0;       // alert entries delivered to every replica
   uint64_t resolved = 0;   // firing alerts resolved by a clear
   uint64_t expired = 0;    // firing alerts ended by their lifetime
-  uint64_t spooled = 0;    // entries written to the spool
+  uint64_t spooled = 0;    // entries written to the spool (or kept, without a spool directory)
+  uint64_t unspooled = 0;  // entries the spool could not take (full, read-only): memory only
   uint64_t dropped = 0;    // entries dropped: spool full, or refused by a replica
 };
 
@@ -53,8 +54,9 @@ class Forwarder {
  public:
   explicit Forwarder(Options opt);
 
-  // Reads the spool directory and the saved active set (after a restart).
-  // Returns the number of spool entries recovered.
+  // Reads the spool directory and the saved active set (after a restart),
+  // removes the temporary files of writes a crash cut short and numbers the
+  // entries afresh from 1. Returns the number of spool entries recovered.
   size_t Recover(int64_t nowMs);
   // One decoded event from tevd.
   void Accept(const QprobMessage &msg, int64_t nowMs);
@@ -105,6 +107,8 @@ class Forwarder {
   bool activeDirty_ = false;
   int64_t nextResendMs_ = 0;
   uint64_t droppedUnlogged_ = 0;
+  uint64_t unspooledUnlogged_ = 0;
+  std::string unspooledWhy_;
   std::vector<std::string> log_;
 };
 

@@ -24,6 +24,7 @@
 #include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "Qprob.h"
+#include "TevLib.h"
 #include "tevdVersion.h"
 #include "tevfwdCore.h"
 #include "tevfwdHttp.h"
@@ -52,21 +53,31 @@ const char kUsage[] =
     "  --help, --version\n"
     "SIGUSR1 prints the counters (received, sent, resolved, spooled, dropped) on\n"
     "standard error; they are also in var/run/orlan/tevfwd-counters.json, updated\n"
-    "every second ('tevctl fwd' prints them). SIGTERM or SIGINT stops.\n";
+    "every second ('tevctl fwd' prints them). SIGHUP is logged and ignored (nothing\n"
+    "to reload: options come from the command line). SIGTERM or SIGINT stops.\n"
+    "One tevfwd per root: a second one refuses to start (var/run/orlan/tevfwd.lock).\n";
 
 std::atomic<bool> gStop{false};
 std::atomic<bool> gCounters{false};
+std::atomic<bool> gHangup{false};
 
-void OnSignal(int sig) { (sig == SIGUSR1 ? gCounters : gStop) = true; }
+void OnSignal(int sig) { (sig == SIGUSR1 ? gCounters : sig == SIGHUP ? gHangup : gStop) = true; }
+
+void LogV(const char *fmt, va_list ap) __attribute__((format(printf, 1, 0)));
+void LogV(const char *fmt, va_list ap) {
+  char line[2048];
+  vsnprintf(line, sizeof line, fmt, ap);
+  size_t n = strlen(line);
+  if (n > 0 && line[n - 1] == '\n') line[n - 1] = '\0';  // the platform's lines end in one
+  fprintf(stderr, "tevfwd: %s\n", line);
+}
 
 void Log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void Log(const char *fmt, ...) {
-  char line[2048];
   va_list ap;
   va_start(ap, fmt);
-  vsnprintf(line, sizeof line, fmt, ap);
+  LogV(fmt, ap);
   va_end(ap);
-  fprintf(stderr, "tevfwd: %s\n", line);
 }
 
 int64_t NowMs() {
@@ -351,6 +362,7 @@ void HandleSignals() {
   sigaction(SIGTERM, &sa, nullptr);
   sigaction(SIGINT, &sa, nullptr);
   sigaction(SIGUSR1, &sa, nullptr);
+  sigaction(SIGHUP, &sa, nullptr);
   signal(SIGPIPE, SIG_IGN);
 }
 
@@ -394,6 +406,8 @@ void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string
       nextLog = now + kFailureLogIntervalMs / 6;
     }
     if (gCounters.exchange(false)) PrintCounters(s);
+    if (gHangup.exchange(false))
+      Log("SIGHUP: nothing to reload; ignored (SIGTERM or SIGINT stops)");
   }
 }
 
@@ -404,6 +418,16 @@ int main(int argc, char **argv) {
   int parsed = ParseCommandLine(argc, argv, &cl);
   if (parsed >= 0) return parsed;
   tevfwd::Options &opt = cl.opt;
+  // Skipped files (the spool, the host model) are reported on our log.
+  TevLib_SetLogFunction(LogV);
+  // Signals first: from here on a SIGHUP or SIGUSR1 must not end the program.
+  HandleSignals();
+  // A second forwarder would take over the agent socket and share the spool.
+  std::string lockWhy;
+  if (PlatformRoot_LockProgram("tevfwd", &lockWhy) < 0) {
+    fprintf(stderr, "tevfwd: %s; not starting\n", lockWhy.c_str());
+    return 1;
+  }
   opt.spoolDir = cl.spool.empty() ? PlatformRoot_Path("/var/lib/tevfwd") : cl.spool;
   if (int rc = PlatformRoot_MakeDirs(opt.spoolDir)) {
     fprintf(stderr, "tevfwd: cannot create the spool %s: %s\n", opt.spoolDir.c_str(), strerror(rc));
@@ -412,7 +436,6 @@ int main(int argc, char **argv) {
   char host[256] = {};
   gethostname(host, sizeof host - 1);
   opt.hostName = host;
-  HandleSignals();
 
   tevfwd::HttpInit();
   Shared s;

@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
 #include "PlatformRoot.h"
+#include "TevLib.h"
 #include "tevdVersion.h"
 #include "tevnet.h"
 
@@ -42,7 +44,10 @@ const char kUsage[] =
     "  --domain N         asynchronous context to post to (0..21, default 0)\n"
     "  --once             post the current state of every NIC and exit\n"
     "  --help, --version\n"
-    "Without --enforce a link-flapping verdict is only logged.\n";
+    "Without --enforce a link-flapping verdict is only logged.\n"
+    "SIGHUP writes the host model's network part afresh from the link table; SIGUSR1\n"
+    "logs the switches and uplinks seen. SIGTERM or SIGINT stops. One tevnet per\n"
+    "root: a second one refuses to start (var/run/orlan/tevnet.lock).\n";
 
 using Clock = std::chrono::steady_clock;
 
@@ -54,8 +59,28 @@ constexpr auto kSettle = std::chrono::milliseconds(3000);
 constexpr auto kResyncRetry = std::chrono::milliseconds(1000);
 
 volatile sig_atomic_t gStop = 0;
+volatile sig_atomic_t gHangup = 0;
+volatile sig_atomic_t gUsr1 = 0;
 
-void OnSignal(int) { gStop = 1; }
+void OnSignal(int sig) {
+  if (sig == SIGHUP) {
+    gHangup = 1;
+  } else if (sig == SIGUSR1) {
+    gUsr1 = 1;
+  } else {
+    gStop = 1;
+  }
+}
+
+// Installed before anything else is done: from then on a SIGHUP or a SIGUSR1
+// can no longer end the program without a word.
+void HandleSignals() {
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = OnSignal;
+  for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaction(sig, &sa, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+}
 
 bool ParseOptions(int argc, char **argv, Options *opts, int *exitCode) {
   for (int i = 1; i < argc; ++i) {
@@ -409,7 +434,26 @@ void WriteCounters(const Watcher &watch, const Poster &poster, const Netlink &nl
   PlatformRoot_ReplaceFile(PlatformRoot_Path(kCountersPath), text);
 }
 
+void LogV(const char *format, va_list ap) __attribute__((format(printf, 1, 0)));
+void LogV(const char *format, va_list ap) {
+  char line[2048];
+  vsnprintf(line, sizeof line, format, ap);
+  size_t n = strlen(line);
+  if (n > 0 && line[n - 1] == '\n') line[n - 1] = '\0';  // the platform's lines end in one
+  Log("%s", line);
+}
+
 int Run(const Options &opts) {
+  HandleSignals();
+  // Skipped host-model files are reported on our log.
+  TevLib_SetLogFunction(LogV);
+  // A second producer would post every transition twice and fight over the
+  // host model.
+  std::string lockWhy;
+  if (PlatformRoot_LockProgram("tevnet", &lockWhy) < 0) {
+    Log("%s; not starting", lockWhy.c_str());
+    return 1;
+  }
   Netlink nl;
   std::string why;
   std::vector<Link> links;
@@ -429,13 +473,6 @@ int Run(const Options &opts) {
   // starts is a fault like any other.
   poster.DaemonIsNew();
   watch.PostPresent(false);
-
-  struct sigaction sa;
-  memset(&sa, 0, sizeof sa);
-  sa.sa_handler = OnSignal;
-  sigaction(SIGTERM, &sa, nullptr);
-  sigaction(SIGINT, &sa, nullptr);
-  signal(SIGPIPE, SIG_IGN);
 
   FlapNodes flaps;
   flaps.Check(watch.State());
@@ -482,6 +519,15 @@ int Run(const Options &opts) {
     if (poster.DaemonIsNew()) {
       Log("tevd started again: posting the present state");
       watch.PostPresent(false);
+    }
+    if (gHangup != 0) {
+      gHangup = 0;
+      Log("SIGHUP: writing the host model afresh from the link table");
+      SyncHostModel(watch.State());
+    }
+    if (gUsr1 != 0) {
+      gUsr1 = 0;
+      Describe(watch.State());
     }
     for (const FlapNodes::Verdict &v : flaps.Check(watch.State())) {
       if (Enforce(nl, opts, watch.State(), v)) watch.TookDown(v.nic);

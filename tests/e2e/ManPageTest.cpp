@@ -85,6 +85,7 @@ TEST(ManPages, TevctlPageAndEveryCommandsHelpNameTheSameOptions) {
       all += Help(root, TevctlBin(), {m[1], "--help"});
     }
   }
+  all += Help(root, TevctlBin(), {"scenario", "record", "--help"});
   const std::string page = Page("tevctl.1");
   ExpectSame("tevctl", PageOptions(page), HelpOptions(all));
   ExpectVariablesRead(page, TevctlBin());
@@ -106,11 +107,12 @@ TEST(ManPages, CompanionPagesNameWhatTheirHelpOffers) {
 // tevd's usage text names --help only, by design: what it accepts is its getopt table.
 TEST(ManPages, TevdPageNamesItsGetoptTable) {
   const std::string src = Slurp(TEVD_SOURCE_DIR "/apps/tevd/tevdMainSetup.cpp");
-  Set accepted = Tokens(src, std::regex(R"(\{"([a-z]+)", (?:no|required)_argument)"));
+  Set accepted = Tokens(src, std::regex(R"x(\{"([a-z]+)", (?:no|required)_argument)x"));
   Set longs;
   for (const std::string &o : accepted) longs.insert("--" + o);
   std::smatch shorts;
-  ASSERT_TRUE(std::regex_search(src, shorts, std::regex(R"(getopt_long\(argc, argv, "([a-z:]+)")")));
+  ASSERT_TRUE(
+      std::regex_search(src, shorts, std::regex(R"x(getopt_long\(argc, argv, "([a-z:]+)")x")));
   for (char c : shorts[1].str()) {
     if (c != ':') longs.insert(std::string("-") + c);
   }

@@ -201,10 +201,14 @@ TEST(FleetExample, AlertmanagerConfigurationIsValidAndNamesRealEvents) {
   };
   EXPECT_EQ(matching(R"(kos\.problem\.net\.(connectivity\.lost|redundancy\.lost))"), 2u);
   EXPECT_GE(matching(R"(kos\.problem\.storage\.(connectivity|redundancy)\..*)"), 4u);
-  EXPECT_NE(yaml.find(R"(source_matchers: ['alertname=~"kos\\.problem\\.net\\.(connectivity\\.lost|redundancy\\.lost)"'])"),
-            std::string::npos);
-  EXPECT_NE(yaml.find(R"(target_matchers: ['alertname=~"kos\\.problem\\.storage\\.(connectivity|redundancy)\\..*"'])"),
-            std::string::npos);
+  EXPECT_NE(
+      yaml.find(
+          R"x(source_matchers: ['alertname=~"kos\\.problem\\.net\\.(connectivity\\.lost|redundancy\\.lost)"'])x"),
+      std::string::npos);
+  EXPECT_NE(
+      yaml.find(
+          R"x(target_matchers: ['alertname=~"kos\\.problem\\.storage\\.(connectivity|redundancy)\\..*"'])x"),
+      std::string::npos);
   const char kAmtool[] = "/usr/bin/amtool";
   if (access(kAmtool, X_OK) != 0) {
     TEVD_SKIP_MISSING("amtool is absent (prometheus-alertmanager: scripts/deps.sh companions)");
@@ -215,7 +219,8 @@ TEST(FleetExample, AlertmanagerConfigurationIsValidAndNamesRealEvents) {
   const struct {
     const char *label;
     const char *receiver;
-  } routes[] = {{"severity=critical", "pager"}, {"severity=warning", "chat"}, {"severity=info", "chat"}};
+  } routes[] = {
+      {"severity=critical", "pager"}, {"severity=warning", "chat"}, {"severity=info", "chat"}};
   for (const auto &r : routes) {
     Process route(root, kAmtool, {"config", "routes", "test", file, r.label}, {}, "route");
     EXPECT_EQ(route.ExitCode(10000), 0) << route.Stderr();

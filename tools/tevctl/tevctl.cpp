@@ -257,6 +257,11 @@ int CountAndTimeout(const char *cmd, const ParsedArgs &pa, uint64_t *count, uint
 namespace {
 
 int CmdVersion(const std::vector<std::string> &args) {
+  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
+    puts(
+        "Usage: tevctl version\nPrints \"tevctl\" and the version shared by tevd and its companions.");
+    return 0;
+  }
   if (!args.empty()) return tevctl::Fail("version", "takes no arguments");
   printf("tevctl %s\n", TEVD_VERSION);
   return 0;

@@ -94,7 +94,10 @@ TEST(ManPages, TevctlPageAndEveryCommandsHelpNameTheSameOptions) {
 TEST(ManPages, CompanionPagesNameWhatTheirHelpOffers) {
   ScratchRoot root;
   for (const char *name : {"tevnet", "tevfwd"}) {
-    const std::string bin = std::string("tools/") + name + "/" + name;
+    std::string upper = name;
+    for (char &c : upper) c = static_cast<char>(toupper(c));
+    const std::string bin =
+        BinaryPath((upper + "_BIN").c_str(), (std::string("tools/") + name + "/" + name).c_str());
     if (access(bin.c_str(), X_OK) != 0) {
       TEVD_SKIP_MISSING(bin + " was not built (scripts/deps.sh companions)");
     }

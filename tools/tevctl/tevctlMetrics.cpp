@@ -38,7 +38,7 @@ namespace {
 
 // With a lock file (var/run/orlan/PROGRAM.lock, flocked by the running
 // program for its life): whether process `pid` holds that lock now, as
-// /proc/locks lists it. Read, never taken: a probe lock could make a daemon
+// /proc/locks lists it (any process for `pid` 0). Read, never taken: a probe lock could make a daemon
 // that starts at that moment refuse to run. -1 when there is no lock file.
 int HoldsLock(long pid, const std::string &program) {
   struct stat st;
@@ -50,7 +50,7 @@ int HoldsLock(long pid, const std::string &program) {
     std::istringstream f(line);
     std::string n, kind, mode, access, owner, where;
     f >> n >> kind >> mode >> access >> owner >> where;
-    if (kind == "FLOCK" && owner == std::to_string(pid) &&
+    if (kind == "FLOCK" && (pid == 0 || owner == std::to_string(pid)) &&
         (where + " ").find(inode) != std::string::npos) {
       return 1;
     }
@@ -94,6 +94,7 @@ CountersFile ReadCountersFile(const std::string &program) {
   f.path = RootPath(std::string(kMetricsDir) + "/" + program + ".prom");
   std::ifstream in(f.path);
   if (!in) {
+    f.lockedWithoutFile = HoldsLock(0, program) == 1;
     return f;
   }
   std::stringstream all;
@@ -112,6 +113,8 @@ CountersFile ReadCountersFile(const std::string &program) {
   f.live = Runs(f.pid, program);
   return f;
 }
+
+int ProgramLockHeld(const std::string &program) { return HoldsLock(0, program); }
 
 std::vector<std::string> CountersPrograms() {
   std::vector<std::string> names;

@@ -100,7 +100,10 @@ int CmdStatus(const std::vector<std::string> &args) {
   for (const Part &part : kParts) {
     CountersFile f = ReadCountersFile(part.program);
     const std::string name = part.program;
-    const char *state = f.live ? "running" : f.present ? "stale" : "not running";
+    const char *state = f.live                ? "running"
+                        : f.present           ? "stale"
+                        : f.lockedWithoutFile ? "running without counters"
+                                              : "not running";
     if (name == "tevd" && !f.live) {
       problems.push_back(f.present ? "tevd is not running (its counters file is stale)"
                                    : "tevd is not running");
@@ -128,6 +131,9 @@ int CmdStatus(const std::vector<std::string> &args) {
                  "%-7s NOT RUNNING (pid %ld is gone; its last counters are "
                  "not shown)",
                  part.program, f.pid);
+      } else if (f.lockedWithoutFile) {
+        snprintf(head, sizeof head, "%-7s running, but writes no counters file (see tevctl %s)",
+                 part.program, name == "tevfwd" ? "fwd" : "log");
       } else {
         snprintf(head, sizeof head, "%-7s not running", part.program);
       }

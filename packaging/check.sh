@@ -66,6 +66,31 @@ for page in "$root"/usr/share/man/man*/*.gz; do
   echo "ok   $(basename "$page")"
 done
 
+echo "== maintainer scripts: install, purge, reinstall into a scratch root"
+# DPKG_ROOT as dpkg sets it for an install into another root; the unpacked
+# tevctl makes the host model.
+sys=$scratch/sys
+mkdir -p "$sys/var/lib/tevfwd" "$sys/var/run/orlan/metrics"
+ctl() { dpkg-deb --ctrl-tarfile "$deb" | tar -xO "./$1" >"$scratch/$1" && chmod +x "$scratch/$1"; }
+for s in postinst prerm postrm; do ctl $s; done
+run() { DPKG_ROOT=$sys PATH="$root/usr/bin:$PATH" "$scratch/$1" "$2"; }
+run postinst configure || bad "postinst configure failed"
+[ -s "$sys/platform/nodes/system/systemUuid" ] || bad "postinst made no host model"
+[ -d "$sys/kfs/volumes" ] || bad "postinst made no kfs/volumes"
+echo '{"alerts":[1,2,3]}' >"$sys/var/lib/tevfwd/active.json"
+mkdir -p "$sys/etc/systemd/system/multi-user.target.wants"
+ln -s /lib/systemd/system/tevd.service "$sys/etc/systemd/system/multi-user.target.wants/tevd.service"
+run prerm remove && run postrm remove && run postrm purge || bad "prerm/postrm failed"
+left=$(cd "$sys" && find . -mindepth 1 ! -path ./var ! -path ./var/lib ! -path ./var/run \
+  ! -path ./etc ! -path ./etc/systemd ! -path ./etc/systemd/system \
+  ! -path ./etc/systemd/system/multi-user.target.wants)
+[ -z "$left" ] || bad "purge left: $left"
+# A platform's own host model is not the package's to remove.
+mkdir -p "$sys/platform/nodes" && echo keep >"$sys/platform/mine"
+run postinst configure && run postrm purge
+[ -e "$sys/platform/mine" ] || bad "purge removed a host model it did not create"
+echo "ok   postinst, prerm, postrm"
+
 echo "== lintian"
 lintian --fail-on error,warning "$deb" || bad "lintian reported errors or warnings"
 

@@ -19,9 +19,10 @@ packages() {
     # full build makes.
     tests) echo libgtest-dev faketime iproute2 scdoc gzip ;;
     # tevnet (netlink), tevfwd (HTTP and JSON), and the Alertmanager its
-    # end-to-end tests run for real.
+    # end-to-end tests run for real; promtool (prometheus) and node_exporter's
+    # textfile collector, which the metrics tests check and scrape with.
     companions) echo libnl-3-dev libnl-route-3-dev libcurl4-openssl-dev nlohmann-json3-dev \
-                     prometheus-alertmanager ;;
+                     prometheus-alertmanager prometheus prometheus-node-exporter ;;
     # packaging/check.sh: the package, its manual pages, its units.
     package) echo dpkg-dev fakeroot lintian scdoc gzip man-db groff-base systemd ;;
     # scripts/lint.sh and fuzz/run.sh: clang's tools and libFuzzer's runtime.

@@ -17,6 +17,7 @@
 #include "TevClock.h"
 #include "tevdAgentInternal.h"
 #include "tevdLog.h"
+#include "tevdMetrics.h"
 
 using namespace tevd_agent;
 
@@ -168,6 +169,7 @@ int TevdAgent_Init(const char *name, const std::vector<std::string> &words,
   }
   if (rc == TEVD_AGENT_OK) {
     rc = CreateStream(agent->sub, agent->nameHolder, &agent->stream);
+    agent->handled = TevdMetrics_CorrelatorCounter(name);
   }
   if (rc != TEVD_AGENT_OK) {
     if (agent != nullptr) {

@@ -8,6 +8,7 @@
 
 #include <signal.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -60,6 +61,7 @@ struct TevStream {
 
 struct TevdAgent {
   TevSubscription *sub = nullptr;
+  std::atomic<uint64_t> *handled = nullptr;  // records handed to this correlator
   TevStream *stream = nullptr;
   char **nameHolder = nullptr;
   int pollFd = -1;

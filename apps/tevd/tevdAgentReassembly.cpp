@@ -125,6 +125,14 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
   return TEVD_AGENT_OK;
 }
 
+namespace {
+void CountHandled(TevdAgent *agent) {
+  if (agent->handled != nullptr) {
+    agent->handled->fetch_add(1, std::memory_order_relaxed);
+  }
+}
+}  // namespace
+
 int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numExtra,
                       int *readyExtra) {
   *tev = nullptr;
@@ -139,7 +147,7 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
   const nfds_t count = 1 + static_cast<nfds_t>(numExtra);
   for (;;) {
     // Records already read from the pipe come first: they do not make it
-    // readable. The extra descriptors are looked at once they are used up.
+    // readable.
     if (TevdAgent_StreamBuffered(agent->stream)) {
       // A wake-up that came meanwhile is served after this record, as it
       // would be had each record been read on its own: a settling timer must
@@ -150,6 +158,9 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
       if (rc != TEVD_AGENT_OK) {
         TevdLog("Failed to get Tev\n");
         return rc;
+      }
+      if (*tev != nullptr) {
+        CountHandled(agent);
       }
       if (*tev != nullptr || woken > 0) {
         if (readyExtra != nullptr) {
@@ -186,6 +197,9 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
       return TEVD_AGENT_BROKEN;
     }
     if (*tev != nullptr || woken > 0) {
+      if (*tev != nullptr) {
+        CountHandled(agent);
+      }
       if (readyExtra != nullptr) {
         *readyExtra = woken;
       }

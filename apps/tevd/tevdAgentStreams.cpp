@@ -16,6 +16,7 @@
 #include "tevdAgent.h"
 #include "tevdAgentInternal.h"
 #include "tevdLog.h"
+#include "tevdMetrics.h"
 #include "tevdTrace.h"
 
 namespace {
@@ -43,6 +44,7 @@ const volatile sig_atomic_t *stopFlag = nullptr;
 // Waits until `fd` takes more bytes. False, with errno EINTR, once the stop
 // flag is set: a stuck agent must not keep the reader from exiting.
 bool WaitForRoom(int fd) {
+  TevdMetrics_Add(gTevdMetrics.pipeWaits);
   for (;;) {
     if (stopFlag != nullptr && *stopFlag != 0) {
       errno = EINTR;

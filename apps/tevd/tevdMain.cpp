@@ -27,6 +27,7 @@
 #include "tevdCorrelator.h"
 #include "tevdLog.h"
 #include "tevdMainSetup.h"
+#include "tevdMetrics.h"
 #include "tevdNotify.h"
 #include "tevdQprob.h"
 #include "tevdTrace.h"
@@ -126,7 +127,7 @@ void AcceptFailed(const char *what, int listenFd, int err) {
 }
 
 // Reads one buffer of records from `fd` and hands them to the agents.
-int ReadTevs(TevLib_Handle handle, int fd) {
+int ReadTevs(TevLib_Handle handle, int ctx, int fd) {
   char name[TEVLIB_NAME_MAX];
   TevLib_HandleToName(handle, name);
   size_t length = 0;
@@ -152,11 +153,12 @@ int ReadTevs(TevLib_Handle handle, int fd) {
   if (length == 0 || length > kBufferCeiling) {
     return -1;
   }
+  TevdMetrics_Read(ctx, tevBuffer, length);
   rc = TevdAgent_Queue(tevBuffer, length);
   // Records the library took ahead of a full buffer do not make the
   // descriptor readable again: they are read now, not at the next arrival.
   if (rc == 0 && TevLib_HasPending(fd)) {
-    return ReadTevs(handle, fd);
+    return ReadTevs(handle, ctx, fd);
   }
   return rc;
 }
@@ -190,7 +192,7 @@ enum class Served {
 // exists) is readable.
 Served ServeConnection(ContextRow *contexts, struct pollfd *set, int *count, int *i) {
   short rev = set[*i].revents;
-  int rc = ReadTevs(contexts[kUserListener].handle, set[*i].fd);
+  int rc = ReadTevs(contexts[kUserListener].handle, kUserListener, set[*i].fd);
   if (rc > 0 && exitRequested) {
     return Served::Skipped;  // the distribution gave way to the exit request
   }
@@ -204,6 +206,7 @@ Served ServeConnection(ContextRow *contexts, struct pollfd *set, int *count, int
     return Served::Done;
   }
   if (stuck) {
+    TevdMetrics_Add(gTevdMetrics.recordsOversized);
     TevdLog(
         "Closing a user-level connection: its next record is larger than the "
         "%zu-byte buffer.\n",
@@ -219,8 +222,9 @@ Served ServeConnection(ContextRow *contexts, struct pollfd *set, int *count, int
 
 // An observation context is readable.
 Served ServeContext(ContextRow *contexts, struct pollfd *set, int i, int *fatal) {
-  int rc = ReadTevs(contexts[i].handle, set[i].fd);
+  int rc = ReadTevs(contexts[i].handle, i, set[i].fd);
   if (rc == TEVLIB_BUFFER_TOO_SMALL) {
+    TevdMetrics_Add(gTevdMetrics.recordsOversized);
     char name[TEVLIB_NAME_MAX];
     TevLib_HandleToName(contexts[i].handle, name);
     int reset = TevLib_Reset(contexts[i].handle);
@@ -340,6 +344,8 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
 
 }  // namespace
 
+static_assert(TEVD_METRICS_CONTEXTS == kNumContexts, "one read counter per context");
+
 int main(int argc, char **argv) {
   ContextRow contexts[kNumContexts];
   memcpy(contexts, kContextTable, sizeof contexts);
@@ -402,12 +408,14 @@ int main(int argc, char **argv) {
       capacity = kMaxEntries;
     }
     OpenReserve();
+    TevdMetrics_Start();
     TevdMain_SetHandledSignalsBlocked(false);
     rc = RunLoop(contexts, set != nullptr ? set : fixedSet, capacity);
     PlatformLog_Unbatch();
   }
 
   TevdNotify_Stopping();
+  TevdMetrics_Stop();
   TevdAgent_StopAll();
   free(set);
   free(fixedSet);

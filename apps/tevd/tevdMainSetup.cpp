@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "KNO.h"
+#include "PlatformSocket.h"
 #include "tevdAlarm.h"
 #include "tevdLog.h"
 #include "tevdQprob.h"
@@ -119,10 +120,24 @@ int TevdMain_StartServices(bool enableTevs) {
   return rc;
 }
 
+namespace {
+
+// "Exiting. rc:98" alone does not say which socket could not be made; the
+// call and the path go first (docs/running.md, departures).
+void LogOpenFailure(const char *call, const std::string &path, int rc) {
+  TevdLog("%s failed for %s: %s\n", call, path.c_str(), strerror(rc));
+}
+
+}  // namespace
+
 int TevdMain_OpenContexts(ContextRow *contexts, struct pollfd *fixedSet) {
   int rc = 0;
   for (int i = 0; rc == 0 && i < kUserListener; ++i) {
     rc = TevLib_AsyncContextOpen(contexts[i].domain, &contexts[i].handle);
+    if (rc != 0) {
+      LogOpenFailure("TevLib_AsyncContextOpen",
+                     PlatformEndpoint_Path(PlatformEndpoint::AsyncContext, contexts[i].domain), rc);
+    }
     if (rc == 0) {
       fixedSet[i].events = POLLIN;
       TevLib_HandleToFd(contexts[i].handle, &fixedSet[i].fd);
@@ -130,6 +145,10 @@ int TevdMain_OpenContexts(ContextRow *contexts, struct pollfd *fixedSet) {
   }
   if (rc == 0) {
     rc = TevLib_UserContextOpen(contexts[kUserListener].domain, &contexts[kUserListener].handle);
+    if (rc != 0) {
+      LogOpenFailure("TevLib_UserContextOpen", PlatformEndpoint_Path(PlatformEndpoint::UserContext),
+                     rc);
+    }
     if (rc == 0) {
       fixedSet[kUserListener].events = POLLIN;
       TevLib_HandleToFd(contexts[kUserListener].handle, &fixedSet[kUserListener].fd);

@@ -16,6 +16,7 @@
 #include "HostCtl.h"
 #include "KNO.h"
 #include "MtlCtl.h"
+#include "PlatformRoot.h"
 #include "TevClock.h"
 #include "tevdLog.h"
 #include "tevdQprob.h"
@@ -119,6 +120,14 @@ void EvaluateRecord(TevdPRInjectedMCEsPerVM &rec) {
   }
 }
 
+// The panic that follows names a source line only: an operator on a first
+// install needs the file and the command that makes it (docs/pageretire.md).
+void LogMissingModel(const char *relative) {
+  TevdLog("Cannot read the host model's %s: the page-retirement settings are needed at start; "
+          "'tevctl host init' makes a complete host model.\n",
+          PlatformModel_Path(relative).c_str());
+}
+
 }  // namespace
 
 void TevdPageRetireCorrelator_Init(void) {
@@ -128,11 +137,13 @@ void TevdPageRetireCorrelator_Init(void) {
     MtlCtl::Util::Sysinfo(KNO_NODE_system_pageRetire_threshold).Get(&threshold, sizeof threshold);
     gThreshold = threshold;
   } catch (...) {
+    LogMissingModel("nodes/system/pageRetire/threshold");
     TevdNotReached("apps/tevd/tevdPageRetireCorrelator", 178);
   }
   try {
     gThresholdInterval = ReadPageRetireOption("ThresholdInterval");
   } catch (...) {
+    LogMissingModel("options/PageRetire/ThresholdInterval");
     TevdNotReached("apps/tevd/tevdPageRetireCorrelator", 189);
   }
   gNotRetiredReported = false;

@@ -38,6 +38,7 @@
 #include "PlatformSocket.h"
 #include "TevClock.h"
 #include "tevdLog.h"
+#include "tevdMetrics.h"
 #include "tevdQprobInternal.h"
 #include "tevdTrace.h"
 
@@ -219,6 +220,7 @@ uint8_t *StartMessage(const char *prefix, const char *idSuffix, size_t size, uin
     return nullptr;
   }
   if (!RateAllows()) {
+    TevdMetrics_Add(gTevdMetrics.eventsRateLimited);
     TevdLog("Event rate limit reached. Dropping qprob: %s%s\n", prefix, idSuffix);
     free(buf);
     return nullptr;
@@ -330,6 +332,8 @@ void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *forma
   PutU32(buf, kOffTotalLength, total);
 
   TevdTrace_Record("OUT", stamp, id, buf + TEVD_QPROB_HEADER_SIZE + idLen, capacity, count);
+  TevdMetrics_Add(gTevdMetrics.eventsPosted[prefix[4] == 'p' ? 0 : prefix[4] == 'a' ? 1 : 2]);
+  gTevdMetrics.lastEvent.store(TevClock_NowSeconds(), std::memory_order_relaxed);
   Deliver(buf, total, id, flags);
 }
 int TevdQprob_Send(const void *message, size_t length) {

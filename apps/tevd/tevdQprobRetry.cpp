@@ -9,6 +9,7 @@
 
 #include "tevdAlarm.h"
 #include "tevdLog.h"
+#include "tevdMetrics.h"
 #include "tevdQprob.h"
 #include "tevdQprobInternal.h"
 
@@ -84,6 +85,7 @@ void TevdQprob_Queue(const void *message, size_t length) {
   entry->next = &retryHead;
   retryHead.prev->next = entry;
   retryHead.prev = entry;
+  TevdMetrics_Add(gTevdMetrics.eventsQueued);
   bool arm = !retryAlarmArmed;
   retryAlarmArmed = true;
   pthread_mutex_unlock(&retryListMutex);
@@ -115,6 +117,7 @@ void TevdQprobAlarmHandler(void) {
     next = e->next;
     errno = 0;
     int rc = TevdQprob_Send(e->message, e->length);
+    TevdMetrics_Add(gTevdMetrics.eventsRetried);
     bool timedOut = rc < 0 && TevdQprob_LastSendTimedOut();
     TevdQprob_NoteStuck(timedOut);
     if (rc < 0) {
@@ -125,11 +128,13 @@ void TevdQprobAlarmHandler(void) {
     if (rc >= 0) {
       TevdLog("Successfully sent event (%s) after %d failure%s.\n", MessageId(e->message), n + 1,
               n == 0 ? "" : "s");
+      TevdMetrics_Add(gTevdMetrics.eventsRetryDelivered);
       UnlinkEntry(e);
     } else if (n <= kMaxRetries - 1) {
       TevdLog("Failed to send event (%s); %d failures so far.\n", MessageId(e->message), n + 1);
     } else {
       TevdLog("Abandoned event (%s) after %d failures.\n", MessageId(e->message), n + 1);
+      TevdMetrics_Add(gTevdMetrics.eventsAbandoned);
       UnlinkEntry(e);
     }
     if (timedOut) {

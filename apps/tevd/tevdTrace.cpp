@@ -251,6 +251,8 @@ int TevdTrace_Accept(int listenFd) {
   return 0;
 }
 
+int TevdTrace_ClientCount(void) { return clientCount.load(std::memory_order_relaxed); }
+
 void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id, const void *args,
                       size_t argsSize, int numArgs) {
   std::string line;

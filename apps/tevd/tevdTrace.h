@@ -22,6 +22,8 @@ int TevdTrace_Accept(int listenFd);
 void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id, const void *args,
                       size_t argsSize, int numArgs);
 void *TevdTraceServeMain(void *fd);
+// Trace clients connected now.
+int TevdTrace_ClientCount(void);
 void *TevdTraceWriter(void *fd);
 
 // ---- test support ------------------------------------------------------------

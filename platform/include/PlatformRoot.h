@@ -7,6 +7,11 @@
 std::string PlatformRoot_Path(const std::string &absolute);
 // Creates the missing directories of `path` (mode 0755). 0 or errno.
 int PlatformRoot_MakeDirs(const std::string &path);
+// Replaces the file at `path` (a real path, already under the root) with
+// `text` atomically: written to `path`.tmp in the same directory, then renamed
+// over it, so a reader sees the old file or the new one. Makes the directory.
+// 0 or errno.
+int PlatformRoot_ReplaceFile(const std::string &path, const std::string &text);
 // Takes this program's lock on the root: an flock on
 // var/run/orlan/PROGRAM.lock, held through the returned descriptor (close on
 // exec) until the process ends. -1 with *why set ("another tevd (pid 12)
@@ -41,3 +46,5 @@ void PlatformLog_VsyslogWithPrefix(int (*prefix)(char *buf, size_t size), const 
 void PlatformLog_BatchLines(void);
 void PlatformLog_Flush(void);
 void PlatformLog_Unbatch(void);
+// Lines dropped for a full collector queue since the process started.
+unsigned long long PlatformLog_DroppedLines(void);

@@ -73,6 +73,10 @@ int TevLib_ReadFromFd(int fd, void *buf, size_t size, size_t *length);
 // so read again before waiting.
 bool TevLib_HasPending(int fd);
 int TevLib_Reset(TevLib_Handle handle);
+// Records dropped as malformed, and records refused from unprivileged user
+// peers, since the process started.
+uint64_t TevLib_MalformedCount(void);
+uint64_t TevLib_RefusedCount(void);
 // `name` must hold at least TEVLIB_NAME_MAX bytes.
 constexpr size_t TEVLIB_NAME_MAX = 32;
 int TevLib_HandleToName(TevLib_Handle handle, char *name);

@@ -9,6 +9,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -182,6 +183,9 @@ bool ReconnectAfter(int err) {
 // send goes through again. Plain integers with atomic builtins (see below).
 int collectorStalled = 0;
 unsigned long long droppedLines = 0;
+// Every line dropped for a full queue since start, for the daemon's counters
+// (droppedLines goes back to 0 once reported).
+std::atomic<unsigned long long> droppedTotal{0};
 
 // Tells the collector, once it takes lines again, how many it missed.
 void ReportDropped(int fd) {
@@ -270,6 +274,7 @@ void SendQueued(LineQueue &q) {
       // batch is dropped and counted at once, not one wait per line.
       __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
       __atomic_add_fetch(&droppedLines, q.count - done, __ATOMIC_ACQ_REL);
+      droppedTotal.fetch_add(q.count - done, std::memory_order_relaxed);
       break;
     }
     if (!retried && ReconnectAfter(errno)) {
@@ -415,6 +420,7 @@ void QueueLine(int (*prefix)(char *, size_t), const char *body, size_t bodyLen,
       if (errno == EAGAIN || errno == EWOULDBLOCK) {
         __atomic_store_n(&collectorStalled, 1, __ATOMIC_RELEASE);
         __atomic_add_fetch(&droppedLines, 1, __ATOMIC_ACQ_REL);
+        droppedTotal.fetch_add(1, std::memory_order_relaxed);
         break;
       }
       if (!ReconnectAfter(errno)) break;
@@ -441,6 +447,10 @@ void QueueLine(int (*prefix)(char *, size_t), const char *body, size_t bodyLen,
 }  // namespace
 
 void PlatformLog_BatchLines(void) { batching = true; }
+
+unsigned long long PlatformLog_DroppedLines(void) {
+  return droppedTotal.load(std::memory_order_relaxed);
+}
 
 void PlatformLog_Flush(void) {
   QueueGuard guard;

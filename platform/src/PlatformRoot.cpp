@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -65,6 +66,38 @@ int PlatformRoot_MakeDirs(const std::string &path) {
     return errno;
   }
   return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+}
+
+int PlatformRoot_ReplaceFile(const std::string &path, const std::string &text) {
+  if (int err = PlatformRoot_MakeDirs(path.substr(0, path.rfind('/')))) {
+    return err;
+  }
+  // A collector that reads NAME.prom files never reads NAME.prom.tmp.
+  const std::string tmp = path + ".tmp";
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    return errno;
+  }
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t w = write(fd, text.data() + done, text.size() - done);
+    if (w < 0 && errno == EINTR) {
+      continue;
+    }
+    if (w <= 0) {
+      int err = w < 0 ? errno : EIO;
+      close(fd);
+      unlink(tmp.c_str());
+      return err;
+    }
+    done += static_cast<size_t>(w);
+  }
+  if (close(fd) != 0 || rename(tmp.c_str(), path.c_str()) != 0) {
+    int err = errno;
+    unlink(tmp.c_str());
+    return err;
+  }
+  return 0;
 }
 
 int PlatformRoot_LockProgram(const char *program, std::string *why) {

@@ -101,6 +101,9 @@ void Discard(int fd) {
 
 }  // namespace
 
+uint64_t TevLib_MalformedCount(void) { return gDropped.load(std::memory_order_relaxed); }
+uint64_t TevLib_RefusedCount(void) { return gRefused.load(std::memory_order_relaxed); }
+
 namespace platform_internal {
 
 void AttachReadBatch(int fd) {

@@ -167,4 +167,10 @@ TEST(TevctlHost, InitCreatesEveryNodeOptionAndDirectoryAndBadEntriesAreRejected)
   EXPECT_FALSE(PathExists(root.Abs("platform/storage/devices/naa.1")));
   EXPECT_EQ(Slurp(root.Abs("platform/nodes/system/systemUuid")),
             "aabbccdd-0011-2233-4455-66778899aabb\n");
+  // Without --uuid the host is the machine: etc/machine-id under the root, as a UUID.
+  ScratchRoot machine;
+  machine.Write("etc/machine-id", "0123456789ABCDEF0123456789abcdef\n");
+  ASSERT_EQ(RunTevctl(machine, {"host", "init"}).status, 0);
+  EXPECT_EQ(Slurp(machine.Abs("platform/nodes/system/systemUuid")),
+            "01234567-89ab-cdef-0123-456789abcdef\n");
 }

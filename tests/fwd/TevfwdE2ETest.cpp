@@ -234,6 +234,7 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
       << c.dump();
   fwd_->Signal(SIGTERM);
   EXPECT_EQ(fwd_->ExitCode(5000), 0) << fwd_->Stderr();
+  EXPECT_EQ(tevdtest::RunTevctl(root_, {"fwd"}).status, 1) << "a stopped forwarder shown as live";
 }
 
 }  // namespace

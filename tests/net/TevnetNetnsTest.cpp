@@ -147,6 +147,17 @@ TEST_F(TevnetNetns, UplinksLostAndBackAndFaultsPresentAtStartOrDuringADaemonRest
   EXPECT_EQ(Event("kos.problem.net.redundancy.lost", 2), (Strings{"ksw0", "hwnic0", kBothGroups}))
       << Err();
   EXPECT_TRUE(WaitLog("tevd started again: posting the present state", 1000));
+  // Its counters, as an operator reads them.
+  tevdtest::RunResult st;
+  EXPECT_TRUE(Eventually(
+      [&] {
+        st = tevdtest::RunTevctl(root_, {"status", "--json"});
+        return st.out.find("\"tevnet\":{\"state\":\"running\"") != std::string::npos &&
+               st.out.find("\"NICs watched\":2,\"transitions posted\":") != std::string::npos &&
+               st.out.find("\"transitions posted\":0,") == std::string::npos;
+      },
+      5000))
+      << st.out;
 }
 
 // The kernel's notifications read late in one batch (tevnet stopped) are

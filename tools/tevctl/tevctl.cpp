@@ -257,6 +257,11 @@ int CountAndTimeout(const char *cmd, const ParsedArgs &pa, uint64_t *count, uint
 namespace {
 
 int CmdVersion(const std::vector<std::string> &args) {
+  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
+    puts(
+        "Usage: tevctl version\nPrints \"tevctl\" and the version shared by tevd and its companions.");
+    return 0;
+  }
   if (!args.empty()) return tevctl::Fail("version", "takes no arguments");
   printf("tevctl %s\n", TEVD_VERSION);
   return 0;
@@ -280,6 +285,10 @@ const Command kCommands[] = {
     {"fwd", "print the counters of tevfwd, the forwarder to Alertmanager", tevctl::CmdFwd},
     {"events", "list the events tevd can post: severity, resolution, what to check",
      tevctl::CmdEvents},
+    {"metrics", "print the live daemons' counters in Prometheus' text format",
+     tevctl::CmdMetrics},
+    {"status", "say whether tevd and its companions run, with their main counters",
+     tevctl::CmdStatus},
     {"version", "print the version of tevctl and tevd", CmdVersion},
 };
 

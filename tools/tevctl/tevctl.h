@@ -78,6 +78,8 @@ void PrintLine(const std::string &line);
 
 // The commands. `args` excludes the command's own name.
 int CmdPost(const std::vector<std::string> &args);
+int CmdMetrics(const std::vector<std::string> &args);
+int CmdStatus(const std::vector<std::string> &args);
 int CmdSink(const std::vector<std::string> &args);
 int CmdTrace(const std::vector<std::string> &args);
 int CmdLog(const std::vector<std::string> &args);

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "tevctl.h"
+#include "tevctlMetrics.h"
 
 namespace tevctl {
 
@@ -15,7 +16,8 @@ const char kUsage[] =
     "Usage: tevctl fwd\n"
     "Prints tevfwd's counters as one JSON line: received, sent, resolved,\n"
     "spooled, dropped, expired, malformed, and the alerts waiting in the spool\n"
-    "and firing (from var/run/orlan/tevfwd-counters.json, updated every second).\n";
+    "and firing (from var/run/orlan/tevfwd-counters.json, updated every second).\n"
+    "Exit status 1 when tevfwd is not running: its last counters are not shown.\n";
 
 }  // namespace
 
@@ -36,6 +38,11 @@ int CmdFwd(const std::vector<std::string> &args) {
   std::string line;
   std::getline(in, line);
   if (line.empty()) return Fail(cmd, "%s is empty", path.c_str());
+  // The file outlives the forwarder: a dead one's last counters are not shown.
+  if (ProgramLockHeld("tevfwd") == 0) {
+    return Fail(cmd, "tevfwd is not running under this root (%s holds its last counters)",
+                path.c_str());
+  }
   PrintLine(line);
   return 0;
 }

@@ -32,7 +32,8 @@ const char kUsage[] =
     "       tevctl host vm [--group GID] WORLDID NAME\n"
     "                                          platform/vms/WORLDID/name\n"
     "init creates the whole model with defaults and keeps entries that exist\n"
-    "(--force rewrites them); without --uuid a random host UUID is made.\n";
+    "(--force rewrites them); without --uuid the host UUID is etc/machine-id\n"
+    "under the root written as a UUID, or a random one where that file is absent.\n";
 
 // Every file `init` writes, with its default (the UUID is added separately).
 struct DefaultEntry {
@@ -125,6 +126,19 @@ bool RandomUuid(std::string *out) {
   return true;
 }
 
+// The machine's identity (etc/machine-id under the root: 32 hexadecimal
+// digits) written as a UUID; false when the file is absent or not one.
+bool MachineIdUuid(std::string *out) {
+  std::ifstream in(RootPath("/etc/machine-id"));
+  std::string id;
+  if (!std::getline(in, id) || id.size() != 32) return false;
+  std::string uuid = id.substr(0, 8) + "-" + id.substr(8, 4) + "-" + id.substr(12, 4) + "-" +
+                     id.substr(16, 4) + "-" + id.substr(20);
+  if (!ValidUuid(&uuid)) return false;
+  *out = uuid;
+  return true;
+}
+
 int HostInit(const char *cmd, const ParsedArgs &pa) {
   if (!pa.positional.empty()) return Fail(cmd, "init takes no arguments");
   bool force = pa.Has("force");
@@ -140,7 +154,9 @@ int HostInit(const char *cmd, const ParsedArgs &pa) {
   if (uuid.empty() && !force) {
     PlatformModel_Read("nodes/system/systemUuid", &uuid);  // keep the host's identity
   }
-  if (uuid.empty() && !RandomUuid(&uuid)) return Fail(cmd, "cannot read /dev/urandom");
+  if (uuid.empty() && !MachineIdUuid(&uuid) && !RandomUuid(&uuid)) {
+    return Fail(cmd, "cannot read /dev/urandom");
+  }
   int rc = WriteFile(uuidPath, uuid);
   if (rc != 0) return Fail(cmd, "cannot write %s: %s", uuidPath.c_str(), strerror(rc));
 

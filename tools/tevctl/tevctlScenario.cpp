@@ -36,15 +36,16 @@ bool Executable(const std::string &p) {
   return stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(p.c_str(), X_OK) == 0;
 }
 
-// The build tree has tools/tevctl/tevctl and apps/tevd/tevd; an install has
-// both in one directory.
+// The build tree has tools/tevctl/tevctl and apps/tevd/tevd; the package has
+// /usr/bin/tevctl and /usr/sbin/tevd; a plain install may have both in one
+// directory.
 std::string FindTevd() {
   char self[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   if (n <= 0) return "";
   self[n] = '\0';
   std::string dir = DirName(self);
-  for (const std::string &c : {dir + "/../../apps/tevd/tevd", dir + "/tevd"}) {
+  for (const std::string &c : {dir + "/../../apps/tevd/tevd", dir + "/../sbin/tevd", dir + "/tevd"}) {
     if (Executable(c)) return c;
   }
   return "";

@@ -19,14 +19,16 @@ namespace tevctl {
 namespace {
 
 const char kUsage[] =
-    "Usage: tevctl selftest [--delay-ms MS] [--wait SEC] [--settle-ms MS]\n"
+    "Usage: tevctl selftest [--force] [--delay-ms MS] [--wait SEC] [--settle-ms MS]\n"
     "Posts the self-test sequence to the user-level context of the daemon\n"
     "(run tevd-selftest, the daemon built with the self-test agents; it prints\n"
     "PASS/FAIL lines and exits with the number of failures).\n"
     "  --delay-ms MS  pause between two posts\n"
     "  --wait SEC     retry connecting for up to SEC seconds while tevd starts\n"
     "  --settle-ms MS with --wait, pause MS (default 300) after connecting so\n"
-    "                 that a starting daemon's agents subscribe first\n";
+    "                 that a starting daemon's agents subscribe first\n"
+    "  --force        post even without a root (--root DIR or TEVD_ROOT): the\n"
+    "                 records then reach the host's own daemon\n";
 
 struct Row {
   const char *id;
@@ -139,7 +141,8 @@ int CmdSelftest(const std::vector<std::string> &args) {
                   {"wait", true},
                   {"settle-ms", true},
                   {"rows", true},
-                  {"inject-corrupt", false}},
+                  {"inject-corrupt", false},
+                  {"force", false}},
                  &pa, &why)) {
     return Fail(cmd, "%s", why.c_str());
   }
@@ -148,6 +151,13 @@ int CmdSelftest(const std::vector<std::string> &args) {
     return 0;
   }
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
+  // The sequence is 25 test records: into a production daemon they are noise
+  // in its log and trace, so the host's own daemon takes them only on demand.
+  if (!HaveRoot() && !pa.Has("force")) {
+    return Fail(cmd,
+                "no root given: the test records would go to the host's own tevd; give "
+                "--root DIR (a daemon started under that root) or --force");
+  }
   uint64_t delayMs = 0, waitSec = 0, rows = 21, settleMs = 300;
   if (pa.Has("delay-ms") && !ParseU64(pa.Get("delay-ms"), 31, &delayMs)) {
     return Fail(cmd, "--delay-ms needs milliseconds, not \"%s\"", pa.Get("delay-ms").c_str());

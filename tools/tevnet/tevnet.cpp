@@ -2,6 +2,7 @@
 // link-flapping verdicts.
 #include <poll.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "PlatformRoot.h"
 #include "TevLib.h"
@@ -398,6 +400,40 @@ class Watcher {
   uint64_t drops_ = 0;
 };
 
+// The counters file (docs/metrics.md), rewritten every kCountersEvery by the
+// loop; removed when tevnet stops.
+constexpr auto kCountersEvery = std::chrono::seconds(2);
+const char kCountersPath[] = "/var/run/orlan/metrics/tevnet.prom";
+
+void WriteCounters(const Watcher &watch, const Poster &poster, const Netlink &nl, int64_t started) {
+  std::string text;
+  auto one = [&text](const char *name, const char *type, const char *help, long long value) {
+    char buf[320];
+    snprintf(buf, sizeof buf, "# HELP %s %s\n# TYPE %s %s\n%s %lld\n", name, help, name, type, name,
+             value);
+    text += buf;
+  };
+  one("tevnet_nics_watched", "gauge", "NICs whose link tevnet watches.",
+      static_cast<long long>(watch.State().nics.size()));
+  one("tevnet_transitions_posted_total", "counter",
+      "Observations posted to tevd (each link transition posts one or more).",
+      static_cast<long long>(poster.Posted()));
+  one("tevnet_posts_dropped_total", "counter",
+      "Observations dropped: tevd absent or its context's queue full.",
+      static_cast<long long>(poster.Dropped()));
+  one("tevnet_netlink_overruns_total", "counter",
+      "Receive buffer overruns of the netlink socket (link table read again).",
+      static_cast<long long>(nl.Overruns()));
+  one("tevnet_last_transition_timestamp_seconds", "gauge",
+      "Time of the last observation posted (0: none yet).",
+      static_cast<long long>(poster.LastPostUs() / 1000000));
+  one("tevnet_start_time_seconds", "gauge", "Time tevnet started.",
+      static_cast<long long>(started));
+  one("tevnet_pid", "gauge", "Process id of the tevnet that wrote these counters.",
+      static_cast<long long>(getpid()));
+  PlatformRoot_ReplaceFile(PlatformRoot_Path(kCountersPath), text);
+}
+
 void LogV(const char *format, va_list ap) __attribute__((format(printf, 1, 0)));
 void LogV(const char *format, va_list ap) {
   char line[2048];
@@ -443,7 +479,13 @@ int Run(const Options &opts) {
   uint64_t overrunsLogged = 0;
   int64_t overrunLogAt = 0;
   std::vector<LinkMessage> messages;
+  const int64_t started = static_cast<int64_t>(time(nullptr));
+  Clock::time_point countersAt = Clock::now();
   while (!gStop) {
+    if (Clock::now() >= countersAt) {
+      WriteCounters(watch, poster, nl, started);
+      countersAt = Clock::now() + kCountersEvery;
+    }
     struct pollfd pfd = {nl.Fd(), POLLIN, 0};
     // The link-flapping nodes are files: looked at four times a second.
     int r = poll(&pfd, 1, 250);
@@ -494,6 +536,7 @@ int Run(const Options &opts) {
     poster.ReportDrops(false);
   }
   Log("stopping");
+  unlink(PlatformRoot_Path(kCountersPath).c_str());
   return 0;
 }
 

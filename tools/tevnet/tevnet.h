@@ -165,12 +165,16 @@ class Poster {
   // Logs the drops of the interval once it has passed (or at once with `now`).
   void ReportDrops(bool now);
   uint64_t Dropped() const { return droppedTotal_; }
+  uint64_t Posted() const { return postedTotal_; }
+  int64_t LastPostUs() const { return lastPostUs_; }
 
  private:
   std::string path_;
   int fd_ = -1;
   int dropLogSec_;
   uint64_t droppedTotal_ = 0;
+  uint64_t postedTotal_ = 0;
+  int64_t lastPostUs_ = 0;
   uint64_t droppedInterval_ = 0;
   std::string lastReason_;
   int64_t intervalStart_ = 0;

@@ -56,6 +56,8 @@ bool Poster::Post(const Observation &obs) {
   int err = fd_ < 0 ? EBADF
                     : PlatformSocket_SendTo(fd_, path_, record.data(), record.size(), MSG_DONTWAIT);
   if (err == 0) {
+    ++postedTotal_;
+    lastPostUs_ = NowUs();
     ReportDrops(false);
     return true;
   }

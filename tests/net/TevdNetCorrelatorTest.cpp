@@ -16,6 +16,7 @@
 #include "TevdTestSupport.h"
 #include "tevdAlarm.h"
 #include "tevdCorrelator.h"
+#include "tevdLog.h"
 #include "tevdNetCorrelator.h"
 
 using tevdtest::I;
@@ -304,7 +305,10 @@ TEST_F(NetTest, LinkDownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
     EXPECT_EQ(r.posted > 0, root_.Read(kNode, &value));
     EXPECT_EQ(r.posted > 0 ? "1" : "", value.substr(0, 1));
   }
-  // The two failed take-downs of the "3!" row: one line, with the file and the error.
+  // The two failed take-downs of the "3!" row: one line, with the file and the error. The
+  // log reader is a thread of its own: a marker logged last tells when it has seen them all.
+  TevdLog("end of the flapping rows\n");
+  ASSERT_TRUE(log.WaitCount("end of the flapping rows", 1, 5000));
   EXPECT_EQ(log.Matching("Cannot write kernel node").size(), 1u);
   EXPECT_TRUE(
       log.Saw("Cannot write kernel node " + root_.Abs(kNode) +

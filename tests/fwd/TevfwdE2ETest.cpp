@@ -5,7 +5,9 @@
 #include <netinet/in.h>
 
 #include <filesystem>
+#include <set>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "Harness.h"
 #include "PlatformSocket.h"
@@ -59,6 +61,87 @@ size_t CountAlerts(int port, const std::string &alertname) {
 
 std::string FwdBin() { return tevdtest::BinaryPath("TEVFWD_BIN", "tools/tevfwd/tevfwd"); }
 
+// A replica that is not Alertmanager, on a loopback port: `hang` accepts and
+// reads and never answers; otherwise it answers 400 to a request naming
+// `poison` and 200 to any other, and keeps the alerts it took.
+class FakeReplica {
+ public:
+  explicit FakeReplica(bool hang, std::string poison = "") : hang_(hang), poison_(poison) {
+    lfd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(lfd_, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    listen(lfd_, 16);
+    getsockname(lfd_, reinterpret_cast<sockaddr *>(&a), &len);
+    port = ntohs(a.sin_port);
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~FakeReplica() {
+    stop_ = true;
+    thread_.join();
+    for (int fd : held_) close(fd);
+    close(lfd_);
+  }
+  std::vector<json> Took() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return took_;
+  }
+  int port = 0;
+
+ private:
+  void Serve() {
+    while (!stop_) {
+      struct pollfd p = {lfd_, POLLIN, 0};
+      if (poll(&p, 1, 100) <= 0) continue;
+      int fd = accept4(lfd_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd < 0) continue;
+      std::string req = ReadRequest(fd);
+      if (hang_) {
+        held_.push_back(fd);
+        continue;
+      }
+      json alerts = json::parse(req.substr(req.find("\r\n\r\n") + 4), nullptr, false);
+      const bool bad = !alerts.is_array() || req.find(poison_) != std::string::npos;
+      if (!bad) {
+        std::lock_guard<std::mutex> lock(mu_);
+        for (const json &a : alerts) took_.push_back(a);
+      }
+      std::string answer = bad ? "HTTP/1.1 400 Bad Request" : "HTTP/1.1 200 OK";
+      answer += "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+      (void)!write(fd, answer.data(), answer.size());
+      close(fd);
+    }
+  }
+  // Headers and a Content-Length body, within 2 s.
+  static std::string ReadRequest(int fd) {
+    std::string req;
+    char buf[65536];
+    size_t want = std::string::npos;
+    for (int i = 0; i < 20 && req.size() < want; ++i) {
+      struct pollfd p = {fd, POLLIN, 0};
+      if (poll(&p, 1, 100) <= 0) continue;
+      ssize_t n = read(fd, buf, sizeof buf);
+      if (n <= 0) break;
+      req.append(buf, static_cast<size_t>(n));
+      size_t end = req.find("\r\n\r\n"), cl = req.find("Content-Length: ");
+      if (end != std::string::npos && cl != std::string::npos) {
+        want = end + 4 + std::stoul(req.substr(cl + 16));
+      }
+    }
+    return req;
+  }
+  bool hang_;
+  std::string poison_;
+  int lfd_ = -1;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+  std::vector<int> held_;
+  std::mutex mu_;
+  std::vector<json> took_;
+};
+
 // Two Alertmanagers in one cluster, with data that outlives a restart.
 class TevfwdE2E : public ::testing::Test {
  protected:
@@ -97,12 +180,17 @@ class TevfwdE2E : public ::testing::Test {
   bool BothList(const std::string &alertname, size_t n) const {
     return CountAlerts(ports_[0], alertname) == n && CountAlerts(ports_[1], alertname) == n;
   }
-  // The forwarder to both replicas, one retry.
-  void StartForwarder() {
+  // The forwarder, by default to both replicas with one retry; `listenFd`
+  // is a socket handed over as the service manager would.
+  void StartForwarder(Args args = {}, int listenFd = -1) {
     std::string sock = PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent);
-    unlink(sock.c_str());  // a killed forwarder leaves its socket behind
-    fwd_ = std::make_unique<Process>(root_, FwdBin(), Both({"--retry-max", "1"}), Args{}, "tevfwd");
-    ASSERT_TRUE(Eventually([&] { return tevdtest::PathExists(sock); }, 5000)) << fwd_->Stderr();
+    if (listenFd < 0) unlink(sock.c_str());  // a killed forwarder leaves its socket behind
+    if (args.empty()) args = Both({"--retry-max", "1"});
+    unlink(root_.Abs("tevfwd.stderr").c_str());  // the last one's "listening on" line
+    fwd_ = std::make_unique<Process>(root_, FwdBin(), args, Args{}, "tevfwd", listenFd);
+    ASSERT_TRUE(Eventually([&] { return fwd_->Stderr().find("listening on") != std::string::npos; },
+                           5000))
+        << fwd_->Stderr();
   }
   Args Both(Args extra) {
     extra.insert(extra.begin(),
@@ -234,6 +322,98 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
       << c.dump();
   fwd_->Signal(SIGTERM);
   EXPECT_EQ(fwd_->ExitCode(5000), 0) << fwd_->Stderr();
+}
+
+// The red team's delivery faults, each against the real forwarder.
+
+// One replica unreachable, and more firing alerts than the spool holds: the
+// healthy replica keeps every alert firing through many re-send intervals
+// (re-sends used to wait behind a spool the absent replica never emptied,
+// and to evict each other from it).
+TEST_F(TevfwdE2E, ReplicaDownAndALargeActiveSetKeepEveryAlertFiringOnTheHealthyReplica) {
+  const std::string dead = "http://127.0.0.1:" + std::to_string(FreePort());
+  StartForwarder({"--alertmanager", "http://" + Addr(0), "--alertmanager", dead, "--resend", "1",
+                  "--spool-max", "4000", "--retry-max", "1"});
+  tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
+  ASSERT_TRUE(tevd_->WaitReady());
+  const std::string id = "kos.problem.dhclient.lease.none";
+  for (int i = 0; i < 40; ++i)
+    Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic" + std::to_string(i)});
+  ASSERT_TRUE(Eventually([&] { return CountAlerts(ports_[0], id) == 40; }, 10000))
+      << CountAlerts(ports_[0], id) << " of 40\n"
+      << fwd_->Stderr();
+  // Each alert is sent to end three intervals (3 s) ahead: none may end.
+  EXPECT_FALSE(Eventually([&] { return CountAlerts(ports_[0], id) != 40; }, 6000))
+      << "resolved on the healthy replica while firing\n"
+      << fwd_->Stderr();
+  json c = json::parse(tevdtest::RunTevctl(root_, {"fwd"}).out, nullptr, false);
+  EXPECT_GT(c.value("dropped", 0), 0) << "the spool never reached its limit: " << c.dump();
+}
+
+// A replica that accepts and never answers, listed first, with a 30 s time
+// limit: the healthy one still has the alert within 5 s, and SIGTERM ends
+// the forwarder within 2 s.
+TEST_F(TevfwdE2E, HangingReplicaHoldsBackNeitherTheHealthyOneNorSigterm) {
+  FakeReplica hanging(true);
+  StartForwarder({"--alertmanager", "http://127.0.0.1:" + std::to_string(hanging.port),
+                  "--alertmanager", "http://" + Addr(0), "--timeout", "30"});
+  tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
+  ASSERT_TRUE(tevd_->WaitReady());
+  Post({"tev.scsi.device.state.off", "%s", "naa.600a0b80001"});
+  EXPECT_TRUE(Eventually(
+      [&] { return CountAlerts(ports_[0], "kos.problem.scsi.device.state.off") == 1; }, 5000))
+      << fwd_->Stderr();
+  fwd_->Signal(SIGTERM);
+  EXPECT_EQ(fwd_->ExitCode(2000), 0) << fwd_->Stderr();
+}
+
+// One alert the replica refuses (HTTP 400) in a batch of five: the batch is
+// split until it stands alone, and the other four land.
+TEST_F(TevfwdE2E, PoisonAlertIsDroppedAloneAndTheRestOfItsBatchLands) {
+  FakeReplica picky(false, "mtlnic-bad");
+  const std::string dead = "http://127.0.0.1:" + std::to_string(FreePort());
+  StartForwarder({"--alertmanager", dead});
+  tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
+  ASSERT_TRUE(tevd_->WaitReady());
+  for (const char *nic : {"mtlnic0", "mtlnic1", "mtlnic-bad", "mtlnic3", "mtlnic4"})
+    Post({"--user", "tev.user.dhclient.lease.none", "%s", nic});
+  ASSERT_TRUE(Eventually([&] { return SpoolFiles() == 5; }, 5000)) << SpoolFiles() << " spooled";
+  fwd_->Signal(SIGTERM);
+  ASSERT_EQ(fwd_->ExitCode(5000), 0);
+  Process once(root_, FwdBin(),
+               {"--alertmanager", "http://127.0.0.1:" + std::to_string(picky.port), "--once"}, {},
+               "once");
+  EXPECT_EQ(once.ExitCode(10000), 0) << once.Stderr();
+  std::set<std::string> took;
+  for (const json &a : picky.Took()) took.insert(a["labels"].value("interface", ""));
+  EXPECT_EQ(took, (std::set<std::string>{"mtlnic0", "mtlnic1", "mtlnic3", "mtlnic4"}));
+  EXPECT_NE(once.Stderr().find("refused an alert (HTTP 400)"), std::string::npos) << once.Stderr();
+}
+
+// The forwarder is killed and comes back on the socket that outlived it (as
+// tevfwd.socket keeps it): the event tevd posted meanwhile waited in the
+// backlog, not in tevd's retry list (180 s), and fires on both replicas.
+TEST_F(TevfwdE2E, EventPostedWhileTheForwarderRestartsFiresWithoutTevdsRetryDelay) {
+  tevdtest::LogLines log(root_);
+  PlatformListen how;
+  how.type = SOCK_STREAM;
+  how.backlog = 128;
+  const int lfd = PlatformSocket_Listen(
+      PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent), how);
+  ASSERT_GE(lfd, 0) << strerror(errno);
+  StartForwarder(Both({"--retry-max", "1"}), lfd);
+  tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
+  ASSERT_TRUE(tevd_->WaitReady());
+  fwd_->Signal(SIGKILL);
+  ASSERT_TRUE(fwd_->Wait(5000));
+  const std::string id = "kos.problem.scsi.device.state.off";
+  Post({"tev.scsi.device.state.off", "%s", "naa.600a0b80001"});
+  ASSERT_FALSE(log.WaitFor("[" + id + "] ").empty()) << "tevd did not post the event";
+  StartForwarder(Both({"--retry-max", "1"}), lfd);
+  EXPECT_TRUE(Eventually([&] { return BothList(id, 1); }, 5000)) << fwd_->Stderr();
+  for (const std::string &line : log.Take())
+    EXPECT_EQ(line.find("could not be sent immediately"), std::string::npos) << line;
+  close(lfd);
 }
 
 }  // namespace

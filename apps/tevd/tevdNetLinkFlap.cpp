@@ -6,13 +6,21 @@
 // threshold is read on every call so that a changed option applies at once;
 // 0 turns the take-down off. After a take-down attempt, successful or not, the
 // NIC's count starts afresh. Runs on the "net" agent thread only.
+//
+// A node that cannot be written (a read-only file system under a hardened
+// unit, say) would silently disable the take-down and its event: the first
+// failure for each node is logged with the file and the error.
 #include <cstdint>
+#include <cstring>
 #include <exception>
+#include <set>
+#include <string>
 
 #include "HostCtl.h"
 #include "KNO.h"
 #include "MtlCtl.h"
 #include "TevClock.h"
+#include "tevdLog.h"
 #include "tevdNetCorrelator.h"
 #include "tevdQprob.h"
 
@@ -41,7 +49,12 @@ bool TakeNicDown(const std::string &nic) {
     node.AddInput(1);
     node.Set();
     return true;
-  } catch (const HostCtl::Lib::HostCtlException &) {
+  } catch (const HostCtl::Lib::HostCtlException &e) {
+    static std::set<std::string> logged;
+    if (e.Errno() != 0 && logged.insert(e.Path()).second) {
+      TevdLog("Cannot write kernel node %s: %s (errno %d); physical NIC %s is not taken down\n",
+              e.Path().c_str(), strerror(e.Errno()), e.Errno(), nic.c_str());
+    }
     return false;
   } catch (const std::exception &) {
     return false;

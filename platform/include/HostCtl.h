@@ -14,6 +14,15 @@ namespace Lib {
 class HostCtlException : public std::runtime_error {
  public:
   explicit HostCtlException(const std::string &what) : std::runtime_error(what) {}
+  // A failed write: the file behind the node and the system's error.
+  HostCtlException(const std::string &what, std::string path, int err)
+      : std::runtime_error(what), path_(std::move(path)), errno_(err) {}
+  const std::string &Path() const { return path_; }
+  int Errno() const { return errno_; }
+
+ private:
+  std::string path_;
+  int errno_ = 0;
 };
 }  // namespace Lib
 

@@ -123,6 +123,12 @@ int KNO_ParamListRemoveLastParam(KNO_ParamList *list) {
 
 void KNO_ParamListDestroy(KNO_ParamList *list) { delete list; }
 
+std::string platform_internal::KnoNodeFile(KNO_Node node, const KNO_ParamList *instances) {
+  std::string a;
+  if (node != KNO_NODE_net_pNics_linkFlapping || !Param(instances, 0, &a)) return "";
+  return "nodes/net/pNics/" + PlatformModel_EscapeName(a) + "/linkFlapping";
+}
+
 int KNO_Set(KNO_Node node, const KNO_ParamList *instances, const KNO_ParamList *values) {
   std::string value;
   if (!Param(values, 0, &value)) return KNO_STATUS_BAD_PARAM;
@@ -139,8 +145,8 @@ int KNO_Set(KNO_Node node, const KNO_ParamList *instances, const KNO_ParamList *
       return PlatformModel_Write(rel, value) ? KNO_STATUS_OK : KNO_STATUS_NOT_FOUND;
     }
     case KNO_NODE_net_pNics_linkFlapping: {
-      if (!Param(instances, 0, &a)) return KNO_STATUS_BAD_PARAM;
-      std::string rel = "nodes/net/pNics/" + PlatformModel_EscapeName(a) + "/linkFlapping";
+      std::string rel = platform_internal::KnoNodeFile(node, instances);
+      if (rel.empty()) return KNO_STATUS_BAD_PARAM;
       return PlatformModel_Write(rel, value) ? KNO_STATUS_OK : KNO_STATUS_NOT_FOUND;
     }
     default: return KNO_STATUS_BAD_PARAM;  // read-only nodes

@@ -5,6 +5,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "PlatformInternal.h"
 #include "PlatformRoot.h"
 
@@ -49,6 +52,12 @@ void Sysinfo::Set() const {
   for (const std::string &s : instances_) KNO_ParamListAddString(inst.list, s.c_str());
   for (int64_t v : inputs_) KNO_ParamListAddInt(values.list, v);
   int status = KNO_Set(node_, inst.list, values.list);
+  int err = errno;
+  std::string file = platform_internal::KnoNodeFile(node_, inst.list);
+  if (status == KNO_STATUS_NOT_FOUND && !file.empty()) {
+    std::string path = PlatformModel_Path(file);
+    throw HostCtlException("cannot write " + path + ": " + strerror(err), path, err);
+  }
   if (status != KNO_STATUS_OK) {
     throw HostCtlException("kernel node " + std::to_string(node_) + " write failed, status " +
                            std::to_string(status));

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "KNO.h"
 #include "MsgFmt.h"
 
 // An open context (TevLib_Handle points to one).
@@ -19,6 +20,10 @@ struct TevLibContext {
 };
 
 namespace platform_internal {
+
+// The host-model file a write of `node` goes to (relative to the model), or
+// "" for a node that is not written or instances that do not name one.
+std::string KnoNodeFile(KNO_Node node, const KNO_ParamList *instances);
 
 // One argument of a validated, swizzled block; strings point into the block.
 struct RawArg {

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdAlarm.h"
 #include "tevdCorrelator.h"
@@ -281,6 +282,7 @@ TEST_F(NetTest, LinkDownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
       {"3", "0 10 20 61", 0},     {"3", "0 1 2 3 4 5 6 7", 2},  {"0", "0 1 2 3 4 5 6 7 8 9", 0},
       {"", "0 1 2 3 4 5 6 7", 0}, {"3!", "0 1 2 3 4 5 6 7", 0},
   };
+  tevdtest::LogLines log(root_);
   for (const auto &r : rows) {
     SCOPED_TRACE(::testing::Message() << r.threshold << " at " << r.downs);
     Restart();
@@ -302,6 +304,11 @@ TEST_F(NetTest, LinkDownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
     EXPECT_EQ(r.posted > 0, root_.Read(kNode, &value));
     EXPECT_EQ(r.posted > 0 ? "1" : "", value.substr(0, 1));
   }
+  // The two failed take-downs of the "3!" row: one line, with the file and the error.
+  EXPECT_EQ(log.Matching("Cannot write kernel node").size(), 1u);
+  EXPECT_TRUE(
+      log.Saw("Cannot write kernel node " + root_.Abs(kNode) +
+              ": No such file or directory (errno 2); physical NIC hwnic0 is not taken down"));
 }
 
 }  // namespace

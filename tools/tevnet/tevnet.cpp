@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,22 +19,36 @@ namespace {
 
 const char kUsage[] =
     "Usage: tevnet [--include PATTERN]... [--exclude PATTERN]... [--enforce[=all]]\n"
-    "              [--domain N] [--once]\n"
+    "              [--flap-quiet SECONDS] [--domain N] [--once]\n"
     "Posts the link state of this host's physical NICs, and the uplink transitions\n"
     "of the port groups of its Linux bridges and bonds, to tevd under TEVD_ROOT\n"
     "(default /), and keeps the host model's network part current.\n"
-    "  --include PATTERN  watch only NICs whose name matches (shell pattern; repeatable)\n"
-    "  --exclude PATTERN  never watch NICs whose name matches (repeatable)\n"
+    "  --include PATTERN  watch the Ethernet interfaces whose name matches (shell\n"
+    "                     pattern; repeatable, or a comma-separated list), veth and\n"
+    "                     tap ends too; default: those with a device behind them\n"
+    "  --exclude PATTERN  never watch NICs whose name matches (repeatable, or a list)\n"
     "  --enforce          when tevd writes 1 to a NIC's linkFlapping node, set the NIC\n"
     "                     administratively down (needs CAP_NET_ADMIN); 0 brings it up.\n"
     "                     Refused (and logged) when no other uplink of the NIC's switch\n"
     "                     has carrier, or when the NIC is no switch's uplink.\n"
     "  --enforce=all      the same without that refusal: can cut off a host reached\n"
     "                     over the NIC\n"
+    "  --flap-quiet SECONDS  write 0 to a linkFlapping node of 1 once its NIC has not\n"
+    "                     changed for this long (default 300; 0: only by hand); not\n"
+    "                     while the NIC is administratively down\n"
     "  --domain N         asynchronous context to post to (0..21, default 0)\n"
     "  --once             post the current state of every NIC and exit\n"
     "  --help, --version\n"
     "Without --enforce a link-flapping verdict is only logged.\n";
+
+using Clock = std::chrono::steady_clock;
+
+// The daemon gathers a NIC's port-group transitions for two seconds and then
+// reports the losses before the recoveries, whatever their order: after a
+// burst, the present state is told again once that window has surely passed.
+constexpr auto kSettle = std::chrono::milliseconds(3000);
+// A delivery that failed is made good by the whole present state this much later.
+constexpr auto kResyncRetry = std::chrono::milliseconds(1000);
 
 volatile sig_atomic_t gStop = 0;
 
@@ -69,10 +84,23 @@ bool ParseOptions(int argc, char **argv, Options *opts, int *exitCode) {
       opts->enforce = 1;
     } else if (a == "--enforce=all") {
       opts->enforce = 2;
-    } else if (value("--include", &v)) {
-      opts->include.push_back(v);
-    } else if (value("--exclude", &v)) {
-      opts->exclude.push_back(v);
+    } else if (value("--include", &v) || value("--exclude", &v)) {
+      std::vector<std::string> &to =
+          a.compare(0, 9, "--include") == 0 ? opts->include : opts->exclude;
+      for (size_t start = 0, comma; start <= v.size(); start = comma + 1) {
+        comma = v.find(',', start);
+        if (comma == std::string::npos) comma = v.size();
+        if (comma > start) to.push_back(v.substr(start, comma - start));
+      }
+    } else if (value("--flap-quiet", &v)) {
+      char *end = nullptr;
+      unsigned long q = strtoul(v.c_str(), &end, 10);
+      if (v.empty() || *end != '\0' || q > 86400 * 7) {
+        fprintf(stderr, "tevnet: --flap-quiet must be 0..604800 seconds, not \"%s\"\n", v.c_str());
+        *exitCode = 2;
+        return false;
+      }
+      opts->flapQuietSec = static_cast<int>(q);
     } else if (value("--domain", &v)) {
       char *end = nullptr;
       unsigned long d = strtoul(v.c_str(), &end, 10);
@@ -124,16 +152,16 @@ void LogTransitions(const NetState &before, const NetState &after) {
   }
 }
 
-// Acts on one write to a NIC's link-flapping node.
-void Enforce(Netlink &nl, const Options &opts, const NetState &state, const FlapNodes::Verdict &v) {
+// Acts on one write to a NIC's link-flapping node; true when it took the NIC down.
+bool Enforce(Netlink &nl, const Options &opts, const NetState &state, const FlapNodes::Verdict &v) {
   auto it = state.nics.find(v.nic);
-  if (it == state.nics.end()) return;
+  if (it == state.nics.end()) return false;
   const NetState::Nic &nic = it->second;
   if (v.down) {
     if (opts.enforce == 0) {
       Log("%s: tevd reports the link flapping; would set it administratively down (not enforcing)",
           v.nic.c_str());
-      return;
+      return false;
     }
     // A flapping link still carries traffic between its flaps: when no other
     // uplink of its switch has carrier (or it serves no switch, so nothing is
@@ -146,53 +174,224 @@ void Enforce(Netlink &nl, const Options &opts, const NetState &state, const Flap
           nic.vswitch.empty()
               ? "it is not an uplink of a switch, and may be the host's only way out"
               : ("no other uplink of switch " + nic.vswitch + " has carrier").c_str());
-      return;
+      return false;
     }
     if (!nic.adminUp) {
       Log("%s: tevd reports the link flapping; it is already administratively down", v.nic.c_str());
-      return;
+      return false;
     }
   } else {
-    if (nic.adminUp) return;
+    if (nic.adminUp) return false;
     if (opts.enforce == 0) {
       Log("%s: link-flapping node cleared; would set it administratively up (not enforcing)",
           v.nic.c_str());
-      return;
+      return false;
     }
   }
   std::string why;
   if (nl.SetAdminUp(nic.ifindex, !v.down, &why) < 0) {
     Log("%s: cannot set it administratively %s: %s", v.nic.c_str(), v.down ? "down" : "up",
         why.c_str());
-  } else if (v.down) {
+    return false;
+  }
+  if (v.down) {
     Log("%s: link flapping: set administratively down (write 0 to its linkFlapping node to bring it back)",
         v.nic.c_str());
   } else {
     Log("%s: link-flapping node cleared: set administratively up", v.nic.c_str());
   }
+  return v.down;
 }
+
+// The link table, the state posted from it, and what is still owed to the daemon.
+class Watcher {
+ public:
+  Watcher(const Options &opts, Poster &poster) : opts_(opts), poster_(poster) {}
+
+  void Reset(const std::vector<Link> &links) {
+    table_.clear();
+    for (const Link &l : links) table_[l.ifindex] = l;
+    state_ = BuildState(Links(), opts_);
+    SyncHostModel(state_);
+    for (const auto &n : state_.nics) lastChange_[n.first] = Clock::now();
+  }
+  const NetState &State() const { return state_; }
+
+  // Every watched NIC's present state, in ifindex order. False when some of it
+  // could not be delivered: it is tried again shortly.
+  bool PostPresent(bool bare) {
+    uint64_t dropped = poster_.Dropped();
+    std::vector<std::pair<int, std::string>> order;
+    for (const auto &n : state_.nics) order.emplace_back(n.second.ifindex, n.first);
+    std::sort(order.begin(), order.end());
+    for (const auto &n : order) {
+      PostAll(poster_, bare ? TransitionObservations(
+                                  state_, n.second, state_.nics.at(n.second).carrier, &PortGroupsOf)
+                            : StateObservations(state_, n.second, &PortGroupsOf));
+    }
+    bool ok = poster_.Dropped() == dropped;
+    resyncAt_ = ok ? Clock::time_point::max() : Clock::now() + kResyncRetry;
+    return ok;
+  }
+
+  // One notification: applied and posted on its own, so that no change is
+  // merged with the next.
+  void Apply(const LinkMessage &m) {
+    if (m.deleted) {
+      table_.erase(m.link.ifindex);
+    } else {
+      table_[m.link.ifindex] = m.link;
+    }
+    Advance(BuildState(Links(), opts_));
+  }
+
+  // After an overrun: the table read afresh, its differences posted.
+  void Replace(const std::vector<Link> &links) {
+    table_.clear();
+    for (const Link &l : links) table_[l.ifindex] = l;
+    Advance(BuildState(Links(), opts_));
+  }
+
+  // A take-down by --enforce falls inside the flap's own burst: the loss is told
+  // again after it, so that the daemon's last word is the NIC being down.
+  void TookDown(const std::string &nic) { Restate(nic, false); }
+
+  // Restatements and retries that are due; marks of NICs that have been quiet.
+  void Tick(FlapNodes &flaps) {
+    Clock::time_point now = Clock::now();
+    for (auto it = restate_.begin(); it != restate_.end();) {
+      if (it->second.at > now) {
+        ++it;
+        continue;
+      }
+      if (state_.nics.count(it->first) != 0) {
+        PostAll(poster_, it->second.bare ? TransitionObservations(state_, it->first,
+                                                                  state_.nics.at(it->first).carrier,
+                                                                  &PortGroupsOf)
+                                         : StateObservations(state_, it->first, &PortGroupsOf));
+      }
+      it = restate_.erase(it);
+    }
+    if (resyncAt_ <= now) {
+      Log("posting the present state again after a failed delivery");
+      PostPresent(false);
+    } else if (drops_ != poster_.Dropped() && resyncAt_ == Clock::time_point::max()) {
+      resyncAt_ = now + kResyncRetry;
+    }
+    drops_ = poster_.Dropped();
+    if (opts_.flapQuietSec <= 0) return;
+    for (const auto &n : state_.nics) {
+      // A NIC held down says nothing of its link: its mark stays until an
+      // operator clears it.
+      if (!flaps.Marked(n.first) || !n.second.adminUp ||
+          now - lastChange_[n.first] < std::chrono::seconds(opts_.flapQuietSec)) {
+        continue;
+      }
+      if (flaps.Clear(n.first)) {
+        Log("%s: no link change for %d s: link-flapping mark cleared", n.first.c_str(),
+            opts_.flapQuietSec);
+      }
+    }
+  }
+
+ private:
+  struct Pending {
+    Clock::time_point at;
+    bool bare;  // a NIC new to the daemon: the bare link state too
+  };
+
+  std::vector<Link> Links() const {
+    std::vector<Link> out;
+    out.reserve(table_.size());
+    for (const auto &e : table_) out.push_back(e.second);
+    return out;
+  }
+
+  void Restate(const std::string &nic, bool bare) {
+    Pending &p = restate_[nic];
+    p.at = Clock::now() + kSettle;
+    p.bare = p.bare || bare;
+  }
+
+  void Advance(NetState next) {
+    if (next == state_) return;
+    // The model first: a port group made for a new switch must exist when
+    // the daemon looks up the switch of the transitions below.
+    SyncHostModel(next);
+    LogTransitions(state_, next);
+    Clock::time_point now = Clock::now();
+    for (const auto &n : next.nics) {
+      auto old = state_.nics.find(n.first);
+      if (old == state_.nics.end()) {
+        // A new NIC is told once it has settled: a veth is made down, then
+        // enslaved and brought up.
+        lastChange_[n.first] = now;
+        Restate(n.first, true);
+      } else if (old->second.carrier != n.second.carrier) {
+        auto pending = restate_.find(n.first);
+        if (pending != restate_.end() || now - lastChange_[n.first] < kSettle) {
+          Restate(n.first, false);
+        }
+        lastChange_[n.first] = now;
+      }
+    }
+    PostAll(poster_, DiffObservations(state_, next, &PortGroupsOf));
+    for (const auto &n : state_.nics) {
+      if (next.nics.count(n.first) == 0) Gone(n.first, n.second, next);
+    }
+    if (next.nics.size() != state_.nics.size() || next.switches != state_.switches) Describe(next);
+    state_ = std::move(next);
+  }
+
+  // A NIC that went away ends its faults: one without carrier is told as
+  // coming up, among its switch's uplinks as they now stand. Where none of
+  // them has carrier the daemon would report no port group restored, and
+  // only the bare link state names the NIC.
+  void Gone(const std::string &name, NetState::Nic nic, const NetState &next) {
+    restate_.erase(name);
+    lastChange_.erase(name);
+    if (table_.count(nic.ifindex) != 0) return;  // still there, no longer watched
+    Log("%s: removed%s", name.c_str(), nic.carrier ? "" : " (it had no carrier: told as up)");
+    if (nic.carrier) return;
+    NetState view = next;
+    if (view.switches.count(nic.vswitch) == 0 || view.UplinksWithCarrier(nic.vswitch) == 0) {
+      nic.vswitch.clear();
+    }
+    nic.carrier = true;
+    view.nics[name] = nic;
+    PostAll(poster_, TransitionObservations(view, name, true, &PortGroupsOf));
+  }
+
+  const Options &opts_;
+  Poster &poster_;
+  std::map<int, Link> table_;
+  NetState state_;
+  std::map<std::string, Pending> restate_;
+  std::map<std::string, Clock::time_point> lastChange_;
+  Clock::time_point resyncAt_ = Clock::time_point::max();
+  uint64_t drops_ = 0;
+};
 
 int Run(const Options &opts) {
   Netlink nl;
   std::string why;
-  if (!nl.Open(&why)) {
+  std::vector<Link> links;
+  if (!nl.Open(&why) || !nl.Dump(&links, &why)) {
     Log("%s", why.c_str());
     return 1;
   }
   Poster poster(opts.domain, opts.dropLogSec);
-  NetState state = BuildState(nl.Links(), opts);
-  SyncHostModel(state);
+  Watcher watch(opts, poster);
+  watch.Reset(links);
   if (opts.once) {
-    std::vector<std::pair<int, std::string>> order;
-    for (const auto &n : state.nics) order.emplace_back(n.second.ifindex, n.first);
-    std::sort(order.begin(), order.end());
-    for (const auto &n : order) {
-      PostAll(poster, TransitionObservations(state, n.second, state.nics.at(n.second).carrier,
-                                             &PortGroupsOf));
-    }
+    watch.PostPresent(true);
     return poster.Dropped() == 0 ? 0 : 1;
   }
-  Describe(state);
+  Describe(watch.State());
+  // What is wrong now is posted now: a link that is down before tevnet
+  // starts is a fault like any other.
+  poster.DaemonIsNew();
+  watch.PostPresent(false);
 
   struct sigaction sa;
   memset(&sa, 0, sizeof sa);
@@ -202,7 +401,10 @@ int Run(const Options &opts) {
   signal(SIGPIPE, SIG_IGN);
 
   FlapNodes flaps;
-  flaps.Check(state);
+  flaps.Check(watch.State());
+  uint64_t overrunsLogged = 0;
+  int64_t overrunLogAt = 0;
+  std::vector<LinkMessage> messages;
   while (!gStop) {
     struct pollfd pfd = {nl.Fd(), POLLIN, 0};
     // The link-flapping nodes are files: looked at four times a second.
@@ -211,17 +413,37 @@ int Run(const Options &opts) {
       Log("poll: %s", strerror(errno));
       return 1;
     }
-    if (r > 0 && nl.Poll()) {
-      NetState next = BuildState(nl.Links(), opts);
-      // The model first: a port group made for a new switch must exist when
-      // the daemon looks up the switch of the transitions below.
-      SyncHostModel(next);
-      LogTransitions(state, next);
-      PostAll(poster, DiffObservations(state, next, &PortGroupsOf));
-      if (next.nics.size() != state.nics.size() || next.switches != state.switches) Describe(next);
-      state = std::move(next);
+    if (r > 0) {
+      bool complete = nl.Read(&messages);
+      for (const LinkMessage &m : messages) watch.Apply(m);
+      if (!complete) {
+        // Transitions were lost in the kernel: what they led to is read
+        // from the table and posted as differences.
+        if (nl.Dump(&links, &why)) {
+          watch.Replace(links);
+        } else {
+          Log("netlink: %s", why.c_str());
+        }
+        int64_t now =
+            std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch())
+                .count();
+        if (overrunsLogged == 0 || now - overrunLogAt >= opts.dropLogSec) {
+          Log("netlink: receive buffer overrun, link notifications lost (%llu overrun%s in all); "
+              "link table read again",
+              static_cast<unsigned long long>(nl.Overruns()), nl.Overruns() == 1 ? "" : "s");
+          overrunsLogged = nl.Overruns();
+          overrunLogAt = now;
+        }
+      }
     }
-    for (const FlapNodes::Verdict &v : flaps.Check(state)) Enforce(nl, opts, state, v);
+    if (poster.DaemonIsNew()) {
+      Log("tevd started again: posting the present state");
+      watch.PostPresent(false);
+    }
+    for (const FlapNodes::Verdict &v : flaps.Check(watch.State())) {
+      if (Enforce(nl, opts, watch.State(), v)) watch.TookDown(v.nic);
+    }
+    watch.Tick(flaps);
     poster.ReportDrops(false);
   }
   Log("stopping");

@@ -21,15 +21,23 @@ struct Link {
   std::string name;
   std::string kind;  // IFLA_INFO_KIND: "" for hardware, "veth", "bridge", "bond", ...
   bool loopback = false;
-  bool ether = false;    // ARPHRD_ETHER
-  bool adminUp = false;  // IFF_UP
-  bool carrier = false;  // IFF_LOWER_UP: administratively up and the link has carrier
-  int master = 0;        // ifindex of the bridge or bond it is enslaved to, 0 for none
+  bool ether = false;      // ARPHRD_ETHER
+  bool adminUp = false;    // IFF_UP
+  bool carrier = false;    // IFF_LOWER_UP: administratively up and the link has carrier
+  int master = 0;          // ifindex of the bridge or bond it is enslaved to, 0 for none
+  bool hasDevice = false;  // /sys/class/net/NAME/device exists: hardware behind it
+};
+
+// One link notification (or one entry of a dump), in the kernel's order.
+struct LinkMessage {
+  bool deleted = false;  // RTM_DELLINK
+  Link link;
 };
 
 struct Options {
-  std::vector<std::string> include;  // fnmatch patterns; empty: every physical NIC
+  std::vector<std::string> include;  // fnmatch patterns; empty: the NICs with a device
   std::vector<std::string> exclude;
+  int flapQuietSec = 300;  // a link-flapping mark ends after this long without a change
   bool once = false;
   int enforce = 0;      // 0 log only, 1 act, 2 act even on a switch's last uplink
   uint32_t domain = 0;  // asynchronous context the observations go to
@@ -43,14 +51,21 @@ struct NetState {
     bool carrier = false;
     bool adminUp = false;
     std::string vswitch;  // "" when not an uplink of a switch
+    bool operator==(const Nic &o) const {
+      return ifindex == o.ifindex && carrier == o.carrier && adminUp == o.adminUp &&
+             vswitch == o.vswitch;
+    }
   };
   std::map<std::string, Nic> nics;                           // by name
   std::map<std::string, std::vector<std::string>> switches;  // switch -> member NICs, by name
   int UplinksWithCarrier(const std::string &vswitch) const;
+  bool operator==(const NetState &o) const { return nics == o.nics && switches == o.switches; }
 };
 
-// Physical NICs: hardware Ethernet interfaces (no link kind) and veth ends.
-bool IsPhysicalNic(const Link &link);
+// The NICs watched: without --include the Ethernet interfaces with a device
+// behind them (not veth, tap, bridge or bond ends); with it, the Ethernet
+// interfaces whose names match, switches excepted; never an --exclude match.
+bool IsWatchedNic(const Link &link, const Options &opts);
 bool IsVirtualSwitch(const Link &link);
 NetState BuildState(const std::vector<Link> &links, const Options &opts);
 
@@ -69,6 +84,12 @@ typedef std::vector<std::string> (*PortGroupsFn)(const std::string &vswitch);
 // (with the switch's uplinks that have carrier), then the bare link state.
 std::vector<Observation> TransitionObservations(const NetState &state, const std::string &nic,
                                                 bool up, PortGroupsFn portGroups);
+// What tells the daemon a NIC's present state: its port-group transitions when
+// it has port groups (the bare link state would count as one more link-down
+// for the flap detection, and the daemon ignores it then anyway), else the bare
+// link state.
+std::vector<Observation> StateObservations(const NetState &state, const std::string &nic,
+                                           PortGroupsFn portGroups);
 // Carrier changes from `before` to `after`, applied one NIC at a time in
 // ifindex order, so that two uplinks lost in one batch count down as a kernel
 // would report them one after the other.
@@ -82,12 +103,15 @@ class Netlink {
   ~Netlink();
   Netlink(const Netlink &) = delete;
   Netlink &operator=(const Netlink &) = delete;
-  // Subscribes to link changes and fills the link table. False with `why`.
+  // Subscribes to link changes. False with `why`.
   bool Open(std::string *why);
   int Fd() const;
-  // Reads the waiting change notifications; true when the table changed.
-  bool Poll();
-  std::vector<Link> Links() const;
+  // Appends the waiting notifications, in order. False when the kernel
+  // dropped some (receive buffer overrun): the table must be read again.
+  bool Read(std::vector<LinkMessage> *out);
+  uint64_t Overruns() const;
+  // The whole link table.
+  bool Dump(std::vector<Link> *links, std::string *why);
   // Sets the administrative state of `ifindex`. 0 or a negative libnl error.
   int SetAdminUp(int ifindex, bool up, std::string *why);
 
@@ -112,6 +136,9 @@ class FlapNodes {
   };
   // New writes since the last call (a value that changed, or 1 written again).
   std::vector<Verdict> Check(const NetState &state);
+  bool Marked(const std::string &nic) const;
+  // Writes 0 as the end of the mark; not a verdict of the daemon's.
+  bool Clear(const std::string &nic);
 
  private:
   struct Seen {
@@ -132,6 +159,9 @@ class Poster {
   Poster(const Poster &) = delete;
   Poster &operator=(const Poster &) = delete;
   bool Post(const Observation &obs);
+  // True when a socket is at the context's path and it is not the one the
+  // last call saw: a daemon started since.
+  bool DaemonIsNew();
   // Logs the drops of the interval once it has passed (or at once with `now`).
   void ReportDrops(bool now);
   uint64_t Dropped() const { return droppedTotal_; }
@@ -144,6 +174,7 @@ class Poster {
   uint64_t droppedInterval_ = 0;
   std::string lastReason_;
   int64_t intervalStart_ = 0;
+  std::string socketId_;  // device, inode and change time of the socket file
 };
 
 void Log(const char *format, ...) __attribute__((format(printf, 1, 2)));

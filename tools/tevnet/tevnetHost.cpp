@@ -200,4 +200,23 @@ std::vector<FlapNodes::Verdict> FlapNodes::Check(const NetState &state) {
   return out;
 }
 
+bool FlapNodes::Marked(const std::string &nic) const {
+  auto it = seen_.find(nic);
+  return it != seen_.end() && it->second.value == "1";
+}
+
+bool FlapNodes::Clear(const std::string &nic) {
+  std::string rel = std::string(kPNics) + "/" + PlatformModel_EscapeName(nic) + "/linkFlapping";
+  if (!PlatformModel_Write(rel, "0")) {
+    Log("host model: cannot write %s: %s", PlatformModel_Path(rel).c_str(), strerror(errno));
+    return false;
+  }
+  struct stat st;
+  Seen now{"0", 0};
+  if (stat(PlatformModel_Path(rel).c_str(), &st) == 0)
+    now.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  seen_[nic] = now;
+  return true;
+}
+
 }  // namespace tevnet

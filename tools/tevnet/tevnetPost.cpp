@@ -2,6 +2,7 @@
 // to the context's path with MSG_DONTWAIT. Sending by path finds a restarted
 // daemon's new socket by itself; a full queue or a missing daemon is a drop.
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -76,6 +77,20 @@ void Poster::ReportDrops(bool now) {
   }
   droppedInterval_ = 0;
   intervalStart_ = t;
+}
+
+bool Poster::DaemonIsNew() {
+  // A restarted daemon binds a new socket file: a new inode, or at least a
+  // new change time where the file system reuses the inode at once.
+  struct stat st;
+  std::string id;
+  if (stat(path_.c_str(), &st) == 0) {
+    id = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" +
+         std::to_string(st.st_ctim.tv_sec) + "." + std::to_string(st.st_ctim.tv_nsec);
+  }
+  bool fresh = !id.empty() && id != socketId_;
+  socketId_ = id;
+  return fresh;
 }
 
 }  // namespace tevnet

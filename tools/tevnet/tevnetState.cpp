@@ -36,12 +36,15 @@ Observation Make(const char *id, const char *format, std::vector<MsgFmt_Value> a
 
 }  // namespace
 
-bool IsPhysicalNic(const Link &link) {
-  if (link.loopback || !link.ether) return false;
-  return link.kind.empty() || link.kind == "veth";
-}
-
 bool IsVirtualSwitch(const Link &link) { return link.kind == "bridge" || link.kind == "bond"; }
+
+bool IsWatchedNic(const Link &link, const Options &opts) {
+  if (link.loopback || !link.ether || IsVirtualSwitch(link)) return false;
+  if (MatchesAny(opts.exclude, link.name)) return false;
+  // A veth or tap end comes and goes with containers and guests: it is
+  // watched only when named.
+  return opts.include.empty() ? link.hasDevice : MatchesAny(opts.include, link.name);
+}
 
 int NetState::UplinksWithCarrier(const std::string &vswitch) const {
   auto sw = switches.find(vswitch);
@@ -64,9 +67,7 @@ NetState BuildState(const std::vector<Link> &links, const Options &opts) {
     }
   }
   for (const Link &l : links) {
-    if (!IsPhysicalNic(l)) continue;
-    if (!opts.include.empty() && !MatchesAny(opts.include, l.name)) continue;
-    if (MatchesAny(opts.exclude, l.name)) continue;
+    if (!IsWatchedNic(l, opts)) continue;
     NetState::Nic nic;
     nic.ifindex = l.ifindex;
     nic.carrier = l.carrier;
@@ -107,6 +108,15 @@ std::vector<Observation> TransitionObservations(const NetState &state, const std
   }
   out.push_back(up ? Make(kLinkUpId, kLinkUpFmt, {MsgFmt_Value::Str(nic)})
                    : Make(kLinkDownId, kLinkDownFmt, {MsgFmt_Value::Str(nic)}));
+  return out;
+}
+
+std::vector<Observation> StateObservations(const NetState &state, const std::string &nic,
+                                           PortGroupsFn portGroups) {
+  auto it = state.nics.find(nic);
+  if (it == state.nics.end()) return {};
+  std::vector<Observation> out = TransitionObservations(state, nic, it->second.carrier, portGroups);
+  if (out.size() > 1) out.pop_back();
   return out;
 }
 

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
+#include <random>
 #include <set>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -155,21 +158,20 @@ class TevfwdE2E : public ::testing::Test {
     StartCluster();
   }
   void StartCluster() {
-    for (int i = 0; i < 2; ++i) {
-      am_[i] = std::make_unique<Process>(
-          root_, kAlertmanager,
-          Args{"--config.file=" + root_.Abs("am/config.yml"),
-               "--storage.path=" + root_.Abs("am/data" + std::to_string(i)),
-               "--web.listen-address=" + Addr(i), "--cluster.listen-address=" + Addr(2 + i),
-               "--cluster.peer=" + Addr(3 - i), "--cluster.peer-timeout=1s",
-               "--cluster.gossip-interval=50ms", "--cluster.pushpull-interval=1s",
-               "--cluster.settle-timeout=2s", "--log.level=warn"},
-          Args{}, "am" + std::to_string(i));
-    }
-    ASSERT_TRUE(Eventually(
-        [&] { return ListAlerts(ports_[0]).is_array() && ListAlerts(ports_[1]).is_array(); },
-        15000))
-        << "Alertmanager did not answer: " << am_[0]->Stderr() << am_[1]->Stderr();
+    for (int i = 0; i < 2; ++i) StartReplica(i);
+  }
+  void StartReplica(int i) {
+    am_[i] = std::make_unique<Process>(
+        root_, kAlertmanager,
+        Args{"--config.file=" + root_.Abs("am/config.yml"),
+             "--storage.path=" + root_.Abs("am/data" + std::to_string(i)),
+             "--web.listen-address=" + Addr(i), "--cluster.listen-address=" + Addr(2 + i),
+             "--cluster.peer=" + Addr(3 - i), "--cluster.peer-timeout=1s",
+             "--cluster.gossip-interval=50ms", "--cluster.pushpull-interval=1s",
+             "--cluster.settle-timeout=2s", "--log.level=warn"},
+        Args{}, "am" + std::to_string(i));
+    ASSERT_TRUE(Eventually([&] { return ListAlerts(ports_[i]).is_array(); }, 15000))
+        << "Alertmanager did not answer: " << am_[i]->Stderr();
   }
   void StopCluster() {
     for (auto &a : am_) a->Signal(SIGTERM);
@@ -414,6 +416,235 @@ TEST_F(TevfwdE2E, EventPostedWhileTheForwarderRestartsFiresWithoutTevdsRetryDela
   for (const std::string &line : log.Take())
     EXPECT_EQ(line.find("could not be sent immediately"), std::string::npos) << line;
   close(lfd);
+}
+
+// Convergence under chaos, on a real kernel: in a network namespace, bridge
+// ksw0 with uplinks hwnic0-1 and ksw1 with hwnic2-4 (veth; their cables
+// lnkN); tevd, tevnet, tevfwd on a socket that outlives it (as tevfwd.socket
+// keeps it) and the two replicas. Seeded rounds of link changes (downs, ups,
+// bursts, a veth deleted and re-added) with a restart every third round
+// (SIGTERM or SIGKILL of tevd, tevnet, tevfwd, replica 1, in turn). After
+// each round the faults the kernel shows must be what both replicas show as
+// firing. TEVD_CHAOS_SECONDS (180) is the length; TEVD_CHAOS_SEED repeats a run.
+class TevfwdChaos : public TevfwdE2E {
+ protected:
+  struct Nic {
+    bool carrier;
+    std::string sw;
+  };
+  void SetUp() override {
+    TevfwdE2E::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    for (const char *p : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"})
+      if (ip_.empty() && access(p, X_OK) == 0) ip_ = p;
+    if (ip_.empty()) TEVD_SKIP_MISSING("no ip binary (package iproute2)");
+    ns_ = "tevchaos-" + std::to_string(getpid());
+    if (!Sh(ip_ + " netns add " + ns_)) TEVD_SKIP_MISSING("cannot create a network namespace (root)");
+    for (const char *sw : {"ksw0", "ksw1"})
+      ASSERT_TRUE(In(std::string("link add ") + sw + " type bridge") && In("link set " + std::string(sw) + " up"));
+    for (int n = 0; n < 5; ++n) AddUplink(n);
+    PlatformListen how;
+    how.type = SOCK_STREAM;
+    how.backlog = 1024;
+    lfd_ = PlatformSocket_Listen(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent), how);
+    ASSERT_GE(lfd_, 0);
+  }
+  void TearDown() override {
+    tevnet_.reset();
+    if (!ns_.empty()) Sh(ip_ + " netns del " + ns_);
+    if (lfd_ >= 0) close(lfd_);
+  }
+  static bool Sh(const std::string &cmd) { return system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+  bool In(const std::string &args) { return Sh(ip_ + " -n " + ns_ + " " + args); }
+  static std::string Sw(int n) { return n < 2 ? "ksw0" : "ksw1"; }
+  bool AddUplink(int n) {
+    std::string nic = "hwnic" + std::to_string(n), lnk = "lnk" + std::to_string(n);
+    return In("link add " + nic + " type veth peer name " + lnk) &&
+           In("link set " + nic + " master " + Sw(n)) && In("link set " + nic + " up") &&
+           In("link set " + lnk + " up");
+  }
+  void StartTevnet() {
+    unlink(root_.Abs("tevnet.stderr").c_str());
+    tevnet_ = std::make_unique<Process>(
+        root_, ip_,
+        Args{"netns", "exec", ns_, tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
+             "--include", "hwnic*"},
+        Args{}, "tevnet");
+    ASSERT_TRUE(Eventually([&] { return tevnet_->Stderr().find("watching") != std::string::npos; }, 5000))
+        << tevnet_->Stderr();
+  }
+  void StartTevd() {
+    tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
+    ASSERT_TRUE(tevd_->WaitReady()) << tevd_->Stderr();
+  }
+  // The kernel's NICs hwnicN: carrier and bridge.
+  std::map<std::string, Nic> Kernel() {
+    std::string out;
+    if (FILE *f = popen((ip_ + " -n " + ns_ + " -j link show 2>/dev/null").c_str(), "r")) {
+      char buf[4096];
+      for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
+      pclose(f);
+    }
+    std::map<std::string, Nic> nics;
+    json all = json::parse(out, nullptr, false);
+    for (const json &l : all.is_array() ? all : json::array()) {
+      std::string name = l.value("ifname", "");
+      if (name.rfind("hwnic", 0) != 0) continue;
+      const json flags = l.value("flags", json::array());
+      nics[name] = {std::find(flags.begin(), flags.end(), "LOWER_UP") != flags.end(),
+                    l.value("master", "")};
+    }
+    return nics;
+  }
+  // The faults of `nics` ("connectivity.lost/ksw0", "redundancy.lost/ksw1",
+  // "hwnic.linkstate.down/hwnic1" for a NIC no switch's uplink: an uplink's
+  // loss is told as its switch's); `allowed` gets what may fire as well: the
+  // link state of an uplink that is down, a degraded switch not whole, a
+  // flapping mark of a NIC in `flapped`.
+  static std::set<std::string> Faults(const std::map<std::string, Nic> &nics,
+                                      const std::set<std::string> &flapped,
+                                      std::set<std::string> *allowed) {
+    std::set<std::string> want;
+    std::map<std::string, std::pair<int, int>> sw;  // members, with carrier
+    for (const auto &n : nics) {
+      if (flapped.count(n.first) != 0) allowed->insert("hwnic.linkstate.flapping/" + n.first);
+      if (!n.second.carrier) {
+        (n.second.sw.empty() ? want : *allowed).insert("hwnic.linkstate.down/" + n.first);
+      }
+      if (!n.second.sw.empty()) ++sw[n.second.sw].first, sw[n.second.sw].second += n.second.carrier;
+    }
+    for (const auto &s : sw) {
+      if (s.second.second == 0) want.insert("connectivity.lost/" + s.first);
+      if (s.second.second == 1 && s.second.first >= 2) want.insert("redundancy.lost/" + s.first);
+      if (s.second.second == 0) allowed->insert("redundancy.lost/" + s.first);  // and connectivity
+      if (s.second.second < s.second.first) allowed->insert("redundancy.degraded/" + s.first);
+    }
+    return want;
+  }
+  // The same keys for what replica `i` shows as firing.
+  std::set<std::string> Firing(int i) {
+    std::set<std::string> out;
+    json all = ListAlerts(ports_[i]);
+    for (const json &a : all.is_array() ? all : json::array()) {
+      const json &l = a["labels"];
+      std::string name = l.value("alertname", "");
+      name.erase(0, name.rfind("kos.problem.net.", 0) == 0 ? 16 : 0);
+      out.insert(name + "/" + l.value(name.rfind("hwnic", 0) == 0 ? "nic" : "switch", ""));
+    }
+    return out;
+  }
+  void Restart(int which, int sig) {
+    Process *p = which == 0 ? static_cast<Process *>(tevd_.get())
+                 : which == 1 ? tevnet_.get() : which == 2 ? fwd_.get() : am_[1].get();
+    p->Signal(sig);
+    ASSERT_TRUE(p->Wait(5000));
+    if (which == 0) StartTevd();
+    if (which == 1) StartTevnet();
+    if (which == 2) StartForwarder(Both({"--resend", "2", "--retry-max", "1"}), lfd_);
+    if (which == 3) StartReplica(1);
+  }
+
+  std::string ip_, ns_;
+  int lfd_ = -1;
+  std::unique_ptr<Process> tevnet_;
+};
+
+TEST_F(TevfwdChaos, FiringAlertsConvergeOnTheKernelsFaultsThroughLinkChangesAndRestarts) {
+  const char *secs = getenv("TEVD_CHAOS_SECONDS");
+  const char *seedText = getenv("TEVD_CHAOS_SEED");
+  const unsigned seed = seedText != nullptr ? static_cast<unsigned>(atol(seedText))
+                                            : static_cast<unsigned>(time(nullptr));
+  const auto length = std::chrono::seconds(secs != nullptr ? atol(secs) : 180);
+  fprintf(stderr, "chaos seed %u (TEVD_CHAOS_SEED=%u repeats this run)\n", seed, seed);
+  std::mt19937 rng(seed);
+  StartForwarder(Both({"--resend", "2", "--retry-max", "1"}), lfd_);
+  StartTevd();
+  StartTevnet();
+  using SteadyClock = std::chrono::steady_clock;
+  const auto end = SteadyClock::now() + length;
+  int changes = 0, restarts = 0, rounds = 0, deleted = -1;
+  size_t stale = 0, missing = 0;
+  std::vector<double> visibleMs;
+  std::set<std::string> before;
+  // NICs that had a burst: tevd may mark them flapping, and the mark ends
+  // when the link comes back, or after a quiet time.
+  std::set<std::string> flapped;
+  auto toggle = [&](int n, bool down) {
+    changes += In("link set lnk" + std::to_string(n) + (down ? " down" : " up"));
+  };
+  while (SteadyClock::now() < end || changes < 100 || restarts < 10) {
+    ++rounds;
+    for (int k = 0, actions = 1 + static_cast<int>(rng() % 3); k < actions; ++k) {
+      int n = static_cast<int>(rng() % 5), kind = static_cast<int>(rng() % 10);
+      if (n == deleted) continue;
+      if (kind < 7) {
+        toggle(n, rng() % 2 == 0);
+      } else if (kind < 9) {
+        flapped.insert("hwnic" + std::to_string(n));
+        for (int b = 0, flips = 3 + static_cast<int>(rng() % 6); b < flips; ++b) {
+          toggle(n, b % 2 == 0);
+          std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+      } else if (deleted < 0) {
+        changes += In("link del hwnic" + std::to_string(n));
+        deleted = n;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 300));
+    }
+    if (deleted >= 0 && rounds % 4 == 0) {  // the deleted veth comes back a round later
+      changes += AddUplink(deleted);
+      deleted = -1;
+    }
+    if (rounds % 3 == 0) {
+      const int which = restarts % 4;
+      const int sig = (restarts / 4) % 2 == 0 ? SIGTERM : SIGKILL;
+      static const char *const kNames[] = {"tevd", "tevnet", "tevfwd", "replica 1"};
+      fprintf(stderr, "round %d: %s of %s\n", rounds, sig == SIGTERM ? "SIGTERM" : "SIGKILL", kNames[which]);
+      ASSERT_NO_FATAL_FAILURE(Restart(which, sig));
+      ++restarts;
+    }
+    // The kernel is still now: wait for both replicas to show its faults.
+    const auto changed = SteadyClock::now();
+    std::set<std::string> allowed, want = Faults(Kernel(), flapped, &allowed);
+    std::set<std::string> bad[2];
+    bool same = false;
+    while (!same && SteadyClock::now() < changed + std::chrono::seconds(20)) {
+      same = true;
+      for (int i = 0; i < 2; ++i) {
+        std::set<std::string> firing = Firing(i);
+        bad[i].clear();
+        for (const auto &f : firing)
+          if (want.count(f) == 0 && allowed.count(f) == 0) bad[i].insert("stale " + f);
+        for (const auto &w : want)
+          if (firing.count(w) == 0) bad[i].insert("missing " + w);
+        same = same && bad[i].empty();
+      }
+      if (!same) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    const double ms = std::chrono::duration<double, std::milli>(SteadyClock::now() - changed).count();
+    if (same && want != before) visibleMs.push_back(ms);
+    if (!same) {
+      std::string k;
+      for (const auto &n : Kernel()) k += " " + n.first + (n.second.carrier ? "+" : "-") + n.second.sw;
+      fprintf(stderr, "round %d kernel:%s\n", rounds, k.c_str());
+    }
+    for (int i = 0; i < 2; ++i) {
+      for (const std::string &b : bad[i]) {
+        (b[0] == 's' ? stale : missing) += 1;
+        fprintf(stderr, "round %d replica %d: %s\n", rounds, i, b.c_str());
+      }
+    }
+    before = want;
+  }
+  std::sort(visibleMs.begin(), visibleMs.end());
+  const double p50 = visibleMs.empty() ? 0 : visibleMs[visibleMs.size() / 2];
+  const double max = visibleMs.empty() ? 0 : visibleMs.back();
+  fprintf(stderr, "chaos seed %u: %d rounds, %d link changes, %d restarts; stale %zu, missing %zu; "
+         "change to visible on both replicas: p50 %.0f ms, max %.0f ms (%zu changes of the faults)\n",
+         seed, rounds, changes, restarts, stale, missing, p50, max, visibleMs.size());
+  EXPECT_EQ(stale, 0u);
+  EXPECT_EQ(missing, 0u);
+  EXPECT_LE(max, 5000) << "a change took longer than 5 s to show on both replicas";
 }
 
 }  // namespace

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <set>
-#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "Harness.h"
@@ -129,7 +129,8 @@ class TevfwdE2E : public ::testing::Test {
  protected:
   void SetUp() override {
     if (access(kAlertmanager, X_OK) != 0) {
-      TEVD_SKIP_MISSING(std::string(kAlertmanager) + " is missing (package prometheus-alertmanager)");
+      TEVD_SKIP_MISSING(std::string(kAlertmanager) +
+                        " is missing (package prometheus-alertmanager)");
     }
     tevdtest::MakeHost(root_);
     root_.Write("am/config.yml", "route:\n  receiver: none\nreceivers:\n- name: none\n");
@@ -169,8 +170,8 @@ class TevfwdE2E : public ::testing::Test {
     if (args.empty()) args = Both({"--retry-max", "1"});
     unlink(root_.Abs("tevfwd.stderr").c_str());  // the last one's "listening on" line
     fwd_ = std::make_unique<Process>(root_, FwdBin(), args, Args{}, "tevfwd", listenFd);
-    ASSERT_TRUE(Eventually([&] { return fwd_->Stderr().find("listening on") != std::string::npos; },
-                           5000))
+    ASSERT_TRUE(
+        Eventually([&] { return fwd_->Stderr().find("listening on") != std::string::npos; }, 5000))
         << fwd_->Stderr();
   }
   Args Both(Args extra) {
@@ -377,14 +378,17 @@ class TevfwdChaos : public TevfwdE2E {
       if (ip_.empty() && access(p, X_OK) == 0) ip_ = p;
     if (ip_.empty()) TEVD_SKIP_MISSING("no ip binary (package iproute2)");
     ns_ = "tevchaos-" + std::to_string(getpid());
-    if (!Sh(ip_ + " netns add " + ns_)) TEVD_SKIP_MISSING("cannot create a network namespace (root)");
+    if (!Sh(ip_ + " netns add " + ns_))
+      TEVD_SKIP_MISSING("cannot create a network namespace (root)");
     for (const char *sw : {"ksw0", "ksw1"})
-      ASSERT_TRUE(In(std::string("link add ") + sw + " type bridge") && In("link set " + std::string(sw) + " up"));
+      ASSERT_TRUE(In(std::string("link add ") + sw + " type bridge") &&
+                  In("link set " + std::string(sw) + " up"));
     for (int n = 0; n < 5; ++n) AddUplink(n);
     PlatformListen how;
     how.type = SOCK_STREAM;
     how.backlog = 1024;
-    lfd_ = PlatformSocket_Listen(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent), how);
+    lfd_ = PlatformSocket_Listen(
+        PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent), how);
     ASSERT_GE(lfd_, 0);
   }
   void TearDown() override {
@@ -408,7 +412,8 @@ class TevfwdChaos : public TevfwdE2E {
         Args{"netns", "exec", ns_, tevdtest::BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"),
              "--include", "hwnic*"},
         Args{}, "tevnet");
-    ASSERT_TRUE(Eventually([&] { return tevnet_->Stderr().find("watching") != std::string::npos; }, 5000))
+    ASSERT_TRUE(
+        Eventually([&] { return tevnet_->Stderr().find("watching") != std::string::npos; }, 5000))
         << tevnet_->Stderr();
   }
   void StartTevd() {
@@ -475,8 +480,10 @@ class TevfwdChaos : public TevfwdE2E {
     return out;
   }
   void Restart(int which, int sig) {
-    Process *p = which == 0 ? static_cast<Process *>(tevd_.get())
-                 : which == 1 ? tevnet_.get() : which == 2 ? fwd_.get() : am_[1].get();
+    Process *p = which == 0   ? static_cast<Process *>(tevd_.get())
+                 : which == 1 ? tevnet_.get()
+                 : which == 2 ? fwd_.get()
+                              : am_[1].get();
     p->Signal(sig);
     ASSERT_TRUE(p->Wait(5000));
     if (which == 0) StartTevd();
@@ -542,7 +549,8 @@ TEST_F(TevfwdChaos, FiringAlertsConvergeOnTheKernelsFaultsThroughLinkChangesAndR
       const int which = restarts % 4;
       const int sig = (restarts / 4) % 2 == 0 ? SIGTERM : SIGKILL;
       static const char *const kNames[] = {"tevd", "tevnet", "tevfwd", "replica 1"};
-      fprintf(stderr, "round %d: %s of %s\n", rounds, sig == SIGTERM ? "SIGTERM" : "SIGKILL", kNames[which]);
+      fprintf(stderr, "round %d: %s of %s\n", rounds, sig == SIGTERM ? "SIGTERM" : "SIGKILL",
+              kNames[which]);
       ASSERT_NO_FATAL_FAILURE(Restart(which, sig));
       ++restarts;
     }
@@ -564,20 +572,23 @@ TEST_F(TevfwdChaos, FiringAlertsConvergeOnTheKernelsFaultsThroughLinkChangesAndR
       }
       if (!same) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    const double ms = std::chrono::duration<double, std::milli>(SteadyClock::now() - changed).count();
+    const double ms =
+        std::chrono::duration<double, std::milli>(SteadyClock::now() - changed).count();
     if (same && want != before) visibleMs.push_back(ms);
     for (const std::string &line : log.Take())
       if (line.find("[kos.") != std::string::npos) events.push_back(line);
     if (!same) {
       std::string k;
-      for (const auto &n : Kernel()) k += " " + n.first + (n.second.carrier ? "+" : "-") + n.second.sw;
+      for (const auto &n : Kernel())
+        k += " " + n.first + (n.second.carrier ? "+" : "-") + n.second.sw;
       fprintf(stderr, "round %d kernel:%s\n", rounds, k.c_str());
       // tevd's last word on each object in question: the daemon's or the forwarder's fault?
       for (const std::string &b : bad[0]) {
         const std::string object = b.substr(b.find('/') + 1);
         int shown = 0;
         for (auto e = events.rbegin(); e != events.rend() && shown < 3; ++e)
-          if (e->find(object) != std::string::npos) fprintf(stderr, "  tevd: %s\n", e->c_str()), ++shown;
+          if (e->find(object) != std::string::npos)
+            fprintf(stderr, "  tevd: %s\n", e->c_str()), ++shown;
       }
     }
     for (int i = 0; i < 2; ++i) {
@@ -588,17 +599,20 @@ TEST_F(TevfwdChaos, FiringAlertsConvergeOnTheKernelsFaultsThroughLinkChangesAndR
     }
     for (const auto &f : Firing(0)) {
       const std::string down = "hwnic.linkstate.down/" + f.substr(f.find('/') + 1);
-      flappingUp += f.find("flapping/") != std::string::npos && want.count(down) + allowed.count(down) == 0;
+      flappingUp +=
+          f.find("flapping/") != std::string::npos && want.count(down) + allowed.count(down) == 0;
     }
     before = want;
   }
   std::sort(visibleMs.begin(), visibleMs.end());
   const double p50 = visibleMs.empty() ? 0 : visibleMs[visibleMs.size() / 2];
   const double max = visibleMs.empty() ? 0 : visibleMs.back();
-  fprintf(stderr, "chaos seed %u: %d rounds, %d link changes, %d restarts; stale %zu, missing %zu; "
-          "change to visible on both replicas: p50 %.0f ms, max %.0f ms (%zu changes of the faults); "
-          "rounds ending with a flapping alert of a NIC that is up: %zu\n",
-          seed, rounds, changes, restarts, stale, missing, p50, max, visibleMs.size(), flappingUp);
+  fprintf(
+      stderr,
+      "chaos seed %u: %d rounds, %d link changes, %d restarts; stale %zu, missing %zu; "
+      "change to visible on both replicas: p50 %.0f ms, max %.0f ms (%zu changes of the faults); "
+      "rounds ending with a flapping alert of a NIC that is up: %zu\n",
+      seed, rounds, changes, restarts, stale, missing, p50, max, visibleMs.size(), flappingUp);
   EXPECT_EQ(stale, 0u);
   EXPECT_EQ(missing, 0u);
   EXPECT_LE(max, 5000) << "a change took longer than 5 s to show on both replicas";

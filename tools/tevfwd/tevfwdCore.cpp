@@ -367,9 +367,9 @@ size_t Forwarder::Recover(int64_t nowMs) {
 
 std::string Forwarder::CountersJson() const {
   const Counters &c = counters_;
-  return json{{"received", c.received},   {"sent", c.sent},           {"resolved", c.resolved},
-              {"spooled", c.spooled},     {"dropped", c.dropped},     {"expired", c.expired},
-              {"malformed", c.malformed}, {"capped", c.capped},   {"retimed", c.retimed},
+  return json{{"received", c.received},   {"sent", c.sent},          {"resolved", c.resolved},
+              {"spooled", c.spooled},     {"dropped", c.dropped},    {"expired", c.expired},
+              {"malformed", c.malformed}, {"capped", c.capped},      {"retimed", c.retimed},
               {"waiting", spool_.size()}, {"active", active_.size()}}
       .dump();
 }
@@ -381,8 +381,8 @@ std::vector<std::string> Forwarder::TakeLogLines() {
     droppedUnlogged_ = 0;
   }
   if (cappedUnlogged_ != 0) {
-    log_.push_back("active set full (" + std::to_string(opt_.activeMax) + " firing alerts): " +
-                   std::to_string(cappedUnlogged_) +
+    log_.push_back("active set full (" + std::to_string(opt_.activeMax) +
+                   " firing alerts): " + std::to_string(cappedUnlogged_) +
                    " new alert(s) sent once, not re-sent; they end in Alertmanager after three "
                    "re-send intervals");
     cappedUnlogged_ = 0;

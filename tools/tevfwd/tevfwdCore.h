@@ -31,7 +31,7 @@ struct Options {
   std::string hostName;              // the instance label
   uint64_t spoolMaxBytes = 16u << 20;
   size_t activeMax = 20000;  // firing alerts kept for re-sending
-  std::string runbookUrl;  // the runbook_url annotation: this + the event identifier
+  std::string runbookUrl;    // the runbook_url annotation: this + the event identifier
 };
 
 struct Counters {

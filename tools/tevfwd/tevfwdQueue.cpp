@@ -81,7 +81,8 @@ std::string Forwarder::Render(const json &alert, const Options &opt, int64_t now
   if (endsAt == 0) {
     // Three re-send intervals: a forwarder that stops re-sending lets its
     // alerts resolve in Alertmanager instead of firing forever.
-    endsAt = std::max(startsAt + 1, std::min(nowMs + 3 * opt.resendMs, startsAt + LifetimeMs(a, opt)));
+    endsAt =
+        std::max(startsAt + 1, std::min(nowMs + 3 * opt.resendMs, startsAt + LifetimeMs(a, opt)));
   }
   return json({{"labels", a["labels"]},
                {"annotations", a.value("annotations", json::object())},

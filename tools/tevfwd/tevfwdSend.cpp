@@ -23,7 +23,8 @@ void Log(const char *fmt, ...) {
 }
 
 int64_t NowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
       .count();
 }
 
@@ -46,9 +47,9 @@ bool PostRange(Shared *s, size_t r, Replica *rep, const Items &items, size_t beg
           items[begin].text.c_str());
     }
     std::lock_guard<std::mutex> lock(s->mu);
-    s->fwd->Done(r, Items(items.begin() + static_cast<long>(begin),
-                          items.begin() + static_cast<long>(end)),
-                 refused);
+    s->fwd->Done(
+        r, Items(items.begin() + static_cast<long>(begin), items.begin() + static_cast<long>(end)),
+        refused);
     return true;
   }
   if (status == 400 || status == 422) {
@@ -111,6 +112,5 @@ void ReplicaLoop(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long tim
     if (!gStop) s->wake.wait_for(lock, std::chrono::milliseconds(waitMs));
   }
 }
-
 
 }  // namespace tevfwd

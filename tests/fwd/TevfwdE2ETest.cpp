@@ -443,9 +443,9 @@ class TevfwdChaos : public TevfwdE2E {
   // "hwnic.linkstate.down/hwnic1" for a NIC no switch's uplink: an uplink's
   // loss is told as its switch's); `allowed` gets what may fire as well: the
   // link state of an uplink that is down, a degraded switch not whole, a
-  // flapping mark of a NIC in `flapped` (known gap: an uplink's flapping
-  // alert ends only by a bare link-up, which tevd never posts for an
-  // uplink; such alerts are counted and reported, not failed).
+  // flapping mark of a NIC in `flapped` (whether each such alert ends once
+  // the NIC is back is not judged: those of NICs that are up are counted
+  // and reported).
   static std::set<std::string> Faults(const std::map<std::string, Nic> &nics,
                                       const std::set<std::string> &flapped,
                                       std::set<std::string> *allowed) {

@@ -79,6 +79,10 @@ class Forwarder {
   // Up to `max` alerts for replica `r`: its spool entries, oldest first,
   // then, once its re-send is due, the firing alerts.
   std::vector<Item> Take(size_t r, size_t max, int64_t nowMs);
+  // Replica `r`'s re-send of the firing alerts is due at `nowMs`.
+  void ResendNow(size_t r, int64_t nowMs) {
+    if (r < replicas_.size()) replicas_[r].nextResendMs = nowMs;
+  }
   // Replica `r` took (ok) or refused (bad input: never retried) `items`.
   void Done(size_t r, const std::vector<Item> &items, bool refused);
   // The JSON array of `items`, the body of one request.

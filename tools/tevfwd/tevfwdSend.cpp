@@ -79,6 +79,10 @@ bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeou
     if (rep->failures != 0) {
       Log("%s: delivering again after %llu failed attempt(s)", rep->poster->url().c_str(),
           static_cast<unsigned long long>(rep->failures));
+      // A replica that was away may have restarted and forgotten every
+      // alert: it is sent the firing ones now, not at its next re-send.
+      std::lock_guard<std::mutex> lock(s->mu);
+      s->fwd->ResendNow(r, now);
     }
     rep->failures = rep->unloggedFailures = 0;
     rep->backoffMs = 0;

@@ -18,6 +18,9 @@ using tevdtest::S;
 using tevfwd::Forwarder;
 using tevfwd::Rfc3339;
 
+constexpr int64_t kT0 = 1764000000000;  // 2025-11-24
+constexpr int64_t kT1 = kT0 + 1000000;
+
 // Label values are the daemon's argument texts, with its quoted lists (port
 // groups, datastores) turned into comma-separated items; object labels match
 // when every item of the alert's value is among the recovery's.
@@ -42,7 +45,7 @@ TEST(TevfwdEvents, QuotedListsBecomeItemsAndObjectsMatchByItems) {
   EXPECT_EQ(tevfwd::ArgLabelNames(nullptr, 2), (std::vector<std::string>{"arg0", "arg1"}));
 }
 
-QprobMessage Msg(const std::string &id, std::vector<MsgFmt_Value> args, uint64_t tsMs = 1000000) {
+QprobMessage Msg(const std::string &id, std::vector<MsgFmt_Value> args, uint64_t tsMs = kT0) {
   QprobMessage m;
   m.id = id;
   m.className = id.substr(4, id.find('.', 4) - 4);
@@ -61,15 +64,13 @@ tevfwd::Options Opts(const std::string &spool = "") {
   return o;
 }
 
-// Delivers everything pending to both replicas; the rendered alerts of replica 0.
+// Delivers everything due to both replicas; the alerts replica 0 was sent.
 json DeliverAll(Forwarder *f, int64_t now) {
   json out = json::array();
   for (size_t r = 0; r < 2; ++r) {
-    auto entries = f->PendingFor(r, 1000);
-    if (r == 0) out = json::parse(Forwarder::Render(entries, f->options(), now));
-    std::vector<uint64_t> seqs;
-    for (const auto *e : entries) seqs.push_back(e->seq);
-    f->Delivered(r, seqs, false);
+    auto items = f->Take(r, 1000, now);
+    if (r == 0) out = json::parse(Forwarder::Body(items, 0, items.size()));
+    f->Done(r, items, false);
   }
   return out;
 }
@@ -78,7 +79,7 @@ TEST(TevfwdForwarder, AlertCarriesTheCatalogueLabelsSeverityAndAnnotations) {
   tevfwd::Options o = Opts();
   o.runbookUrl = "https://runbooks.example/tevd#";
   Forwarder f(o);
-  const int64_t t0 = 1000000;
+  const int64_t t0 = kT0;
   const std::string lost = "kos.problem.net.connectivity.lost";
   f.Accept(Msg(lost, {S("br0"), S("hwnic1"), S(R"("pg-guests", "pg-mgmt")")}), t0);
   json fired = DeliverAll(&f, t0);
@@ -149,6 +150,10 @@ TEST(TevfwdForwarder, RecoveriesResolveEveryAlertAboutTheirObject) {
         {"kos.clear.net.hwnic.linkstate.up", {S("hwnic1")}},
         {"kos.clear.net.hwnic.linkstate.up", {S("hwnic0")}}},
        {}},
+      {"an uplink's link comes back: its switch's restore names it (deleted: told as up)",
+       {{"kos.problem.net.hwnic.linkstate.flapping", {S("hwnic0")}},
+        {"kos.clear.net.redundancy.restored", {S("br0"), S(pg), S("hwnic0")}}},
+       {}},
       {"a problem-class recovery is not an alert itself",
        {{"kos.problem.kfs.extent.offline", {S("naa.2"), S("fs1")}},
         {"kos.problem.kfs.extent.online", {S("naa.2"), S("fs1")}}},
@@ -156,7 +161,7 @@ TEST(TevfwdForwarder, RecoveriesResolveEveryAlertAboutTheirObject) {
   };
   for (const Story &story : stories) {
     Forwarder f(Opts());
-    int64_t t = 1000000;
+    int64_t t = kT0;
     for (const auto &ev : story.events) {
       f.Accept(Msg(ev.first, ev.second, t), t);
       t += 1000;
@@ -175,18 +180,16 @@ TEST(TevfwdForwarder, RecoveriesResolveEveryAlertAboutTheirObject) {
 
 TEST(TevfwdForwarder, ResendLifetimeAndAuditsFollowTheClock) {
   Forwarder f(Opts());
-  const int64_t t0 = 1000000;
+  const int64_t t0 = kT0;
   f.Accept(Msg("kos.audit.net.firewall.enabled", {S("port7")}), t0);
   EXPECT_EQ(f.SpoolLength(), 0u) << "audits are sent only when asked for";
   f.Accept(Msg("kos.problem.scsi.device.state.off", {S("naa.1")}), t0);
-  f.Tick(t0);  // first tick: the spool is not empty, nothing is added
-  EXPECT_EQ(f.SpoolLength(), 1u);
-  DeliverAll(&f, t0);
-  f.Tick(t0 + 59999);
-  EXPECT_EQ(f.SpoolLength(), 0u) << "re-sent before the interval";
-  f.Tick(t0 + 60000);
-  EXPECT_EQ(f.SpoolLength(), 1u) << "not re-sent at the interval";
-  EXPECT_EQ(DeliverAll(&f, t0 + 60000)[0]["startsAt"], Rfc3339(t0));
+  EXPECT_EQ(DeliverAll(&f, t0).size(), 1u);
+  EXPECT_EQ(DeliverAll(&f, t0 + 59999), json::array()) << "re-sent before the interval";
+  json again = DeliverAll(&f, t0 + 60000);
+  ASSERT_EQ(again.size(), 1u) << "not re-sent at the interval";
+  EXPECT_EQ(again[0]["startsAt"], Rfc3339(t0));
+  EXPECT_EQ(f.SpoolLength(), 0u) << "a re-send is no spool entry";
   f.Tick(t0 + 3600000 - 1);
   EXPECT_EQ(f.ActiveCount(), 1u);
   DeliverAll(&f, t0 + 3600000 - 1);
@@ -200,12 +203,51 @@ TEST(TevfwdForwarder, ResendLifetimeAndAuditsFollowTheClock) {
   tevfwd::Options o = Opts();
   o.audits = true;
   Forwarder g(o);
-  g.Accept(Msg("kos.audit.net.firewall.enabled", {S("port7")}, 2000000), 2000000);
-  json a = DeliverAll(&g, 2000000);
+  g.Accept(Msg("kos.audit.net.firewall.enabled", {S("port7")}, kT1), kT1);
+  json a = DeliverAll(&g, kT1);
   ASSERT_EQ(a.size(), 1u);
   EXPECT_EQ(a[0]["labels"]["severity"], "info");
-  EXPECT_EQ(a[0]["endsAt"], Rfc3339(2000000 + 300000));
+  EXPECT_EQ(a[0]["endsAt"], Rfc3339(kT1 + 300000));
   EXPECT_EQ(g.ActiveCount(), 0u);
+}
+
+// The red team's delivery faults, below the HTTP: a replica that is away
+// holds back neither the other's re-sends nor its alerts' firing; re-sends
+// never pass through the spool's limit; the active set has a cap that is
+// reported; a time Alertmanager would refuse never leaves.
+TEST(TevfwdForwarder, EachReplicaHasItsOwnQueueAndResendsAndTheActiveSetACap) {
+  tevfwd::Options o = Opts();
+  o.spoolMaxBytes = 2000;
+  o.activeMax = 3;
+  Forwarder f(o);
+  for (int i = 0; i < 4; ++i)
+    f.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic" + std::to_string(i))}), kT0);
+  EXPECT_EQ(f.ActiveCount(), 3u);
+  EXPECT_EQ(f.counters().capped, 1u);
+  auto lines = f.TakeLogLines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("active set full (3 firing alerts): 1 new"), std::string::npos);
+  // Replica 1 never answers; replica 0 takes everything, then its re-sends.
+  for (int64_t t = kT0; t <= kT0 + 10 * 60000; t += 60000) {
+    auto items = f.Take(0, 1000, t);
+    EXPECT_EQ(items.size(), t == kT0 ? 4u : 3u) << "at +" << (t - kT0) / 1000 << " s";
+    for (const auto &it : items) {
+      EXPECT_GT(json::parse(it.text)["endsAt"].get<std::string>(), Rfc3339(t + 120000))
+          << "firing on the healthy replica for the next two intervals";
+    }
+    f.Done(0, items, false);
+  }
+  EXPECT_EQ(f.SpoolLength(), 4u) << "waiting for replica 1 only; re-sends never spooled";
+  EXPECT_EQ(f.counters().dropped, 0u);
+  EXPECT_EQ(f.Take(1, 1000, kT0).size(), 4u);
+  EXPECT_EQ(f.Take(1, 1000, kT0 + 60000).size(), 4u + 3u) << "its own queue and re-send";
+  // A time stamp of the year 33658 leaves as the time it arrived.
+  f.Accept(Msg("kos.problem.scsi.device.state.off", {S("naa.1")}, 1000000000000000), kT1);
+  EXPECT_EQ(f.counters().retimed, 1u);
+  auto items = f.Take(0, 1, kT1);  // spool entries come before re-sends
+  ASSERT_EQ(items.size(), 1u);
+  EXPECT_EQ(json::parse(items[0].text)["startsAt"], Rfc3339(kT1));
+  EXPECT_EQ(json::parse(items[0].text)["labels"]["device"], "naa.1");
 }
 
 // Producers' bytes are not always UTF-8, and spool files may be damaged:
@@ -218,7 +260,7 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles)
   {
     Forwarder f(o);
     for (int i = 0; i < 20; ++i)
-      f.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic" + std::to_string(i))}), 1000000);
+      f.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic" + std::to_string(i))}), kT0);
     EXPECT_LT(f.SpoolLength(), 20u);
     EXPECT_EQ(f.counters().dropped, 20u - f.SpoolLength());
     auto lines = f.TakeLogLines();
@@ -228,14 +270,14 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles)
     f.SaveActive();
   }
   Forwarder g(o);
-  size_t kept = g.Recover(2000000);
+  size_t kept = g.Recover(kT1);
   ASSERT_GT(kept, 0u);
   EXPECT_EQ(g.ActiveCount(), 20u) << "the active set outlives the dropped entries";
-  json sent = DeliverAll(&g, 2000000);
-  ASSERT_EQ(sent.size(), kept);
-  EXPECT_EQ(sent.back()["labels"]["interface"], "mtlnic19") << "newest last, in order";
-  g.Accept(Msg("kos.problem.scsi.device.state.off", {S("naa.\xff\xfe")}), 2000000);
-  sent = DeliverAll(&g, 2000000);
+  json sent = DeliverAll(&g, kT1);
+  ASSERT_EQ(sent.size(), kept + 20) << "the spool in order, then every firing alert re-sent";
+  EXPECT_EQ(sent[kept - 1]["labels"]["interface"], "mtlnic19");
+  g.Accept(Msg("kos.problem.scsi.device.state.off", {S("naa.\xff\xfe")}), kT1);
+  sent = DeliverAll(&g, kT1);
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0]["labels"]["device"], "naa.\xef\xbf\xbd\xef\xbf\xbd");
   // Delivered entries left the disk; damaged files are survived.
@@ -244,7 +286,7 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles)
   root.Write("spool/0000000000000008.json", "not json");
   root.Write("spool/active.json", "[{\"labels\":[]},{\"labels\":{\"class\":{}},\"endsAt\":1}]");
   Forwarder h(o);
-  EXPECT_EQ(h.Recover(2000000), 1u);  // entry 7 is an alert, if an odd one
+  EXPECT_EQ(h.Recover(kT1), 1u);  // entry 7 is an alert, if an odd one
   EXPECT_EQ(h.counters().dropped, 1u);
   EXPECT_FALSE(h.TakeLogLines().empty());
 }

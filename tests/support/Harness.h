@@ -1,6 +1,7 @@
 // The one harness of the tests that meet the daemon from outside; every wait has a deadline.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -111,15 +112,22 @@ inline std::string TevdSelftestBin() {
 inline std::string TevctlBin() { return BinaryPath("TEVCTL_BIN", "tools/tevctl/tevctl"); }
 
 // A child under `root`, its output in files named after `tag` (a chatty child never blocks).
+// `listenFd` >= 0 is handed over as a service manager hands a socket unit's
+// socket (descriptor 3, LISTEN_FDS=1, LISTEN_PID).
 class Process {
  public:
   Process(const ScratchRoot &root, const std::string &bin, std::vector<std::string> args = {},
-          std::vector<std::string> env = {}, const std::string &tag = "tevd")
+          std::vector<std::string> env = {}, const std::string &tag = "tevd", int listenFd = -1)
       : outPath_(root.Abs(tag + ".stdout")), errPath_(root.Abs(tag + ".stderr")) {
     pid_ = fork();
     if (pid_ == 0) {
       if (!freopen(outPath_.c_str(), "w", stdout) || !freopen(errPath_.c_str(), "w", stderr)) {
         _exit(126);
+      }
+      if (listenFd >= 0) {
+        if ((listenFd != 3 && dup2(listenFd, 3) != 3) || fcntl(3, F_SETFD, 0) != 0) _exit(125);
+        setenv("LISTEN_FDS", "1", 1);
+        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
       }
       setenv("TEVD_ROOT", root.path().c_str(), 1);
       for (const std::string &e : env) putenv(strdup(e.c_str()));

@@ -104,8 +104,8 @@ std::string Dump(const json &j) { return j.dump(-1, ' ', false, json::error_hand
 
 bool IsFiring(const json &alert) { return alert.value("endsAt", int64_t{0}) == 0; }
 
-// How long a firing alert lives: its row's lifetime for a state nothing
-// reports the end of, else the option (a clear that never came).
+}  // namespace
+
 int64_t LifetimeMs(const json &alert, const Options &opt) {
   const json &labels = alert["labels"];
   const auto name = labels.find("alertname");
@@ -116,7 +116,32 @@ int64_t LifetimeMs(const json &alert, const Options &opt) {
              : opt.lifetimeMs;
 }
 
+namespace {
+
+// Alertmanager refuses a request with one time it cannot take (a year past
+// 9999, an end before the start), so every time leaves in range: from 2000
+// to a day ahead of this host's clock.
+constexpr int64_t kEarliestMs = 946684800000;  // 2000-01-01
+constexpr int64_t kAheadMs = 86400000;
+
+bool TimeInRange(int64_t ms, int64_t nowMs) { return ms >= kEarliestMs && ms <= nowMs + kAheadMs; }
+
 }  // namespace
+
+bool FixTimes(json *alert, int64_t nowMs, const Options &opt) {
+  const json &starts = (*alert)["startsAt"];
+  const json &ends = (*alert)["endsAt"];
+  if (!starts.is_number_integer() || !ends.is_number_integer()) {
+    (*alert)["startsAt"] = nowMs;
+    (*alert)["endsAt"] = 0;
+    return true;
+  }
+  int64_t s = starts.get<int64_t>(), e = ends.get<int64_t>();
+  if (TimeInRange(s, nowMs) && (e == 0 || (e > s && e <= s + 2 * kAheadMs))) return false;
+  (*alert)["startsAt"] = nowMs;
+  if (e != 0) (*alert)["endsAt"] = nowMs + opt.auditLifetimeMs;
+  return true;
+}
 
 std::string Fingerprint(const json &labels) { return Dump(labels); }
 
@@ -133,6 +158,7 @@ std::string Rfc3339(int64_t ms) {
 Forwarder::Forwarder(Options opt) : opt_(std::move(opt)) {
   size_t n = std::min<size_t>(opt_.alertmanagers.size(), 32);
   allReplicas_ = n >= 32 ? 0xffffffffu : (1u << n) - 1u;
+  replicas_.resize(n);
 }
 
 std::string Forwarder::EntryPath(uint64_t seq) const {
@@ -175,8 +201,12 @@ void Forwarder::Accept(const QprobMessage &msg, int64_t nowMs) {
                 {"annotations", annotations},
                 {"startsAt", startsAt},
                 {"endsAt", oneShot ? startsAt + opt_.auditLifetimeMs : 0}};
+  if (FixTimes(&alert, nowMs, opt_)) {
+    ++counters_.retimed;
+    ++retimedUnlogged_;
+  }
   Apply(alert);
-  Push(std::move(alert), true);
+  Push(std::move(alert));
 }
 
 void Forwarder::Apply(const json &alert) {
@@ -186,6 +216,13 @@ void Forwarder::Apply(const json &alert) {
     auto it = active_.find(key);
     int64_t startsAt = alert.value("startsAt", int64_t{0});
     if (it == active_.end()) {
+      if (active_.size() >= opt_.activeMax) {
+        // Sent once through the spool; without re-sends it ends in
+        // Alertmanager three intervals later.
+        ++counters_.capped;
+        ++cappedUnlogged_;
+        return;
+      }
       active_[key] = Active{alert, startsAt};
     } else {
       it->second.alert["annotations"] = alert["annotations"];
@@ -232,7 +269,7 @@ void Forwarder::EndAlert(const std::string &key, int64_t nowMs) {
   alert["endsAt"] = std::max(nowMs, it->second.startsAtMs + 1);
   active_.erase(it);
   activeDirty_ = true;
-  Push(std::move(alert), true);
+  Push(std::move(alert));
 }
 
 void Forwarder::Tick(int64_t nowMs) {
@@ -246,20 +283,16 @@ void Forwarder::Tick(int64_t nowMs) {
     EndAlert(key, nowMs);
     ++counters_.expired;
   }
-  if (nowMs < nextResendMs_) return;
-  nextResendMs_ = nowMs + opt_.resendMs;
-  if (!spool_.empty()) return;
-  for (const auto &kv : active_) Push(kv.second.alert, false);
 }
 
-void Forwarder::Push(json alert, bool durable) {
+void Forwarder::Push(json alert) {
   Entry e;
   e.seq = nextSeq_++;
   e.pending = allReplicas_;
   std::string text = Dump(alert);
   e.bytes = text.size();
   e.alert = std::move(alert);
-  if (durable && !opt_.spoolDir.empty()) {
+  if (!opt_.spoolDir.empty()) {
     e.onDisk = WriteFileAtomic(EntryPath(e.seq), text);
     if (!e.onDisk) {
       // A full or read-only spool: the entry lives in memory only, and is
@@ -270,7 +303,7 @@ void Forwarder::Push(json alert, bool durable) {
       unspooledWhy_ = strerror(errno);
     }
   }
-  if (durable && (e.onDisk || opt_.spoolDir.empty())) ++counters_.spooled;
+  if (e.onDisk || opt_.spoolDir.empty()) ++counters_.spooled;
   spoolBytes_ += e.bytes;
   spool_.push_back(std::move(e));
   while (spoolBytes_ > opt_.spoolMaxBytes && spool_.size() > 1) {
@@ -281,54 +314,6 @@ void Forwarder::Push(json alert, bool durable) {
     ++counters_.dropped;
     ++droppedUnlogged_;
   }
-}
-
-std::vector<const Entry *> Forwarder::PendingFor(size_t r, size_t max) const {
-  std::vector<const Entry *> out;
-  for (const Entry &e : spool_) {
-    if (out.size() >= max) break;
-    if ((e.pending & (1u << r)) != 0) out.push_back(&e);
-  }
-  return out;
-}
-
-void Forwarder::Delivered(size_t r, const std::vector<uint64_t> &seqs, bool refused) {
-  for (Entry &e : spool_) {
-    if (std::binary_search(seqs.begin(), seqs.end(), e.seq)) {
-      e.pending &= ~(1u << r);
-    }
-  }
-  if (refused) counters_.dropped += seqs.size();
-  for (auto it = spool_.begin(); it != spool_.end();) {
-    if (it->pending != 0) {
-      ++it;
-      continue;
-    }
-    if (it->onDisk) unlink(EntryPath(it->seq).c_str());
-    if (!refused || !std::binary_search(seqs.begin(), seqs.end(), it->seq)) ++counters_.sent;
-    spoolBytes_ -= it->bytes;
-    it = spool_.erase(it);
-  }
-}
-
-std::string Forwarder::Render(const std::vector<const Entry *> &entries, const Options &opt,
-                              int64_t nowMs) {
-  json out = json::array();
-  for (const Entry *e : entries) {
-    const json &a = e->alert;
-    int64_t startsAt = a.value("startsAt", int64_t{0});
-    int64_t endsAt = a.value("endsAt", int64_t{0});
-    if (endsAt == 0) {
-      // Three re-send intervals: a forwarder that stops re-sending lets its
-      // alerts resolve in Alertmanager instead of firing forever.
-      endsAt = std::min(nowMs + 3 * opt.resendMs, startsAt + LifetimeMs(a, opt));
-    }
-    out.push_back({{"labels", a.value("labels", json::object())},
-                   {"annotations", a.value("annotations", json::object())},
-                   {"startsAt", Rfc3339(startsAt)},
-                   {"endsAt", Rfc3339(endsAt)}});
-  }
-  return Dump(out);
 }
 
 void Forwarder::SaveActive() {
@@ -342,15 +327,17 @@ void Forwarder::SaveActive() {
   }
 }
 
-size_t Forwarder::Recover(int64_t nowMs) {
-  if (opt_.spoolDir.empty()) return 0;
+void Forwarder::LoadActive(int64_t nowMs) {
   std::string text;
   if (ReadFile(opt_.spoolDir + "/active.json", kActiveCap, &text)) {
     json all = json::parse(text, nullptr, false);
     if (all.is_array()) {
       for (json &a : all) {
         try {
-          if (WellFormed(&a)) Apply(a);
+          if (WellFormed(&a)) {
+            FixTimes(&a, nowMs, opt_);
+            Apply(a);
+          }
         } catch (const std::exception &e) {
           log_.push_back(std::string("ignoring an alert of active.json: ") + e.what());
         }
@@ -359,6 +346,15 @@ size_t Forwarder::Recover(int64_t nowMs) {
       log_.push_back("ignoring unreadable " + opt_.spoolDir + "/active.json");
     }
   }
+}
+
+size_t Forwarder::Recover(int64_t nowMs) {
+  // Every replica is sent the firing alerts at once: whatever it lost while
+  // the forwarder was away.
+  for (Replica &rep : replicas_) rep.nextResendMs = nowMs;
+  if (opt_.spoolDir.empty()) return 0;
+  LoadActive(nowMs);
+  std::string text;
   std::vector<std::pair<uint64_t, std::string>> files;
   if (DIR *d = opendir(opt_.spoolDir.c_str())) {
     while (struct dirent *de = readdir(d)) {
@@ -385,6 +381,15 @@ size_t Forwarder::Recover(int64_t nowMs) {
       ++counters_.dropped;
       continue;
     }
+    // An end Alertmanager has reached by itself (the firing alert it ends was
+    // sent with an end three intervals ahead) has nothing left to tell.
+    const int64_t endsAt = alert["endsAt"].get<int64_t>();
+    if (endsAt != 0 && endsAt + 3 * opt_.resendMs < nowMs) {
+      unlink(path.c_str());
+      ++counters_.expired;
+      continue;
+    }
+    FixTimes(&alert, nowMs, opt_);
     // The entry is the newer word on its alert than the saved active set.
     try {
       Apply(alert);
@@ -411,7 +416,6 @@ size_t Forwarder::Recover(int64_t nowMs) {
     spool_.push_back(std::move(e));
     ++recovered;
   }
-  nextResendMs_ = nowMs + opt_.resendMs;
   return recovered;
 }
 
@@ -419,8 +423,8 @@ std::string Forwarder::CountersJson() const {
   const Counters &c = counters_;
   return json{{"received", c.received},   {"sent", c.sent},           {"resolved", c.resolved},
               {"spooled", c.spooled},     {"dropped", c.dropped},     {"expired", c.expired},
-              {"malformed", c.malformed}, {"waiting", spool_.size()}, {"active", active_.size()},
-              {"unspooled", c.unspooled}}
+              {"malformed", c.malformed}, {"capped", c.capped},       {"retimed", c.retimed},
+              {"waiting", spool_.size()}, {"active", active_.size()}, {"unspooled", c.unspooled}}
       .dump();
 }
 
@@ -435,6 +439,19 @@ std::vector<std::string> Forwarder::TakeLogLines() {
                    "): " + std::to_string(unspooledUnlogged_) +
                    " alert(s) kept in memory only since the last report");
     unspooledUnlogged_ = 0;
+  }
+  if (cappedUnlogged_ != 0) {
+    log_.push_back("active set full (" + std::to_string(opt_.activeMax) +
+                   " firing alerts): " + std::to_string(cappedUnlogged_) +
+                   " new alert(s) sent once, not re-sent; they end in Alertmanager after three "
+                   "re-send intervals");
+    cappedUnlogged_ = 0;
+  }
+  if (retimedUnlogged_ != 0) {
+    log_.push_back(std::to_string(retimedUnlogged_) +
+                   " event(s) with a time stamp out of range (before 2000 or over a day ahead) "
+                   "sent with the time they arrived");
+    retimedUnlogged_ = 0;
   }
   std::vector<std::string> out;
   out.swap(log_);

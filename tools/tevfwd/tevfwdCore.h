@@ -1,9 +1,12 @@
 // The forwarder's state: events in, alerts out. Events become alert entries
 // in a spool (one file each, so a crash loses nothing that was accepted);
-// firing alerts are also kept in the active set, which the re-send tick
-// offers again and the lifetime ends. Time is a parameter of every call (the
-// caller's wall clock in milliseconds), so tests drive it. Not thread-safe:
-// the program guards it with one mutex.
+// firing alerts are also kept in the active set, which each replica is sent
+// again every re-send interval (apart from the spool and its limit), and
+// which the lifetime ends. Each replica has its own place in the spool and
+// its own re-sends, so one that is away holds nothing back for the others.
+// Time is a parameter of every call (the caller's wall clock in
+// milliseconds), so tests drive it. Not thread-safe: the program guards it
+// with one mutex.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +30,8 @@ struct Options {
   std::string spoolDir;              // empty: nothing on disk (tests)
   std::string hostName;              // the instance label
   uint64_t spoolMaxBytes = 16u << 20;
-  std::string runbookUrl;  // the runbook_url annotation: this + the event identifier
+  size_t activeMax = 20000;  // firing alerts kept for re-sending
+  std::string runbookUrl;    // the runbook_url annotation: this + the event identifier
 };
 
 struct Counters {
@@ -39,6 +43,8 @@ struct Counters {
   uint64_t spooled = 0;    // entries written to the spool (or kept, without a spool directory)
   uint64_t unspooled = 0;  // entries the spool could not take (full, read-only): memory only
   uint64_t dropped = 0;    // entries dropped: spool full, or refused by a replica
+  uint64_t capped = 0;     // firing alerts not kept for re-sending: the active set was full
+  uint64_t retimed = 0;    // alerts whose time stamp was out of range and was replaced
 };
 
 // One alert on its way out. `endsAtMs` 0: firing, its end is set when sent.
@@ -60,20 +66,32 @@ class Forwarder {
   size_t Recover(int64_t nowMs);
   // One decoded event from tevd.
   void Accept(const QprobMessage &msg, int64_t nowMs);
-  // The timed work: ends alerts past their lifetime and, every resendMs,
-  // offers the firing alerts again (only when the spool is empty: a spool
-  // that waits will bring them anyway).
+  // The timed work: ends alerts past their lifetime.
   void Tick(int64_t nowMs);
   // Saves the active set when it changed (the caller paces this).
   void SaveActive();
 
-  // Up to `max` entries still pending for replica `r`, oldest first.
-  std::vector<const Entry *> PendingFor(size_t r, size_t max) const;
-  // Replica `r` took (ok) or refused (bad input: never retried) the entries.
-  void Delivered(size_t r, const std::vector<uint64_t> &seqs, bool refused);
-  // The Alertmanager JSON array of alerts for `entries`.
-  static std::string Render(const std::vector<const Entry *> &entries, const Options &opt,
-                            int64_t nowMs);
+  // One alert of a request: a spool entry (seq), or a re-send of the firing
+  // alert `key` (seq 0); `text` is its JSON as Alertmanager takes it.
+  struct Item {
+    uint64_t seq = 0;
+    std::string key;
+    std::string text;
+  };
+  // Up to `max` alerts for replica `r`: its spool entries, oldest first,
+  // then, once its re-send is due, the firing alerts.
+  std::vector<Item> Take(size_t r, size_t max, int64_t nowMs);
+  // Replica `r`'s re-send of the firing alerts is due at `nowMs`.
+  void ResendNow(size_t r, int64_t nowMs) {
+    if (r < replicas_.size()) replicas_[r].nextResendMs = nowMs;
+  }
+  // Replica `r` took (ok) or refused (bad input: never retried) `items`.
+  void Done(size_t r, const std::vector<Item> &items, bool refused);
+  // The JSON array of `items`, the body of one request.
+  static std::string Body(const std::vector<Item> &items, size_t begin, size_t end);
+  // One alert as Alertmanager takes it: RFC 3339 times, a firing alert's end
+  // three re-send intervals ahead.
+  static std::string Render(const nlohmann::json &alert, const Options &opt, int64_t nowMs);
 
   size_t SpoolLength() const { return spool_.size(); }
   size_t ActiveCount() const { return active_.size(); }
@@ -91,11 +109,18 @@ class Forwarder {
     nlohmann::json alert;  // as in Entry, endsAtMs 0
     int64_t startsAtMs = 0;
   };
-  void Push(nlohmann::json alert, bool durable);
+  void Push(nlohmann::json alert);
   void Resolve(const QprobMessage &msg, const nlohmann::json &labels, int64_t nowMs);
   void EndAlert(const std::string &key, int64_t nowMs);
   std::string EntryPath(uint64_t seq) const;
   void Apply(const nlohmann::json &alert);
+  void LoadActive(int64_t nowMs);
+  // Per replica: when its next re-send is due, and the firing alerts (keys)
+  // of the re-send under way.
+  struct Replica {
+    int64_t nextResendMs = 0;
+    std::deque<std::string> resend;
+  };
 
   Options opt_;
   Counters counters_;
@@ -105,10 +130,12 @@ class Forwarder {
   uint32_t allReplicas_ = 0;
   std::map<std::string, Active> active_;  // by fingerprint (alertname + labels)
   bool activeDirty_ = false;
-  int64_t nextResendMs_ = 0;
   uint64_t droppedUnlogged_ = 0;
   uint64_t unspooledUnlogged_ = 0;
   std::string unspooledWhy_;
+  uint64_t cappedUnlogged_ = 0;
+  uint64_t retimedUnlogged_ = 0;
+  std::vector<Replica> replicas_;
   std::vector<std::string> log_;
 };
 
@@ -118,5 +145,12 @@ bool WriteFileAtomic(const std::string &path, const std::string &data);
 std::string Fingerprint(const nlohmann::json &labels);
 // "2026-01-02T03:04:05.678Z"
 std::string Rfc3339(int64_t ms);
+// How long a firing alert lives: its row's lifetime for a state nothing
+// reports the end of, else the option (a clear that never came).
+int64_t LifetimeMs(const nlohmann::json &alert, const Options &opt);
+// Puts a start out of the range Alertmanager takes (before 2000, over a day
+// ahead of `nowMs`, or no number) at `nowMs`, keeping a one-shot's length;
+// true when it did.
+bool FixTimes(nlohmann::json *alert, int64_t nowMs, const Options &opt);
 
 }  // namespace tevfwd

@@ -1,19 +1,22 @@
 // tevfwd: the management agent for hosts whose events go to Alertmanager.
 // The main thread owns the qprob socket and only decodes, maps and spools,
-// so tevd is never held up by a slow or absent Alertmanager; a sender thread
-// drains the spool to every replica in order.
+// so tevd is never held up by a slow or absent Alertmanager; one sender
+// thread per replica drains the spool to it in order and re-sends the firing
+// alerts, so a replica that is away or never answers holds back no other.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -28,11 +31,17 @@
 #include "tevdVersion.h"
 #include "tevfwdCore.h"
 #include "tevfwdHttp.h"
+#include "tevfwdSend.h"
 
 namespace {
 
 using tevfwd::Forwarder;
-using Clock = std::chrono::system_clock;
+using tevfwd::Log;
+using tevfwd::NowMs;
+using tevfwd::Replica;
+using tevfwd::ReplicaLoop;
+using tevfwd::SendOnce;
+using tevfwd::Shared;
 
 const char kUsage[] =
     "Usage: tevfwd --alertmanager URL [--alertmanager URL...] [OPTIONS]\n"
@@ -47,6 +56,7 @@ const char kUsage[] =
     "  --runbook-url URL    annotation runbook_url: URL followed by the event identifier\n"
     "  --spool DIR          spool directory (default /var/lib/tevfwd under TEVD_ROOT)\n"
     "  --spool-max BYTES    spool size limit, oldest dropped first (default 16777216)\n"
+    "  --active-max N       firing alerts kept for re-sending (default 20000)\n"
     "  --retry-max SEC      longest wait between attempts to a failing URL (default 10)\n"
     "  --timeout SEC        time limit of one HTTP request (default 5)\n"
     "  --once               send what the spool holds, then exit (0: all delivered)\n"
@@ -57,32 +67,21 @@ const char kUsage[] =
     "to reload: options come from the command line). SIGTERM or SIGINT stops.\n"
     "One tevfwd per root: a second one refuses to start (var/run/orlan/tevfwd.lock).\n";
 
-std::atomic<bool> gStop{false};
 std::atomic<bool> gCounters{false};
 std::atomic<bool> gHangup{false};
 
-void OnSignal(int sig) { (sig == SIGUSR1 ? gCounters : sig == SIGHUP ? gHangup : gStop) = true; }
+void OnSignal(int sig) {
+  (sig == SIGUSR1 ? gCounters : sig == SIGHUP ? gHangup : tevfwd::gStop) = true;
+}
 
+// The platform's diagnostics (a skipped spool file) on our log.
 void LogV(const char *fmt, va_list ap) __attribute__((format(printf, 1, 0)));
 void LogV(const char *fmt, va_list ap) {
   char line[2048];
   vsnprintf(line, sizeof line, fmt, ap);
   size_t n = strlen(line);
   if (n > 0 && line[n - 1] == '\n') line[n - 1] = '\0';  // the platform's lines end in one
-  fprintf(stderr, "tevfwd: %s\n", line);
-}
-
-void Log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void Log(const char *fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  LogV(fmt, ap);
-  va_end(ap);
-}
-
-int64_t NowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
-      .count();
+  Log("%s", line);
 }
 
 bool ParseSeconds(const char *s, int64_t *out) {
@@ -94,99 +93,15 @@ bool ParseSeconds(const char *s, int64_t *out) {
   return true;
 }
 
-// The state shared by the two threads.
-struct Shared {
-  std::mutex mu;
-  std::condition_variable wake;
-  std::unique_ptr<Forwarder> fwd;
-};
-
-// One replica's delivery state, for back-off and the rate-limited log line.
-struct Replica {
-  std::unique_ptr<tevfwd::AlertPoster> poster;
-  int64_t nextTryMs = 0;
-  int64_t backoffMs = 0;
-  uint64_t failures = 0;  // consecutive
-  uint64_t unloggedFailures = 0;
-  int64_t nextLogMs = 0;
-};
-
-constexpr int64_t kFailureLogIntervalMs = 60000;
-constexpr size_t kBatch = 200;
-
-// One attempt to the replica: true when something was delivered.
-bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeoutMs) {
-  std::vector<uint64_t> seqs;
-  std::string body;
-  {
-    std::lock_guard<std::mutex> lock(s->mu);
-    auto entries = s->fwd->PendingFor(r, kBatch);
-    if (entries.empty()) return false;
-    for (const auto *e : entries) seqs.push_back(e->seq);
-    body = Forwarder::Render(entries, s->fwd->options(), NowMs());
-  }
-  std::string why;
-  long status = rep->poster->Post(body, timeoutMs, &why);
-  int64_t now = NowMs();
-  if (status == 200) {
-    if (rep->failures != 0) {
-      Log("%s: delivering again after %llu failed attempt(s)", rep->poster->url().c_str(),
-          static_cast<unsigned long long>(rep->failures));
-    }
-    rep->failures = rep->unloggedFailures = 0;
-    rep->backoffMs = 0;
-    rep->nextLogMs = 0;
-    std::lock_guard<std::mutex> lock(s->mu);
-    s->fwd->Delivered(r, seqs, false);
-    return true;
-  }
-  if (status == 400 || status == 422) {
-    // Alertmanager refuses the alerts themselves: sending them again cannot help.
-    Log("%s refused %zu alert(s) (HTTP %ld); dropped", rep->poster->url().c_str(), seqs.size(),
-        status);
-    std::lock_guard<std::mutex> lock(s->mu);
-    s->fwd->Delivered(r, seqs, true);
-    return true;
-  }
-  ++rep->failures;
-  ++rep->unloggedFailures;
-  rep->backoffMs = std::min(retryMaxMs, rep->backoffMs == 0 ? 250 : rep->backoffMs * 2);
-  rep->nextTryMs = now + rep->backoffMs;
-  if (now >= rep->nextLogMs) {
-    std::string what = status < 0 ? why : "HTTP " + std::to_string(status);
-    Log("delivery to %s failed: %s (%llu failure(s) since the last line); alerts wait in the spool",
-        rep->poster->url().c_str(), what.c_str(),
-        static_cast<unsigned long long>(rep->unloggedFailures));
-    rep->unloggedFailures = 0;
-    rep->nextLogMs = now + kFailureLogIntervalMs;
-  }
-  return false;
-}
-
-void SenderLoop(Shared *s, std::vector<Replica> *reps, int64_t retryMaxMs, long timeoutMs) {
-  while (!gStop) {
-    bool any = false;
-    for (size_t r = 0; r < reps->size() && !gStop; ++r) {
-      Replica &rep = (*reps)[r];
-      if (NowMs() < rep.nextTryMs) continue;
-      any |= SendOnce(s, r, &rep, retryMaxMs, timeoutMs);
-    }
-    if (!any) {
-      std::unique_lock<std::mutex> lock(s->mu);
-      s->wake.wait_until(lock, Clock::now() + std::chrono::milliseconds(100));
-    }
-  }
-}
-
 void PrintCounters(Shared *s) {
   std::lock_guard<std::mutex> lock(s->mu);
   const tevfwd::Counters &c = s->fwd->counters();
-  Log("counters: received %llu sent %llu resolved %llu spooled %llu dropped %llu expired %llu "
-      "malformed %llu; waiting %zu, active %zu",
-      static_cast<unsigned long long>(c.received), static_cast<unsigned long long>(c.sent),
-      static_cast<unsigned long long>(c.resolved), static_cast<unsigned long long>(c.spooled),
-      static_cast<unsigned long long>(c.dropped), static_cast<unsigned long long>(c.expired),
-      static_cast<unsigned long long>(c.malformed), s->fwd->SpoolLength(), s->fwd->ActiveCount());
+  auto u = [](uint64_t v) { return static_cast<unsigned long long>(v); };
+  Log("counters: received %llu sent %llu resolved %llu spooled %llu unspooled %llu dropped %llu "
+      "expired %llu malformed %llu capped %llu retimed %llu; waiting %zu, active %zu",
+      u(c.received), u(c.sent), u(c.resolved), u(c.spooled), u(c.unspooled), u(c.dropped),
+      u(c.expired), u(c.malformed), u(c.capped), u(c.retimed), s->fwd->SpoolLength(),
+      s->fwd->ActiveCount());
 }
 
 // The counters file that `tevctl fwd` prints, rewritten when they change.
@@ -206,6 +121,31 @@ void FlushLog(Shared *s) {
     lines = s->fwd->TakeLogLines();
   }
   for (const std::string &l : lines) Log("%s", l.c_str());
+}
+
+// The listening socket the service manager handed over (socket activation:
+// LISTEN_PID is this process, LISTEN_FDS counts descriptors from 3), or -1.
+// The socket outlives the forwarder, so tevd's connections made while it
+// restarts wait in the backlog instead of in tevd's retry list.
+int InheritedListener() {
+  const char *pid = getenv("LISTEN_PID");
+  const char *fds = getenv("LISTEN_FDS");
+  if (pid == nullptr || fds == nullptr || atol(pid) != static_cast<long>(getpid()) ||
+      atoi(fds) < 1) {
+    return -1;
+  }
+  unsetenv("LISTEN_PID");
+  unsetenv("LISTEN_FDS");
+  unsetenv("LISTEN_FDNAMES");
+  const int fd = 3;
+  int type = 0, listening = 0;
+  socklen_t len = sizeof type;
+  if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len) != 0 || type != SOCK_STREAM) return -1;
+  len = sizeof listening;
+  if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) != 0 || listening == 0) return -1;
+  fcntl(fd, F_SETFD, FD_CLOEXEC);
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  return fd;
 }
 
 int Listen(const std::string &path) {
@@ -267,7 +207,7 @@ void AcceptAll(Shared *s, int lfd) {
       std::lock_guard<std::mutex> lock(s->mu);
       s->fwd->CountMalformed();
     }
-    s->wake.notify_one();
+    s->wake.notify_all();
   }
 }
 
@@ -328,9 +268,10 @@ int ParseOption(int argc, char **argv, int *i, CommandLine *cl) {
     ok = seconds(&cl->timeoutSec);
   } else if (a == "--spool" || a == "--runbook-url") {
     ok = value(&v) && ((a == "--spool" ? cl->spool : opt.runbookUrl) = v, true);
-  } else if (a == "--spool-max") {
+  } else if (a == "--spool-max" || a == "--active-max") {
     ok = seconds(&secs);
-    opt.spoolMaxBytes = static_cast<uint64_t>(secs);
+    if (a == "--spool-max") opt.spoolMaxBytes = static_cast<uint64_t>(secs);
+    else opt.activeMax = static_cast<size_t>(secs);
   } else {
     fprintf(stderr, "tevfwd: unknown option \"%s\" (try --help)\n", a.c_str());
     ok = false;
@@ -386,7 +327,7 @@ void SaveActive(Shared *s) {
 // Accepts from tevd until a terminating signal; the sender thread does the HTTP.
 void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string *lastCounters) {
   int64_t nextSave = 0, nextLog = 0;
-  while (!gStop) {
+  while (!tevfwd::gStop) {
     struct pollfd p = {lfd, POLLIN, 0};
     if (poll(&p, 1, 200) > 0) AcceptAll(s, lfd);
     int64_t now = NowMs();
@@ -394,7 +335,7 @@ void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string
       std::lock_guard<std::mutex> lock(s->mu);
       size_t before = s->fwd->SpoolLength();
       s->fwd->Tick(now);
-      if (s->fwd->SpoolLength() != before) s->wake.notify_one();
+      if (s->fwd->SpoolLength() != before) s->wake.notify_all();
     }
     if (now >= nextSave) {
       SaveActive(s);
@@ -403,7 +344,7 @@ void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string
     }
     if (now >= nextLog) {
       FlushLog(s);
-      nextLog = now + kFailureLogIntervalMs / 6;
+      nextLog = now + tevfwd::kFailureLogIntervalMs / 6;
     }
     if (gCounters.exchange(false)) PrintCounters(s);
     if (gHangup.exchange(false))
@@ -444,27 +385,39 @@ int main(int argc, char **argv) {
   FlushLog(&s);
   std::vector<Replica> reps(opt.alertmanagers.size());
   for (size_t r = 0; r < reps.size(); ++r) {
-    reps[r].poster = std::make_unique<tevfwd::AlertPoster>(opt.alertmanagers[r]);
+    reps[r].poster = std::make_unique<tevfwd::AlertPoster>(opt.alertmanagers[r], &tevfwd::gStop);
   }
   const int64_t retryMaxMs = cl.retryMaxSec * 1000;
   const long timeoutMs = static_cast<long>(cl.timeoutSec * 1000);
   if (cl.once) return SendSpooledAndExit(&s, &reps, retryMaxMs, timeoutMs);
   std::string path = PlatformEndpoint_Path(PlatformEndpoint::QprobAgent);
-  int lfd = Listen(path);
+  int lfd = InheritedListener();
+  const bool inherited = lfd >= 0;
+  if (!inherited) lfd = Listen(path);
   if (lfd < 0) {
     fprintf(stderr, "tevfwd: cannot listen on %s: %s\n", path.c_str(), strerror(errno));
     return 1;
   }
-  Log("listening on %s; %zu Alertmanager(s); %zu alert(s) recovered from the spool", path.c_str(),
-      reps.size(), recovered);
-  std::thread sender(SenderLoop, &s, &reps, retryMaxMs, timeoutMs);
+  Log("listening on %s%s; %zu Alertmanager(s); %zu alert(s) recovered from the spool, %zu firing",
+      path.c_str(), inherited ? " (socket from the service manager)" : "", reps.size(), recovered,
+      s.fwd->ActiveCount());
+  std::vector<std::thread> senders;
+  for (size_t r = 0; r < reps.size(); ++r) {
+    senders.emplace_back(ReplicaLoop, &s, r, &reps[r], retryMaxMs, timeoutMs);
+  }
   const std::string countersPath = PlatformRoot_Path("/var/run/orlan/tevfwd-counters.json");
   std::string lastCounters;
   AcceptLoop(&s, lfd, countersPath, &lastCounters);
+  // Connections still in the backlog of a handed-over socket are the next
+  // forwarder's; our own socket goes with us.
   close(lfd);
-  unlink(path.c_str());
-  s.wake.notify_all();
-  sender.join();
+  if (!inherited) unlink(path.c_str());
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    s.wake.notify_all();
+  }
+  for (Replica &rep : reps) rep.poster->Wake();
+  for (std::thread &t : senders) t.join();
   SaveActive(&s);
   SaveCounters(&s, countersPath, &lastCounters);
   FlushLog(&s);

@@ -264,7 +264,7 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles)
     EXPECT_LT(f.SpoolLength(), 20u);
     EXPECT_EQ(f.counters().dropped, 20u - f.SpoolLength());
     auto lines = f.TakeLogLines();
-    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines.size(), 1u) << lines[0] << " / " << lines.back();
     EXPECT_NE(lines[0].find("dropped the " + std::to_string(20 - f.SpoolLength()) + " oldest"),
               std::string::npos);
     f.SaveActive();
@@ -302,7 +302,10 @@ TEST(TevfwdForwarder, UnwritableSpoolIsNotCountedAsSpooledAndOddSpoolFilesAreRec
       f.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic" + std::to_string(i))}), 1000000);
     EXPECT_EQ(f.counters().spooled, 0u);
     EXPECT_EQ(f.counters().unspooled, 5u);
-    auto lines = f.TakeLogLines();
+    // One line for the five (the test's 1970 time stamps add a line of their own).
+    std::vector<std::string> lines;
+    for (const std::string &l : f.TakeLogLines())
+      if (l.find("cannot write the spool") != std::string::npos) lines.push_back(l);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find(": 5 alert(s) kept in memory only"), std::string::npos) << lines[0];
     EXPECT_EQ(DeliverAll(&f, 1000000).size(), 5u) << "still sent from memory";
@@ -324,7 +327,7 @@ TEST(TevfwdForwarder, UnwritableSpoolIsNotCountedAsSpooledAndOddSpoolFilesAreRec
   EXPECT_EQ(names, (std::set<std::string>{"0000000000000001.json", "0000000000000002.json",
                                           "0000000000000003.json"}));
   json sent = DeliverAll(&g, 2000000);
-  ASSERT_EQ(sent.size(), 3u);
+  ASSERT_EQ(sent.size(), 3u + g.ActiveCount()) << "the spool, then every firing alert re-sent";
   EXPECT_TRUE(sent[0]["annotations"].is_object()) << "missing keys are read as empty";
 }
 

@@ -17,18 +17,6 @@ const char kNodeExporter[] = "/usr/bin/prometheus-node-exporter";
 const char kPromtool[] = "/usr/bin/promtool";
 const char kReadNet[] = "tevd_observations_read_total{context=\"async-00\"} ";
 
-int FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  struct sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-  getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
 // The body of GET /metrics on 127.0.0.1:port (HTTP/1.0: the server closes), "" when no answer.
 std::string Scrape(int port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -19,32 +19,12 @@ namespace {
 
 using nlohmann::json;
 using tevdtest::Eventually;
+using tevdtest::FreePort;
+using tevdtest::ListenLoopback;
 using tevdtest::Process;
 using Args = std::vector<std::string>;
 
 const char kAlertmanager[] = "/usr/bin/prometheus-alertmanager";
-
-// A loopback TCP listener, its port in `*port`. Never accepted from, it is a
-// replica that takes connections and never answers.
-int ListenLoopback(int *port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  struct sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-  listen(fd, 16);
-  getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-  *port = ntohs(a.sin_port);
-  return fd;
-}
-
-// A free loopback TCP port.
-int FreePort() {
-  int port = 0;
-  close(ListenLoopback(&port));
-  return port;
-}
 
 // GET /api/v2/alerts: the alerts that are not resolved; null when no answer.
 json ListAlerts(int port) {

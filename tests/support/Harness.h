@@ -3,8 +3,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -490,6 +492,28 @@ class DaemonTest : public ::testing::Test {
   std::unique_ptr<LogLines> log_;
   std::unique_ptr<DaemonProcess> tevd_;
 };
+
+// A loopback TCP listener, its port in `*port`. Never accepted from, it
+// stands for a peer that takes connections and never answers.
+inline int ListenLoopback(int *port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+  listen(fd, 16);
+  getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+  *port = ntohs(a.sin_port);
+  return fd;
+}
+
+// A free loopback TCP port.
+inline int FreePort() {
+  int port = 0;
+  close(ListenLoopback(&port));
+  return port;
+}
 
 const char *const kFaketimeLib = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
 

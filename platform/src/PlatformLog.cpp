@@ -124,6 +124,8 @@ struct ThreadSink {
 };
 
 pthread_mutex_t queueLock = PTHREAD_MUTEX_INITIALIZER;
+// How long a send waits for room in the collector's queue.
+constexpr int kSendTimeoutUs = 250000;
 ThreadSink threadSink;  // guarded by queueLock
 
 // This thread's socket, connected to `addr`; -1 when there is none or the
@@ -139,7 +141,7 @@ int ConnectedSocket(const struct sockaddr_un *addr) {
     // default): wait a little for it rather than lose lines. One that lets a
     // wait run out is taken as stopped (see SendQueued) and costs no more
     // waiting.
-    struct timeval timeout = {0, 250000};
+    struct timeval timeout = {0, kSendTimeoutUs};
     (void)setsockopt(s.fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     s.open = true;
     s.connected = false;
@@ -237,6 +239,24 @@ int64_t NowUs() {
   return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
+// sendmmsg() that a signal does not cut short: the thread that flushes may be
+// the one signals are meant for, and a SIGPIPE storm must not cost lines.
+// Retried until the collector's send timeout has passed in all, then taken as
+// a wait that ran out (EAGAIN).
+int SendLines(int fd, struct mmsghdr *msgs, unsigned count, int flags) {
+  int64_t start = -1;
+  for (;;) {
+    int n = sendmmsg(fd, msgs, count, flags);
+    if (n >= 0 || errno != EINTR) return n;
+    int64_t now = NowUs();
+    if (start < 0 || now < start) start = now;
+    if (now - start >= kSendTimeoutUs) {
+      errno = EAGAIN;
+      return -1;
+    }
+  }
+}
+
 // Sends the queued lines with as few sendmmsg() calls as the collector
 // allows. A line the socket refuses is dropped, as one send() would have
 // dropped it, and the rest still go.
@@ -258,7 +278,7 @@ void SendQueued(LineQueue &q) {
       break;  // no collector: dropped silently
     }
     bool stalled = __atomic_load_n(&collectorStalled, __ATOMIC_ACQUIRE) != 0;
-    int n = sendmmsg(fd, msgs + done, q.count - done, MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0));
+    int n = SendLines(fd, msgs + done, q.count - done, MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0));
     if (n > 0) {
       done += static_cast<unsigned>(n);
       if (stalled) {
@@ -413,7 +433,7 @@ void QueueLine(int (*prefix)(char *, size_t), const char *body, size_t bodyLen,
       int fd = ConnectedSocket(addr);
       if (fd < 0) break;
       bool stalled = __atomic_load_n(&collectorStalled, __ATOMIC_ACQUIRE) != 0;
-      if (sendmmsg(fd, &msg, 1, MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0)) == 1) {
+      if (SendLines(fd, &msg, 1, MSG_NOSIGNAL | (stalled ? MSG_DONTWAIT : 0)) == 1) {
         if (stalled) __atomic_store_n(&collectorStalled, 0, __ATOMIC_RELEASE);
         break;
       }

@@ -433,7 +433,10 @@ class TevfwdChaos : public TevfwdE2E {
     std::set<std::string> want;
     std::map<std::string, std::pair<int, int>> sw;  // members, with carrier
     for (const auto &n : nics) {
-      if (flapped.count(n.first) != 0) allowed->insert("hwnic.linkstate.flapping/" + n.first);
+      // Four link-downs in a minute mark a NIC flapping, bursts or not; the
+      // mark ends with its return.
+      if (flapped.count(n.first) != 0 || !n.second.carrier)
+        allowed->insert("hwnic.linkstate.flapping/" + n.first);
       if (!n.second.carrier) {
         (n.second.sw.empty() ? want : *allowed).insert("hwnic.linkstate.down/" + n.first);
       }

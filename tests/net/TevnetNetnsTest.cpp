@@ -147,6 +147,14 @@ TEST_F(TevnetNetns, UplinksLostAndBackAndFaultsPresentAtStartOrDuringADaemonRest
   EXPECT_EQ(Event("kos.problem.net.redundancy.lost", 2), (Strings{"ksw0", "hwnic0", kBothGroups}))
       << Err();
   EXPECT_TRUE(WaitLog("tevd started again: posting the present state", 1000));
+  // Both lost while the daemon is away: told one after the other, so that the
+  // redundancy is lost too when one comes back (it was told as connectivity only).
+  tevd_.reset();
+  ASSERT_TRUE(In("link set lnk1 down"));
+  ASSERT_TRUE(Eventually([&] { return Model("nodes/net/pNics/hwnic1/carrier") == "0\n"; }, 3000));
+  StartTevd();
+  EXPECT_EQ(Event("kos.problem.net.redundancy.lost", 3), (Strings{"ksw0", "hwnic0", kBothGroups}));
+  EXPECT_EQ(Event("kos.problem.net.connectivity.lost", 2), (Strings{"ksw0", "hwnic1", kBothGroups}));
   // Its counters, as an operator reads them.
   tevdtest::RunResult st;
   EXPECT_TRUE(Eventually(

@@ -54,7 +54,8 @@ using Clock = std::chrono::steady_clock;
 // The daemon gathers a NIC's port-group transitions for two seconds and then
 // reports the losses before the recoveries, whatever their order: after a
 // burst, the present state is told again once that window has surely passed.
-constexpr auto kSettle = std::chrono::milliseconds(3000);
+constexpr int kSettleSec = 3;
+constexpr auto kSettle = std::chrono::seconds(kSettleSec);
 // A delivery that failed is made good by the whole present state this much later.
 constexpr auto kResyncRetry = std::chrono::milliseconds(1000);
 
@@ -236,13 +237,6 @@ class Watcher {
  public:
   Watcher(const Options &opts, Poster &poster) : opts_(opts), poster_(poster) {}
 
-  void Reset(const std::vector<Link> &links) {
-    table_.clear();
-    for (const Link &l : links) table_[l.ifindex] = l;
-    state_ = BuildState(Links(), opts_);
-    SyncHostModel(state_);
-    for (const auto &n : state_.nics) lastChange_[n.first] = Clock::now();
-  }
   const NetState &State() const { return state_; }
 
   // Every watched NIC's present state, in ifindex order. False when some of it
@@ -252,11 +246,16 @@ class Watcher {
     std::vector<std::pair<int, std::string>> order;
     for (const auto &n : state_.nics) order.emplace_back(n.second.ifindex, n.first);
     std::sort(order.begin(), order.end());
+    std::vector<std::string> nics;
     for (const auto &n : order) {
-      PostAll(poster_, bare ? TransitionObservations(
-                                  state_, n.second, state_.nics.at(n.second).carrier, &PortGroupsOf)
-                            : StateObservations(state_, n.second, &PortGroupsOf));
+      if (bare) {
+        PostAll(poster_, TransitionObservations(state_, n.second,
+                                                state_.nics.at(n.second).carrier, &PortGroupsOf));
+      }
+      nics.push_back(n.second);
     }
+    if (!bare) PostAll(poster_, StateObservations(state_, nics, &PortGroupsOf));
+    for (const std::string &nic : nics) lastTold_[nic] = Clock::now();
     bool ok = poster_.Dropped() == dropped;
     resyncAt_ = ok ? Clock::time_point::max() : Clock::now() + kResyncRetry;
     return ok;
@@ -280,6 +279,22 @@ class Watcher {
     Advance(BuildState(Links(), opts_));
   }
 
+  // At start: the daemon may still gather an episode from the tevnet that
+  // ran before (a burst whose restatement died with it), and what is posted
+  // now joins that episode rather than following it, so the episode's last
+  // word may be the burst's. The NICs the last tevnet told of lately, or
+  // whose carrier changed while none ran, are told again once that has
+  // settled. Found before the host model is written afresh.
+  void Reset(const std::vector<Link> &links) {
+    table_.clear();
+    for (const Link &l : links) table_[l.ifindex] = l;
+    state_ = BuildState(Links(), opts_);
+    const std::vector<std::string> unsettled = UnsettledNics(state_, 2 * kSettleSec);
+    SyncHostModel(state_);
+    for (const auto &n : state_.nics) lastChange_[n.first] = Clock::now();
+    for (const std::string &nic : unsettled) Restate(nic, false);
+  }
+
   // A take-down by --enforce falls inside the flap's own burst: the loss is told
   // again after it, so that the daemon's last word is the NIC being down.
   void TookDown(const std::string &nic) { Restate(nic, false); }
@@ -287,19 +302,24 @@ class Watcher {
   // Restatements and retries that are due; marks of NICs that have been quiet.
   void Tick(FlapNodes &flaps) {
     Clock::time_point now = Clock::now();
+    std::vector<std::string> due;
     for (auto it = restate_.begin(); it != restate_.end();) {
       if (it->second.at > now) {
         ++it;
         continue;
       }
       if (state_.nics.count(it->first) != 0) {
-        PostAll(poster_, it->second.bare ? TransitionObservations(state_, it->first,
-                                                                  state_.nics.at(it->first).carrier,
-                                                                  &PortGroupsOf)
-                                         : StateObservations(state_, it->first, &PortGroupsOf));
+        if (it->second.bare) {
+          PostAll(poster_, TransitionObservations(state_, it->first,
+                                                  state_.nics.at(it->first).carrier, &PortGroupsOf));
+        } else {
+          due.push_back(it->first);
+        }
       }
       it = restate_.erase(it);
     }
+    PostAll(poster_, StateObservations(state_, due, &PortGroupsOf));
+    for (const std::string &nic : due) lastTold_[nic] = now;
     if (resyncAt_ <= now) {
       Log("posting the present state again after a failed delivery");
       PostPresent(false);
@@ -356,11 +376,25 @@ class Watcher {
         lastChange_[n.first] = now;
         Restate(n.first, true);
       } else if (old->second.carrier != n.second.carrier) {
-        auto pending = restate_.find(n.first);
-        if (pending != restate_.end() || now - lastChange_[n.first] < kSettle) {
-          Restate(n.first, false);
+        // The daemon reports each NIC's episode on its own and, in one
+        // second, in the order of their names: a switch whose uplinks
+        // changed close together may be left with a word that came first in
+        // time but last in that order (redundancy restored by one uplink
+        // after the loss of another). The whole switch is told again.
+        const std::string &sw = n.second.vswitch;
+        std::vector<std::string> told = {n.first};
+        if (!sw.empty()) told = next.switches.at(sw);
+        bool unsettled = false;
+        for (const std::string &nic : told) {
+          auto last = lastTold_.find(nic);
+          unsettled = unsettled || restate_.count(nic) != 0 ||
+                      (last != lastTold_.end() && now - last->second < kSettle);
+        }
+        if (unsettled) {
+          for (const std::string &nic : told) Restate(nic, false);
         }
         lastChange_[n.first] = now;
+        lastTold_[n.first] = now;
       }
     }
     PostAll(poster_, DiffObservations(state_, next, &PortGroupsOf));
@@ -378,6 +412,7 @@ class Watcher {
   void Gone(const std::string &name, NetState::Nic nic, const NetState &next) {
     restate_.erase(name);
     lastChange_.erase(name);
+    lastTold_.erase(name);
     if (table_.count(nic.ifindex) != 0) return;  // still there, no longer watched
     Log("%s: removed%s", name.c_str(), nic.carrier ? "" : " (it had no carrier: told as up)");
     if (nic.carrier) return;
@@ -388,6 +423,11 @@ class Watcher {
     nic.carrier = true;
     view.nics[name] = nic;
     PostAll(poster_, TransitionObservations(view, name, true, &PortGroupsOf));
+    // That recovery counts the uplinks left with carrier; a loss of
+    // redundancy among them that it may have ended is told again.
+    if (!nic.vswitch.empty()) {
+      for (const std::string &member : next.switches.at(nic.vswitch)) Restate(member, false);
+    }
   }
 
   const Options &opts_;
@@ -396,6 +436,9 @@ class Watcher {
   NetState state_;
   std::map<std::string, Pending> restate_;
   std::map<std::string, Clock::time_point> lastChange_;
+  // When the daemon was last told of each NIC: a change, a restatement or
+  // the present state.
+  std::map<std::string, Clock::time_point> lastTold_;
   Clock::time_point resyncAt_ = Clock::time_point::max();
   uint64_t drops_ = 0;
 };

@@ -84,11 +84,13 @@ typedef std::vector<std::string> (*PortGroupsFn)(const std::string &vswitch);
 // (with the switch's uplinks that have carrier), then the bare link state.
 std::vector<Observation> TransitionObservations(const NetState &state, const std::string &nic,
                                                 bool up, PortGroupsFn portGroups);
-// What tells the daemon a NIC's present state: its port-group transitions when
-// it has port groups (the bare link state would count as one more link-down
-// for the flap detection, and the daemon ignores it then anyway), else the bare
-// link state.
-std::vector<Observation> StateObservations(const NetState &state, const std::string &nic,
+// What tells the daemon the present state of `nics` (in this order): the
+// port-group transitions of those with port groups (the bare link state would
+// count as one more link-down for the flap detection, and the daemon ignores
+// it then anyway), else the bare link state. A switch's uplinks told as down
+// count its uplinks down one by one, the last of them with the present count.
+std::vector<Observation> StateObservations(const NetState &state,
+                                           const std::vector<std::string> &nics,
                                            PortGroupsFn portGroups);
 // Carrier changes from `before` to `after`, applied one NIC at a time in
 // ifindex order, so that two uplinks lost in one batch count down as a kernel
@@ -126,6 +128,10 @@ std::vector<std::string> PortGroupsOf(const std::string &vswitch);
 // producer wrote for interfaces that are gone, and gives each switch without
 // a port group one named after it.
 void SyncHostModel(const NetState &state);
+// The NICs of `state` whose carrier, as the last tevnet on this root wrote it,
+// changed less than `withinSec` ago or is no longer the kernel's: a daemon may
+// still be gathering what it was told of them.
+std::vector<std::string> UnsettledNics(const NetState &state, int withinSec);
 
 // Watches nodes/net/pNics/NIC/linkFlapping for the daemon's verdicts.
 class FlapNodes {

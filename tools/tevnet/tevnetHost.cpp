@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "PlatformRoot.h"
 #include "tevnet.h"
@@ -136,6 +137,23 @@ std::vector<std::string> PortGroupsOf(const std::string &vswitch) {
     std::string target;
     if (PlatformModel_Read(std::string(kPortGroups) + "/" + f, &target) && target == vswitch) {
       out.push_back(Unescape(f));
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> UnsettledNics(const NetState &state, int withinSec) {
+  std::vector<std::string> out;
+  const time_t now = time(nullptr);
+  for (const auto &n : state.nics) {
+    std::string file = std::string(kPNics) + "/" + PlatformModel_EscapeName(n.first) + "/carrier";
+    struct stat st;
+    std::string told;
+    if (stat(PlatformModel_Path(file).c_str(), &st) != 0 || !PlatformModel_Read(file, &told)) {
+      continue;  // never told by a tevnet on this root
+    }
+    if (told != (n.second.carrier ? "1" : "0") || now - st.st_mtime < withinSec) {
+      out.push_back(n.first);
     }
   }
   return out;

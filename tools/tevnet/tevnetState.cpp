@@ -111,12 +111,30 @@ std::vector<Observation> TransitionObservations(const NetState &state, const std
   return out;
 }
 
-std::vector<Observation> StateObservations(const NetState &state, const std::string &nic,
+std::vector<Observation> StateObservations(const NetState &state,
+                                           const std::vector<std::string> &nics,
                                            PortGroupsFn portGroups) {
-  auto it = state.nics.find(nic);
-  if (it == state.nics.end()) return {};
-  std::vector<Observation> out = TransitionObservations(state, nic, it->second.carrier, portGroups);
-  if (out.size() > 1) out.pop_back();
+  // The uplinks told as down count down as if lost one after another: told
+  // all with the switch's present count, a switch that lost every uplink at
+  // once would get its connectivity lost and never its redundancy, which is
+  // what is left lost when one uplink comes back.
+  NetState work = state;
+  for (const std::string &nic : nics) {
+    auto it = work.nics.find(nic);
+    if (it != work.nics.end() && !it->second.vswitch.empty()) it->second.carrier = true;
+  }
+  std::vector<Observation> out;
+  for (const std::string &nic : nics) {
+    auto it = state.nics.find(nic);
+    if (it == state.nics.end()) continue;
+    bool up = it->second.carrier;
+    work.nics[nic].carrier = up;
+    // One that is up is told with the present count: a count that took the
+    // later ones as still up would restore their switch's redundancy.
+    std::vector<Observation> obs = TransitionObservations(up ? state : work, nic, up, portGroups);
+    if (obs.size() > 1) obs.pop_back();
+    out.insert(out.end(), obs.begin(), obs.end());
+  }
   return out;
 }
 

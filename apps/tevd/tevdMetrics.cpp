@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "PlatformRoot.h"
+#include "PromText.h"
 #include "TevClock.h"
 #include "TevLib.h"
 #include "tevdAgent.h"
@@ -35,40 +36,7 @@ uint32_t U32At(const uint8_t *p) {
   return v;
 }
 
-void Family(std::string *out, const char *name, const char *type, const char *help) {
-  *out += "# HELP ";
-  *out += name;
-  *out += ' ';
-  *out += help;
-  *out += "\n# TYPE ";
-  *out += name;
-  *out += ' ';
-  *out += type;
-  *out += '\n';
-}
-
-void Sample(std::string *out, const char *name, const char *labels, uint64_t value) {
-  char line[192];
-  snprintf(line, sizeof line, "%s%s %" PRIu64 "\n", name, labels, value);
-  *out += line;
-}
-
-void One(std::string *out, const char *name, const char *type, const char *help, uint64_t value) {
-  Family(out, name, type, help);
-  Sample(out, name, "", value);
-}
-
 uint64_t Load(const TevdCounter &c) { return c.load(std::memory_order_relaxed); }
-
-// Label values are correlator and context names of this program: letters,
-// digits and dashes only; anything else is replaced so the line stays valid.
-std::string LabelValue(const char *s) {
-  std::string v;
-  for (; *s != '\0'; ++s) {
-    v += (*s == '"' || *s == '\\' || *s == '\n') ? '_' : *s;
-  }
-  return v;
-}
 
 pthread_t writer;
 bool writerStarted = false;
@@ -128,71 +96,71 @@ TevdCounter *TevdMetrics_CorrelatorCounter(const char *name) {
 
 std::string TevdMetrics_Text(void) {
   const TevdMetrics &m = gTevdMetrics;
-  std::string out;
+  PromText out;
   char labels[96];
-  Family(&out, "tevd_observations_read_total", "counter", "Observation records read, by context.");
+  out.Family("tevd_observations_read_total", "counter", "Observation records read, by context.");
   for (int i = 0; i < TEVD_METRICS_CONTEXTS; ++i) {
     if (i < TEVD_METRICS_CONTEXTS - 1) {
       snprintf(labels, sizeof labels, "{context=\"async-%02d\"}", i);
     } else {
       snprintf(labels, sizeof labels, "{context=\"user\"}");
     }
-    Sample(&out, "tevd_observations_read_total", labels, Load(m.read[i]));
+    out.Sample("tevd_observations_read_total", labels, Load(m.read[i]));
   }
-  Family(&out, "tevd_observations_handled_total", "counter",
+  out.Family("tevd_observations_handled_total", "counter",
          "Observation records handed to a correlator, by correlator.");
   int n = numCorrelators.load(std::memory_order_acquire);
   for (int i = 0; i < n; ++i) {
-    snprintf(labels, sizeof labels, "{correlator=\"%s\"}", LabelValue(correlators[i].name).c_str());
-    Sample(&out, "tevd_observations_handled_total", labels, Load(correlators[i].value));
+    out.Sample("tevd_observations_handled_total",
+               PromText::Labels("correlator", correlators[i].name), Load(correlators[i].value));
   }
-  One(&out, "tevd_records_malformed_total", "counter", "Malformed records dropped.",
+  out.One("tevd_records_malformed_total", "counter", "Malformed records dropped.",
       TevLib_MalformedCount());
-  One(&out, "tevd_records_refused_total", "counter",
+  out.One("tevd_records_refused_total", "counter",
       "Records refused from unprivileged user-level peers.", TevLib_RefusedCount());
-  One(&out, "tevd_records_oversized_total", "counter",
+  out.One("tevd_records_oversized_total", "counter",
       "Records larger than the read buffer, dropped.", Load(m.recordsOversized));
-  Family(&out, "tevd_events_posted_total", "counter", "Events posted, by class.");
+  out.Family("tevd_events_posted_total", "counter", "Events posted, by class.");
   static const char *const kClasses[] = {"problem", "audit", "clear"};
   for (int i = 0; i < 3; ++i) {
     snprintf(labels, sizeof labels, "{class=\"%s\"}", kClasses[i]);
-    Sample(&out, "tevd_events_posted_total", labels, Load(m.eventsPosted[i]));
+    out.Sample("tevd_events_posted_total", labels, Load(m.eventsPosted[i]));
   }
-  One(&out, "tevd_events_rate_limited_total", "counter", "Events dropped by the rate limit.",
+  out.One("tevd_events_rate_limited_total", "counter", "Events dropped by the rate limit.",
       Load(m.eventsRateLimited));
-  One(&out, "tevd_events_queued_total", "counter",
+  out.One("tevd_events_queued_total", "counter",
       "Events queued for retry after a failed or skipped send.", Load(m.eventsQueued));
-  One(&out, "tevd_events_retried_total", "counter", "Send attempts of the retry passes.",
+  out.One("tevd_events_retried_total", "counter", "Send attempts of the retry passes.",
       Load(m.eventsRetried));
-  One(&out, "tevd_events_retry_delivered_total", "counter", "Queued events a retry pass delivered.",
+  out.One("tevd_events_retry_delivered_total", "counter", "Queued events a retry pass delivered.",
       Load(m.eventsRetryDelivered));
-  One(&out, "tevd_events_abandoned_total", "counter",
+  out.One("tevd_events_abandoned_total", "counter",
       "Queued events abandoned after the last retry.", Load(m.eventsAbandoned));
   uint64_t queued = Load(m.eventsQueued);
   uint64_t left = Load(m.eventsRetryDelivered) + Load(m.eventsAbandoned);
-  One(&out, "tevd_events_retry_list_length", "gauge", "Events waiting in the retry list.",
+  out.One("tevd_events_retry_list_length", "gauge", "Events waiting in the retry list.",
       queued > left ? queued - left : 0);
-  One(&out, "tevd_log_lines_dropped_total", "counter",
+  out.One("tevd_log_lines_dropped_total", "counter",
       "Log lines dropped because the log collector's queue was full.", PlatformLog_DroppedLines());
-  One(&out, "tevd_trace_clients", "gauge", "Connected trace clients.",
+  out.One("tevd_trace_clients", "gauge", "Connected trace clients.",
       static_cast<uint64_t>(TevdTrace_ClientCount()));
-  One(&out, "tevd_agent_pipe_waits_total", "counter",
+  out.One("tevd_agent_pipe_waits_total", "counter",
       "Waits of the reader for room in a correlator's full pipe.", Load(m.pipeWaits));
-  One(&out, "tevd_last_observation_timestamp_seconds", "gauge",
+  out.One("tevd_last_observation_timestamp_seconds", "gauge",
       "Time of the last observation read (0: none yet).",
       static_cast<uint64_t>(m.lastObservation.load(std::memory_order_relaxed)));
-  One(&out, "tevd_last_event_timestamp_seconds", "gauge",
+  out.One("tevd_last_event_timestamp_seconds", "gauge",
       "Time of the last event posted (0: none yet).",
       static_cast<uint64_t>(m.lastEvent.load(std::memory_order_relaxed)));
-  One(&out, "tevd_start_time_seconds", "gauge", "Time the daemon started.",
+  out.One("tevd_start_time_seconds", "gauge", "Time the daemon started.",
       static_cast<uint64_t>(m.started.load(std::memory_order_relaxed)));
-  One(&out, "tevd_pid", "gauge", "Process id of the daemon that wrote these counters.",
+  out.One("tevd_pid", "gauge", "Process id of the daemon that wrote these counters.",
       static_cast<uint64_t>(getpid()));
-  return out;
+  return out.text();
 }
 
 int TevdMetrics_WriteFile(void) {
-  return PlatformRoot_ReplaceFile(PlatformRoot_Path(TEVD_METRICS_PATH), TevdMetrics_Text());
+  return PromText_WriteFile(TEVD_METRICS_PATH, TevdMetrics_Text());
 }
 
 void TevdMetrics_Start(void) {

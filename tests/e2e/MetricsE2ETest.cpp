@@ -1,6 +1,6 @@
-// tevd's counters as an operator reads them: the file node_exporter's textfile collector
-// serves, `tevctl metrics` (checked by promtool), and `tevctl status`, which must not pass a
-// dead daemon's last counters for live ones.
+// tevd's and tevfwd's counters as an operator reads them: the files node_exporter's textfile
+// collector serves, `tevctl metrics` (checked by promtool), and `tevctl status`, which must not
+// pass a dead daemon's last counters for live ones.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
@@ -49,11 +49,24 @@ using MetricsTest = DaemonTest;
 }  // namespace
 
 // The counters move after one observation, as a real collector scrapes them; promtool accepts
-// `tevctl metrics`; status shows the daemon, then says plainly it is gone after a SIGKILL.
+// `tevctl metrics`; status shows the daemon and a forwarder whose only Alertmanager is away, then
+// says plainly both are gone after a SIGKILL.
 TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   const std::string prom = root_.Abs("var/run/orlan/metrics/tevd.prom");
   ASSERT_TRUE(Eventually([&] { return PathExists(prom); }, 5000));
+  // The event goes to the forwarder, which cannot deliver it: nothing listens on `away`.
+  const std::string fwdBin = BinaryPath("TEVFWD_BIN", "");
+  const std::string away = "http://127.0.0.1:" + std::to_string(FreePort());
+  const std::string spooled = "tevfwd_spool_alerts ";
+  std::unique_ptr<Process> fwd;
+  if (!fwdBin.empty()) {
+    fwd = std::make_unique<Process>(
+        root_, fwdBin, std::vector<std::string>{"--alertmanager", away, "--retry-max", "1"},
+        std::vector<std::string>{}, "tevfwd");
+    const std::string fwdProm = root_.Abs("var/run/orlan/metrics/tevfwd.prom");
+    ASSERT_TRUE(Eventually([&] { return PathExists(fwdProm); }, 5000)) << fwd->Stderr();
+  }
   std::unique_ptr<Process> exporter;
   int port = FreePort();
   if (access(kNodeExporter, X_OK) == 0) {
@@ -74,24 +87,55 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
   ASSERT_TRUE(Eventually(
       [&] {
         m = RunTevctl(root_, {"metrics"});
-        return SampleValue(m.out, kReadNet) == 1;
+        return SampleValue(m.out, kReadNet) == 1 &&
+               (fwd == nullptr || SampleValue(m.out, spooled) == 1);
       },
       10000))
       << m.out << m.err;
   EXPECT_EQ(SampleValue(m.out, "tevd_observations_handled_total{correlator=\"netCorrelator\"} "),
             1);
-  // No management agent listens: the event is posted, then waits in the retry list.
   EXPECT_EQ(SampleValue(m.out, "tevd_events_posted_total{class=\"problem\"} "), 1) << m.out;
-  EXPECT_EQ(SampleValue(m.out, "tevd_events_retry_list_length "), 1) << m.out;
   EXPECT_EQ(SampleValue(m.out, "tevd_pid "), tevd_->pid());
-  RunResult status = RunTevctl(root_, {"status"});
-  EXPECT_EQ(status.status, 1) << "an event waits for retry";
+  RunResult status;
+  if (fwd == nullptr) {
+    // No management agent listens: the event waits in the retry list.
+    EXPECT_EQ(SampleValue(m.out, "tevd_events_retry_list_length "), 1) << m.out;
+    status = RunTevctl(root_, {"status"});
+    EXPECT_NE(status.out.find("PROBLEM: 1 events wait for retry"), std::string::npos) << status.out;
+  } else {
+    EXPECT_EQ(SampleValue(m.out, "tevd_events_retry_list_length "), 0) << m.out;
+    const std::string replica = "{replica=\"" + away + "\"} ";
+    ASSERT_TRUE(Eventually(
+        [&] {
+          m = RunTevctl(root_, {"metrics"});
+          return SampleValue(m.out, "tevfwd_replica_up" + replica) == 0;
+        },
+        10000))
+        << m.out;
+    EXPECT_GE(SampleValue(m.out, "tevfwd_replica_failed_total" + replica), 1) << m.out;
+    EXPECT_EQ(SampleValue(m.out, "tevfwd_replica_queue_alerts" + replica), 1) << m.out;
+    EXPECT_EQ(SampleValue(m.out, "tevfwd_pid "), fwd->pid());
+    status = RunTevctl(root_, {"status"});
+    EXPECT_NE(status.out.find("tevfwd  running, pid " + std::to_string(fwd->pid())),
+              std::string::npos)
+        << status.out;
+    EXPECT_NE(status.out.find("PROBLEM: tevfwd cannot reach " + away + " (its last attempt failed; "
+                              "1 alert(s) wait for it"),
+              std::string::npos)
+        << status.out;
+  }
+  EXPECT_EQ(status.status, 1);
   EXPECT_NE(status.out.find("tevd    running, pid " + std::to_string(tevd_->pid())),
             std::string::npos)
       << status.out;
-  EXPECT_NE(status.out.find("PROBLEM: 1 events wait for retry"), std::string::npos) << status.out;
   if (exporter != nullptr) {
-    EXPECT_TRUE(Eventually([&] { return SampleValue(Scrape(port), kReadNet) == 1; }, 10000));
+    EXPECT_TRUE(Eventually(
+        [&] {
+          std::string scraped = Scrape(port);
+          return SampleValue(scraped, kReadNet) == 1 &&
+                 (fwd == nullptr || SampleValue(scraped, spooled) == 1);
+        },
+        10000));
   }
   if (access(kPromtool, X_OK) == 0) {
     root_.Write("metrics.txt", m.out);
@@ -108,14 +152,25 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
   tevd_->Signal(SIGKILL);
   ASSERT_TRUE(tevd_->Wait(5000));
   ASSERT_TRUE(PathExists(prom)) << "a killed daemon leaves its file";
+  if (fwd != nullptr) {
+    fwd->Signal(SIGKILL);
+    ASSERT_TRUE(fwd->Wait(5000));
+  }
   status = RunTevctl(root_, {"status", "--json"});
   EXPECT_EQ(status.status, 1);
   EXPECT_NE(status.out.find("{\"tevd\":{\"state\":\"stale\"}"), std::string::npos) << status.out;
+  if (fwd != nullptr) {
+    EXPECT_NE(status.out.find("\"tevfwd\":{\"state\":\"stale\"}"), std::string::npos)
+        << status.out;
+    EXPECT_NE(status.out.find("tevfwd is not running (pid " + std::to_string(fwd->pid())),
+              std::string::npos)
+        << status.out;
+  }
   m = RunTevctl(root_, {"metrics"});
   EXPECT_EQ(m.status, 1);
   EXPECT_EQ(m.out, "") << "a dead daemon's counters were printed";
-  if (exporter == nullptr || access(kPromtool, X_OK) != 0) {
-    TEVD_SKIP_MISSING("promtool or node_exporter is absent (scripts/deps.sh companions)");
+  if (fwd == nullptr || exporter == nullptr || access(kPromtool, X_OK) != 0) {
+    TEVD_SKIP_MISSING("tevfwd, promtool or node_exporter is absent (scripts/deps.sh companions)");
   }
 }
 

@@ -221,6 +221,12 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   EXPECT_EQ(SpoolFiles(), 0u);
   EXPECT_TRUE(BothList(id, 4));
   StartForwarder();
+  // The start-up line counts both places alerts come back from (--once saved
+  // the spool's firing alerts; the spool itself is empty).
+  EXPECT_NE(fwd_->Stderr().find("recovered 0 alert(s) from the spool and 4 firing from "
+                                "active.json; 4 firing now"),
+            std::string::npos)
+      << fwd_->Stderr();
   Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic4"});
   EXPECT_TRUE(Eventually([&] { return BothList(id, 5) && SpoolFiles() == 0; }, 20000))
       << CountAlerts(ports_[0], id) << " and " << CountAlerts(ports_[1], id) << " of 5\n"
@@ -239,8 +245,25 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
       },
       5000))
       << c.dump();
+  // The Prometheus file (rewritten every 2 s) counts per replica.
+  const std::string r0 = "{replica=\"http://" + Addr(0) + "\"} ";
+  std::string m;
+  EXPECT_TRUE(Eventually(
+      [&] {
+        m = tevdtest::RunTevctl(root_, {"metrics"}).out;
+        return m.find("\ntevfwd_replica_sent_total" + r0 + "1\n") != std::string::npos;
+      },
+      5000))
+      << m;
+  EXPECT_NE(m.find("\ntevfwd_replica_up" + r0 + "1\n"), std::string::npos) << m;
+  EXPECT_NE(m.find("\ntevfwd_replica_resent_total" + r0 + "4\n"), std::string::npos)
+      << "the recovered firing alerts re-sent at start\n"
+      << m;
+  EXPECT_NE(m.find("\ntevfwd_active_alerts{severity=\"critical\"} 5\n"), std::string::npos) << m;
   fwd_->Signal(SIGTERM);
   EXPECT_EQ(fwd_->ExitCode(5000), 0) << fwd_->Stderr();
+  EXPECT_FALSE(tevdtest::PathExists(root_.Abs("var/run/orlan/metrics/tevfwd.prom")))
+      << "a clean exit leaves no counters file behind";
   EXPECT_EQ(tevdtest::RunTevctl(root_, {"fwd"}).status, 1) << "a stopped forwarder shown as live";
 }
 

@@ -34,6 +34,27 @@ double CountersFile::Sum(const std::string &name) const {
   return total;
 }
 
+std::vector<std::pair<std::string, double>> CountersFile::ByLabel(const std::string &name) const {
+  std::vector<std::pair<std::string, double>> out;
+  for (auto it = samples.lower_bound(name + "{"); it != samples.end(); ++it) {
+    const std::string &key = it->first;
+    if (key.compare(0, name.size() + 1, name + "{") != 0) break;
+    size_t open = key.find("=\"");
+    if (open == std::string::npos) continue;
+    std::string value;  // unescaped: \\, \" and \n
+    for (size_t i = open + 2; i < key.size() && key[i] != '"'; ++i) {
+      if (key[i] == '\\' && i + 1 < key.size()) {
+        ++i;
+        value += key[i] == 'n' ? '\n' : key[i];
+      } else {
+        value += key[i];
+      }
+    }
+    out.emplace_back(value, it->second);
+  }
+  return out;
+}
+
 namespace {
 
 // With a lock file (var/run/orlan/PROGRAM.lock, flocked by the running

@@ -25,6 +25,9 @@ struct CountersFile {
   double Get(const std::string &key, double dflt = 0) const;
   // The sum over every label set of one metric.
   double Sum(const std::string &name) const;
+  // The samples of a metric with one label, as (label value, value), in the
+  // order of the label values.
+  std::vector<std::pair<std::string, double>> ByLabel(const std::string &name) const;
 };
 
 // Reads PROGRAM.prom under the root and checks its writer: the pid it names

@@ -1,10 +1,12 @@
 // tevctl status: one screen on the pipeline's health, or one JSON object
 // (--json), from the counters files of tevd and its companions. A part whose
 // file is absent is "not running"; one whose file names a process that is
-// gone is "not running (stale counters)" and its numbers are not shown.
+// gone is "not running (stale counters)" and its numbers are not shown. The
+// forwarder adds a line per replica it cannot reach, and each is a problem.
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <map>
 
 #include "tevctl.h"
 #include "tevctlMetrics.h"
@@ -16,9 +18,11 @@ namespace {
 const char kUsage[] =
     "Usage: tevctl status [--json]\n"
     "Says whether tevd runs (pid, uptime), its main counters and retry list, and\n"
-    "the same for tevnet and tevfwd where they run. Exit status 1 when something\n"
-    "is wrong: tevd not running, a companion that died, events waiting for retry\n"
-    "or abandoned, posts dropped.\n";
+    "the same for tevnet and tevfwd where they run (tevfwd: its replicas up and\n"
+    "down, the spool, the firing alerts by severity). Exit status 1 when something\n"
+    "is wrong: tevd not running, a companion that died (it left its counters\n"
+    "file), events waiting for retry or abandoned, posts dropped, an Alertmanager\n"
+    "replica that did not answer tevfwd's last attempt.\n";
 
 struct Part {
   const char *program;
@@ -53,7 +57,7 @@ const Part kParts[] = {
      {{"replicas up", "tevfwd_replica_up"},
       {"spooled", "tevfwd_spool_alerts"},
       {"active alerts", "tevfwd_active_alerts"}},
-     {}},
+     {{"alerts tevfwd dropped (spool full or refused)", "tevfwd_alerts_dropped_total"}}},
 };
 
 std::string Uptime(double seconds) {
@@ -78,6 +82,45 @@ std::string Number(double v) {
   char buf[48];
   snprintf(buf, sizeof buf, "%.0f", v);
   return buf;
+}
+
+// The forwarder's replicas and firing alerts beyond the summed rows: the
+// severities, and each replica that did not answer its last attempt, which
+// is a problem (alerts wait for it in the spool).
+void ForwarderDetail(const CountersFile &f, bool json, std::string *out,
+                     std::vector<std::string> *problems) {
+  std::map<std::string, double> waiting, age;
+  for (const auto &kv : f.ByLabel("tevfwd_replica_queue_alerts")) waiting[kv.first] = kv.second;
+  for (const auto &kv : f.ByLabel("tevfwd_replica_queue_age_seconds")) age[kv.first] = kv.second;
+  std::string severities, replicas, down;
+  for (const auto &kv : f.ByLabel("tevfwd_active_alerts")) {
+    const char *sep = severities.empty() ? "" : json ? "," : ", ";
+    severities += json ? sep + ("\"" + Qprob_JsonEscape(kv.first) + "\":" + Number(kv.second))
+                       : sep + kv.first + " " + Number(kv.second);
+  }
+  size_t nDown = 0;
+  for (const auto &kv : f.ByLabel("tevfwd_replica_up")) {
+    const std::string &url = kv.first;
+    const bool up = kv.second > 0;
+    replicas += std::string(replicas.empty() ? "" : ",") + "{\"replica\":\"" +
+                Qprob_JsonEscape(url) + "\",\"up\":" + (up ? "true" : "false") +
+                ",\"waiting\":" + Number(waiting[url]) +
+                ",\"oldest_seconds\":" + Number(age[url]) + "}";
+    if (up) continue;
+    ++nDown;
+    std::string why = "tevfwd cannot reach " + url + " (its last attempt failed; " +
+                      Number(waiting[url]) + " alert(s) wait for it, the oldest " +
+                      Number(age[url]) + " s)";
+    down += "       DOWN " + url + ": " + Number(waiting[url]) + " alert(s) waiting, the oldest " +
+            Number(age[url]) + " s\n";
+    problems->push_back(why);
+  }
+  if (json) {
+    *out += ",\"replicas down\":" + std::to_string(nDown) + ",\"active by severity\":{" +
+            severities + "},\"replicas\":[" + replicas + "]";
+  } else {
+    *out += "       firing by severity: " + severities + "\n" + down;
+  }
 }
 
 }  // namespace
@@ -119,6 +162,7 @@ int CmdStatus(const std::vector<std::string> &args) {
         for (const auto &row : part.shown) {
           out += ",\"" + std::string(row.first) + "\":" + Number(Value(f, row.second));
         }
+        if (name == "tevfwd") ForwarderDetail(f, true, &out, &problems);
       }
       out += "}";
     } else {
@@ -151,6 +195,7 @@ int CmdStatus(const std::vector<std::string> &args) {
           line += (line.size() > 7 ? ", " : "") + item;
         }
         out += line + "\n";
+        if (name == "tevfwd") ForwarderDetail(f, false, &out, &problems);
       }
     }
     firstPart = false;

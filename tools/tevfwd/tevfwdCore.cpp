@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -206,7 +207,7 @@ void Forwarder::Accept(const QprobMessage &msg, int64_t nowMs) {
     ++retimedUnlogged_;
   }
   Apply(alert);
-  Push(std::move(alert));
+  Push(std::move(alert), nowMs);
 }
 
 void Forwarder::Apply(const json &alert) {
@@ -269,7 +270,7 @@ void Forwarder::EndAlert(const std::string &key, int64_t nowMs) {
   alert["endsAt"] = std::max(nowMs, it->second.startsAtMs + 1);
   active_.erase(it);
   activeDirty_ = true;
-  Push(std::move(alert));
+  Push(std::move(alert), nowMs);
 }
 
 void Forwarder::Tick(int64_t nowMs) {
@@ -285,9 +286,17 @@ void Forwarder::Tick(int64_t nowMs) {
   }
 }
 
-void Forwarder::Push(json alert) {
+void Forwarder::CountLost(uint32_t pending, uint64_t ReplicaCounters::*what) {
+  for (size_t r = 0; r < replicas_.size(); ++r) {
+    if ((pending & (1u << r)) != 0) ++(replicas_[r].counters.*what);
+  }
+}
+
+void Forwarder::Push(json alert, int64_t nowMs) {
   Entry e;
   e.seq = nextSeq_++;
+  e.spooledMs = nowMs;
+  for (Replica &rep : replicas_) ++rep.counters.spooled;
   e.pending = allReplicas_;
   std::string text = Dump(alert);
   e.bytes = text.size();
@@ -309,6 +318,7 @@ void Forwarder::Push(json alert) {
   while (spoolBytes_ > opt_.spoolMaxBytes && spool_.size() > 1) {
     Entry &old = spool_.front();
     if (old.onDisk) unlink(EntryPath(old.seq).c_str());
+    CountLost(old.pending, &ReplicaCounters::dropped);
     spoolBytes_ -= old.bytes;
     spool_.pop_front();
     ++counters_.dropped;
@@ -346,6 +356,7 @@ void Forwarder::LoadActive(int64_t nowMs) {
       log_.push_back("ignoring unreadable " + opt_.spoolDir + "/active.json");
     }
   }
+  recoveredFiring_ = active_.size();
 }
 
 size_t Forwarder::Recover(int64_t nowMs) {
@@ -379,6 +390,7 @@ size_t Forwarder::Recover(int64_t nowMs) {
       log_.push_back("dropping unreadable spool entry " + path);
       unlink(path.c_str());
       ++counters_.dropped;
+      CountLost(allReplicas_, &ReplicaCounters::dropped);
       continue;
     }
     // An end Alertmanager has reached by itself (the firing alert it ends was
@@ -387,6 +399,7 @@ size_t Forwarder::Recover(int64_t nowMs) {
     if (endsAt != 0 && endsAt + 3 * opt_.resendMs < nowMs) {
       unlink(path.c_str());
       ++counters_.expired;
+      CountLost(allReplicas_, &ReplicaCounters::expired);
       continue;
     }
     FixTimes(&alert, nowMs, opt_);
@@ -397,11 +410,15 @@ size_t Forwarder::Recover(int64_t nowMs) {
       log_.push_back("dropping spool entry " + path + ": " + e.what());
       unlink(path.c_str());
       ++counters_.dropped;
+      CountLost(allReplicas_, &ReplicaCounters::dropped);
       continue;
     }
     // Entries are numbered afresh from 1 in their order, so names keep
     // their 16 digits whatever number a file (or a hand) left behind.
+    // Its age counts from when the last run spooled it.
+    struct stat st;
     Entry e;
+    e.spooledMs = stat(path.c_str(), &st) == 0 ? int64_t{st.st_mtime} * 1000 : nowMs;
     e.seq = nextSeq_++;
     if (EntryPath(e.seq) != path && rename(path.c_str(), EntryPath(e.seq).c_str()) != 0) {
       log_.push_back("cannot rename the spool entry " + path + ": " + strerror(errno));

@@ -47,9 +47,21 @@ struct Counters {
   uint64_t retimed = 0;    // alerts whose time stamp was out of range and was replaced
 };
 
+// What happened to one replica's share of the alerts (the counters file).
+struct ReplicaCounters {
+  uint64_t sent = 0;     // spool entries it took
+  uint64_t resent = 0;   // re-sends of firing alerts it took
+  uint64_t failed = 0;   // attempts it did not answer (or answered with an error)
+  uint64_t spooled = 0;  // spool entries queued for it
+  uint64_t dropped = 0;  // entries it never got: spool full, unreadable, or refused by it
+  uint64_t expired = 0;  // entries found at start-up whose end Alertmanager had reached alone
+  bool up = true;        // its last attempt was answered (true before the first)
+};
+
 // One alert on its way out. `endsAtMs` 0: firing, its end is set when sent.
 struct Entry {
   uint64_t seq = 0;
+  int64_t spooledMs = 0;  // when it was spooled (a recovered one: its file's time)
   nlohmann::json alert;  // {"labels":{..},"annotations":{..},"startsAt":ms,"endsAt":ms}
   uint32_t pending = 0;  // replicas (bit i) still to receive it
   bool onDisk = false;
@@ -64,6 +76,8 @@ class Forwarder {
   // removes the temporary files of writes a crash cut short and numbers the
   // entries afresh from 1. Returns the number of spool entries recovered.
   size_t Recover(int64_t nowMs);
+  // The firing alerts the saved active set brought back (Recover).
+  size_t RecoveredFiring() const { return recoveredFiring_; }
   // One decoded event from tevd.
   void Accept(const QprobMessage &msg, int64_t nowMs);
   // The timed work: ends alerts past their lifetime.
@@ -87,6 +101,8 @@ class Forwarder {
   }
   // Replica `r` took (ok) or refused (bad input: never retried) `items`.
   void Done(size_t r, const std::vector<Item> &items, bool refused);
+  // Replica `r` did not answer an attempt, or answered with an error.
+  void Failed(size_t r);
   // The JSON array of `items`, the body of one request.
   static std::string Body(const std::vector<Item> &items, size_t begin, size_t end);
   // One alert as Alertmanager takes it: RFC 3339 times, a firing alert's end
@@ -103,13 +119,17 @@ class Forwarder {
   // The counters with the spool's length and the number of firing alerts,
   // as one JSON object (the counters file that `tevctl fwd` prints).
   std::string CountersJson() const;
+  // The counters file var/run/orlan/metrics/tevfwd.prom (Prometheus' text
+  // format): per replica, then the whole forwarder's; `startedSec` is when
+  // the program started. tevfwdMetrics.cpp.
+  std::string MetricsText(int64_t nowMs, int64_t startedSec) const;
 
  private:
   struct Active {
     nlohmann::json alert;  // as in Entry, endsAtMs 0
     int64_t startsAtMs = 0;
   };
-  void Push(nlohmann::json alert);
+  void Push(nlohmann::json alert, int64_t nowMs);
   void Resolve(const QprobMessage &msg, const nlohmann::json &labels, int64_t nowMs);
   void EndAlert(const std::string &key, int64_t nowMs);
   std::string EntryPath(uint64_t seq) const;
@@ -120,7 +140,10 @@ class Forwarder {
   struct Replica {
     int64_t nextResendMs = 0;
     std::deque<std::string> resend;
+    ReplicaCounters counters;
   };
+  // Counts one entry lost (dropped or expired) against each replica of `pending`.
+  void CountLost(uint32_t pending, uint64_t ReplicaCounters::*what);
 
   Options opt_;
   Counters counters_;
@@ -135,6 +158,7 @@ class Forwarder {
   std::string unspooledWhy_;
   uint64_t cappedUnlogged_ = 0;
   uint64_t retimedUnlogged_ = 0;
+  size_t recoveredFiring_ = 0;
   std::vector<Replica> replicas_;
   std::vector<std::string> log_;
 };

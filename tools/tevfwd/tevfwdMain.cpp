@@ -26,6 +26,7 @@
 
 #include "PlatformRoot.h"
 #include "PlatformSocket.h"
+#include "PromText.h"
 #include "Qprob.h"
 #include "TevLib.h"
 #include "tevdVersion.h"
@@ -63,8 +64,10 @@ const char kUsage[] =
     "  --help, --version\n"
     "SIGUSR1 prints the counters (received, sent, resolved, spooled, dropped) on\n"
     "standard error; they are also in var/run/orlan/tevfwd-counters.json, updated\n"
-    "every second ('tevctl fwd' prints them). SIGHUP is logged and ignored (nothing\n"
-    "to reload: options come from the command line). SIGTERM or SIGINT stops.\n"
+    "every second ('tevctl fwd' prints them), and for Prometheus, with each replica's\n"
+    "state, in var/run/orlan/metrics/tevfwd.prom every 2 s ('tevctl metrics').\n"
+    "SIGHUP is logged and ignored (nothing to reload: options come from the command\n"
+    "line). SIGTERM or SIGINT stops.\n"
     "One tevfwd per root: a second one refuses to start (var/run/orlan/tevfwd.lock).\n";
 
 std::atomic<bool> gCounters{false};
@@ -112,6 +115,21 @@ void SaveCounters(Shared *s, const std::string &path, std::string *last) {
     now = s->fwd->CountersJson();
   }
   if (now != *last && tevfwd::WriteFileAtomic(path, now + "\n")) *last = now;
+}
+
+// The counters file for Prometheus (docs/metrics.md), rewritten every
+// kMetricsEveryMs; removed at a clean exit, so a file whose writer is gone
+// tells of a forwarder that died.
+constexpr int64_t kMetricsEveryMs = 2000;
+const char kMetricsPath[] = "/var/run/orlan/metrics/tevfwd.prom";
+
+void WriteMetrics(Shared *s, int64_t startedSec) {
+  std::string text;
+  {
+    std::lock_guard<std::mutex> lock(s->mu);
+    text = s->fwd->MetricsText(NowMs(), startedSec);
+  }
+  PromText_WriteFile(kMetricsPath, text);
 }
 
 void FlushLog(Shared *s) {
@@ -307,11 +325,19 @@ void HandleSignals() {
   signal(SIGPIPE, SIG_IGN);
 }
 
+void SaveActive(Shared *s) {
+  std::lock_guard<std::mutex> lock(s->mu);
+  s->fwd->SaveActive();
+}
+
 // --once: every replica until it has everything or fails once.
 int SendSpooledAndExit(Shared *s, std::vector<Replica> *reps, int64_t retryMaxMs, long timeoutMs) {
   for (size_t r = 0; r < reps->size(); ++r) {
     while (SendOnce(s, r, &(*reps)[r], retryMaxMs, timeoutMs) && (*reps)[r].failures == 0) {}
   }
+  // The spool's firing alerts are in the active set now; the next forwarder
+  // re-sends them only if it finds them saved.
+  SaveActive(s);
   PrintCounters(s);
   size_t left = s->fwd->SpoolLength();
   if (left != 0)
@@ -319,14 +345,10 @@ int SendSpooledAndExit(Shared *s, std::vector<Replica> *reps, int64_t retryMaxMs
   return left == 0 ? 0 : 1;
 }
 
-void SaveActive(Shared *s) {
-  std::lock_guard<std::mutex> lock(s->mu);
-  s->fwd->SaveActive();
-}
-
 // Accepts from tevd until a terminating signal; the sender thread does the HTTP.
-void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string *lastCounters) {
-  int64_t nextSave = 0, nextLog = 0;
+void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string *lastCounters,
+                int64_t startedSec) {
+  int64_t nextSave = 0, nextLog = 0, nextMetrics = 0;
   while (!tevfwd::gStop) {
     struct pollfd p = {lfd, POLLIN, 0};
     if (poll(&p, 1, 200) > 0) AcceptAll(s, lfd);
@@ -341,6 +363,10 @@ void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string
       SaveActive(s);
       SaveCounters(s, countersPath, lastCounters);
       nextSave = now + 1000;
+    }
+    if (now >= nextMetrics) {
+      WriteMetrics(s, startedSec);
+      nextMetrics = now + kMetricsEveryMs;
     }
     if (now >= nextLog) {
       FlushLog(s);
@@ -379,6 +405,7 @@ int main(int argc, char **argv) {
   opt.hostName = host;
 
   tevfwd::HttpInit();
+  const int64_t startedSec = NowMs() / 1000;
   Shared s;
   s.fwd = std::make_unique<Forwarder>(opt);
   size_t recovered = s.fwd->Recover(NowMs());
@@ -398,16 +425,19 @@ int main(int argc, char **argv) {
     fprintf(stderr, "tevfwd: cannot listen on %s: %s\n", path.c_str(), strerror(errno));
     return 1;
   }
-  Log("listening on %s%s; %zu Alertmanager(s); %zu alert(s) recovered from the spool, %zu firing",
+  // Both places an alert comes back from: the spool's entries and the saved
+  // set of firing alerts (which the entries may have changed since).
+  Log("listening on %s%s; %zu Alertmanager(s); recovered %zu alert(s) from the spool and %zu "
+      "firing from active.json; %zu firing now",
       path.c_str(), inherited ? " (socket from the service manager)" : "", reps.size(), recovered,
-      s.fwd->ActiveCount());
+      s.fwd->RecoveredFiring(), s.fwd->ActiveCount());
   std::vector<std::thread> senders;
   for (size_t r = 0; r < reps.size(); ++r) {
     senders.emplace_back(ReplicaLoop, &s, r, &reps[r], retryMaxMs, timeoutMs);
   }
   const std::string countersPath = PlatformRoot_Path("/var/run/orlan/tevfwd-counters.json");
   std::string lastCounters;
-  AcceptLoop(&s, lfd, countersPath, &lastCounters);
+  AcceptLoop(&s, lfd, countersPath, &lastCounters, startedSec);
   // Connections still in the backlog of a handed-over socket are the next
   // forwarder's; our own socket goes with us.
   close(lfd);
@@ -420,6 +450,7 @@ int main(int argc, char **argv) {
   for (std::thread &t : senders) t.join();
   SaveActive(&s);
   SaveCounters(&s, countersPath, &lastCounters);
+  unlink(PlatformRoot_Path(kMetricsPath).c_str());
   FlushLog(&s);
   PrintCounters(&s);
   return 0;

@@ -47,7 +47,14 @@ void Forwarder::Done(size_t r, const std::vector<Item> &items, bool refused) {
       if (k != resend.end()) resend.erase(k);
     }
   }
-  if (refused) counters_.dropped += items.size();
+  ReplicaCounters &rc = replicas_[r].counters;
+  rc.up = true;  // a refusal is an answer too
+  if (refused) {
+    counters_.dropped += items.size();
+    rc.dropped += items.size();
+  } else {
+    for (const Item &it : items) ++(it.seq != 0 ? rc.sent : rc.resent);
+  }
   std::sort(seqs.begin(), seqs.end());
   for (Entry &e : spool_) {
     if (std::binary_search(seqs.begin(), seqs.end(), e.seq)) e.pending &= ~(1u << r);
@@ -62,6 +69,12 @@ void Forwarder::Done(size_t r, const std::vector<Item> &items, bool refused) {
     spoolBytes_ -= it->bytes;
     it = spool_.erase(it);
   }
+}
+
+void Forwarder::Failed(size_t r) {
+  if (r >= replicas_.size()) return;
+  ++replicas_[r].counters.failed;
+  replicas_[r].counters.up = false;
 }
 
 std::string Forwarder::Body(const std::vector<Item> &items, size_t begin, size_t end) {

@@ -90,6 +90,10 @@ bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeou
     return true;
   }
   if (gStop) return false;
+  {
+    std::lock_guard<std::mutex> lock(s->mu);
+    s->fwd->Failed(r);
+  }
   ++rep->failures;
   ++rep->unloggedFailures;
   rep->backoffMs = std::min(retryMaxMs, rep->backoffMs == 0 ? 250 : rep->backoffMs * 2);

@@ -14,6 +14,7 @@
 #include <ctime>
 
 #include "PlatformRoot.h"
+#include "PromText.h"
 #include "TevLib.h"
 #include "tevdVersion.h"
 #include "tevnet.h"
@@ -449,12 +450,9 @@ constexpr auto kCountersEvery = std::chrono::seconds(2);
 const char kCountersPath[] = "/var/run/orlan/metrics/tevnet.prom";
 
 void WriteCounters(const Watcher &watch, const Poster &poster, const Netlink &nl, int64_t started) {
-  std::string text;
+  PromText text;
   auto one = [&text](const char *name, const char *type, const char *help, long long value) {
-    char buf[320];
-    snprintf(buf, sizeof buf, "# HELP %s %s\n# TYPE %s %s\n%s %lld\n", name, help, name, type, name,
-             value);
-    text += buf;
+    text.One(name, type, help, static_cast<uint64_t>(value));
   };
   one("tevnet_nics_watched", "gauge", "NICs whose link tevnet watches.",
       static_cast<long long>(watch.State().nics.size()));
@@ -474,7 +472,7 @@ void WriteCounters(const Watcher &watch, const Poster &poster, const Netlink &nl
       static_cast<long long>(started));
   one("tevnet_pid", "gauge", "Process id of the tevnet that wrote these counters.",
       static_cast<long long>(getpid()));
-  PlatformRoot_ReplaceFile(PlatformRoot_Path(kCountersPath), text);
+  PromText_WriteFile(kCountersPath, text.text());
 }
 
 void LogV(const char *format, va_list ap) __attribute__((format(printf, 1, 0)));

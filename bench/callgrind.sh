@@ -70,7 +70,7 @@ per() { awk -v a="$1" -v b="$2" -v n="$3" 'BEGIN {printf "%.0f", (b - a) / n}'; 
 for path in ingest post; do
   if [ $path = ingest ]; then a=n1; b=n2; n=$((N2 - N1)); else a=p1; b=p2; n=$((P2 - P1)); fi
   echo "RESULT ${path}_instructions_per_obs $(per "$(total "$OUT/self.$a.txt")" "$(total "$OUT/self.$b.txt")" $n)"
-  for stage in "TevLib_ReadFromFd(" "TevdAgent_Queue(" "TevdAgent_Flush(" "TevdTrace_Record(" \
+  for stage in "TevLib_ReadFromFd(" "TevdAgent_Distribute(" "TevdTrace_Record(" \
                "TevdAgent_WaitTev(" "TevdAgent_ReassembleStep(" "TevdCorrelator_Dispatch(" "TevdLog_Tev(" "TevdQprob_Post(" \
                "PlatformLog_Vsyslog("; do
     key=$(echo "$stage" | tr -d '( ')

@@ -163,7 +163,7 @@ echo
 echo "| stage | ingest corpus (log-only) | direct translation with post |"
 echo "|---|---|---|"
 echo "| whole daemon | $(r ingest_instructions_per_obs) | $(r post_instructions_per_obs) |"
-for k in TevLib_ReadFromFd TevdAgent_Queue TevdAgent_Flush TevdTrace_Record TevdAgent_WaitTev TevdAgent_ReassembleStep TevdCorrelator_Dispatch TevdLog_Tev TevdQprob_Post PlatformLog_Vsyslog; do
+for k in TevLib_ReadFromFd TevdAgent_Distribute TevdTrace_Record TevdAgent_WaitTev TevdAgent_ReassembleStep TevdCorrelator_Dispatch TevdLog_Tev TevdQprob_Post PlatformLog_Vsyslog; do
   echo "| $k | $(r ingest_incl_$k) | $(r post_incl_$k) |"
 done
 echo

@@ -219,7 +219,7 @@ echo
 echo "Where the difference between the two ratios comes from: the instruction row counts user"
 echo "space only. Most of tevd's CPU is system time, while SEC reads its input file in large"
 echo "blocks and spends almost no system time. tevd's system calls are batched (several"
-echo "datagrams per receive, one pipe write per agent and poll pass, one pipe read per wake-up,"
+echo "datagrams per receive, one pipe read per wake-up,"
 echo "the log lines of a wake-up in one sendmmsg), but each observation is still one datagram"
 echo "in and one log datagram out, and the kernel's work per datagram stays: a buffer, a copy,"
 echo "a wake-up of the reader on the other side, and waiting for room in the collector's"

@@ -53,10 +53,6 @@ struct TevStream {
   uint8_t *chunk = nullptr;
   uint32_t chunkStart = 0;
   uint32_t chunkEnd = 0;
-  // Records queued for the pipe by the reader, written together by a flush.
-  uint8_t *out = nullptr;
-  size_t outLength = 0;
-  size_t outCapacity = 0;
 };
 
 struct TevdAgent {
@@ -78,17 +74,12 @@ int TevdAgent_NumStarted(void);
 // ended; true when all have.
 bool TevdAgent_WaitSettled(unsigned seconds);
 int TevdAgent_InitStreamList(void);  // 0 or the pthread_mutex_init result
-// Hands a buffer of packed records to every matching stream; 0 or errno.
+// Traces each record of a buffer of packed records ("IN") and writes it
+// whole to every matching stream before it traces the next; 0 or errno.
 int TevdAgent_Distribute(const uint8_t *buf, size_t length);
 // The reader's exit request: a distribution waiting for room in a full pipe
 // gives up with EINTR once it is set.
 void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag);
-// The same in two halves, so that one poll pass costs one write per agent:
-// Queue copies each record to every matching stream's queue (writing a queue
-// out early once it holds a pipe's worth); Flush writes every queue with one
-// write each. The reader flushes before it waits again. 0 or errno.
-int TevdAgent_Queue(const uint8_t *buf, size_t length);
-int TevdAgent_Flush(void);
 
 bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id);
 // TEVD_AGENT_OK, TEVD_AGENT_NO_MEMORY or TEVD_AGENT_BROKEN (pipe setup).

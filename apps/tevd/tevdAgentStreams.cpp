@@ -1,6 +1,6 @@
 // Agent streams and distribution: the shared stream list, the subscriptions
-// that pick each stream's records, and the reader's queue-and-flush of
-// records into the agents' pipes.
+// that pick each stream's records, and the reader's tracing and writing of
+// each record into the agents' pipes.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -45,6 +45,7 @@ const volatile sig_atomic_t *stopFlag = nullptr;
 // flag is set: a stuck agent must not keep the reader from exiting.
 bool WaitForRoom(int fd) {
   TevdMetrics_Add(gTevdMetrics.pipeWaits);
+  PlatformLog_Flush();  // the reader's queued lines do not wait with it
   for (;;) {
     if (stopFlag != nullptr && *stopFlag != 0) {
       errno = EINTR;
@@ -193,7 +194,6 @@ int CloseStream(TevStream *s) {
   UnlockStreams();
   free(s->buf);
   free(s->chunk);
-  free(s->out);
   delete s;
   return rc;
 }
@@ -229,74 +229,29 @@ bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id) {
 
 namespace {
 
-// A queue is written out as soon as it holds what a pipe holds: writing more
-// at once would only wait for the agent.
-constexpr size_t kQueueFlushBytes = 64 * 1024;
-
-// Writes a stream's queue whole; a rare partial write (a signal in between)
-// is finished so that the agent never sees a torn record. 0 or errno.
-int WriteQueue(TevStream *s) {
+// Writes one record whole to a stream's pipe; a partial write (a record above
+// the pipe's atomic size, or a signal in between) is finished so that the
+// agent never sees a torn record. 0 or errno.
+int WriteRecord(TevStream *s, const uint8_t *rec, size_t len) {
   size_t done = 0;
-  while (done < s->outLength) {
-    ssize_t w = write(s->writeFd, s->out + done, s->outLength - done);
+  while (done < len) {
+    ssize_t w = write(s->writeFd, rec + done, len - done);
     // The pipe is non-blocking: wait for room, but give way to the exit
     // request (EINTR) so a stuck agent never keeps the reader from exiting.
     if (w < 0 && (errno == EINTR || errno == EAGAIN) && WaitForRoom(s->writeFd)) {
       continue;
     }
     if (w < 0) {
-      s->outLength = 0;
       return errno;
     }
     done += static_cast<size_t>(w);
-  }
-  s->outLength = 0;
-  if (s->outCapacity > 2 * kQueueFlushBytes) {
-    free(s->out);  // a very large record passed; do not keep its room
-    s->out = nullptr;
-    s->outCapacity = 0;
-  }
-  return 0;
-}
-
-int Enqueue(TevStream *s, const uint8_t *rec, size_t len) {
-  if (s->outLength + len > s->outCapacity) {
-    size_t cap = s->outCapacity > 0 ? s->outCapacity : 4096;
-    while (cap < s->outLength + len) {
-      cap *= 2;
-    }
-    uint8_t *grown = static_cast<uint8_t *>(realloc(s->out, cap));
-    if (grown == nullptr) {
-      return ENOMEM;
-    }
-    s->out = grown;
-    s->outCapacity = cap;
-  }
-  memcpy(s->out + s->outLength, rec, len);
-  s->outLength += len;
-  if (s->outLength < kQueueFlushBytes) {
-    return 0;
-  }
-  PlatformLog_Flush();  // the write may wait for the agent
-  return WriteQueue(s);
-}
-
-// Under the stream lock.
-int FlushLocked() {
-  for (TevStream *s = streamHead; s != nullptr; s = s->next) {
-    if (s->outLength > 0) {
-      int err = WriteQueue(s);
-      if (err != 0) {
-        return err;
-      }
-    }
   }
   return 0;
 }
 
 }  // namespace
 
-int TevdAgent_Queue(const uint8_t *buf, size_t length) {
+int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
   LockStreams();
   size_t off = 0;
   while (length - off >= TEV_RECORD_HEADER_SIZE) {
@@ -309,13 +264,18 @@ int TevdAgent_Queue(const uint8_t *buf, size_t length) {
     }
     const char *id = head.Id();
     size_t blockSize = argsOff <= recLen ? recLen - argsOff : 0;
+    // Traced right before its own hand-over and after the previous record's:
+    // an "IN" line never runs ahead of what the agents were given, so an
+    // agent's "OUT" for one record may come before the next record's "IN".
+    // One write per agent for a whole pass cannot keep that order; each
+    // record has its own.
     TevdTrace_Record("IN", head.TimestampUs(), id, rec + argsOff, blockSize,
                      static_cast<int>(head.ArgCount()));
     for (TevStream *s = streamHead; s != nullptr; s = s->next) {
       if (!TevdAgent_SubscriptionMatches(&s->sub, id)) {
         continue;
       }
-      int err = Enqueue(s, rec, recLen);
+      int err = WriteRecord(s, rec, recLen);
       if (err != 0) {
         UnlockStreams();
         return err;
@@ -325,17 +285,4 @@ int TevdAgent_Queue(const uint8_t *buf, size_t length) {
   }
   UnlockStreams();
   return 0;
-}
-
-int TevdAgent_Flush(void) {
-  PlatformLog_Flush();  // the reader's lines first: the writes may wait
-  LockStreams();
-  int err = FlushLocked();
-  UnlockStreams();
-  return err;
-}
-
-int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
-  int err = TevdAgent_Queue(buf, length);
-  return err != 0 ? err : TevdAgent_Flush();
 }

@@ -55,6 +55,10 @@ bool enableTevs = false;
 
 uint8_t *tevBuffer = nullptr;
 size_t tevBufferSize = 0;
+// The errno of a failed pipe write. It ends the loop whoever sent the
+// records, a user-level connection too: the write fails only when its agent
+// is gone, which closing a connection cannot mend.
+int distributeError = 0;
 
 void OnSignal(int sig) {
   if (sig == SIGHUP) {
@@ -154,13 +158,14 @@ int ReadTevs(TevLib_Handle handle, int ctx, int fd) {
     return -1;
   }
   TevdMetrics_Read(ctx, tevBuffer, length);
-  rc = TevdAgent_Queue(tevBuffer, length);
+  rc = TevdAgent_Distribute(tevBuffer, length);
+  if (rc != 0) {
+    distributeError = rc;
+    return rc;
+  }
   // Records the library took ahead of a full buffer do not make the
   // descriptor readable again: they are read now, not at the next arrival.
-  if (rc == 0 && TevLib_HasPending(fd)) {
-    return ReadTevs(handle, ctx, fd);
-  }
-  return rc;
+  return TevLib_HasPending(fd) ? ReadTevs(handle, ctx, fd) : 0;
 }
 
 // Closes the user connection at *index, keeping the set dense; the walk
@@ -301,19 +306,13 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
   // The reader's lines go out together before it waits (main unbatches).
   PlatformLog_BatchLines();
   for (;;) {
-    // What this pass read goes to the agents before the next wait: one
-    // write per agent for the whole pass. A flush that gave way to the exit
-    // request is not a failure.
-    int flushed = TevdAgent_Flush();
-    if (flushed != 0 && !exitRequested) {
-      return flushed;
-    }
     TevdNotify_LoopPass();
     LogIgnoredSignals();
     if (exitRequested) {
       TevdLog("Exiting due to signal.\n");
       return 0;
     }
+    PlatformLog_Flush();
     if (WaitForActivity(set, count) < 0) {
       if (errno == EINTR) {
         continue;
@@ -328,6 +327,10 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
       Served served = ServeEntry(contexts, set, &count, &i, capacity, &fatal);
       if (served == Served::Fatal) {
         return fatal;
+      }
+      // A distribution that gave way to the exit request is not a failure.
+      if (distributeError != 0 && !exitRequested) {
+        return distributeError;
       }
       if (served == Served::Skipped) {
         continue;

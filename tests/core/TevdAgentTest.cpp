@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -15,6 +16,7 @@
 #include "tevdAgent.h"
 #include "tevdCorrelator.h"
 #include "tevdLog.h"
+#include "tevdTrace.h"
 
 using namespace tevdtest;
 
@@ -119,7 +121,8 @@ TEST_F(AgentTest, WakeUpDuringABufferedReadIsServedAfterTheCurrentRecord) {
     std::vector<uint8_t> r = Record(id);
     buf.insert(buf.end(), r.begin(), r.end());
   }
-  ASSERT_EQ(static_cast<ssize_t>(buf.size()), write(agent->stream->writeFd, buf.data(), buf.size()));
+  ASSERT_EQ(static_cast<ssize_t>(buf.size()),
+            write(agent->stream->writeFd, buf.data(), buf.size()));
   Tev *tev = nullptr;
   int ready = -1;
   ASSERT_EQ(0, TevdAgent_WaitTev(agent, &tev, wake, 1, &ready));
@@ -159,6 +162,25 @@ TEST_F(AgentTest, DistributionWritesEachRecordOnlyToMatchingStreams) {
   TevdAgent_Cleanup(net);
   TevdAgent_Cleanup(scsi);
   TevdAgent_Cleanup(apd);
+}
+
+// The first record cannot reach its agent (a full pipe, and the reader asked
+// to exit): the second must not have been traced "IN" ahead of that hand-over.
+TEST_F(AgentTest, NextRecordIsNotTracedInBeforeThePreviousOneReachedItsAgent) {
+  TevdAgent *agent = Agent("fullAgent", "net");
+  const std::vector<char> page(4096, 0);
+  while (write(agent->stream->writeFd, page.data(), page.size()) > 0) {}
+  std::vector<uint8_t> buf = Record("tev.net.first"), second = Record("tev.net.second");
+  buf.insert(buf.end(), second.begin(), second.end());
+  TevdTrace_ResetForTest();
+  volatile sig_atomic_t stop = 1;
+  TevdAgent_SetStopFlag(&stop);
+  EXPECT_EQ(EINTR, TevdAgent_Distribute(buf.data(), buf.size()));
+  TevdAgent_SetStopFlag(nullptr);
+  std::vector<std::string> history = TevdTrace_HistoryForTest();
+  ASSERT_EQ(1u, history.size()) << testing::PrintToString(history);
+  EXPECT_NE(std::string::npos, history[0].find(",IN,77,tev.net.first,")) << history[0];
+  TevdAgent_Cleanup(agent);
 }
 
 // The writer goes away before any byte, or after a header announcing 100 bytes.

@@ -266,7 +266,7 @@ TEST_F(TevnetNetns, HostModelFollowsTheLinksAndLeavesOperatorPortGroups) {
   ASSERT_TRUE(In("link set lnk2 down"));
   EXPECT_EQ(Event("kos.problem.net.connectivity.lost"), (Strings{"ksw1", "hwnic2", "\"ksw1\""}))
       << Err();
-  // A NIC deleted without carrier is told as up: its alerts can end.
+  // A deleted NIC is told as up: its alerts can end.
   ASSERT_TRUE(In("link del hwnic2"));
   EXPECT_EQ(Event("kos.clear.net.hwnic.linkstate.up"), Strings{"hwnic2"}) << Err();
   // Gone from the host, gone from the model; the operator's files stay.

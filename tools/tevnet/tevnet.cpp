@@ -406,17 +406,17 @@ class Watcher {
     state_ = std::move(next);
   }
 
-  // A NIC that went away ends its faults: one without carrier is told as
-  // coming up, among its switch's uplinks as they now stand. Where none of
-  // them has carrier the daemon would report no port group restored, and
-  // only the bare link state names the NIC.
+  // A NIC that went away ends its faults: it is told as coming up, among its
+  // switch's uplinks as they now stand, whether it had carrier or not (one
+  // with carrier may still have a flapping alert). Where none of them has
+  // carrier the daemon would report no port group restored, and only the
+  // bare link state names the NIC.
   void Gone(const std::string &name, NetState::Nic nic, const NetState &next) {
     restate_.erase(name);
     lastChange_.erase(name);
     lastTold_.erase(name);
     if (table_.count(nic.ifindex) != 0) return;  // still there, no longer watched
-    Log("%s: removed%s", name.c_str(), nic.carrier ? "" : " (it had no carrier: told as up)");
-    if (nic.carrier) return;
+    Log("%s: removed (told as up: its alerts end)", name.c_str());
     NetState view = next;
     if (view.switches.count(nic.vswitch) == 0 || view.UplinksWithCarrier(nic.vswitch) == 0) {
       nic.vswitch.clear();

@@ -65,7 +65,12 @@ am_up() {
   am=$!
 }
 am_up
-"$tevd" 2>"$TEVD_ROOT/tevd.err" & tevdpid=$!; pids+=($tevdpid)
+# The trace client that never reads (below) holds what is queued for it
+# until it passes the pending limit and is cut off: 16 MiB by default, more
+# than a 10-minute soak produces, so that its memory would look like growth.
+# A 2 MiB limit is reached within minutes and the ceiling shows.
+TEVD_TRACE_PENDING_MAX=${TRACE_PENDING_MAX:-2097152} "$tevd" 2>"$TEVD_ROOT/tevd.err" &
+tevdpid=$!; pids+=($tevdpid)
 sleep 1
 "$tevfwd" --alertmanager http://127.0.0.1:$port --resend 5 2>"$TEVD_ROOT/tevfwd.err" &
 fwdpid=$!; pids+=($fwdpid)
@@ -89,11 +94,13 @@ s.connect('$TEVD_ROOT/var/run/orlan/tevd-trace.sock')
 time.sleep(10**6)" & pids+=($!)
 
 end=$((SECONDS + DURATION))
-# Floods on four contexts and the user-level one.
+# Floods on four contexts and the user-level one. The events repeat 64
+# arguments: each distinct one is an alert that fires for a day, and a
+# forwarder asked to keep an ever-growing active set grows with it.
 for ctx in "--domain 1" "--domain 5" "--domain 9" "--user"; do
   (while [ $SECONDS -lt $end ]; do
      "$tevctl" post $ctx tev.vm.fault "flood %d" $RANDOM >/dev/null 2>&1
-     "$tevctl" post $ctx tev.user.test.test2 "two %d %s" $RANDOM x >/dev/null 2>&1
+     "$tevctl" post $ctx tev.user.test.test2 "two %d %s" $((RANDOM % 64)) x >/dev/null 2>&1
    done) & pids+=($!)
 done
 # Link churn.
@@ -121,9 +128,14 @@ echo "$t $(sample $tevdpid) $(sample $fwdpid) $(sample $netpid)" >>"$TEVD_ROOT/s
 alive=""
 for p in $tevdpid $fwdpid $netpid; do kill -0 $p 2>/dev/null && alive+="yes " || alive+="NO "; done
 echo "soak of ${DURATION}s under $TEVD_ROOT; alive (tevd tevfwd tevnet): $alive"
-head -2 "$TEVD_ROOT/samples"; tail -1 "$TEVD_ROOT/samples"
+# The first sample, the one halfway and the last: flat is the second half.
+n=$(wc -l <"$TEVD_ROOT/samples")
+sed -n "1,2p;$(( (n + 2) / 2 ))p;${n}p" "$TEVD_ROOT/samples"
 echo "collector lines and 'log lines dropped' reported: $(cat "$TEVD_ROOT/dev/log.count" 2>/dev/null)"
 echo "tevfwd counters: $(cat "$TEVD_ROOT/var/run/orlan/tevfwd-counters.json" 2>/dev/null)"
+echo "tevd's drop counters:"
+grep -E '^tevd_(log_lines_dropped|trace_clients|trace_clients_disconnected|events_abandoned|records_refused)' \
+  "$TEVD_ROOT/var/run/orlan/metrics/tevd.prom" 2>/dev/null | sed 's/^/   /'
 kill $am 2>/dev/null
 for p in $tevdpid $fwdpid $netpid; do kill -TERM $p 2>/dev/null; done
 wait $tevdpid; echo "tevd exit status $?"

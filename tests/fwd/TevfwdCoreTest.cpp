@@ -291,6 +291,29 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles)
   EXPECT_FALSE(h.TakeLogLines().empty());
 }
 
+// Defect: active.json was saved once a second, spool entries removed once every replica had
+// them; a forwarder killed in between brought back an alert whose end both replicas had taken.
+TEST(TevfwdForwarder, KillAfterDeliveryNeitherRevivesAnEndedAlertNorLosesANewOne) {
+  tevdtest::ScratchRoot root;
+  root.MakeDir("spool");
+  const tevfwd::Options o = Opts(root.Abs("spool"));
+  {
+    Forwarder f(o);
+    f.Accept(Msg("kos.problem.net.connectivity.lost", {S("ksw1"), S("hwnic2"), S("\"ksw1\"")}),
+             kT0);
+    DeliverAll(&f, kT0);
+    f.Accept(Msg("kos.clear.net.connectivity.restored", {S("ksw1"), S("\"ksw1\""), S("hwnic3")}),
+             kT0);
+    f.Accept(Msg("kos.problem.dhclient.lease.none", {S("mtlnic0")}), kT0);
+    DeliverAll(&f, kT0);
+  }  // killed: no save of its own
+  Forwarder g(o);
+  g.Recover(kT1);
+  json sent = DeliverAll(&g, kT1);
+  ASSERT_EQ(sent.size(), 1u) << sent.dump();
+  EXPECT_EQ(sent[0]["labels"]["alertname"], "kos.problem.dhclient.lease.none");
+}
+
 // Defects: entries a full or read-only spool never took counted as spooled, with a log line each;
 // 9999999999999999.json pushed later names to 17 digits, which recovery ignored for ever; a
 // leftover .tmp stayed; an entry without some keys reached undefined behaviour in the lookup.

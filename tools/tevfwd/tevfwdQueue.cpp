@@ -56,9 +56,16 @@ void Forwarder::Done(size_t r, const std::vector<Item> &items, bool refused) {
     for (const Item &it : items) ++(it.seq != 0 ? rc.sent : rc.resent);
   }
   std::sort(seqs.begin(), seqs.end());
+  bool delivered = false;
   for (Entry &e : spool_) {
     if (std::binary_search(seqs.begin(), seqs.end(), e.seq)) e.pending &= ~(1u << r);
+    delivered = delivered || e.pending == 0;
   }
+  // The active set is saved before a spool entry that changed it goes: a
+  // forwarder killed in between would otherwise start again from an
+  // active.json without that change, and bring back an alert whose end every
+  // replica had (or lose one that began).
+  if (delivered) SaveActive();
   for (auto it = spool_.begin(); it != spool_.end();) {
     if (it->pending != 0) {
       ++it;

@@ -57,6 +57,8 @@ using Clock = std::chrono::steady_clock;
 // burst, the present state is told again once that window has surely passed.
 constexpr int kSettleSec = 3;
 constexpr auto kSettle = std::chrono::seconds(kSettleSec);
+// How long a removed NIC is told as gone again to a daemon that is new.
+constexpr auto kDepartedKept = std::chrono::seconds(60);
 // A delivery that failed is made good by the whole present state this much later.
 constexpr auto kResyncRetry = std::chrono::milliseconds(1000);
 
@@ -247,6 +249,7 @@ class Watcher {
     std::vector<std::pair<int, std::string>> order;
     for (const auto &n : state_.nics) order.emplace_back(n.second.ifindex, n.first);
     std::sort(order.begin(), order.end());
+    if (!bare) TellDeparted();
     std::vector<std::string> nics;
     for (const auto &n : order) {
       if (bare) {
@@ -291,6 +294,13 @@ class Watcher {
     for (const Link &l : links) table_[l.ifindex] = l;
     state_ = BuildState(Links(), opts_);
     const std::vector<std::string> unsettled = UnsettledNics(state_, 2 * kSettleSec);
+    // NICs removed while no tevnet ran: gone from the kernel, still in the
+    // model; their end is told with the present state.
+    std::set<std::string> names;
+    for (const Link &l : links) names.insert(l.name);
+    for (const auto &m : ModelNics()) {
+      if (names.count(m.first) == 0) departed_[m.first] = {m.second, Clock::now()};
+    }
     SyncHostModel(state_);
     for (const auto &n : state_.nics) lastChange_[n.first] = Clock::now();
     for (const std::string &nic : unsettled) Restate(nic, false);
@@ -417,7 +427,12 @@ class Watcher {
     lastTold_.erase(name);
     if (table_.count(nic.ifindex) != 0) return;  // still there, no longer watched
     Log("%s: removed (told as up: its alerts end)", name.c_str());
-    NetState view = next;
+    departed_[name] = {nic, Clock::now()};
+    TellGone(name, nic, next);
+  }
+
+  void TellGone(const std::string &name, NetState::Nic nic, const NetState &now) {
+    NetState view = now;
     if (view.switches.count(nic.vswitch) == 0 || view.UplinksWithCarrier(nic.vswitch) == 0) {
       nic.vswitch.clear();
     }
@@ -427,7 +442,22 @@ class Watcher {
     // That recovery counts the uplinks left with carrier; a loss of
     // redundancy among them that it may have ended is told again.
     if (!nic.vswitch.empty()) {
-      for (const std::string &member : next.switches.at(nic.vswitch)) Restate(member, false);
+      for (const std::string &member : now.switches.at(nic.vswitch)) Restate(member, false);
+    }
+  }
+
+  // A daemon that was stopped within its settling time of a NIC's removal
+  // never reported it, and the present state no longer names the NIC: the
+  // NICs removed lately are told as gone to a new daemon too.
+  void TellDeparted() {
+    const Clock::time_point now = Clock::now();
+    for (auto it = departed_.begin(); it != departed_.end();) {
+      if (now - it->second.at > kDepartedKept || state_.nics.count(it->first) != 0) {
+        it = departed_.erase(it);
+        continue;
+      }
+      TellGone(it->first, it->second.nic, state_);
+      ++it;
     }
   }
 
@@ -440,6 +470,11 @@ class Watcher {
   // When the daemon was last told of each NIC: a change, a restatement or
   // the present state.
   std::map<std::string, Clock::time_point> lastTold_;
+  struct Departed {
+    NetState::Nic nic;
+    Clock::time_point at;
+  };
+  std::map<std::string, Departed> departed_;  // NICs removed lately, by name
   Clock::time_point resyncAt_ = Clock::time_point::max();
   uint64_t drops_ = 0;
 };

@@ -132,6 +132,9 @@ void SyncHostModel(const NetState &state);
 // changed less than `withinSec` ago or is no longer the kernel's: a daemon may
 // still be gathering what it was told of them.
 std::vector<std::string> UnsettledNics(const NetState &state, int withinSec);
+// The NICs the host model has from a tevnet (carrier and switch as it last
+// wrote them), by name.
+std::map<std::string, NetState::Nic> ModelNics();
 
 // Watches nodes/net/pNics/NIC/linkFlapping for the daemon's verdicts.
 class FlapNodes {

@@ -159,6 +159,18 @@ std::vector<std::string> UnsettledNics(const NetState &state, int withinSec) {
   return out;
 }
 
+std::map<std::string, NetState::Nic> ModelNics() {
+  std::map<std::string, NetState::Nic> out;
+  for (const std::string &f : ListDir(kPNics)) {
+    std::string dir = std::string(kPNics) + "/" + f, carrier, vswitch;
+    if (!PlatformModel_Read(dir + "/carrier", &carrier)) continue;  // not tevnet's entry
+    NetState::Nic &nic = out[Unescape(f)];
+    nic.carrier = carrier == "1";
+    if (PlatformModel_Read(dir + "/vswitch", &vswitch)) nic.vswitch = vswitch;
+  }
+  return out;
+}
+
 void SyncHostModel(const NetState &state) {
   if (!MakeDir(kPNics) || !MakeDir(kPortGroups) || !MakeDir(kSwitches)) return;
   for (const auto &n : state.nics) {

@@ -13,7 +13,7 @@
 
 #include "Harness.h"
 #include "TevdTestSupport.h"
-#include "tevdAgent.h"
+#include "tevdAgentInternal.h"  // the stream's pipe and reassembly
 #include "tevdCorrelator.h"
 #include "tevdLog.h"
 #include "tevdTrace.h"
@@ -63,8 +63,6 @@ class AgentTest : public ::testing::Test {
  protected:
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
-    static bool once = TevdAgent_InitStreamList() == 0;
-    ASSERT_TRUE(once);
   }
   ScratchRoot root_;
   LogLines log_{root_};

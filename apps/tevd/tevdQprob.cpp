@@ -359,7 +359,7 @@ void TevdQprob_SetSendHookForTest(TevdQprobSendHook hook, void *ctx) {
 void TevdQprob_ResetForTest(void) {
   rateWindowStart.store(0, std::memory_order_relaxed);
   rateCount.store(0, std::memory_order_relaxed);
-  TevdQprobRetry_ResetForTest();
+  TevdQprobRetry_Clear();
   agentStuck.store(false);
   pathMutex.lock();
   socketPathResolved = false;

@@ -164,7 +164,7 @@ void TevdQprobAlarmHandler(void) {
   }
 }
 
-void TevdQprobRetry_ResetForTest(void) {
+void TevdQprobRetry_Clear(void) {
   retryListMutex.lock();
   InitRetryListLocked();
   while (retryHead.next != &retryHead) {
@@ -172,15 +172,4 @@ void TevdQprobRetry_ResetForTest(void) {
   }
   retryAlarmArmed = false;
   retryListMutex.unlock();
-}
-
-size_t TevdQprob_RetryListLengthForTest(void) {
-  retryListMutex.lock();
-  InitRetryListLocked();
-  size_t n = 0;
-  for (RetryEntry *e = retryHead.next; e != &retryHead; e = e->next) {
-    n++;
-  }
-  retryListMutex.unlock();
-  return n;
 }

@@ -393,24 +393,3 @@ void *TevdTraceWriter(void *arg) {
     }
   }
 }
-
-std::vector<std::string> TevdTrace_HistoryForTest(void) {
-  traceMutex.lock();
-  std::vector<std::string> copy(history.begin(), history.end());
-  traceMutex.unlock();
-  return copy;
-}
-
-void TevdTrace_ResetForTest(void) {
-  traceMutex.lock();
-  history.clear();
-  historySize = 0;
-  traceMutex.unlock();
-}
-
-size_t TevdTrace_ListenerCountForTest(void) {
-  traceMutex.lock();
-  size_t n = listeners.size();
-  traceMutex.unlock();
-  return n;
-}

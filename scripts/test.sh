@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test. With "asan" or "tsan", the same suite under
-# AddressSanitizer+UndefinedBehaviorSanitizer or ThreadSanitizer. Installs
+# AddressSanitizer+UndefinedBehaviorSanitizer or ThreadSanitizer. With "tsa",
+# builds the programs with clang's thread-safety analysis as errors (the
+# locking annotations of TevMutex.h) and runs nothing. Installs
 # the packages it needs first (scripts/deps.sh). Tests that cannot run here
 # (no root, a package missing) are listed at the end; with
 # TEVD_REQUIRE_ALL_TESTS=1, as in CI, they fail instead.
@@ -14,7 +16,12 @@ case "$variant" in
   "") ;;
   asan) dir=build-asan; flags=(-DTEVD_SANITIZE=asan -DCMAKE_BUILD_TYPE=Debug) ;;
   tsan) dir=build-tsan; flags=(-DTEVD_SANITIZE=tsan -DCMAKE_BUILD_TYPE=Debug) ;;
-  *) echo "usage: $0 [asan|tsan]" >&2; exit 2 ;;
+  tsa)
+    scripts/deps.sh fuzz  # clang
+    cmake -S . -B build-tsa -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS="-Wthread-safety" \
+      -DTEVD_BUILD_TESTS=OFF -DTEVD_BUILD_MAN=OFF >/dev/null
+    exec cmake --build build-tsa -j2 ;;
+  *) echo "usage: $0 [asan|tsan|tsa]" >&2; exit 2 ;;
 esac
 cmake -S . -B "$dir" -DTEVD_BUILD_TESTS=ON "${flags[@]}" >/dev/null
 cmake --build "$dir" -j2

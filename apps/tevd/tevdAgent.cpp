@@ -15,6 +15,7 @@
 
 #include "PlatformRoot.h"
 #include "TevClock.h"
+#include "TevMutex.h"
 #include "tevdAgentInternal.h"
 #include "tevdLog.h"
 #include "tevdMetrics.h"
@@ -28,9 +29,9 @@ int agentCount = 0;
 
 // Start-up waits until every agent has subscribed (or given up), so that no
 // record read by the loop finds an agent that is not listening yet.
-pthread_mutex_t settleMutex = PTHREAD_MUTEX_INITIALIZER;
+TevMutex settleMutex;
 pthread_cond_t settleCond = PTHREAD_COND_INITIALIZER;
-int settledCount = 0;
+int settledCount GUARDED_BY(settleMutex) = 0;
 thread_local bool agentSettled = false;
 
 }  // namespace
@@ -40,10 +41,9 @@ void tevd_agent::MarkSettled() {
     return;
   }
   agentSettled = true;
-  pthread_mutex_lock(&settleMutex);
+  TevLock hold(&settleMutex);
   ++settledCount;
   pthread_cond_broadcast(&settleCond);
-  pthread_mutex_unlock(&settleMutex);
 }
 
 namespace {
@@ -131,14 +131,12 @@ bool TevdAgent_WaitSettled(unsigned seconds) {
   struct timespec deadline;
   TevClock_GetRealtime(&deadline);
   deadline.tv_sec += seconds;
-  pthread_mutex_lock(&settleMutex);
+  TevLock hold(&settleMutex);
   int rc = 0;
   while (settledCount < agentCount && rc != ETIMEDOUT) {
-    rc = pthread_cond_timedwait(&settleCond, &settleMutex, &deadline);
+    rc = settleMutex.WaitUntil(&settleCond, &deadline);
   }
-  bool all = settledCount >= agentCount;
-  pthread_mutex_unlock(&settleMutex);
-  return all;
+  return settledCount >= agentCount;
 }
 
 int TevdAgent_Init(const char *name, const std::vector<std::string> &words,

@@ -3,7 +3,8 @@
 // end and reassembles records from it. The stream list is shared: agents add
 // and remove their own stream, the reader walks it to distribute a buffer;
 // one stream lock guards it, held for a whole buffer so records keep their
-// order across agents.
+// order across agents. The structures are the agent sources' own
+// (tevdAgentInternal.h).
 #pragma once
 
 #include <signal.h>
@@ -38,31 +39,8 @@ struct TevSubscription {
   char *ids[TEVD_SUBSCRIPTION_MAX] = {};
 };
 
-struct TevStream {
-  TevStream *prev = nullptr;
-  TevStream *next = nullptr;
-  int readFd = -1;
-  int writeFd = -1;
-  TevSubscription sub;
-  char **nameHolder = nullptr;
-  uint8_t *buf = nullptr;
-  uint32_t have = 0;
-  uint32_t want = 0;
-  // Bytes read from the pipe ahead of the record being reassembled: one read
-  // takes whatever the pipe holds, and the records in it are served from here.
-  uint8_t *chunk = nullptr;
-  uint32_t chunkStart = 0;
-  uint32_t chunkEnd = 0;
-};
-
-struct TevdAgent {
-  TevSubscription *sub = nullptr;
-  std::atomic<uint64_t> *handled = nullptr;  // records handed to this correlator
-  TevStream *stream = nullptr;
-  char **nameHolder = nullptr;
-  int pollFd = -1;
-  int numFds = 0;
-};
+// An agent's subscription and the stream it reads (tevdAgentInternal.h).
+struct TevdAgent;
 
 typedef void (*TevdAgentFn)(void);
 
@@ -73,7 +51,6 @@ int TevdAgent_NumStarted(void);
 // Waits (at most `seconds`) until every started agent has subscribed or
 // ended; true when all have.
 bool TevdAgent_WaitSettled(unsigned seconds);
-int TevdAgent_InitStreamList(void);  // 0 or the pthread_mutex_init result
 // Traces each record of a buffer of packed records ("IN") and writes it
 // whole to every matching stream before it traces the next; 0 or errno.
 int TevdAgent_Distribute(const uint8_t *buf, size_t length);
@@ -93,11 +70,4 @@ int TevdAgent_InitOne(const char *name, const char *word, TevdAgent **agent);
 // same pass comes with them and goes first); else TEVD_AGENT_BROKEN.
 int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds = nullptr, int numExtra = 0,
                       int *readyExtra = nullptr);
-// One read from the stream: 0 with *tev set when a record completed, 0 with
-// *tev null when more bytes are wanted, else TEVD_AGENT_BROKEN.
-// A step reads the pipe only when nothing read earlier is left over; leftover
-// bytes do not make the pipe readable, so a caller runs a step without
-// waiting while this is true.
-int TevdAgent_ReassembleStep(TevStream *stream, Tev **tev);
-bool TevdAgent_StreamBuffered(const TevStream *stream);
 void TevdAgent_Cleanup(TevdAgent *agent);

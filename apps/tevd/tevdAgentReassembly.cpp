@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "PlatformRoot.h"
-#include "tevdAgent.h"
+#include "tevdAgentInternal.h"
 #include "tevdLog.h"
 
 namespace {

@@ -13,6 +13,7 @@
 
 #include "PlatformRoot.h"
 #include "Str.h"
+#include "TevMutex.h"
 #include "tevdAgent.h"
 #include "tevdAgentInternal.h"
 #include "tevdLog.h"
@@ -21,23 +22,11 @@
 
 namespace {
 
-pthread_mutex_t streamLock;
-TevStream *streamHead = nullptr;
-TevStream *streamTail = nullptr;
-
-void LockStreams() {
-  int rc = pthread_mutex_lock(&streamLock);
-  if (rc != 0) {
-    Panic("Failed to acquire stream lock: %s\n", strerror(rc));
-  }
-}
-
-void UnlockStreams() {
-  int rc = pthread_mutex_unlock(&streamLock);
-  if (rc != 0) {
-    Panic("Failed to release stream lock: %s\n", strerror(rc));
-  }
-}
+// Held for the whole of a distribution, so taken before the trace's lock
+// (TevdTrace_Record) and never while an agent waits for its own records.
+TevMutex streamLock;
+TevStream *streamHead GUARDED_BY(streamLock) = nullptr;
+TevStream *streamTail GUARDED_BY(streamLock) = nullptr;
 
 const volatile sig_atomic_t *stopFlag = nullptr;
 
@@ -157,7 +146,7 @@ int CreateStream(const TevSubscription *sub, char **nameHolder, TevStream **out)
     return TEVD_AGENT_NO_MEMORY;
   }
   s->nameHolder = nameHolder;
-  LockStreams();
+  streamLock.lock();
   s->prev = streamTail;
   if (streamTail != nullptr) {
     streamTail->next = s;
@@ -165,14 +154,25 @@ int CreateStream(const TevSubscription *sub, char **nameHolder, TevStream **out)
     streamHead = s;
   }
   streamTail = s;
-  UnlockStreams();
+  streamLock.unlock();
   *out = s;
   return TEVD_AGENT_OK;
 }
 
 int CloseStream(TevStream *s) {
   int rc = 0;
-  LockStreams();
+  // The reader may be waiting, with the lock held, for room in this very
+  // pipe, which nobody reads any more: what it writes meanwhile is read and
+  // dropped (closing the pipe would drop it too) until it moves on, instead
+  // of both waiting for each other and every other agent going without.
+  while (!streamLock.try_lock()) {
+    struct pollfd pfd = {s->readFd, POLLIN, 0};
+    char sink[4096];
+    if (poll(&pfd, 1, 10) > 0 && read(s->readFd, sink, sizeof sink) < 0 && errno != EINTR) {
+      streamLock.lock();
+      break;
+    }
+  }
   if (close(s->readFd) == 0) {
     if (close(s->writeFd) != 0) {
       rc = TEVD_AGENT_BROKEN;
@@ -191,7 +191,7 @@ int CloseStream(TevStream *s) {
   } else {
     streamTail = s->prev;
   }
-  UnlockStreams();
+  streamLock.unlock();
   free(s->buf);
   free(s->chunk);
   delete s;
@@ -202,15 +202,7 @@ int CloseStream(TevStream *s) {
 
 void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag) { stopFlag = flag; }
 
-int TevdAgent_InitStreamList(void) {
-  static bool initialised = false;
-  if (initialised) {
-    return 0;
-  }
-  int rc = pthread_mutex_init(&streamLock, nullptr);
-  initialised = (rc == 0);
-  return rc;
-}
+int TevdAgent_InitStreamList(void) { return 0; }  // the lock is statically initialised
 
 bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id) {
   for (int i = 0; i < sub->numPrefixes; ++i) {
@@ -252,7 +244,7 @@ int WriteRecord(TevStream *s, const uint8_t *rec, size_t len) {
 }  // namespace
 
 int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
-  LockStreams();
+  TevLock hold(&streamLock);
   size_t off = 0;
   while (length - off >= TEV_RECORD_HEADER_SIZE) {
     const uint8_t *rec = buf + off;
@@ -277,12 +269,10 @@ int TevdAgent_Distribute(const uint8_t *buf, size_t length) {
       }
       int err = WriteRecord(s, rec, recLen);
       if (err != 0) {
-        UnlockStreams();
         return err;
       }
     }
     off += recLen;
   }
-  UnlockStreams();
   return 0;
 }

@@ -1,7 +1,7 @@
 // Alarm service.
 //
-// DESIGN: one registry (tevdAlarmMap, at most 16 entries, identifiers 0..15
-// handed out in order and never released) guarded by tevdAlarmMutex, and one
+// DESIGN: one registry (alarmMap, at most 16 entries, identifiers 0..15
+// handed out in order and never released) guarded by alarmMutex, and one
 // alarm thread. The thread walks the map in identifier order, takes the first
 // alarm whose deadline has come (so the lowest identifier wins a tie), updates
 // it (periodic: counted again from the moment it was noticed; one-shot:
@@ -13,29 +13,42 @@
 // pthread_cond_timedwait on an absolute CLOCK_REALTIME deadline (whole
 // seconds, 0 ns) on the same clock, so moving the system clock (or running
 // under a clock-shifting preload) moves every alarm alike. Every
-// TevdAlarm_Set broadcasts tevdAlarmMapUpdated so the sleep is recomputed.
+// TevdAlarm_Set broadcasts alarmMapUpdated so the sleep is recomputed.
 #include "tevdAlarm.h"
 
+#include <pthread.h>
+
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
+#include <map>
 
 #include "TevClock.h"
-
-std::map<int32_t, TevdAlarmState> &tevdAlarmMap = *new std::map<int32_t, TevdAlarmState>;
-pthread_mutex_t tevdAlarmMutex = PTHREAD_MUTEX_INITIALIZER;
-// Statically initialised condition variables use CLOCK_REALTIME.
-pthread_cond_t tevdAlarmMapUpdated = PTHREAD_COND_INITIALIZER;
+#include "TevMutex.h"
 
 namespace {
 
-int32_t nextAlarmId = 0;  // guarded by tevdAlarmMutex
-bool alarmThreadStarted = false;
+struct AlarmState {
+  uint32_t mode = 0;      // 0 one-shot, 1 periodic
+  uint32_t interval = 0;  // seconds
+  uint64_t deadline = 0;  // absolute wall-clock seconds; 0 = not armed
+  TevdAlarmHandler handler = nullptr;
+};
+
+// Taken after no other lock, and not held while a handler runs.
+TevMutex alarmMutex;
+// Never destroyed: the alarm thread runs until the process has ended.
+std::map<int32_t, AlarmState> &alarmMap GUARDED_BY(alarmMutex) = *new std::map<int32_t, AlarmState>;
+// Statically initialised condition variables use CLOCK_REALTIME.
+pthread_cond_t alarmMapUpdated = PTHREAD_COND_INITIALIZER;
+int32_t nextAlarmId GUARDED_BY(alarmMutex) = 0;
+bool alarmThreadStarted GUARDED_BY(alarmMutex) = false;
 
 // With the lock held: finds the first alarm in identifier order that is due at
 // `now`, advances or disarms it, and returns its handler through `handler`.
-bool TakeDueLocked(uint64_t now, TevdAlarmHandler *handler) {
-  for (auto &entry : tevdAlarmMap) {
-    TevdAlarmState &alarm = entry.second;
+bool TakeDueLocked(uint64_t now, TevdAlarmHandler *handler) REQUIRES(alarmMutex) {
+  for (auto &entry : alarmMap) {
+    AlarmState &alarm = entry.second;
     if (alarm.deadline == 0 || alarm.deadline > now) {
       continue;
     }
@@ -55,9 +68,9 @@ bool TakeDueLocked(uint64_t now, TevdAlarmHandler *handler) {
 
 // With the lock held: the earliest armed deadline not before `now` (the first
 // in identifier order among equals), or 0 when nothing is armed.
-uint64_t EarliestDeadlineLocked(uint64_t now) {
+uint64_t EarliestDeadlineLocked(uint64_t now) REQUIRES(alarmMutex) {
   uint64_t earliest = 0;
-  for (const auto &entry : tevdAlarmMap) {
+  for (const auto &entry : alarmMap) {
     uint64_t d = entry.second.deadline;
     if (d != 0 && d >= now && (earliest == 0 || d < earliest)) {
       earliest = d;
@@ -69,18 +82,18 @@ uint64_t EarliestDeadlineLocked(uint64_t now) {
 }  // namespace
 
 int TevdAlarm_Register(TevdAlarmHandler handler) {
-  pthread_mutex_lock(&tevdAlarmMutex);
+  alarmMutex.lock();
   if (nextAlarmId > TEVD_ALARM_MAX - 1) {
-    pthread_mutex_unlock(&tevdAlarmMutex);
+    alarmMutex.unlock();
     return -1;
   }
   int id = nextAlarmId++;
-  TevdAlarmState &alarm = tevdAlarmMap[id];
+  AlarmState &alarm = alarmMap[id];
   alarm.mode = 0;
   alarm.interval = 0;
   alarm.deadline = 0;
   alarm.handler = handler;
-  pthread_mutex_unlock(&tevdAlarmMutex);
+  alarmMutex.unlock();
   return id;
 }
 
@@ -88,16 +101,16 @@ int TevdAlarm_Set(int id, unsigned mode, unsigned seconds, unsigned *remaining) 
   if (mode > 1) {
     return 1;
   }
-  pthread_mutex_lock(&tevdAlarmMutex);
+  alarmMutex.lock();
   if (remaining != nullptr) {
     *remaining = 0;
   }
-  auto it = tevdAlarmMap.find(id);
-  if (it == tevdAlarmMap.end()) {
-    pthread_mutex_unlock(&tevdAlarmMutex);
+  auto it = alarmMap.find(id);
+  if (it == alarmMap.end()) {
+    alarmMutex.unlock();
     return 1;
   }
-  TevdAlarmState &alarm = it->second;
+  AlarmState &alarm = it->second;
   uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
   if (remaining != nullptr) {
     *remaining = alarm.deadline > now ? static_cast<unsigned>(alarm.deadline - now) : 0;
@@ -105,14 +118,16 @@ int TevdAlarm_Set(int id, unsigned mode, unsigned seconds, unsigned *remaining) 
   alarm.mode = mode;
   alarm.interval = seconds;
   alarm.deadline = seconds == 0 ? 0 : now + seconds;
-  pthread_cond_broadcast(&tevdAlarmMapUpdated);
-  pthread_mutex_unlock(&tevdAlarmMutex);
+  pthread_cond_broadcast(&alarmMapUpdated);
+  alarmMutex.unlock();
   return 0;
 }
 
-void *TevdAlarm_ThreadMain(void *) {
+namespace {
+
+void *AlarmThreadMain(void *) {
   uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
-  pthread_mutex_lock(&tevdAlarmMutex);
+  alarmMutex.lock();
   for (;;) {
     TevdAlarmHandler handler = nullptr;
     if (!TakeDueLocked(now, &handler)) {
@@ -120,31 +135,33 @@ void *TevdAlarm_ThreadMain(void *) {
       if (!TakeDueLocked(now, &handler)) {
         uint64_t deadline = EarliestDeadlineLocked(now);
         if (deadline == 0) {
-          pthread_cond_wait(&tevdAlarmMapUpdated, &tevdAlarmMutex);
+          alarmMutex.Wait(&alarmMapUpdated);
         } else {
           struct timespec until;
           until.tv_sec = static_cast<time_t>(deadline);
           until.tv_nsec = 0;
-          pthread_cond_timedwait(&tevdAlarmMapUpdated, &tevdAlarmMutex, &until);
+          alarmMutex.WaitUntil(&alarmMapUpdated, &until);
         }
         continue;
       }
     }
-    pthread_mutex_unlock(&tevdAlarmMutex);
+    alarmMutex.unlock();
     if (handler != nullptr) {
       handler();
     }
-    pthread_mutex_lock(&tevdAlarmMutex);
+    alarmMutex.lock();
   }
   return nullptr;
 }
 
+}  // namespace
+
 void TevdAlarm_StartThread(void) {
   pthread_t thread;
-  if (pthread_create(&thread, nullptr, TevdAlarm_ThreadMain, nullptr) == 0) {
-    pthread_mutex_lock(&tevdAlarmMutex);
+  if (pthread_create(&thread, nullptr, AlarmThreadMain, nullptr) == 0) {
+    alarmMutex.lock();
     alarmThreadStarted = true;
-    pthread_mutex_unlock(&tevdAlarmMutex);
+    alarmMutex.unlock();
   }
 }
 
@@ -153,9 +170,9 @@ int TevdAlarm_RunDueForTest(void) {
   for (;;) {
     uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
     TevdAlarmHandler handler = nullptr;
-    pthread_mutex_lock(&tevdAlarmMutex);
+    alarmMutex.lock();
     bool due = TakeDueLocked(now, &handler);
-    pthread_mutex_unlock(&tevdAlarmMutex);
+    alarmMutex.unlock();
     if (!due) {
       return ran;
     }
@@ -167,8 +184,8 @@ int TevdAlarm_RunDueForTest(void) {
 }
 
 void TevdAlarm_ResetForTest(void) {
-  pthread_mutex_lock(&tevdAlarmMutex);
-  tevdAlarmMap.clear();
+  alarmMutex.lock();
+  alarmMap.clear();
   nextAlarmId = 0;
-  pthread_mutex_unlock(&tevdAlarmMutex);
+  alarmMutex.unlock();
 }

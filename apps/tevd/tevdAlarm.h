@@ -3,35 +3,22 @@
 // a time, so they may set any alarm, their own included.
 #pragma once
 
-#include <cstdint>
-#include <map>
-
-#include <pthread.h>
-
 typedef void (*TevdAlarmHandler)(void);
-
-struct TevdAlarmState {
-  uint32_t mode = 0;      // 0 one-shot, 1 periodic
-  uint32_t interval = 0;  // seconds
-  uint64_t deadline = 0;  // absolute wall-clock seconds; 0 = not armed
-  TevdAlarmHandler handler = nullptr;
-};
-
-// Never destroyed: the alarm thread runs until the process has ended.
-extern std::map<int32_t, TevdAlarmState> &tevdAlarmMap;
-extern pthread_mutex_t tevdAlarmMutex;
-extern pthread_cond_t tevdAlarmMapUpdated;
 
 constexpr int TEVD_ALARM_MAX = 16;
 
 int TevdAlarm_Register(TevdAlarmHandler handler);
+// Arms (seconds > 0) or disarms alarm `id`, one-shot (mode 0) or periodic
+// (1); *remaining gets the seconds that were left of its old deadline. 0, or
+// 1 for an unknown alarm or mode.
 int TevdAlarm_Set(int id, unsigned mode, unsigned seconds, unsigned *remaining);
 void TevdAlarm_StartThread(void);
-void *TevdAlarm_ThreadMain(void *);
 
 // ---- test support ------------------------------------------------------------
+// The thread sleeps on the real clock: tests run its passes on the fake one.
 // Runs, on the caller's thread, every alarm due at the current (fake) clock,
 // one per pass like the alarm thread. Returns how many handlers ran.
 int TevdAlarm_RunDueForTest(void);
+// Identifiers are never given back: each test starts with all sixteen.
 // Forgets every alarm and the identifier counter.
 void TevdAlarm_ResetForTest(void);

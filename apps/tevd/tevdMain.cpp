@@ -385,7 +385,6 @@ int main(int argc, char **argv) {
   }
   if (rc == 0) {
     fixedSet[kTraceListener] = {TevdTrace_Open(nullptr), POLLIN, 0};
-    rc = TevdAgent_InitStreamList();
   }
   if (rc == 0) {
     // Only the self-test build (tevd-selftest) runs the logger and the

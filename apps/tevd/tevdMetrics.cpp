@@ -9,12 +9,12 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 
 #include "PlatformRoot.h"
 #include "PromText.h"
 #include "TevClock.h"
 #include "TevLib.h"
+#include "TevMutex.h"
 #include "tevdAgent.h"
 #include "tevdTrace.h"
 
@@ -26,7 +26,8 @@ struct NamedCounter {
   char name[48];
   TevdCounter value{0};
 };
-std::mutex correlatorsMutex;
+// Serialises agents adding a name; readers take no lock (below).
+TevMutex correlatorsMutex;
 NamedCounter correlators[TEVD_MAX_AGENTS];
 std::atomic<int> numCorrelators{0};  // entries below it are complete
 
@@ -40,22 +41,22 @@ uint64_t Load(const TevdCounter &c) { return c.load(std::memory_order_relaxed); 
 
 pthread_t writer;
 bool writerStarted = false;
-pthread_mutex_t stopMutex = PTHREAD_MUTEX_INITIALIZER;
+TevMutex stopMutex;
 pthread_cond_t stopCond;
-bool stopRequested = false;  // guarded by stopMutex
+bool stopRequested GUARDED_BY(stopMutex) = false;
 
 void *WriterMain(void *) {
-  pthread_mutex_lock(&stopMutex);
+  stopMutex.lock();
   while (!stopRequested) {
-    pthread_mutex_unlock(&stopMutex);
+    stopMutex.unlock();
     TevdMetrics_WriteFile();
     struct timespec deadline;
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += TEVD_METRICS_INTERVAL;
-    pthread_mutex_lock(&stopMutex);
-    while (!stopRequested && pthread_cond_timedwait(&stopCond, &stopMutex, &deadline) == 0) {}
+    stopMutex.lock();
+    while (!stopRequested && stopMutex.WaitUntil(&stopCond, &deadline) == 0) {}
   }
-  pthread_mutex_unlock(&stopMutex);
+  stopMutex.unlock();
   return nullptr;
 }
 
@@ -79,7 +80,7 @@ void TevdMetrics_Read(int ctx, const uint8_t *buf, size_t length) {
 }
 
 TevdCounter *TevdMetrics_CorrelatorCounter(const char *name) {
-  std::lock_guard<std::mutex> lock(correlatorsMutex);
+  TevLock hold(&correlatorsMutex);
   int n = numCorrelators.load(std::memory_order_relaxed);
   for (int i = 0; i < n; ++i) {
     if (strcmp(correlators[i].name, name) == 0) {
@@ -179,10 +180,10 @@ void TevdMetrics_Stop(void) {
   if (!writerStarted) {
     return;
   }
-  pthread_mutex_lock(&stopMutex);
+  stopMutex.lock();
   stopRequested = true;
   pthread_cond_signal(&stopCond);
-  pthread_mutex_unlock(&stopMutex);
+  stopMutex.unlock();
   pthread_join(writer, nullptr);
   writerStarted = false;
   unlink(PlatformRoot_Path(TEVD_METRICS_PATH).c_str());

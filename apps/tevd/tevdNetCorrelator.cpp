@@ -13,7 +13,7 @@
 // The tracker's timers go through one alarm whose callback, on the alarm
 // thread, only writes a token into this correlator's pipe; the framework reads
 // it on the "net" thread and runs TevdNetCorrelator_ProcessTimeouts there.
-#include "tevdNetCorrelator.h"
+#include "tevdNetInternal.h"
 
 #include <unistd.h>
 

@@ -21,7 +21,7 @@
 #include "MtlCtl.h"
 #include "TevClock.h"
 #include "tevdLog.h"
-#include "tevdNetCorrelator.h"
+#include "tevdNetInternal.h"
 #include "tevdQprob.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tevdNetCorrelator.h"
+#include "tevdNetInternal.h"
 #include "tevdUtil.h"
 
 int TevdNetCorrelatorPgUplinkDown(Tev *tev) {

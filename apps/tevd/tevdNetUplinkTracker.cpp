@@ -27,7 +27,7 @@
 #include "TevClock.h"
 #include "tevdAlarm.h"
 #include "tevdLog.h"
-#include "tevdNetCorrelator.h"
+#include "tevdNetInternal.h"
 #include "tevdQprob.h"
 #include "tevdUtil.h"
 

@@ -37,6 +37,7 @@
 #include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
+#include "TevMutex.h"
 #include "tevdLog.h"
 #include "tevdMetrics.h"
 #include "tevdQprobInternal.h"
@@ -73,13 +74,14 @@ uint8_t hostIdentity[KNO_SYSTEM_UUID_SIZE];
 
 // The agent's socket path under TEVD_ROOT, resolved once rather than on every
 // post; tests forget it when they switch roots.
-pthread_mutex_t pathMutex = PTHREAD_MUTEX_INITIALIZER;
-std::string &socketPath = *new std::string;  // never destroyed: posts may race exit()
-bool socketPathResolved = false;
+TevMutex pathMutex;
+// Never destroyed: posts may race exit().
+std::string &socketPath GUARDED_BY(pathMutex) = *new std::string;
+bool socketPathResolved GUARDED_BY(pathMutex) = false;
 
-pthread_mutex_t hookMutex = PTHREAD_MUTEX_INITIALIZER;
-TevdQprobSendHook sendHook = nullptr;
-void *sendHookCtx = nullptr;
+TevMutex hookMutex;
+TevdQprobSendHook sendHook GUARDED_BY(hookMutex) = nullptr;
+void *sendHookCtx GUARDED_BY(hookMutex) = nullptr;
 
 void PutU32(uint8_t *buf, size_t off, uint32_t v) { memcpy(buf + off, &v, sizeof v); }
 
@@ -98,13 +100,13 @@ bool RateAllows() {
 }
 
 std::string SocketPath() {
-  pthread_mutex_lock(&pathMutex);
+  pathMutex.lock();
   if (!socketPathResolved) {
     socketPath = PlatformEndpoint_Path(PlatformEndpoint::QprobAgent);
     socketPathResolved = true;
   }
   std::string path = socketPath;
-  pthread_mutex_unlock(&pathMutex);
+  pathMutex.unlock();
   return path;
 }
 
@@ -337,10 +339,10 @@ void TevdQprob_PostV(const char *prefix, const char *idSuffix, const char *forma
   Deliver(buf, total, id, flags);
 }
 int TevdQprob_Send(const void *message, size_t length) {
-  pthread_mutex_lock(&hookMutex);
+  hookMutex.lock();
   TevdQprobSendHook hook = sendHook;
   void *ctx = sendHookCtx;
-  pthread_mutex_unlock(&hookMutex);
+  hookMutex.unlock();
   if (hook != nullptr) {
     return hook(message, length, ctx);
   }
@@ -348,19 +350,19 @@ int TevdQprob_Send(const void *message, size_t length) {
 }
 
 void TevdQprob_SetSendHookForTest(TevdQprobSendHook hook, void *ctx) {
-  pthread_mutex_lock(&hookMutex);
+  hookMutex.lock();
   sendHook = hook;
   sendHookCtx = ctx;
-  pthread_mutex_unlock(&hookMutex);
+  hookMutex.unlock();
 }
 
 void TevdQprob_ResetForTest(void) {
   rateWindowStart.store(0, std::memory_order_relaxed);
   rateCount.store(0, std::memory_order_relaxed);
-  TevdQprobRetry_ResetForTest();
+  TevdQprobRetry_Clear();
   agentStuck.store(false);
-  pthread_mutex_lock(&pathMutex);
+  pathMutex.lock();
   socketPathResolved = false;
   socketPath.clear();
-  pthread_mutex_unlock(&pathMutex);
+  pathMutex.unlock();
 }

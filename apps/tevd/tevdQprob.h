@@ -34,4 +34,3 @@ typedef int (*TevdQprobSendHook)(const void *message, size_t length, void *ctx);
 void TevdQprob_SetSendHookForTest(TevdQprobSendHook hook, void *ctx);
 // Forgets the rate window and empties the retry list.
 void TevdQprob_ResetForTest(void);
-size_t TevdQprob_RetryListLengthForTest(void);

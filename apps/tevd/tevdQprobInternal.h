@@ -8,4 +8,5 @@ bool TevdQprob_LastSendTimedOut(void);
 void TevdQprob_NoteStuck(bool stuck);
 
 void TevdQprobRetry_Init(void);
-void TevdQprobRetry_ResetForTest(void);
+// Empties the retry list, for TevdQprob_ResetForTest.
+void TevdQprobRetry_Clear(void);

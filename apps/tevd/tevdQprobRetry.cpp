@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "TevMutex.h"
 #include "tevdAlarm.h"
 #include "tevdLog.h"
 #include "tevdMetrics.h"
@@ -26,18 +27,19 @@ struct RetryEntry {
   uint8_t *message;
 };
 
-pthread_mutex_t retryListMutex = PTHREAD_MUTEX_INITIALIZER;
-RetryEntry retryHead;  // sentinel of the circular list, oldest first
-bool retryListInitialised = false;
+// Taken after no other lock; the alarm is armed with it released.
+TevMutex retryListMutex;
+RetryEntry retryHead GUARDED_BY(retryListMutex);  // sentinel of the circular list, oldest first
+bool retryListInitialised GUARDED_BY(retryListMutex) = false;
 
 std::atomic<int32_t> retryAlarmId{-1};
-bool retryAlarmArmed = false;  // guarded by retryListMutex
+bool retryAlarmArmed GUARDED_BY(retryListMutex) = false;
 
 const char *MessageId(const uint8_t *message) {
   return reinterpret_cast<const char *>(message) + TEVD_QPROB_HEADER_SIZE;
 }
 
-void InitRetryListLocked() {
+void InitRetryListLocked() REQUIRES(retryListMutex) {
   if (!retryListInitialised) {
     retryHead.next = &retryHead;
     retryHead.prev = &retryHead;
@@ -63,9 +65,9 @@ void TevdQprobRetry_Init(void) {
 }
 
 void TevdQprob_Queue(const void *message, size_t length) {
-  pthread_mutex_lock(&retryListMutex);
+  retryListMutex.lock();
   InitRetryListLocked();
-  pthread_mutex_unlock(&retryListMutex);
+  retryListMutex.unlock();
 
   RetryEntry *entry = static_cast<RetryEntry *>(malloc(sizeof(RetryEntry)));
   if (entry == nullptr) {
@@ -80,7 +82,7 @@ void TevdQprob_Queue(const void *message, size_t length) {
   entry->failures = 0;
   entry->length = length;
 
-  pthread_mutex_lock(&retryListMutex);
+  retryListMutex.lock();
   entry->prev = retryHead.prev;
   entry->next = &retryHead;
   retryHead.prev->next = entry;
@@ -88,7 +90,7 @@ void TevdQprob_Queue(const void *message, size_t length) {
   TevdMetrics_Add(gTevdMetrics.eventsQueued);
   bool arm = !retryAlarmArmed;
   retryAlarmArmed = true;
-  pthread_mutex_unlock(&retryListMutex);
+  retryListMutex.unlock();
 
   if (arm) {
     ArmRetryAlarm();
@@ -98,11 +100,11 @@ void TevdQprob_Queue(const void *message, size_t length) {
 void TevdQprobAlarmHandler(void) {
   // Take the list out; sends happen without the mutex.
   RetryEntry pass;
-  pthread_mutex_lock(&retryListMutex);
+  retryListMutex.lock();
   InitRetryListLocked();
   if (retryHead.next == &retryHead) {
     retryAlarmArmed = false;
-    pthread_mutex_unlock(&retryListMutex);
+    retryListMutex.unlock();
     return;
   }
   pass.next = retryHead.next;
@@ -110,7 +112,7 @@ void TevdQprobAlarmHandler(void) {
   pass.next->prev = &pass;
   pass.prev->next = &pass;
   retryHead.next = retryHead.prev = &retryHead;
-  pthread_mutex_unlock(&retryListMutex);
+  retryListMutex.unlock();
 
   RetryEntry *next;
   for (RetryEntry *e = pass.next; e != &pass; e = next) {
@@ -147,7 +149,7 @@ void TevdQprobAlarmHandler(void) {
   }
 
   // What stays goes back in front of what was queued during the pass.
-  pthread_mutex_lock(&retryListMutex);
+  retryListMutex.lock();
   if (pass.next != &pass) {
     pass.prev->next = retryHead.next;
     retryHead.next->prev = pass.prev;
@@ -156,29 +158,18 @@ void TevdQprobAlarmHandler(void) {
   }
   bool more = retryHead.next != &retryHead;
   retryAlarmArmed = more;
-  pthread_mutex_unlock(&retryListMutex);
+  retryListMutex.unlock();
   if (more) {
     ArmRetryAlarm();
   }
 }
 
-void TevdQprobRetry_ResetForTest(void) {
-  pthread_mutex_lock(&retryListMutex);
+void TevdQprobRetry_Clear(void) {
+  retryListMutex.lock();
   InitRetryListLocked();
   while (retryHead.next != &retryHead) {
     UnlinkEntry(retryHead.next);
   }
   retryAlarmArmed = false;
-  pthread_mutex_unlock(&retryListMutex);
-}
-
-size_t TevdQprob_RetryListLengthForTest(void) {
-  pthread_mutex_lock(&retryListMutex);
-  InitRetryListLocked();
-  size_t n = 0;
-  for (RetryEntry *e = retryHead.next; e != &retryHead; e = e->next) {
-    n++;
-  }
-  pthread_mutex_unlock(&retryListMutex);
-  return n;
+  retryListMutex.unlock();
 }

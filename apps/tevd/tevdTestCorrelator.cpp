@@ -373,7 +373,3 @@ void TevdTestCorrelator_ResetForTest(bool qprobDone) {
   failures.store(0);
   timeoutAlarm = -1;
 }
-
-int TevdTestCorrelator_FailuresForTest(void) { return failures.load(); }
-
-unsigned TevdTestCorrelator_ReceivedForTest(void) { return received; }

@@ -17,5 +17,3 @@ TevHandlerMap TevdTestCorrelator_Map(void);
 // Back to the state of a fresh process; `qprobTestsDone` skips the one-time
 // posting exercise.
 void TevdTestCorrelator_ResetForTest(bool qprobTestsDone);
-int TevdTestCorrelator_FailuresForTest(void);
-unsigned TevdTestCorrelator_ReceivedForTest(void);

@@ -31,6 +31,7 @@
 #include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
+#include "TevMutex.h"
 #include "tevdLog.h"
 
 namespace {
@@ -65,13 +66,15 @@ std::atomic<int> clientCount{0};
 TevdLogLimiter writeErrorLimiter;
 TevdLogLimiter refusedLimiter;
 
-pthread_mutex_t traceMutex = PTHREAD_MUTEX_INITIALIZER;
+// Taken last: the reader holds the stream lock when it traces "IN"; nothing
+// else is taken with it held, and no write waits under it.
+TevMutex traceMutex;
 pthread_cond_t traceUpdated = PTHREAD_COND_INITIALIZER;
 // Never destroyed: the process may exit() (self-test) while client threads
 // and producers still run, and they must not meet destructed containers.
-std::deque<std::string> &history = *new std::deque<std::string>;    // guarded by traceMutex
-uint64_t historySize = 0;                                           // guarded by traceMutex
-std::map<int, Listener> &listeners = *new std::map<int, Listener>;  // guarded by traceMutex
+std::deque<std::string> &history GUARDED_BY(traceMutex) = *new std::deque<std::string>;
+uint64_t historySize GUARDED_BY(traceMutex) = 0;
+std::map<int, Listener> &listeners GUARDED_BY(traceMutex) = *new std::map<int, Listener>;
 
 constexpr int kBacklog = 128;
 
@@ -262,7 +265,7 @@ void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id,
   int cutOff[kMaxClients];
   int numCutOff = 0;
   size_t max = PendingMax();
-  pthread_mutex_lock(&traceMutex);
+  traceMutex.lock();
   for (auto &entry : listeners) {
     Listener &l = entry.second;
     if (l.closing) {
@@ -291,7 +294,7 @@ void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id,
     historySize -= history.front().size();
     history.pop_front();
   }
-  pthread_mutex_unlock(&traceMutex);
+  traceMutex.unlock();
   pthread_cond_broadcast(&traceUpdated);
   for (int i = 0; i < numCutOff; i++) {
     TevdLog("Trace client fd %d disconnected: more than %zu bytes waiting for it.\n", cutOff[i],
@@ -301,21 +304,21 @@ void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id,
 
 void *TevdTraceServeMain(void *arg) {
   int fd = FdOf(arg);
-  pthread_mutex_lock(&traceMutex);
+  traceMutex.lock();
   Listener &listener = listeners[fd];
   listener.pending.insert(listener.pending.end(), history.begin(), history.end());
   listener.pending.push_back("\n");  // separates the replay from live lines
   listener.pendingBytes = historySize + 1;
-  pthread_mutex_unlock(&traceMutex);
+  traceMutex.unlock();
 
   pthread_t writer;
   int rc = pthread_create(&writer, nullptr, TevdTraceWriter, arg);
   if (rc != 0) {
     char err[128];
     TevdLog("pthread_create failed: %s", ErrorText(rc, err, sizeof err));
-    pthread_mutex_lock(&traceMutex);
+    traceMutex.lock();
     listeners.erase(fd);
-    pthread_mutex_unlock(&traceMutex);
+    traceMutex.unlock();
     close(fd);
     clientCount.fetch_sub(1);
     return nullptr;
@@ -333,14 +336,14 @@ void *TevdTraceServeMain(void *arg) {
     }
   }
 
-  pthread_mutex_lock(&traceMutex);
+  traceMutex.lock();
   listeners[fd].closing = true;
-  pthread_mutex_unlock(&traceMutex);
+  traceMutex.unlock();
   pthread_cond_broadcast(&traceUpdated);
   pthread_join(writer, nullptr);
-  pthread_mutex_lock(&traceMutex);
+  traceMutex.lock();
   listeners.erase(fd);
-  pthread_mutex_unlock(&traceMutex);
+  traceMutex.unlock();
   close(fd);
   clientCount.fetch_sub(1);
   return nullptr;
@@ -350,11 +353,11 @@ void *TevdTraceWriter(void *arg) {
   int fd = FdOf(arg);
   for (;;) {
     std::vector<std::string> lines;
-    pthread_mutex_lock(&traceMutex);
+    traceMutex.lock();
     for (;;) {
       Listener &listener = listeners[fd];
       if (listener.overflowed) {
-        pthread_mutex_unlock(&traceMutex);
+        traceMutex.unlock();
         return nullptr;
       }
       lines.swap(listener.pending);
@@ -363,12 +366,12 @@ void *TevdTraceWriter(void *arg) {
         break;
       }
       if (listener.closing) {
-        pthread_mutex_unlock(&traceMutex);
+        traceMutex.unlock();
         return nullptr;
       }
-      pthread_cond_wait(&traceUpdated, &traceMutex);
+      traceMutex.Wait(&traceUpdated);
     }
-    pthread_mutex_unlock(&traceMutex);
+    traceMutex.unlock();
 
     for (const std::string &line : lines) {
       if (!WriteAll(fd, line)) {
@@ -389,25 +392,4 @@ void *TevdTraceWriter(void *arg) {
       }
     }
   }
-}
-
-std::vector<std::string> TevdTrace_HistoryForTest(void) {
-  pthread_mutex_lock(&traceMutex);
-  std::vector<std::string> copy(history.begin(), history.end());
-  pthread_mutex_unlock(&traceMutex);
-  return copy;
-}
-
-void TevdTrace_ResetForTest(void) {
-  pthread_mutex_lock(&traceMutex);
-  history.clear();
-  historySize = 0;
-  pthread_mutex_unlock(&traceMutex);
-}
-
-size_t TevdTrace_ListenerCountForTest(void) {
-  pthread_mutex_lock(&traceMutex);
-  size_t n = listeners.size();
-  pthread_mutex_unlock(&traceMutex);
-  return n;
 }

@@ -25,10 +25,3 @@ void *TevdTraceServeMain(void *fd);
 // Trace clients connected now.
 int TevdTrace_ClientCount(void);
 void *TevdTraceWriter(void *fd);
-
-// ---- test support ------------------------------------------------------------
-std::vector<std::string> TevdTrace_HistoryForTest(void);
-void TevdTrace_ResetForTest(void);
-// How many clients have a listener entry (an entry disappears once its
-// client hung up and its writer thread ended).
-size_t TevdTrace_ListenerCountForTest(void);

@@ -19,6 +19,7 @@
 #include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
+#include "TevMutex.h"
 
 namespace {
 
@@ -123,14 +124,14 @@ struct ThreadSink {
   char path[sizeof(((struct sockaddr_un *)nullptr)->sun_path)];
 };
 
-pthread_mutex_t queueLock = PTHREAD_MUTEX_INITIALIZER;
+TevMutex queueLock;
 // How long a send waits for room in the collector's queue.
 constexpr int kSendTimeoutUs = 250000;
-ThreadSink threadSink;  // guarded by queueLock
+ThreadSink threadSink GUARDED_BY(queueLock);
 
 // This thread's socket, connected to `addr`; -1 when there is none or the
 // collector cannot be reached (the line is then dropped silently).
-int ConnectedSocket(const struct sockaddr_un *addr) {
+int ConnectedSocket(const struct sockaddr_un *addr) REQUIRES(queueLock) {
   ThreadSink &s = threadSink;
   if (!s.open) {
     s.fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -165,7 +166,7 @@ int ConnectedSocket(const struct sockaddr_un *addr) {
 // After a failed send: true when the line is worth one more try on a fresh
 // connection (the collector was replaced) or a fresh socket (ours was closed
 // behind our back).
-bool ReconnectAfter(int err) {
+bool ReconnectAfter(int err) REQUIRES(queueLock) {
   ThreadSink &s = threadSink;
   if (err == ECONNREFUSED || err == ENOTCONN) {
     s.connected = false;
@@ -225,7 +226,7 @@ struct LineQueue {
   char bytes[kBytes];
 };
 
-LineQueue lineQueue;         // guarded by queueLock
+LineQueue lineQueue GUARDED_BY(queueLock);
 thread_local bool batching;  // this thread leaves its lines queued
 pthread_cond_t queueNonEmpty = PTHREAD_COND_INITIALIZER;
 pthread_once_t flusherOnce = PTHREAD_ONCE_INIT;
@@ -260,7 +261,7 @@ int SendLines(int fd, struct mmsghdr *msgs, unsigned count, int flags) {
 // Sends the queued lines with as few sendmmsg() calls as the collector
 // allows. A line the socket refuses is dropped, as one send() would have
 // dropped it, and the rest still go.
-void SendQueued(LineQueue &q) {
+void SendQueued(LineQueue &q) REQUIRES(queueLock) {
   struct mmsghdr msgs[LineQueue::kLines];
   struct iovec iovs[LineQueue::kLines];
   memset(msgs, 0, sizeof msgs);
@@ -307,7 +308,7 @@ void SendQueued(LineQueue &q) {
   q.used = 0;
 }
 
-void FlushLocked() {
+void FlushLocked() REQUIRES(queueLock) {
   if (lineQueue.count > 0) {
     SendQueued(lineQueue);
   }
@@ -315,14 +316,14 @@ void FlushLocked() {
 
 // Holds queueLock with cancellation off: send() is a cancellation point, and
 // a thread cancelled there would leave the lock held for ever.
-struct QueueGuard {
+struct SCOPED_CAPABILITY QueueGuard {
   int oldState;
-  QueueGuard() {
+  QueueGuard() ACQUIRE(queueLock) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
-    pthread_mutex_lock(&queueLock);
+    queueLock.lock();
   }
-  ~QueueGuard() {
-    pthread_mutex_unlock(&queueLock);
+  ~QueueGuard() RELEASE() {
+    queueLock.unlock();
     pthread_setcancelstate(oldState, nullptr);
   }
 };
@@ -331,10 +332,10 @@ struct QueueGuard {
 // not move holds lines until a flush). Signals stay blocked here: they are
 // meant for the program's own threads.
 void *FlusherMain(void *) {
-  pthread_mutex_lock(&queueLock);
+  queueLock.lock();
   for (;;) {
     if (lineQueue.count == 0) {
-      pthread_cond_wait(&queueNonEmpty, &queueLock);
+      queueLock.Wait(&queueNonEmpty);
       continue;
     }
     int64_t now = NowUs();
@@ -349,17 +350,17 @@ void *FlusherMain(void *) {
       until.tv_sec += 1;
       until.tv_nsec -= 1000000000;
     }
-    pthread_cond_timedwait(&queueNonEmpty, &queueLock, &until);
+    queueLock.WaitUntil(&queueNonEmpty, &until);
   }
   return nullptr;
 }
 
 // A child of fork() has no flusher and must find the lock free: the fork
 // waits for the lock, and the child starts its own flusher when it batches.
-void BeforeFork() { pthread_mutex_lock(&queueLock); }
-void AfterForkParent() { pthread_mutex_unlock(&queueLock); }
-void AfterForkChild() {
-  pthread_mutex_unlock(&queueLock);
+void BeforeFork() ACQUIRE(queueLock) { queueLock.lock(); }
+void AfterForkParent() RELEASE(queueLock) { queueLock.unlock(); }
+void AfterForkChild() RELEASE(queueLock) {
+  queueLock.unlock();
   flusherOnce = PTHREAD_ONCE_INIT;
 }
 

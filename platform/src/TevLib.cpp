@@ -20,13 +20,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 
 #include "PlatformInternal.h"
 #include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
 #include "TevLib.h"
+#include "TevMutex.h"
 
 namespace {
 
@@ -54,8 +54,8 @@ void TevLib_SetLogFunction(TevLib_LogFn fn) { logFunction.store(fn); }
 
 namespace {
 
-std::mutex gNamesMutex;
-std::map<int, std::string> gNames;  // guarded by gNamesMutex
+TevMutex gNamesMutex;
+std::map<int, std::string> gNames GUARDED_BY(gNamesMutex);
 
 std::string SocketPath(uint32_t domain) {
   return domain == TEVLIB_USER_DOMAIN
@@ -99,15 +99,15 @@ int OpenContext(uint32_t domain, bool user, TevLib_Handle *handle) {
 
 namespace platform_internal {
 void RegisterFdName(int fd, const std::string &name) {
-  std::lock_guard<std::mutex> lock(gNamesMutex);
+  TevLock hold(&gNamesMutex);
   gNames[fd] = name;
 }
 void ForgetFd(int fd) {
-  std::lock_guard<std::mutex> lock(gNamesMutex);
+  TevLock hold(&gNamesMutex);
   gNames.erase(fd);
 }
 std::string FdName(int fd) {
-  std::lock_guard<std::mutex> lock(gNamesMutex);
+  TevLock hold(&gNamesMutex);
   auto it = gNames.find(fd);
   return it != gNames.end() ? it->second : "fd " + std::to_string(fd);
 }

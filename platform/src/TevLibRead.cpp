@@ -12,12 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <string>
 
 #include "PlatformInternal.h"
 #include "TevClock.h"
 #include "TevLib.h"
+#include "TevMutex.h"
 
 using platform_internal::TevLibLog;
 
@@ -39,11 +39,11 @@ struct ReadBatch {
   bool drained = false;          // the last receive found the queue empty
 };
 
-std::mutex gBatchesMutex;
-std::map<int, ReadBatch *> gBatches;  // guarded by gBatchesMutex
+TevMutex gBatchesMutex;
+std::map<int, ReadBatch *> gBatches GUARDED_BY(gBatchesMutex);
 
 ReadBatch *FindBatch(int fd) {
-  std::lock_guard<std::mutex> lock(gBatchesMutex);
+  TevLock hold(&gBatchesMutex);
   auto it = gBatches.find(fd);
   return it != gBatches.end() ? it->second : nullptr;
 }
@@ -107,7 +107,7 @@ uint64_t TevLib_RefusedCount(void) { return gRefused.load(std::memory_order_rela
 namespace platform_internal {
 
 void AttachReadBatch(int fd) {
-  std::lock_guard<std::mutex> lock(gBatchesMutex);
+  TevLock hold(&gBatchesMutex);
   ReadBatch *&b = gBatches[fd];
   if (b == nullptr) {
     b = new ReadBatch;
@@ -116,7 +116,7 @@ void AttachReadBatch(int fd) {
 void DetachReadBatch(int fd) {
   ReadBatch *b = nullptr;
   {
-    std::lock_guard<std::mutex> lock(gBatchesMutex);
+    TevLock hold(&gBatchesMutex);
     auto it = gBatches.find(fd);
     if (it == gBatches.end()) return;
     b = it->second;

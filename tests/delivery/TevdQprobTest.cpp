@@ -1,6 +1,7 @@
 // Event posting (wire bytes, rate window, size limits, retry list) and the trace server.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -11,6 +12,7 @@
 #include "Harness.h"
 #include "TevdTestSupport.h"
 #include "tevdAlarm.h"
+#include "tevdMetrics.h"
 #include "tevdQprob.h"
 #include "tevdTrace.h"
 
@@ -50,7 +52,6 @@ class TevdQprobTest : public ::testing::Test {
     root_.Write("platform/nodes/system/systemUuid", "0123abcd-4567-89ef-0123-456789abcdef");
     TevdAlarm_ResetForTest();
     TevdQprob_ResetForTest();
-    TevdTrace_ResetForTest();
     TevdQprob_Init();  // the retry alarm gets identifier 0
     TevdQprob_SetSendHookForTest(Wire::Hook, &wire_);
     log_.Take();
@@ -64,6 +65,18 @@ class TevdQprobTest : public ::testing::Test {
     for (int i = 0; i < n; i++) TevdQprob_Post(0, Problem, format, i);
     log_.Take();
   }
+  // The trace's newest `n` lines.
+  static Lines Newest(size_t n) {
+    Lines all = tevdtest::TraceHistory();
+    return Lines(all.end() - static_cast<long>(std::min(n, all.size())), all.end());
+  }
+  // Events waiting in the retry list, by the daemon's counters.
+  size_t Waiting() const { return Queued() - waitingBefore_; }
+  static size_t Queued() {
+    const TevdMetrics &m = gTevdMetrics;
+    return m.eventsQueued - m.eventsRetryDelivered - m.eventsAbandoned;
+  }
+  size_t waitingBefore_ = Queued();  // left by earlier tests' resets
   // One retry pass, 180 s on; its log lines.
   Lines RetryPass() {
     clock_.Advance(180);
@@ -98,7 +111,7 @@ TEST_F(TevdQprobTest, OneStringEventHasExactBytesLogLineAndTrace) {
             log_.Take());
   EXPECT_EQ(Lines{"1700000000.000000000,OUT," + std::to_string(stamp) +
                   ",kos.problem.net.hwnic.linkstate.down,,\"hwnic1\"\n"},
-            TevdTrace_HistoryForTest());
+            Newest(1));
 }
 
 TEST_F(TevdQprobTest, MixedArgumentsSerialiseAsTypedSlotsAndTheIdentifierEndsAtTheFirstParen) {
@@ -154,7 +167,7 @@ TEST_F(TevdQprobTest, OversizedIdentifierOrArgumentsAreDroppedSilently) {
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.g)%s", std::string(18650 - 16, 'z').c_str());
   EXPECT_EQ(2, wire_.attempts);
   EXPECT_TRUE(log_.Take().empty());
-  EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
+  EXPECT_EQ(0u, Waiting());
 }
 
 // A failed send, or non-zero flags (the low byte), queue the event for the
@@ -167,7 +180,7 @@ TEST_F(TevdQprobTest, FailedSendOrFlagsQueueAndTheNextPassSendsOldestFirst) {
   TevdQprob_Post(1, Problem, "@&!*@*@(kos.problem.q.c)x");
   EXPECT_EQ(2, wire_.attempts);
   TevdQprob_Post(0x100, Problem, "@&!*@*@(kos.problem.now)x");
-  EXPECT_EQ(3u, TevdQprob_RetryListLengthForTest());
+  EXPECT_EQ(3u, Waiting());
   Lines lines = log_.Take();  // each event's own line, then the queueing line
   ASSERT_EQ(7u, lines.size());
   for (int i = 0; i < 3; i++) {
@@ -186,14 +199,14 @@ TEST_F(TevdQprobTest, FailedSendOrFlagsQueueAndTheNextPassSendsOldestFirst) {
   ASSERT_EQ(4u, wire_.sent.size());
   EXPECT_EQ("kos.problem.now", Text(wire_.sent[0], 68));
   EXPECT_EQ("kos.problem.q.a", Text(wire_.sent[1], 68));
-  EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
+  EXPECT_EQ(0u, Waiting());
   clock_.Advance(1000);
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());         // nothing left: not re-armed
   TevdQprob_SetSendHookForTest(nullptr, nullptr);  // the root has no agent socket
   const uint8_t msg[4] = {1, 2, 3, 4};
   EXPECT_EQ(-1, TevdQprob_Send(msg, sizeof msg));
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.nobody)x");
-  EXPECT_EQ(1u, TevdQprob_RetryListLengthForTest());
+  EXPECT_EQ(1u, Waiting());
 }
 
 TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
@@ -206,7 +219,7 @@ TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
               RetryPass());
   }
   EXPECT_EQ(Lines{"Abandoned event (kos.problem.r.gone) after 6 failures."}, RetryPass());
-  EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
+  EXPECT_EQ(0u, Waiting());
   clock_.Advance(180);
   EXPECT_EQ(0, TevdAlarm_RunDueForTest());
 }
@@ -239,7 +252,7 @@ TEST_F(TevdQprobTest, EntriesBehindATimeOutAreNotCountedUntilTriedAndEachGetsSix
   for (const std::string &l : all)
     if (l.find("kos.problem.r.") != std::string::npos) got.push_back(l);
   EXPECT_EQ(expected, got);
-  EXPECT_EQ(0u, TevdQprob_RetryListLengthForTest());
+  EXPECT_EQ(0u, Waiting());
 }
 
 using V = MsgFmt_Value;
@@ -269,47 +282,46 @@ TEST_F(TevdQprobTest, TraceLineCarriesTimeDirectionStampIdentifierAndTypedArgume
        ",\"say \"\"hi\"\"\",\"(null)\",\"\",\"hwnic0\""},
       {{Raw(0, 1), V::Dbl(1.0), Raw(7, 2), V::I32(8)}, ",???,???,???,8"}};
   for (const auto &r : rows) {
-    TevdTrace_ResetForTest();
     Record("IN", u64max, "tev.a.b", r.first);
     EXPECT_EQ(Lines{"1700000000.000000000,IN,18446744073709551615,tev.a.b," +
                     std::string(r.second) + "\n"},
-              TevdTrace_HistoryForTest());
+              Newest(1));
   }
   tevdtest::FakeClock whole(1);  // nine digits of nanoseconds
-  TevdTrace_ResetForTest();
   Record("IN", 0, "tev.a.b");
   whole.AdvanceUs(999999);
   Record("IN", 0, "tev.a.b");
-  EXPECT_EQ((Lines{"1.000000000,IN,0,tev.a.b,\n", "1.999999000,IN,0,tev.a.b,\n"}),
-            TevdTrace_HistoryForTest());
+  EXPECT_EQ((Lines{"1.000000000,IN,0,tev.a.b,\n", "1.999999000,IN,0,tev.a.b,\n"}), Newest(2));
 }
 
 // Lines of exactly 1 KiB: 26 bytes of "1700000000.000000000,IN,0,", the
 // identifier and ",\n".
 TEST_F(TevdQprobTest, TraceHistoryKeepsNewest128KiBDroppingOldestLines) {
   for (int i = 0; i < 128; i++) Record("IN", 0, std::string(1024 - 28, 'A' + i % 26));
-  Lines history = TevdTrace_HistoryForTest();
+  Lines history = tevdtest::TraceHistory();
   ASSERT_EQ(128u, history.size());  // exactly 131072 bytes: nothing dropped
   Record("IN", 0, std::string(1024 - 28, 'z'));
-  history = TevdTrace_HistoryForTest();
+  history = tevdtest::TraceHistory();
   ASSERT_EQ(128u, history.size());
   EXPECT_EQ('B', history.front()[26]);  // the line of 'A' went first
   EXPECT_EQ('z', history.back()[26]);
   Record("IN", 0, std::string(200000, 'g'));  // alone larger than the bound: stays alone
-  history = TevdTrace_HistoryForTest();
+  history = tevdtest::TraceHistory();
   ASSERT_EQ(1u, history.size());
   EXPECT_EQ(26u + 200000u + 2u, history[0].size());
   Record("IN", 0, "tev.small.three");
-  EXPECT_EQ(Lines{"1700000000.000000000,IN,0,tev.small.three,\n"}, TevdTrace_HistoryForTest());
+  EXPECT_EQ(Lines{"1700000000.000000000,IN,0,tev.small.three,\n"}, tevdtest::TraceHistory());
 }
 
 TEST_F(TevdQprobTest, TraceClientGetsHistoryThenBlankLineThenLiveLines) {
   int listenFd = TevdTrace_Open(nullptr);
   ASSERT_GE(listenFd, 0) << strerror(errno);
+  size_t earlier = tevdtest::TraceHistory().size();  // of the tests before
   Record("IN", 1, "tev.one.a");
   Record("OUT", 2, "kos.problem.two", {V::I32(2)});
   tevdtest::TraceReader client(root_);
   TevdTrace_Accept(listenFd);
+  while (earlier-- > 0) client.Next();
   EXPECT_EQ("1700000000.000000000,IN,1,tev.one.a,", client.Next());
   EXPECT_EQ("1700000000.000000000,OUT,2,kos.problem.two,,2", client.Next());
   EXPECT_EQ("\x01", client.Next());  // the blank line
@@ -317,7 +329,7 @@ TEST_F(TevdQprobTest, TraceClientGetsHistoryThenBlankLineThenLiveLines) {
   EXPECT_EQ("1700000000.000000000,OUT,4,kos.clear.four,", client.Next());
   client.Close();
   close(listenFd);
-  EXPECT_TRUE(tevdtest::Eventually([] { return TevdTrace_ListenerCountForTest() == 0; }, 5000));
+  EXPECT_TRUE(tevdtest::Eventually([] { return TevdTrace_ClientCount() == 0; }, 5000));
 }
 
 }  // namespace

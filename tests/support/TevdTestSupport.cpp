@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -11,8 +13,13 @@
 #include <sstream>
 #include <utility>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include "PlatformRoot.h"
 #include "tevdQprob.h"
+#include "tevdTrace.h"
 
 namespace tevdtest {
 
@@ -104,6 +111,37 @@ TevPtr MakeTev(const std::string &id, const std::vector<MsgFmt_Value> &args,
   int rc = Tev_MakeTev(copy, static_cast<uint32_t>(rec.size()), &tev);
   if (rc != 0) ADD_FAILURE() << "Tev_MakeTev(" << id << ") failed: " << rc;
   return TevPtr(tev);
+}
+
+std::vector<std::string> TraceHistory() {
+  std::vector<std::string> lines;
+  char dir[] = "/tmp/tevd-trace-XXXXXX";
+  if (mkdtemp(dir) == nullptr) return ADD_FAILURE() << strerror(errno), lines;
+  const std::string path = std::string(dir) + "/trace";
+  int listenFd = TevdTrace_Open(path.c_str());
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  if (listenFd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+      TevdTrace_Accept(listenFd) != 0) {
+    ADD_FAILURE() << "trace client: " << strerror(errno);
+  }
+  std::string text;  // up to the blank line that ends the replay
+  char buf[65536];
+  for (ssize_t n; text.find("\n\n") == std::string::npos && text != "\n" &&
+                  ((n = read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR));) {
+    text.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+  }
+  for (size_t start = 0, nl; (nl = text.find('\n', start)) != std::string::npos && nl > start;
+       start = nl + 1) {
+    lines.push_back(text.substr(start, nl + 1 - start));
+  }
+  close(fd);
+  close(listenFd);
+  unlink(path.c_str());
+  rmdir(dir);
+  return lines;
 }
 
 EventCapture::EventCapture() {

@@ -80,6 +80,10 @@ class EventCapture {
   std::vector<QprobMessage> events_;  // guarded by mutex_
 };
 
+// The trace server's history, as a client connecting now is sent it: each
+// line with its "\n", oldest first.
+std::vector<std::string> TraceHistory();
+
 // "S:text", "I:-3", "U:7", "L:...", "UL:...", "D:..." per argument.
 std::vector<std::string> ArgsText(const std::vector<MsgFmt_Value> &args);
 

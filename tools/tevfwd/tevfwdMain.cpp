@@ -97,7 +97,7 @@ bool ParseSeconds(const char *s, int64_t *out) {
 }
 
 void PrintCounters(Shared *s) {
-  std::lock_guard<std::mutex> lock(s->mu);
+  TevLock lock(&s->mu);
   const tevfwd::Counters &c = s->fwd->counters();
   auto u = [](uint64_t v) { return static_cast<unsigned long long>(v); };
   Log("counters: received %llu sent %llu resolved %llu spooled %llu unspooled %llu dropped %llu "
@@ -111,7 +111,7 @@ void PrintCounters(Shared *s) {
 void SaveCounters(Shared *s, const std::string &path, std::string *last) {
   std::string now;
   {
-    std::lock_guard<std::mutex> lock(s->mu);
+    TevLock lock(&s->mu);
     now = s->fwd->CountersJson();
   }
   if (now != *last && tevfwd::WriteFileAtomic(path, now + "\n")) *last = now;
@@ -126,7 +126,7 @@ const char kMetricsPath[] = "/var/run/orlan/metrics/tevfwd.prom";
 void WriteMetrics(Shared *s, int64_t startedSec) {
   std::string text;
   {
-    std::lock_guard<std::mutex> lock(s->mu);
+    TevLock lock(&s->mu);
     text = s->fwd->MetricsText(NowMs(), startedSec);
   }
   PromText_WriteFile(kMetricsPath, text);
@@ -135,7 +135,7 @@ void WriteMetrics(Shared *s, int64_t startedSec) {
 void FlushLog(Shared *s) {
   std::vector<std::string> lines;
   {
-    std::lock_guard<std::mutex> lock(s->mu);
+    TevLock lock(&s->mu);
     lines = s->fwd->TakeLogLines();
   }
   for (const std::string &l : lines) Log("%s", l.c_str());
@@ -212,7 +212,7 @@ void AcceptAll(Shared *s, int lfd) {
     close(cfd);
     QprobMessage msg;
     if (whole && Qprob_Decode(data.data(), data.size(), &msg, &why)) {
-      std::lock_guard<std::mutex> lock(s->mu);
+      TevLock lock(&s->mu);
       try {
         s->fwd->Accept(msg, NowMs());
       } catch (const std::exception &e) {
@@ -222,7 +222,7 @@ void AcceptAll(Shared *s, int lfd) {
       }
     } else {
       Log("ignoring a message of %zu bytes: %s", data.size(), why.c_str());
-      std::lock_guard<std::mutex> lock(s->mu);
+      TevLock lock(&s->mu);
       s->fwd->CountMalformed();
     }
     s->wake.notify_all();
@@ -326,7 +326,7 @@ void HandleSignals() {
 }
 
 void SaveActive(Shared *s) {
-  std::lock_guard<std::mutex> lock(s->mu);
+  TevLock lock(&s->mu);
   s->fwd->SaveActive();
 }
 
@@ -339,7 +339,11 @@ int SendSpooledAndExit(Shared *s, std::vector<Replica> *reps, int64_t retryMaxMs
   // re-sends them only if it finds them saved.
   SaveActive(s);
   PrintCounters(s);
-  size_t left = s->fwd->SpoolLength();
+  size_t left;
+  {
+    TevLock lock(&s->mu);
+    left = s->fwd->SpoolLength();
+  }
   if (left != 0)
     Log("%zu alert(s) not delivered to every Alertmanager; they stay in the spool", left);
   return left == 0 ? 0 : 1;
@@ -354,7 +358,7 @@ void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string
     if (poll(&p, 1, 200) > 0) AcceptAll(s, lfd);
     int64_t now = NowMs();
     {
-      std::lock_guard<std::mutex> lock(s->mu);
+      TevLock lock(&s->mu);
       size_t before = s->fwd->SpoolLength();
       s->fwd->Tick(now);
       if (s->fwd->SpoolLength() != before) s->wake.notify_all();
@@ -407,8 +411,14 @@ int main(int argc, char **argv) {
   tevfwd::HttpInit();
   const int64_t startedSec = NowMs() / 1000;
   Shared s;
-  s.fwd = std::make_unique<Forwarder>(opt);
-  size_t recovered = s.fwd->Recover(NowMs());
+  size_t recovered, firing, active;
+  {
+    TevLock lock(&s.mu);  // no other thread yet: for the analysis
+    s.fwd = std::make_unique<Forwarder>(opt);
+    recovered = s.fwd->Recover(NowMs());
+    firing = s.fwd->RecoveredFiring();
+    active = s.fwd->ActiveCount();
+  }
   FlushLog(&s);
   std::vector<Replica> reps(opt.alertmanagers.size());
   for (size_t r = 0; r < reps.size(); ++r) {
@@ -430,7 +440,7 @@ int main(int argc, char **argv) {
   Log("listening on %s%s; %zu Alertmanager(s); recovered %zu alert(s) from the spool and %zu "
       "firing from active.json; %zu firing now",
       path.c_str(), inherited ? " (socket from the service manager)" : "", reps.size(), recovered,
-      s.fwd->RecoveredFiring(), s.fwd->ActiveCount());
+      firing, active);
   std::vector<std::thread> senders;
   for (size_t r = 0; r < reps.size(); ++r) {
     senders.emplace_back(ReplicaLoop, &s, r, &reps[r], retryMaxMs, timeoutMs);
@@ -443,7 +453,7 @@ int main(int argc, char **argv) {
   close(lfd);
   if (!inherited) unlink(path.c_str());
   {
-    std::lock_guard<std::mutex> lock(s.mu);
+    TevLock lock(&s.mu);
     s.wake.notify_all();
   }
   for (Replica &rep : reps) rep.poster->Wake();

@@ -46,7 +46,7 @@ bool PostRange(Shared *s, size_t r, Replica *rep, const Items &items, size_t beg
       Log("%s refused an alert (HTTP %ld); dropped: %.300s", rep->poster->url().c_str(), status,
           items[begin].text.c_str());
     }
-    std::lock_guard<std::mutex> lock(s->mu);
+    TevLock lock(&s->mu);
     s->fwd->Done(
         r, Items(items.begin() + static_cast<long>(begin), items.begin() + static_cast<long>(end)),
         refused);
@@ -67,7 +67,7 @@ bool PostRange(Shared *s, size_t r, Replica *rep, const Items &items, size_t beg
 bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeoutMs) {
   Items items;
   {
-    std::lock_guard<std::mutex> lock(s->mu);
+    TevLock lock(&s->mu);
     items = s->fwd->Take(r, kBatch, NowMs());
   }
   if (items.empty()) return false;
@@ -81,7 +81,7 @@ bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeou
           static_cast<unsigned long long>(rep->failures));
       // A replica that was away may have restarted and forgotten every
       // alert: it is sent the firing ones now, not at its next re-send.
-      std::lock_guard<std::mutex> lock(s->mu);
+      TevLock lock(&s->mu);
       s->fwd->ResendNow(r, now);
     }
     rep->failures = rep->unloggedFailures = 0;
@@ -91,7 +91,7 @@ bool SendOnce(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long timeou
   }
   if (gStop) return false;
   {
-    std::lock_guard<std::mutex> lock(s->mu);
+    TevLock lock(&s->mu);
     s->fwd->Failed(r);
   }
   ++rep->failures;
@@ -116,8 +116,8 @@ void ReplicaLoop(Shared *s, size_t r, Replica *rep, int64_t retryMaxMs, long tim
     int64_t now = NowMs();
     if (now >= rep->nextTryMs && SendOnce(s, r, rep, retryMaxMs, timeoutMs)) continue;
     int64_t waitMs = std::min<int64_t>(100, std::max<int64_t>(1, rep->nextTryMs - now));
-    std::unique_lock<std::mutex> lock(s->mu);
-    if (!gStop) s->wake.wait_for(lock, std::chrono::milliseconds(waitMs));
+    TevLock lock(&s->mu);
+    if (!gStop) s->wake.wait_for(s->mu, std::chrono::milliseconds(waitMs));
   }
 }
 

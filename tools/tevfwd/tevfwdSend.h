@@ -6,9 +6,9 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "TevMutex.h"
 #include "tevfwdCore.h"
 #include "tevfwdHttp.h"
 
@@ -20,11 +20,12 @@ extern std::atomic<bool> gStop;
 void Log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 int64_t NowMs();
 
-// The state shared by the threads.
+// The state shared by the threads: the forwarder's spool and alerts, under
+// one lock that no thread holds while it sends, reads or writes a file.
 struct Shared {
-  std::mutex mu;
-  std::condition_variable wake;
-  std::unique_ptr<Forwarder> fwd;
+  TevMutex mu;
+  std::condition_variable_any wake;  // waited on with mu
+  std::unique_ptr<Forwarder> fwd GUARDED_BY(mu);
 };
 
 // One replica's delivery state, for back-off and the rate-limited log line.

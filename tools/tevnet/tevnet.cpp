@@ -52,11 +52,16 @@ const char kUsage[] =
 
 using Clock = std::chrono::steady_clock;
 
-// The daemon gathers a NIC's port-group transitions for two seconds and then
-// reports the losses before the recoveries, whatever their order: after a
-// burst, the present state is told again once that window has surely passed.
-constexpr int kSettleSec = 3;
-constexpr auto kSettle = std::chrono::seconds(kSettleSec);
+// The daemon gathers a NIC's port-group transitions until the second two
+// whole seconds after the first of them (so at most 2 s) and then reports
+// them kind by kind, in the order each kind first came: after a burst the
+// last word may be the wrong one, and the present state is told again once
+// that window has surely closed. Half a second more than the window: each
+// step here adds to the time a fault takes to show.
+constexpr auto kSettle = std::chrono::milliseconds(2500);
+// A NIC the last tevnet told of this recently (or whose carrier changed
+// while none ran) may be in a window the daemon has still open.
+constexpr int kUnsettledSec = 6;
 // How long a removed NIC is told as gone again to a daemon that is new.
 constexpr auto kDepartedKept = std::chrono::seconds(60);
 // A delivery that failed is made good by the whole present state this much later.
@@ -293,7 +298,7 @@ class Watcher {
     table_.clear();
     for (const Link &l : links) table_[l.ifindex] = l;
     state_ = BuildState(Links(), opts_);
-    const std::vector<std::string> unsettled = UnsettledNics(state_, 2 * kSettleSec);
+    const std::vector<std::string> unsettled = UnsettledNics(state_, kUnsettledSec);
     // NICs removed while no tevnet ran: gone from the kernel, still in the
     // model; their end is told with the present state.
     std::set<std::string> names;

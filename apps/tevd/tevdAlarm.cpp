@@ -1,7 +1,7 @@
 // Alarm service.
 //
-// DESIGN: one registry (alarmMap, at most 16 entries, identifiers 0..15
-// handed out in order and never released) guarded by alarmMutex, and one
+// DESIGN: one registry (tevdAlarmMap, at most 16 entries, identifiers 0..15
+// handed out in order and never released) guarded by tevdAlarmMutex, and one
 // alarm thread. The thread walks the map in identifier order, takes the first
 // alarm whose deadline has come (so the lowest identifier wins a tie), updates
 // it (periodic: counted again from the moment it was noticed; one-shot:
@@ -13,8 +13,9 @@
 // pthread_cond_timedwait on an absolute CLOCK_REALTIME deadline (whole
 // seconds, 0 ns) on the same clock, so moving the system clock (or running
 // under a clock-shifting preload) moves every alarm alike. Every
-// TevdAlarm_Set broadcasts alarmMapUpdated so the sleep is recomputed.
+// TevdAlarm_Set broadcasts tevdAlarmMapUpdated so the sleep is recomputed.
 #include "tevdAlarm.h"
+#include "tevdAlarmInternal.h"
 
 #include <pthread.h>
 
@@ -26,29 +27,26 @@
 #include "TevClock.h"
 #include "TevMutex.h"
 
+// The registry's names and external linkage are part of the alarm service's
+// interface; they are declared only in tevdAlarmInternal.h, never in
+// tevdAlarm.h.
+// Never destroyed: the alarm thread runs until the process has ended.
+TevMutex tevdAlarmMutex;
+std::map<int32_t, TevdAlarmState> &tevdAlarmMap GUARDED_BY(tevdAlarmMutex) =
+    *new std::map<int32_t, TevdAlarmState>;
+// Statically initialised condition variables use CLOCK_REALTIME.
+pthread_cond_t tevdAlarmMapUpdated = PTHREAD_COND_INITIALIZER;
+
 namespace {
 
-struct AlarmState {
-  uint32_t mode = 0;      // 0 one-shot, 1 periodic
-  uint32_t interval = 0;  // seconds
-  uint64_t deadline = 0;  // absolute wall-clock seconds; 0 = not armed
-  TevdAlarmHandler handler = nullptr;
-};
-
-// Taken after no other lock, and not held while a handler runs.
-TevMutex alarmMutex;
-// Never destroyed: the alarm thread runs until the process has ended.
-std::map<int32_t, AlarmState> &alarmMap GUARDED_BY(alarmMutex) = *new std::map<int32_t, AlarmState>;
-// Statically initialised condition variables use CLOCK_REALTIME.
-pthread_cond_t alarmMapUpdated = PTHREAD_COND_INITIALIZER;
-int32_t nextAlarmId GUARDED_BY(alarmMutex) = 0;
-bool alarmThreadStarted GUARDED_BY(alarmMutex) = false;
+int32_t nextAlarmId GUARDED_BY(tevdAlarmMutex) = 0;
+bool alarmThreadStarted GUARDED_BY(tevdAlarmMutex) = false;
 
 // With the lock held: finds the first alarm in identifier order that is due at
 // `now`, advances or disarms it, and returns its handler through `handler`.
-bool TakeDueLocked(uint64_t now, TevdAlarmHandler *handler) REQUIRES(alarmMutex) {
-  for (auto &entry : alarmMap) {
-    AlarmState &alarm = entry.second;
+bool TakeDueLocked(uint64_t now, TevdAlarmHandler *handler) REQUIRES(tevdAlarmMutex) {
+  for (auto &entry : tevdAlarmMap) {
+    TevdAlarmState &alarm = entry.second;
     if (alarm.deadline == 0 || alarm.deadline > now) {
       continue;
     }
@@ -68,9 +66,9 @@ bool TakeDueLocked(uint64_t now, TevdAlarmHandler *handler) REQUIRES(alarmMutex)
 
 // With the lock held: the earliest armed deadline not before `now` (the first
 // in identifier order among equals), or 0 when nothing is armed.
-uint64_t EarliestDeadlineLocked(uint64_t now) REQUIRES(alarmMutex) {
+uint64_t EarliestDeadlineLocked(uint64_t now) REQUIRES(tevdAlarmMutex) {
   uint64_t earliest = 0;
-  for (const auto &entry : alarmMap) {
+  for (const auto &entry : tevdAlarmMap) {
     uint64_t d = entry.second.deadline;
     if (d != 0 && d >= now && (earliest == 0 || d < earliest)) {
       earliest = d;
@@ -82,18 +80,18 @@ uint64_t EarliestDeadlineLocked(uint64_t now) REQUIRES(alarmMutex) {
 }  // namespace
 
 int TevdAlarm_Register(TevdAlarmHandler handler) {
-  alarmMutex.lock();
+  tevdAlarmMutex.lock();
   if (nextAlarmId > TEVD_ALARM_MAX - 1) {
-    alarmMutex.unlock();
+    tevdAlarmMutex.unlock();
     return -1;
   }
   int id = nextAlarmId++;
-  AlarmState &alarm = alarmMap[id];
+  TevdAlarmState &alarm = tevdAlarmMap[id];
   alarm.mode = 0;
   alarm.interval = 0;
   alarm.deadline = 0;
   alarm.handler = handler;
-  alarmMutex.unlock();
+  tevdAlarmMutex.unlock();
   return id;
 }
 
@@ -101,16 +99,16 @@ int TevdAlarm_Set(int id, unsigned mode, unsigned seconds, unsigned *remaining) 
   if (mode > 1) {
     return 1;
   }
-  alarmMutex.lock();
+  tevdAlarmMutex.lock();
   if (remaining != nullptr) {
     *remaining = 0;
   }
-  auto it = alarmMap.find(id);
-  if (it == alarmMap.end()) {
-    alarmMutex.unlock();
+  auto it = tevdAlarmMap.find(id);
+  if (it == tevdAlarmMap.end()) {
+    tevdAlarmMutex.unlock();
     return 1;
   }
-  AlarmState &alarm = it->second;
+  TevdAlarmState &alarm = it->second;
   uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
   if (remaining != nullptr) {
     *remaining = alarm.deadline > now ? static_cast<unsigned>(alarm.deadline - now) : 0;
@@ -118,8 +116,8 @@ int TevdAlarm_Set(int id, unsigned mode, unsigned seconds, unsigned *remaining) 
   alarm.mode = mode;
   alarm.interval = seconds;
   alarm.deadline = seconds == 0 ? 0 : now + seconds;
-  pthread_cond_broadcast(&alarmMapUpdated);
-  alarmMutex.unlock();
+  pthread_cond_broadcast(&tevdAlarmMapUpdated);
+  tevdAlarmMutex.unlock();
   return 0;
 }
 
@@ -127,7 +125,7 @@ namespace {
 
 void *AlarmThreadMain(void *) {
   uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
-  alarmMutex.lock();
+  tevdAlarmMutex.lock();
   for (;;) {
     TevdAlarmHandler handler = nullptr;
     if (!TakeDueLocked(now, &handler)) {
@@ -135,21 +133,21 @@ void *AlarmThreadMain(void *) {
       if (!TakeDueLocked(now, &handler)) {
         uint64_t deadline = EarliestDeadlineLocked(now);
         if (deadline == 0) {
-          alarmMutex.Wait(&alarmMapUpdated);
+          tevdAlarmMutex.Wait(&tevdAlarmMapUpdated);
         } else {
           struct timespec until;
           until.tv_sec = static_cast<time_t>(deadline);
           until.tv_nsec = 0;
-          alarmMutex.WaitUntil(&alarmMapUpdated, &until);
+          tevdAlarmMutex.WaitUntil(&tevdAlarmMapUpdated, &until);
         }
         continue;
       }
     }
-    alarmMutex.unlock();
+    tevdAlarmMutex.unlock();
     if (handler != nullptr) {
       handler();
     }
-    alarmMutex.lock();
+    tevdAlarmMutex.lock();
   }
   return nullptr;
 }
@@ -159,9 +157,9 @@ void *AlarmThreadMain(void *) {
 void TevdAlarm_StartThread(void) {
   pthread_t thread;
   if (pthread_create(&thread, nullptr, AlarmThreadMain, nullptr) == 0) {
-    alarmMutex.lock();
+    tevdAlarmMutex.lock();
     alarmThreadStarted = true;
-    alarmMutex.unlock();
+    tevdAlarmMutex.unlock();
   }
 }
 
@@ -170,9 +168,9 @@ int TevdAlarm_RunDueForTest(void) {
   for (;;) {
     uint64_t now = static_cast<uint64_t>(TevClock_NowSeconds());
     TevdAlarmHandler handler = nullptr;
-    alarmMutex.lock();
+    tevdAlarmMutex.lock();
     bool due = TakeDueLocked(now, &handler);
-    alarmMutex.unlock();
+    tevdAlarmMutex.unlock();
     if (!due) {
       return ran;
     }
@@ -184,8 +182,8 @@ int TevdAlarm_RunDueForTest(void) {
 }
 
 void TevdAlarm_ResetForTest(void) {
-  alarmMutex.lock();
-  alarmMap.clear();
+  tevdAlarmMutex.lock();
+  tevdAlarmMap.clear();
   nextAlarmId = 0;
-  alarmMutex.unlock();
+  tevdAlarmMutex.unlock();
 }

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <new>
 
-#include "PlatformRoot.h"
+#include "PlatformLog.h"
 #include "Str.h"
 #include "tevdAgent.h"
 #include "tevdAgentInternal.h"

@@ -19,6 +19,7 @@
 #include <string>
 
 #include "KNO.h"
+#include "PlatformLog.h"
 #include "PlatformRoot.h"
 #include "TevClock.h"
 #include "TevLib.h"
@@ -363,7 +364,7 @@ int main(int argc, char **argv) {
   }
 
   // The library's own diagnostics carry the daemon's time prefix too.
-  TevLib_SetLogFunction(TevdLogV);
+  PlatformLog_SetDiagnosticSink(TevdLogV);
   int rc = TevdMain_InstallSignals(OnSignal);
   // Threads inherit the mask: everything started from here on blocks the
   // handled signals; the reader unblocks them before its loop.

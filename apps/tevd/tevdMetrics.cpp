@@ -11,6 +11,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "PlatformLog.h"
 #include "PlatformRoot.h"
 #include "PromText.h"
 #include "TevClock.h"

@@ -16,7 +16,7 @@
 #include "HostCtl.h"
 #include "KNO.h"
 #include "MtlCtl.h"
-#include "PlatformRoot.h"
+#include "PlatformModel.h"
 #include "TevClock.h"
 #include "tevdLog.h"
 #include "tevdQprob.h"

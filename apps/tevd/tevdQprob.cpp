@@ -34,7 +34,7 @@
 
 #include "KNO.h"
 #include "MsgFmt.h"
-#include "PlatformRoot.h"
+#include "PlatformLog.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
 #include "tevdLog.h"

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Harness.h"
+#include "TevRecord.h"
 #include "TevdTestSupport.h"
 #include "tevdAgent.h"
 #include "tevdCorrelator.h"

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "PlatformRoot.h"
+#include "TevRecord.h"
 #include "tevdQprob.h"
 
 namespace tevdtest {

@@ -397,7 +397,7 @@ int main(int argc, char **argv) {
     tevBuffer = static_cast<uint8_t *>(malloc(kBufferInitial));
     if (tevBuffer == nullptr) {
       TevdLog("Error allocating space for tev buffer. Out of memory\n");
-      rc = 12;
+      rc = ENOMEM;
     } else {
       tevBufferSize = kBufferInitial;
     }

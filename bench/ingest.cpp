@@ -38,7 +38,7 @@
 #include "MsgFmt.h"
 #include "PlatformSocket.h"
 #include "Qprob.h"
-#include "TevLib.h"
+#include "TevRecord.h"
 
 namespace {
 

@@ -15,6 +15,7 @@
 
 #include "MsgFmt.h"
 #include "TevLib.h"
+#include "TevRecord.h"
 #include "tevdCorrelator.h"
 #include "tevdQprob.h"
 #include "tevdTrace.h"

@@ -6,6 +6,7 @@
 
 #include "FuzzCommon.h"
 #include "TevLib.h"
+#include "TevRecord.h"
 
 namespace {
 std::vector<std::vector<uint8_t>> Records() {

@@ -14,6 +14,7 @@
 
 #include "PlatformInternal.h"
 #include "TevLib.h"
+#include "TevRecord.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 1) return 0;

@@ -5,6 +5,7 @@
 
 #include "FuzzCommon.h"
 #include "TevLib.h"
+#include "TevRecord.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string why;

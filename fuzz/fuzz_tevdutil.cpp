@@ -6,6 +6,7 @@
 
 #include "FuzzCommon.h"
 #include "TevLib.h"
+#include "TevRecord.h"
 #include "tevdUtil.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {

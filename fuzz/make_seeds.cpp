@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "MsgFmt.h"
-#include "TevLib.h"
+#include "TevRecord.h"
 
 namespace {
 using V = MsgFmt_Value;

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <exception>
 
-#include "PlatformRoot.h"
+#include "PlatformLog.h"
 #include "TevClock.h"
 #include "TevMutex.h"
 #include "tevdAgentInternal.h"

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "PlatformRoot.h"
+#include "PlatformLog.h"
 #include "tevdAgentInternal.h"
 #include "tevdLog.h"
 

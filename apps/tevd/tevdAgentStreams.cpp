@@ -11,7 +11,7 @@
 #include <cstring>
 #include <new>
 
-#include "PlatformRoot.h"
+#include "PlatformLog.h"
 #include "Str.h"
 #include "TevMutex.h"
 #include "tevdAgent.h"
@@ -122,7 +122,10 @@ int CreateStream(const TevSubscription *sub, char **nameHolder, TevStream **out)
   }
   // The non-blocking flag's value passed as descriptor flags, deliberately:
   // the read end stays blocking and reassembly copes with short reads.
-  if (fcntl(fds[0], F_SETFD, 0x800) != 0) {
+  // Written as a number, not as O_NONBLOCK: as descriptor flags it means
+  // nothing (the kernel keeps only FD_CLOEXEC), so close-on-exec stays off.
+  constexpr int kReadEndDescriptorFlags = 0x800;  // O_NONBLOCK's value on Linux
+  if (fcntl(fds[0], F_SETFD, kReadEndDescriptorFlags) != 0) {
     close(fds[0]);
     close(fds[1]);
     delete s;

@@ -3,8 +3,6 @@
 // that lookups of unknown identifiers never change the registered map.
 #include "tevdCorrelator.h"
 
-#include "PlatformRoot.h"
-
 #include <unistd.h>
 
 #include <cerrno>

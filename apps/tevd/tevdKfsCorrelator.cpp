@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "tevdLog.h"
+#include "tevdPanicTags.h"
 #include "tevdQprob.h"
 
 #define KFS_UUID_FMT "%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx"
@@ -191,7 +192,7 @@ int TevdKfsCorrelatorDoVolumeNameAndLabel(Tev *tev) {
   } else if (Tev_IsID(id, "tev.kfs.heartbeat.corruptondisk")) {
     TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsHeartbeatCorruptondisk, u.text, label);
   } else {
-    TevdNotReached("apps/tevd/tevdKfsCorrelator", 142);
+    TevdNotReached(tevd_tag::kKfsVolumeUnknownId);
   }
   return 0;
 }
@@ -213,7 +214,7 @@ int TevdKfsCorrelatorDoNFSVolume(Tev *tev) {
     // A problem, not a clear, as the identifier says.
     TevdQprob_Post(0, Problem, tevd_ev::ProblemKfsNfsServerRestored, first, second, u.text, last);
   } else {
-    TevdNotReached("apps/tevd/tevdKfsCorrelator", 646);
+    TevdNotReached(tevd_tag::kKfsNfsUnknownId);
   }
   return 0;
 }

@@ -17,7 +17,7 @@
 #include <ctime>
 
 #include "MsgFmt.h"
-#include "PlatformRoot.h"
+#include "PlatformLog.h"
 #include "TevClock.h"
 
 namespace {

@@ -19,6 +19,7 @@
 #include <string>
 
 #include "KNO.h"
+#include "PlatformLog.h"
 #include "PlatformRoot.h"
 #include "TevClock.h"
 #include "TevLib.h"
@@ -363,7 +364,7 @@ int main(int argc, char **argv) {
   }
 
   // The library's own diagnostics carry the daemon's time prefix too.
-  TevLib_SetLogFunction(TevdLogV);
+  PlatformLog_SetDiagnosticSink(TevdLogV);
   int rc = TevdMain_InstallSignals(OnSignal);
   // Threads inherit the mask: everything started from here on blocks the
   // handled signals; the reader unblocks them before its loop.
@@ -395,7 +396,7 @@ int main(int argc, char **argv) {
     tevBuffer = static_cast<uint8_t *>(malloc(kBufferInitial));
     if (tevBuffer == nullptr) {
       TevdLog("Error allocating space for tev buffer. Out of memory\n");
-      rc = 12;
+      rc = ENOMEM;
     } else {
       tevBufferSize = kBufferInitial;
     }

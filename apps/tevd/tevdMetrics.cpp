@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "PlatformLog.h"
 #include "PlatformRoot.h"
 #include "PromText.h"
 #include "TevClock.h"

@@ -16,9 +16,10 @@
 #include "HostCtl.h"
 #include "KNO.h"
 #include "MtlCtl.h"
-#include "PlatformRoot.h"
+#include "PlatformModel.h"
 #include "TevClock.h"
 #include "tevdLog.h"
+#include "tevdPanicTags.h"
 #include "tevdQprob.h"
 #include "tevdUtil.h"
 
@@ -138,13 +139,13 @@ void TevdPageRetireCorrelator_Init(void) {
     gThreshold = threshold;
   } catch (...) {
     LogMissingModel("nodes/system/pageRetire/threshold");
-    TevdNotReached("apps/tevd/tevdPageRetireCorrelator", 178);
+    TevdNotReached(tevd_tag::kPageRetireNoThreshold);
   }
   try {
     gThresholdInterval = ReadPageRetireOption("ThresholdInterval");
   } catch (...) {
     LogMissingModel("options/PageRetire/ThresholdInterval");
-    TevdNotReached("apps/tevd/tevdPageRetireCorrelator", 189);
+    TevdNotReached(tevd_tag::kPageRetireNoInterval);
   }
   gNotRetiredReported = false;
   // Empty at process start; cleared so that a test's run starts fresh too.
@@ -204,7 +205,7 @@ int TevdPageRetireCorrelatorPlatformRequest(Tev *tev) {
   try {
     enabled = ReadPageRetireOption("ApeiLoggingEnabled");
   } catch (const HostCtl::Lib::HostCtlException &) {
-    TevdNotReached("apps/tevd/tevdPageRetireCorrelator", 126);
+    TevdNotReached(tevd_tag::kPageRetireNoApeiOption);
   }
   if (enabled == 0) {
     return 0;

@@ -34,12 +34,13 @@
 
 #include "KNO.h"
 #include "MsgFmt.h"
-#include "PlatformRoot.h"
+#include "PlatformLog.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
 #include "TevMutex.h"
 #include "tevdLog.h"
 #include "tevdMetrics.h"
+#include "tevdPanicTags.h"
 #include "tevdQprobInternal.h"
 #include "tevdTrace.h"
 
@@ -60,6 +61,20 @@ constexpr int32_t kRateLimit = 1000;
 // microseconds), so a connect gives up sooner than a send.
 constexpr suseconds_t kConnectTimeoutUs = 1000000;
 constexpr time_t kSendTimeoutSeconds = 3;
+
+// Identifier prefixes of the event classes. A template's identifier suffix
+// starts past the marker and its class's prefix, which the cut assumes and
+// does not check: a template of another class is cut at the wrong place.
+constexpr char kProblemPrefix[] = "kos.problem.";
+constexpr char kAuditPrefix[] = "kos.audit.";
+constexpr char kClearPrefix[] = "kos.clear.";
+template <size_t N>
+constexpr size_t SuffixStart(const char (&prefix)[N]) {
+  return sizeof TEVD_TEMPLATE_MARKER - 1 + N - 1;
+}
+static_assert(SuffixStart(kProblemPrefix) == 20 && SuffixStart(kAuditPrefix) == 18 &&
+                  SuffixStart(kClearPrefix) == 18,
+              "a problem's suffix starts 20 characters into its template, others 18");
 
 std::atomic<int64_t> rateWindowStart{0};
 std::atomic<int32_t> rateCount{0};
@@ -169,18 +184,18 @@ void TevdQprob_Post(int flags, EventClass cls, const char *templ, ...) {
   size_t skip;
   switch (cls) {
     case Audit:
-      prefix = "kos.audit.";
-      skip = 18;
+      prefix = kAuditPrefix;
+      skip = SuffixStart(kAuditPrefix);
       break;
     case Clear:
-      prefix = "kos.clear.";
-      skip = 18;
+      prefix = kClearPrefix;
+      skip = SuffixStart(kClearPrefix);
       break;
     case Problem:
-      prefix = "kos.problem.";
-      skip = 20;
+      prefix = kProblemPrefix;
+      skip = SuffixStart(kProblemPrefix);
       break;
-    default: TevdNotReached("apps/tevd/tevdQprob", 608);
+    default: TevdNotReached(tevd_tag::kQprobUnknownClass);
   }
   // Every template carries ")" after the identifier; the scan is unbounded.
   const char *start = templ + skip;
@@ -191,7 +206,7 @@ void TevdQprob_Post(int flags, EventClass cls, const char *templ, ...) {
   size_t len = static_cast<size_t>(close - start);
   char *suffix = static_cast<char *>(malloc(len + 1));
   if (suffix == nullptr) {
-    Panic("MEM_ALLOC %s:%d\n", "apps/tevd/tevdQprob", 619);
+    TevdNoMemory(tevd_tag::kQprobSuffixNoMemory);
   }
   memcpy(suffix, start, len);
   suffix[len] = '\0';
@@ -206,7 +221,7 @@ void Tevd_PostProblem(const char *idSuffix, const char *format, ...) {
   TevdLog("Using discouraged \"Tevd_PostProblem\" interface for qprob: %s", idSuffix);
   va_list ap;
   va_start(ap, format);
-  TevdQprob_PostV("kos.problem.", idSuffix, format, ap, 0);
+  TevdQprob_PostV(kProblemPrefix, idSuffix, format, ap, 0);
   va_end(ap);
 }
 

@@ -18,6 +18,7 @@
 
 #include "TevClock.h"
 #include "tevdLog.h"
+#include "tevdPanicTags.h"
 #include "tevdQprob.h"
 #include "tevdScsiCorrelator.h"
 #include "tevdUtil.h"
@@ -186,7 +187,7 @@ int TevdScsiCorrelatorDoPathUp(Tev *tev) {
                      datastores.c_str(), path);
       break;
     case 1: break;  // still no path: nothing to clear yet
-    default: TevdNotReached("apps/tevd/tevdScsiCorrelator", 1018);
+    default: TevdNotReached(tevd_tag::kScsiUnknownPathStatus);
   }
   return 0;
 }

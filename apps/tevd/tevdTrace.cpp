@@ -28,7 +28,6 @@
 #include <deque>
 #include <map>
 
-#include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
 #include "TevMutex.h"

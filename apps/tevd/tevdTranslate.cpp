@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "tevdLog.h"
+#include "tevdPanicTags.h"
 
 namespace {
 
@@ -210,7 +211,7 @@ int TevdTranslate_Only(Tev *tev, TevdRows rows, TevHandler handler) {
       return TevdTranslate_Row(tev, row, row.tevId);
     }
   }
-  TevdNotReached("apps/tevd/tevdTranslate", __LINE__);
+  TevdNotReached(tevd_tag::kTranslateNoRow);
 }
 
 TevHandlerMap TevdTranslate_BuildMap(TevdRows rows) {

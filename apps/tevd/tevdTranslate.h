@@ -150,9 +150,9 @@ constexpr bool Fits(char kind, char conversion) {
 }
 
 constexpr const char *EventPrefix(EventClass cls) {
-  return cls == Problem ? "@&!*@*@(kos.problem."
-         : cls == Audit ? "@&!*@*@(kos.audit."
-         : cls == Clear ? "@&!*@*@(kos.clear."
+  return cls == Problem ? TEVD_TEMPLATE_MARKER "kos.problem."
+         : cls == Audit ? TEVD_TEMPLATE_MARKER "kos.audit."
+         : cls == Clear ? TEVD_TEMPLATE_MARKER "kos.clear."
                         : nullptr;
 }
 

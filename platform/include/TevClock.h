@@ -1,5 +1,8 @@
-// The wall clock every part of the daemon reads. Tests may replace it with a
-// fake one; production code never calls the setters.
+// The wall clock every part of the daemon reads, and the only way it reads
+// one: real by default (gettimeofday and clock_gettime, so libfaketime moves
+// it too), a fake one under tests. Setting the fake clock is not part of the
+// product: it lives in platform/testing/TevClockFake.h, which only the
+// tests' build can include.
 #pragma once
 
 #include <sys/time.h>
@@ -13,9 +16,3 @@ time_t TevClock_Time(void);
 // Whole seconds of the wall clock: the one "now" of time-outs, rate windows
 // and log intervals.
 int64_t TevClock_NowSeconds(void);
-
-// Test control: a fake clock at `usec` since the epoch, moved only by hand.
-void TevClock_SetFake(int64_t usec);
-void TevClock_Advance(int64_t usec);
-void TevClock_UseReal(void);
-bool TevClock_IsFake(void);

@@ -1,18 +1,17 @@
-// Observation library of the emulated platform: contexts, record reading and
-// the accessors of one observation (`Tev`). Record bytes are those of
-// docs/formats.md; everything here honours TEVD_ROOT (PlatformRoot.h).
+// The observation library as the daemon uses it: contexts, record reading
+// and the accessors of one observation (`Tev`). Record bytes are those of
+// docs/formats.md (TevRecordFormat.h); building and posting records is the
+// producers' business (TevRecord.h). Everything here honours TEVD_ROOT.
 #pragma once
 
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
 
-#include "MsgFmt.h"
+#include "TevRecordFormat.h"
 
-// Library status codes. 0 is success; the others are errno-like values.
+// Library status codes: 0 is success, every other one an errno value, 27
+// included (docs/errors.md).
 enum {
   TEVLIB_OK = 0,
   TEVLIB_ERR_IO = 5,  // a read or socket call failed
@@ -20,37 +19,6 @@ enum {
   TEVLIB_ERR_INVAL = 22,
   TEVLIB_BUFFER_TOO_SMALL = 27,  // first pending record does not fit; nothing consumed
   TEVLIB_ERR_CLOSED = 104,       // a user connection's peer went away
-};
-
-constexpr uint32_t TEVLIB_NUM_ASYNC_DOMAINS = 22;
-constexpr uint32_t TEVLIB_USER_DOMAIN = 22;
-constexpr size_t TEV_RECORD_HEADER_SIZE = 32;
-constexpr size_t TEV_RECORD_MAX_SIZE = 1u << 20;
-
-// The fixed head of one record, read in place: the record's bytes need no
-// alignment. Whether the fields make sense is TevRecord_IsWellFormed's
-// business; records handed over by TevLib_ReadFromFd are well formed.
-class TevRecordHeader {
- public:
-  explicit TevRecordHeader(const uint8_t *record) : record_(record) {}
-  uint64_t TimestampUs() const { return Field<uint64_t>(8); }
-  uint32_t TotalLength() const { return Field<uint32_t>(16); }
-  uint32_t MessageOffset() const { return Field<uint32_t>(20); }
-  uint32_t ArgCount() const { return Field<uint32_t>(24); }
-  uint32_t ArgsOffset() const { return Field<uint32_t>(28); }
-  // The identifier right after the header (NUL-terminated in a whole record).
-  const char *Id() const {
-    return reinterpret_cast<const char *>(record_ + TEV_RECORD_HEADER_SIZE);
-  }
-
- private:
-  template <typename T>
-  T Field(size_t offset) const {
-    T value;
-    memcpy(&value, record_ + offset, sizeof value);
-    return value;
-  }
-  const uint8_t *record_;
 };
 
 struct TevLibContext;  // opaque
@@ -83,15 +51,6 @@ int TevLib_HandleToName(TevLib_Handle handle, char *name);
 int TevLib_UserContextNewCnx(TevLib_Handle handle, int *fd);
 int TevLib_UserContextCloseCnx(int fd);  // negative on failure
 int TevLib_Close(TevLib_Handle handle);
-// Where the library's own diagnostics go (a dropped record, a new user-level
-// connection): by default the platform log; a program that formats its log
-// lines itself (the daemon's time prefix) installs its routine here.
-typedef void (*TevLib_LogFn)(const char *format, va_list ap);
-void TevLib_SetLogFunction(TevLib_LogFn fn);
-// Malformed records dropped so far by this process (for tests and tools).
-uint64_t TevLib_DroppedRecords(void);
-// Records refused to an unprivileged user-level peer so far.
-uint64_t TevLib_RefusedRecords(void);
 
 // ---- one observation -------------------------------------------------------
 struct Tev;  // opaque
@@ -117,22 +76,3 @@ int Tev_GetArgs(Tev *tev, int first, const char *format, ...);
 int Tev_GetArgsVA(Tev *tev, int first, const char *format, va_list ap);
 // The record's raw bytes (header included) and its argument block.
 const uint8_t *Tev_RecordBytes(Tev *tev, uint32_t *length);
-
-// ---- producers ---------------------------------------------------------------
-// Builds one record. Arguments are values as MsgFmt_Value (types 1..6).
-std::vector<uint8_t> TevRecord_Encode(const std::string &id, const std::string &message,
-                                      uint64_t timestampUs, const std::vector<MsgFmt_Value> &args);
-// Full validation of one record of exactly `length` bytes; on failure `why`
-// (if given) names the first problem found.
-bool TevRecord_IsWellFormed(const uint8_t *record, size_t length, std::string *why = nullptr);
-// Decodes a well-formed record's fields.
-struct TevRecordView {
-  uint64_t timestampUs = 0;
-  std::string id;
-  std::string message;
-  std::vector<MsgFmt_Value> args;
-};
-bool TevRecord_Decode(const uint8_t *record, size_t length, TevRecordView *out);
-// Sends one record: to async-NN.sock (domain 0..21) as a datagram, or, for
-// domain 22, over a fresh user-level connection. Returns 0 or an errno value.
-int TevRecord_Post(uint32_t domain, const std::vector<uint8_t> &record);

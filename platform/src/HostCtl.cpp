@@ -9,7 +9,7 @@
 #include <algorithm>
 
 #include "PlatformInternal.h"
-#include "PlatformRoot.h"
+#include "PlatformModel.h"
 
 namespace {
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "PlatformInternal.h"
+#include "PlatformModel.h"
 #include "PlatformRoot.h"
 #include "TevClock.h"
 

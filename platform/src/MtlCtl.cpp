@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "PlatformInternal.h"
-#include "PlatformRoot.h"
+#include "PlatformModel.h"
 
 namespace {
 

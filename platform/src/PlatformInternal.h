@@ -1,8 +1,10 @@
-// Helpers shared by the platform sources only (never included by the daemon):
-// the raw view of an argument block and of a record, the descriptor-to-name
-// registry of open contexts, and a printf-style wrapper of the log sink.
+// Helpers shared by the platform sources (and the platform's test seam) only,
+// never included by the daemon: the fake clock's state, the raw view of an
+// argument block and of a record, the descriptor-to-name registry of open
+// contexts, and a printf-style wrapper of the log sink.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -20,6 +22,14 @@ struct TevLibContext {
 };
 
 namespace platform_internal {
+
+// The fake wall clock: TevClock.cpp reads it, only the test seam
+// (platform/testing/TevClockFake.cpp) sets it.
+struct FakeClockState {
+  std::atomic<bool> on{false};
+  std::atomic<int64_t> usec{0};
+};
+extern FakeClockState gFakeClock;
 
 // The host-model file a write of `node` goes to (relative to the model), or
 // "" for a node that is not written or instances that do not name one.
@@ -69,7 +79,8 @@ std::string FdName(int fd);
 void AttachReadBatch(int fd);
 void DetachReadBatch(int fd);
 
-// TevLib's diagnostics: to the function the daemon set, else the log sink.
+// The platform's diagnostics: to PlatformLog_SetDiagnosticSink's routine, else
+// the log sink.
 void TevLibLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 void Syslog(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -7,6 +7,7 @@
 
 #include "PlatformFile.h"
 #include "PlatformInternal.h"
+#include "PlatformModel.h"
 #include "PlatformRoot.h"
 
 std::string PlatformModel_EscapeName(const std::string &name) {

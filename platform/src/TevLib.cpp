@@ -15,42 +15,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 
 #include "PlatformInternal.h"
-#include "PlatformRoot.h"
 #include "PlatformSocket.h"
-#include "TevClock.h"
 #include "TevLib.h"
 #include "TevMutex.h"
-
-namespace {
-
-std::atomic<TevLib_LogFn> logFunction{nullptr};
-
-}  // namespace
-
-namespace platform_internal {
-
-void TevLibLog(const char *format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  TevLib_LogFn fn = logFunction.load();
-  if (fn != nullptr) {
-    fn(format, ap);
-  } else {
-    PlatformLog_Vsyslog(format, ap);
-  }
-  va_end(ap);
-}
-
-}  // namespace platform_internal
-
-void TevLib_SetLogFunction(TevLib_LogFn fn) { logFunction.store(fn); }
 
 namespace {
 

@@ -358,6 +358,3 @@ int TevLib_Reset(TevLib_Handle handle) {
     return errno == EAGAIN || errno == EWOULDBLOCK ? TEVLIB_OK : TEVLIB_ERR_IO;
   }
 }
-
-uint64_t TevLib_DroppedRecords(void) { return gDropped.load(); }
-uint64_t TevLib_RefusedRecords(void) { return gRefused.load(); }

@@ -11,9 +11,8 @@
 #include <cstring>
 
 #include "PlatformInternal.h"
-#include "PlatformRoot.h"
 #include "PlatformSocket.h"
-#include "TevLib.h"
+#include "TevRecord.h"
 
 namespace {
 

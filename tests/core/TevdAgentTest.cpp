@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Harness.h"
+#include "TevRecord.h"
 #include "TevdTestSupport.h"
 #include "tevdAgentInternal.h"  // the stream's pipe and reassembly
 #include "tevdCorrelator.h"

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "Harness.h"
-#include "PlatformRoot.h"
+#include "PlatformLog.h"
 #include "TevdTestSupport.h"
 #include "tevdLog.h"
 

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "Harness.h"
+#include "TevRecord.h"
 
 using namespace tevdtest;
 

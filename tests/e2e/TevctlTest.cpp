@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "Harness.h"
+#include "TevRecord.h"
 
 using namespace tevdtest;
 

@@ -8,6 +8,7 @@
 
 #include "PlatformSocket.h"
 #include "TevLib.h"
+#include "TevRecord.h"
 #include "TevdTestSupport.h"
 
 namespace {
@@ -111,7 +112,7 @@ TEST_F(TevLibRead, RecordsTakenAheadComeOutInOrderWithMalformedOnesDropped) {
     want.push_back("tev.net.seq/" + std::to_string(i));
     if (i % 3 == 1) Post({Bad()});
   }
-  uint64_t dropped = TevLib_DroppedRecords();
+  uint64_t dropped = TevLib_MalformedCount();
   Ids got;
   bool sawPending = false;
   for (int reads = 0; reads < kRecords + 2; reads++) {
@@ -124,7 +125,7 @@ TEST_F(TevLibRead, RecordsTakenAheadComeOutInOrderWithMalformedOnesDropped) {
   EXPECT_EQ(want, got);
   EXPECT_TRUE(sawPending);
   EXPECT_FALSE(TevLib_HasPending(fd_));
-  EXPECT_EQ(dropped + kRecords / 3, TevLib_DroppedRecords());
+  EXPECT_EQ(dropped + kRecords / 3, TevLib_MalformedCount());
   // A malformed record larger than the buffer is dropped, not reported as 27.
   Post({Bad(std::string(300, 'm')), Good("tev.net.good")});
   EXPECT_EQ(Ids{"tev.net.good/x"}, Read(Good("tev.net.good").size()));
@@ -170,13 +171,13 @@ TEST(TevLibUser, ConnectionDeliversGoodRecordsDropsMalformedOnesThenReportsTheCl
   Ids ids;
   auto read = [&](size_t size) { return ReadIds(cnx, size, &ids); };
   std::vector<uint8_t> good = Good("tev.user.y", "u");
-  uint64_t dropped = TevLib_DroppedRecords();
+  uint64_t dropped = TevLib_MalformedCount();
   for (const auto &r : {Bad(), good, Bad(std::string(300, 'm')), good})
     ASSERT_EQ(static_cast<ssize_t>(r.size()), send(client, r.data(), r.size(), 0));
   EXPECT_EQ(27, read(good.size() - 1));  // after the first drop, nothing consumed
   for (int i = 0; i < 2; i++)            // the large malformed one between them does not block
     EXPECT_TRUE(read(good.size()) == 0 && ids == Ids{"tev.user.y/u"}) << i;
-  EXPECT_EQ(dropped + 2, TevLib_DroppedRecords());
+  EXPECT_EQ(dropped + 2, TevLib_MalformedCount());
   close(client);
   EXPECT_EQ(TEVLIB_ERR_CLOSED, read(256));
   EXPECT_EQ(0, TevLib_UserContextCloseCnx(cnx));

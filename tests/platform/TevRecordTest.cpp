@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "TevLib.h"
+#include "TevRecord.h"
 #include "TevdTestSupport.h"
 
 namespace {

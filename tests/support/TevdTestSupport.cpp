@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "PlatformRoot.h"
+#include "TevRecord.h"
 #include "tevdQprob.h"
 #include "tevdTrace.h"
 

@@ -9,6 +9,7 @@
 #include "MsgFmt.h"
 #include "Qprob.h"
 #include "TevClock.h"
+#include "TevClockFake.h"
 #include "TevLib.h"
 
 namespace tevdtest {

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "MsgFmt.h"
-#include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "Qprob.h"
 

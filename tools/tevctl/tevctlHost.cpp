@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "PlatformModel.h"
 #include "PlatformRoot.h"
 #include "tevctl.h"
 

@@ -7,7 +7,7 @@
 
 #include <sys/stat.h>
 
-#include "TevLib.h"
+#include "TevRecord.h"
 #include "tevctl.h"
 
 namespace tevctl {

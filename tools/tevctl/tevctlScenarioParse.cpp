@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <fstream>
 
-#include "TevLib.h"
+#include "TevRecordFormat.h"
 #include "tevctl.h"
 #include "tevctlScenario.h"
 

@@ -23,10 +23,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "PlatformRoot.h"
+#include "PlatformModel.h"
 #include "PlatformSocket.h"
 #include "Qprob.h"
-#include "TevLib.h"
+#include "TevRecord.h"
 #include "tevctl.h"
 #include "tevctlScenario.h"
 #include "tevctlScenarioRunner.h"

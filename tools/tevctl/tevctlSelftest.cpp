@@ -11,7 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "TevLib.h"
+#include "TevRecord.h"
 #include "tevctl.h"
 
 namespace tevctl {

@@ -24,11 +24,11 @@
 #include <thread>
 #include <vector>
 
+#include "PlatformLog.h"
 #include "PlatformRoot.h"
 #include "PlatformSocket.h"
 #include "PromText.h"
 #include "Qprob.h"
-#include "TevLib.h"
 #include "tevdVersion.h"
 #include "tevfwdCore.h"
 #include "tevfwdHttp.h"
@@ -390,7 +390,7 @@ int main(int argc, char **argv) {
   if (parsed >= 0) return parsed;
   tevfwd::Options &opt = cl.opt;
   // Skipped files (the spool, the host model) are reported on our log.
-  TevLib_SetLogFunction(LogV);
+  PlatformLog_SetDiagnosticSink(LogV);
   // Signals first: from here on a SIGHUP or SIGUSR1 must not end the program.
   HandleSignals();
   // A second forwarder would take over the agent socket and share the spool.

@@ -13,9 +13,9 @@
 #include <cstring>
 #include <ctime>
 
+#include "PlatformLog.h"
 #include "PlatformRoot.h"
 #include "PromText.h"
-#include "TevLib.h"
 #include "tevdVersion.h"
 #include "tevnet.h"
 
@@ -527,7 +527,7 @@ void LogV(const char *format, va_list ap) {
 int Run(const Options &opts) {
   HandleSignals();
   // Skipped host-model files are reported on our log.
-  TevLib_SetLogFunction(LogV);
+  PlatformLog_SetDiagnosticSink(LogV);
   // A second producer would post every transition twice and fight over the
   // host model.
   std::string lockWhy;

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "PlatformModel.h"
 #include "PlatformRoot.h"
 #include "tevnet.h"
 

@@ -12,9 +12,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "PlatformRoot.h"
 #include "PlatformSocket.h"
-#include "TevLib.h"
+#include "TevRecord.h"
 #include "tevnet.h"
 
 namespace tevnet {

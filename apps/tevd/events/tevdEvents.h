@@ -10,8 +10,13 @@
 #include <string>
 #include <vector>
 
+// Every template opens with this marker, then the event identifier and ")".
+// Nothing compares it: posting skips its length (TevdQprob_Post).
+#define TEVD_TEMPLATE_MARKER "@&!*@*@("
+
 namespace tevd_ev {
-#define TEVD_EVENT(name, id, text, ...) inline constexpr char name[] = "@&!*@*@(" id ")" text;
+#define TEVD_EVENT(name, id, text, ...) \
+  inline constexpr char name[] = TEVD_TEMPLATE_MARKER id ")" text;
 #include "tevdEvents.def"
 #undef TEVD_EVENT
 }  // namespace tevd_ev

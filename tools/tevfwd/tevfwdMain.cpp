@@ -28,6 +28,7 @@
 #include "PlatformSocket.h"
 #include "PromText.h"
 #include "Qprob.h"
+#include "QprobReceive.h"
 #include "TevLib.h"
 #include "tevdVersion.h"
 #include "tevfwdCore.h"
@@ -176,31 +177,16 @@ int Listen(const std::string &path) {
 
 // Reads one connection to EOF within 2 s: tevd writes one message and closes.
 bool ReadMessage(int fd, std::string *data, std::string *why) {
-  constexpr size_t kMax = 16u << 20;
-  int64_t deadline = NowMs() + 2000;
-  char buf[65536];
-  for (;;) {
-    int64_t left = deadline - NowMs();
-    struct pollfd p = {fd, POLLIN, 0};
-    int ready = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) {
-      *why = "the sender did not finish within 2 s";
-      return false;
-    }
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n < 0) {
-      *why = std::string("read failed: ") + strerror(errno);
-      return false;
-    }
-    if (n == 0) return true;
-    if (data->size() + static_cast<size_t>(n) > kMax) {
-      *why = "message over " + std::to_string(kMax) + " bytes";
-      return false;
-    }
-    data->append(buf, static_cast<size_t>(n));
+  int error = 0;
+  switch (Qprob_ReadToEnd(fd, 2000, kQprobReceiveMax, data, &error)) {
+    case QprobRead::Whole: return true;
+    case QprobRead::TimedOut: *why = "the sender did not finish within 2 s"; break;
+    case QprobRead::TooLarge:
+      *why = "message over " + std::to_string(kQprobReceiveMax) + " bytes";
+      break;
+    default: *why = std::string("read failed: ") + strerror(error); break;
   }
+  return false;
 }
 
 void AcceptAll(Shared *s, int lfd) {

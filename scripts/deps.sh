@@ -25,8 +25,9 @@ packages() {
                      prometheus-alertmanager prometheus prometheus-node-exporter ;;
     # packaging/check.sh: the package, its manual pages, its units.
     package) echo dpkg-dev fakeroot lintian scdoc gzip man-db groff-base systemd ;;
-    # scripts/lint.sh and fuzz/run.sh: clang's tools and libFuzzer's runtime.
-    lint) echo clang-tidy ;;
+    # scripts/lint.sh, format.sh, funclen.py and fuzz/run.sh: clang's tools,
+    # Python and libFuzzer's runtime.
+    lint) echo clang-tidy clang-format python3 ;;
     fuzz) echo clang libclang-rt-14-dev ;;
     # bench/: Google Benchmark, callgrind, and the comparison's rule engine.
     bench) echo libbenchmark-dev valgrind python3 sec ;;

@@ -126,10 +126,19 @@ int TevdAgent_ReassembleStep(TevStream *s, Tev **tev) {
 }
 
 namespace {
-void CountHandled(TevdAgent *agent) {
-  if (agent->handled != nullptr) {
+// True when the wait is over: a record came (it is counted as handled) or a
+// wake-up descriptor is readable (their number goes to `readyExtra`).
+bool Deliver(TevdAgent *agent, const Tev *tev, int woken, int *readyExtra) {
+  if (tev == nullptr && woken <= 0) {
+    return false;
+  }
+  if (tev != nullptr && agent->handled != nullptr) {
     agent->handled->fetch_add(1, std::memory_order_relaxed);
   }
+  if (readyExtra != nullptr) {
+    *readyExtra = woken;
+  }
+  return true;
 }
 }  // namespace
 
@@ -159,13 +168,7 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
         TevdLog("Failed to get Tev\n");
         return rc;
       }
-      if (*tev != nullptr) {
-        CountHandled(agent);
-      }
-      if (*tev != nullptr || woken > 0) {
-        if (readyExtra != nullptr) {
-          *readyExtra = woken;
-        }
+      if (Deliver(agent, *tev, woken, readyExtra)) {
         return TEVD_AGENT_OK;
       }
       continue;
@@ -196,13 +199,7 @@ int TevdAgent_WaitTev(TevdAgent *agent, Tev **tev, const int *extraFds, int numE
       TevdLog("Failed to poll, invalid revents - %hd\n", set[0].revents);
       return TEVD_AGENT_BROKEN;
     }
-    if (*tev != nullptr || woken > 0) {
-      if (*tev != nullptr) {
-        CountHandled(agent);
-      }
-      if (readyExtra != nullptr) {
-        *readyExtra = woken;
-      }
+    if (Deliver(agent, *tev, woken, readyExtra)) {
       return TEVD_AGENT_OK;
     }
   }

@@ -346,6 +346,22 @@ int RunLoop(ContextRow *contexts, struct pollfd *set, int capacity) {
   }
 }
 
+// The poll set with room for every trace client and user connection, the
+// fixed entries first; null when there is no memory for it (the fixed set
+// alone is polled then, and `*capacity` stays).
+struct pollfd *FullSet(const struct pollfd *fixedSet, int *capacity) {
+  struct pollfd *set = static_cast<struct pollfd *>(malloc(kMaxEntries * sizeof(struct pollfd)));
+  if (set == nullptr) {
+    return nullptr;
+  }
+  memcpy(set, fixedSet, kFixedEntries * sizeof(struct pollfd));
+  for (int i = kFixedEntries; i < kMaxEntries; ++i) {
+    set[i] = {-1, POLLIN, 0};
+  }
+  *capacity = kMaxEntries;
+  return set;
+}
+
 }  // namespace
 
 static_assert(TEVD_METRICS_CONTEXTS == kNumContexts, "one read counter per context");
@@ -402,14 +418,7 @@ int main(int argc, char **argv) {
     }
   }
   if (rc == 0) {
-    set = static_cast<struct pollfd *>(malloc(kMaxEntries * sizeof(struct pollfd)));
-    if (set != nullptr) {
-      memcpy(set, fixedSet, kFixedEntries * sizeof(struct pollfd));
-      for (int i = kFixedEntries; i < kMaxEntries; ++i) {
-        set[i] = {-1, POLLIN, 0};
-      }
-      capacity = kMaxEntries;
-    }
+    set = FullSet(fixedSet, &capacity);
     OpenReserve();
     TevdMetrics_Start();
     TevdMain_SetHandledSignalsBlocked(false);

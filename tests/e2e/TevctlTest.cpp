@@ -58,6 +58,10 @@ TEST(TevctlPost, TypedArgumentsReachAsyncContextAndBadInputGetsOneLineAndSendsNo
       {{"post", "tev.a.b", "%lu", "12x"}, "is not a valid uint64"},
       {{"post", "--domain", "22", "tev.a.b", "x"}, "--domain must be 0..21"},
       {{"post", "--bogus", "tev.a.b", "x"}, "unknown option --bogus"},
+      {{"post", "--domain=22", "tev.a.b", "x"}, "--domain must be 0..21"},
+      {{"post", "--domain"}, "option --domain needs a value"},
+      {{"post", "--help=1"}, "option --help takes no value"},
+      {{"post", "--", "--domain", "x"}, "must begin with \"tev.\""},  // "--" ends the options
   };
   for (const auto &c : cases) {
     r = RunTevctl(root, c.args);

@@ -28,6 +28,7 @@
 
 #include "PlatformSocket.h"
 #include "Qprob.h"
+#include "QprobReceive.h"
 #include "TevdTestSupport.h"
 
 namespace tevdtest {
@@ -451,17 +452,12 @@ class AgentStandIn {
         held_.push_back(c);
         continue;
       }
-      struct timeval tv = {5, 0};
-      setsockopt(c, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-      std::vector<uint8_t> bytes;
-      uint8_t buf[4096];
-      for (ssize_t n; (n = read(c, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);) {
-        bytes.insert(bytes.end(), buf, buf + std::max<ssize_t>(n, 0));
-      }
+      std::string bytes, why;
+      int error = 0;
+      QprobRead r = Qprob_ReadToEnd(c, 5000, kQprobReceiveMax, &bytes, &error);
       close(c);
       QprobMessage m;
-      std::string why;
-      if (!Qprob_Decode(bytes.data(), bytes.size(), &m, &why)) {
+      if (r != QprobRead::Whole || !Qprob_Decode(bytes.data(), bytes.size(), &m, &why)) {
         ++bad_;
         continue;
       }

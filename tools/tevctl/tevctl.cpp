@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "PlatformRoot.h"
+#include "ToolOptions.h"
 #include "tevctlScenario.h"
 #include "tevdVersion.h"
 
@@ -44,44 +45,41 @@ bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptionDef
   std::vector<OptionDef> all = options;
   all.push_back({"root", true});
   all.push_back({"help", false});
-  size_t i = 0;
-  for (; i < args.size(); ++i) {
-    std::string a = args[i];
-    if (a == "--") {
-      ++i;
-      break;
-    }
-    if (a == "-h") a = "--help";
-    if (a.size() < 3 || a.compare(0, 2, "--") != 0) break;
-    std::string name = a.substr(2), value;
-    bool inlineValue = false;
-    size_t eq = name.find('=');
-    if (eq != std::string::npos) {
-      value = name.substr(eq + 1);
-      name = name.substr(0, eq);
-      inlineValue = true;
-    }
-    const OptionDef *opt = nullptr;
-    for (const OptionDef &s : all) {
-      if (name == s.name) opt = &s;
-    }
-    if (opt == nullptr) {
-      *why = "unknown option --" + name + " (try --help)";
-      return false;
-    }
-    if (opt->takesValue && !inlineValue) {
-      if (i + 1 >= args.size()) {
-        *why = "option --" + name + " needs a value";
-        return false;
-      }
-      value = args[++i];
-    } else if (!opt->takesValue && inlineValue) {
-      *why = "option --" + name + " takes no value";
-      return false;
-    }
-    out->opts[name] = value;
+  // The table holds the spellings; the map is keyed by the bare name.
+  std::vector<std::string> spelled;
+  spelled.reserve(all.size());
+  for (const OptionDef &o : all) spelled.push_back(std::string("--") + o.name);
+  std::vector<toolopt::Option> table;
+  table.reserve(all.size() + 1);
+  for (size_t k = 0; k < all.size(); ++k) {
+    table.push_back(
+        {spelled[k].c_str(), all[k].takesValue ? toolopt::Takes::Value : toolopt::Takes::Nothing});
   }
-  for (; i < args.size(); ++i) out->positional.push_back(args[i]);
+  table.push_back({"-h", toolopt::Takes::Nothing});
+  toolopt::Syntax syntax;
+  syntax.inlineValues = true;
+  syntax.positionals = true;
+  auto keep = [out](const toolopt::Option &o, const std::string *value) {
+    std::string name = o.name;
+    out->opts[name == "-h" ? "help" : name.substr(2)] = value != nullptr ? *value : "";
+    return true;
+  };
+  toolopt::Problem problem;
+  size_t first = 0;
+  if (toolopt::Parse(args, table, syntax, keep, &problem, &first) != toolopt::Outcome::Done) {
+    switch (problem.kind) {
+      case toolopt::Problem::Unknown:
+        *why = "unknown option " + problem.name + " (try --help)";
+        break;
+      case toolopt::Problem::MissingValue:
+        *why = "option " + problem.name + " needs a value";
+        break;
+      default: *why = "option " + problem.name + " takes no value"; break;
+    }
+    return false;
+  }
+  out->positional.insert(out->positional.end(), args.begin() + static_cast<long>(first),
+                         args.end());
   if (out->Has("root")) {
     if (out->Get("root").empty()) {
       *why = "--root needs a directory";
@@ -285,8 +283,7 @@ const Command kCommands[] = {
     {"fwd", "print the counters of tevfwd, the forwarder to Alertmanager", tevctl::CmdFwd},
     {"events", "list the events tevd can post: severity, resolution, what to check",
      tevctl::CmdEvents},
-    {"metrics", "print the live daemons' counters in Prometheus' text format",
-     tevctl::CmdMetrics},
+    {"metrics", "print the live daemons' counters in Prometheus' text format", tevctl::CmdMetrics},
     {"status", "say whether tevd and its companions run, with their main counters",
      tevctl::CmdStatus},
     {"version", "print the version of tevctl and tevd", CmdVersion},

@@ -4,8 +4,9 @@
 // single line "tevctl CMD: reason" on stderr with a non-zero status, and
 // flushes its stdout after every line so that scripts and tests can follow it.
 //
-// This header holds what the commands share: the small option parser, error
-// reporting, number parsing and output. Sockets, paths, the host model and
+// This header holds what the commands share: the option parser (the tools'
+// one, ToolOptions.h, with tevctl's syntax and messages), error reporting,
+// number parsing and output. Sockets, paths, the host model and
 // JSON escaping are the platform's (PlatformSocket.h, PlatformRoot.h, Qprob.h).
 #pragma once
 

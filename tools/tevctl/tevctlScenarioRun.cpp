@@ -26,6 +26,7 @@
 #include "PlatformModel.h"
 #include "PlatformSocket.h"
 #include "Qprob.h"
+#include "QprobReceive.h"
 #include "TevRecord.h"
 #include "tevctl.h"
 #include "tevctlScenario.h"
@@ -142,27 +143,22 @@ void Runner::Service(int timeoutMs) {
   for (size_t i = 4; i < p.size(); ++i) {
     if (!p[i].revents) continue;
     Conn &c = conns_[i - 4];
-    for (;;) {
-      ssize_t n = read(c.fd, buf, sizeof buf);
-      if (n > 0) {
-        c.data.append(buf, static_cast<size_t>(n));
-        continue;
-      }
-      if (n < 0 && (errno == EAGAIN || errno == EINTR)) break;
-      // EOF (or a failed read): the message is complete.
-      EventSeen e{Now(), {}};
-      std::string why;
-      if (Qprob_Decode(c.data.data(), c.data.size(), &e.msg, &why)) {
-        Note("OUT", EventText(e));
-        events_.push_back(e);
-      } else {
-        Note("ERROR", "malformed message of " + std::to_string(c.data.size()) + " bytes: " + why);
-        problems_.push_back("the daemon sent a malformed message: " + why);
-      }
-      close(c.fd);
-      c.fd = -1;
-      break;
+    int error = 0;
+    if (Qprob_ReadAvailable(c.fd, kQprobReceiveMax, &c.data, &error) == QprobRead::Pending) {
+      continue;
     }
+    // EOF (or a failed read): the message is complete.
+    EventSeen e{Now(), {}};
+    std::string why;
+    if (Qprob_Decode(c.data.data(), c.data.size(), &e.msg, &why)) {
+      Note("OUT", EventText(e));
+      events_.push_back(e);
+    } else {
+      Note("ERROR", "malformed message of " + std::to_string(c.data.size()) + " bytes: " + why);
+      problems_.push_back("the daemon sent a malformed message: " + why);
+    }
+    close(c.fd);
+    c.fd = -1;
   }
   conns_.erase(std::remove_if(conns_.begin(), conns_.end(), [](const Conn &c) { return c.fd < 0; }),
                conns_.end());

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "Qprob.h"
+#include "QprobReceive.h"
 #include "tevctl.h"
 
 namespace tevctl {
@@ -24,9 +25,6 @@ const char kUsage[] =
     "  --timeout SEC  give up after SEC seconds in all: exit 0 without --count,\n"
     "                 1 when fewer than N messages came\n";
 
-// Far above any message the daemon can build (its buffer tops out at 18736).
-constexpr size_t kMaxMessage = 16u << 20;
-
 // -1: no deadline.
 int RemainingMs(int64_t deadline) {
   if (deadline < 0) return -1;
@@ -36,26 +34,16 @@ int RemainingMs(int64_t deadline) {
 
 // Reads until EOF. False when the deadline passes first or the read fails.
 bool ReadAll(int fd, int64_t deadline, std::string *data, std::string *why) {
-  char buf[65536];
-  for (;;) {
-    int ready = WaitReadable(fd, RemainingMs(deadline));
-    if (ready == 0) {
-      *why = "timed out before the sender closed";
-      return false;
-    }
-    ssize_t n = ready < 0 ? -1 : read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      *why = std::string("read failed: ") + strerror(errno);
-      return false;
-    }
-    if (n == 0) return true;
-    if (data->size() + static_cast<size_t>(n) > kMaxMessage) {
-      *why = "message larger than " + std::to_string(kMaxMessage) + " bytes";
-      return false;
-    }
-    data->append(buf, static_cast<size_t>(n));
+  int error = 0;
+  switch (Qprob_ReadToEnd(fd, RemainingMs(deadline), kQprobReceiveMax, data, &error)) {
+    case QprobRead::Whole: return true;
+    case QprobRead::TimedOut: *why = "timed out before the sender closed"; break;
+    case QprobRead::TooLarge:
+      *why = "message larger than " + std::to_string(kQprobReceiveMax) + " bytes";
+      break;
+    default: *why = std::string("read failed: ") + strerror(error); break;
   }
+  return false;
 }
 
 void PrintError(const std::string &why) {

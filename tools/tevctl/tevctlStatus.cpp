@@ -123,6 +123,92 @@ void ForwarderDetail(const CountersFile &f, bool json, std::string *out,
   }
 }
 
+// One program's part of --json: {"state":..} with its counters when it runs.
+void PartJson(const Part &part, const CountersFile &f, const char *state, double up,
+              std::string *out, std::vector<std::string> *problems) {
+  const std::string name = part.program;
+  *out += "\"" + name + "\":{\"state\":\"" + state + "\"";
+  if (f.live) {
+    *out += ",\"pid\":" + std::to_string(f.pid) + ",\"uptime_seconds\":" + Number(up);
+    for (const auto &row : part.shown) {
+      *out += ",\"" + std::string(row.first) + "\":" + Number(Value(f, row.second));
+    }
+    if (name == "tevfwd") ForwarderDetail(f, true, out, problems);
+  }
+  *out += "}";
+}
+
+// One program's lines: its state, then its counters when it runs, wrapped
+// before 80 columns.
+void PartText(const Part &part, const CountersFile &f, double up, std::string *out,
+              std::vector<std::string> *problems) {
+  const std::string name = part.program;
+  char head[160];
+  if (f.live) {
+    snprintf(head, sizeof head, "%-7s running, pid %ld, up %s", part.program, f.pid,
+             Uptime(up).c_str());
+  } else if (f.present) {
+    snprintf(head, sizeof head,
+             "%-7s NOT RUNNING (pid %ld is gone; its last counters are "
+             "not shown)",
+             part.program, f.pid);
+  } else if (f.lockedWithoutFile) {
+    snprintf(head, sizeof head, "%-7s running, but writes no counters file (see tevctl %s)",
+             part.program, name == "tevfwd" ? "fwd" : "log");
+  } else {
+    snprintf(head, sizeof head, "%-7s not running", part.program);
+  }
+  *out += head;
+  *out += "\n";
+  if (!f.live) return;
+  std::string line = "       ";
+  for (size_t i = 0; i < part.shown.size(); ++i) {
+    std::string item =
+        std::string(part.shown[i].first) + " " + Number(Value(f, part.shown[i].second));
+    if (line.size() + item.size() + 2 > 79) {
+      *out += line + "\n";
+      line = "       ";
+    }
+    line += (line.size() > 7 ? ", " : "") + item;
+  }
+  *out += line + "\n";
+  if (name == "tevfwd") ForwarderDetail(f, false, out, problems);
+}
+
+// Every program's part, in the order of kParts.
+void Parts(bool json, std::string *out, std::vector<std::string> *problems) {
+  const double now = static_cast<double>(time(nullptr));
+  bool firstPart = true;
+  for (const Part &part : kParts) {
+    CountersFile f = ReadCountersFile(part.program);
+    const std::string name = part.program;
+    const char *state = f.live                ? "running"
+                        : f.present           ? "stale"
+                        : f.lockedWithoutFile ? "running without counters"
+                                              : "not running";
+    if (name == "tevd" && !f.live) {
+      problems->push_back(f.present ? "tevd is not running (its counters file is stale)"
+                                    : "tevd is not running");
+    } else if (f.present && !f.live) {
+      problems->push_back(name + " is not running (pid " + std::to_string(f.pid) +
+                          " left its counters file)");
+    }
+    double up = now - f.Get(name + "_start_time_seconds", now);
+    if (json) {
+      if (!firstPart) *out += ",";
+      PartJson(part, f, state, up, out, problems);
+    } else {
+      PartText(part, f, up, out, problems);
+    }
+    firstPart = false;
+    if (f.live) {
+      for (const auto &p : part.problems) {
+        if (Value(f, p.second) > 0) problems->push_back(Number(Value(f, p.second)) + " " + p.first);
+      }
+    }
+  }
+}
+
 }  // namespace
 
 int CmdStatus(const std::vector<std::string> &args) {
@@ -136,75 +222,9 @@ int CmdStatus(const std::vector<std::string> &args) {
   }
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   const bool json = pa.Has("json");
-  const double now = static_cast<double>(time(nullptr));
   std::vector<std::string> problems;
   std::string out = json ? "{" : "";
-  bool firstPart = true;
-  for (const Part &part : kParts) {
-    CountersFile f = ReadCountersFile(part.program);
-    const std::string name = part.program;
-    const char *state = f.live                ? "running"
-                        : f.present           ? "stale"
-                        : f.lockedWithoutFile ? "running without counters"
-                                              : "not running";
-    if (name == "tevd" && !f.live) {
-      problems.push_back(f.present ? "tevd is not running (its counters file is stale)"
-                                   : "tevd is not running");
-    } else if (f.present && !f.live) {
-      problems.push_back(name + " is not running (pid " + std::to_string(f.pid) +
-                         " left its counters file)");
-    }
-    double up = now - f.Get(name + "_start_time_seconds", now);
-    if (json) {
-      out += std::string(firstPart ? "" : ",") + "\"" + name + "\":{\"state\":\"" + state + "\"";
-      if (f.live) {
-        out += ",\"pid\":" + std::to_string(f.pid) + ",\"uptime_seconds\":" + Number(up);
-        for (const auto &row : part.shown) {
-          out += ",\"" + std::string(row.first) + "\":" + Number(Value(f, row.second));
-        }
-        if (name == "tevfwd") ForwarderDetail(f, true, &out, &problems);
-      }
-      out += "}";
-    } else {
-      char head[160];
-      if (f.live) {
-        snprintf(head, sizeof head, "%-7s running, pid %ld, up %s", part.program, f.pid,
-                 Uptime(up).c_str());
-      } else if (f.present) {
-        snprintf(head, sizeof head,
-                 "%-7s NOT RUNNING (pid %ld is gone; its last counters are "
-                 "not shown)",
-                 part.program, f.pid);
-      } else if (f.lockedWithoutFile) {
-        snprintf(head, sizeof head, "%-7s running, but writes no counters file (see tevctl %s)",
-                 part.program, name == "tevfwd" ? "fwd" : "log");
-      } else {
-        snprintf(head, sizeof head, "%-7s not running", part.program);
-      }
-      out += head;
-      out += "\n";
-      if (f.live) {
-        std::string line = "       ";
-        for (size_t i = 0; i < part.shown.size(); ++i) {
-          std::string item =
-              std::string(part.shown[i].first) + " " + Number(Value(f, part.shown[i].second));
-          if (line.size() + item.size() + 2 > 79) {
-            out += line + "\n";
-            line = "       ";
-          }
-          line += (line.size() > 7 ? ", " : "") + item;
-        }
-        out += line + "\n";
-        if (name == "tevfwd") ForwarderDetail(f, false, &out, &problems);
-      }
-    }
-    firstPart = false;
-    if (f.live) {
-      for (const auto &p : part.problems) {
-        if (Value(f, p.second) > 0) problems.push_back(Number(Value(f, p.second)) + " " + p.first);
-      }
-    }
-  }
+  Parts(json, &out, &problems);
   if (json) {
     out += ",\"problems\":[";
     for (size_t i = 0; i < problems.size(); ++i) {

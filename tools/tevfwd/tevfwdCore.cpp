@@ -101,6 +101,26 @@ bool EndsWith(const std::string &s, const char *tail) {
 
 // Arguments are the producers' bytes: text that is not UTF-8 is sent with
 // replacement characters rather than refused.
+// The spool's entries in their order: (number, file name). Removes what a
+// crash left half written: its entry was never accepted.
+std::vector<std::pair<uint64_t, std::string>> SpoolFiles(const std::string &dir) {
+  std::vector<std::pair<uint64_t, std::string>> files;
+  if (DIR *d = opendir(dir.c_str())) {
+    while (struct dirent *de = readdir(d)) {
+      std::string name = de->d_name;
+      uint64_t seq = 0;
+      if (SpoolName(name, &seq)) {
+        files.emplace_back(seq, name);
+      } else if (EndsWith(name, ".tmp")) {
+        unlink((dir + "/" + name).c_str());
+      }
+    }
+    closedir(d);
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
 std::string Dump(const json &j) { return j.dump(-1, ' ', false, json::error_handler_t::replace); }
 
 bool IsFiring(const json &alert) { return alert.value("endsAt", int64_t{0}) == 0; }
@@ -366,23 +386,8 @@ size_t Forwarder::Recover(int64_t nowMs) {
   if (opt_.spoolDir.empty()) return 0;
   LoadActive(nowMs);
   std::string text;
-  std::vector<std::pair<uint64_t, std::string>> files;
-  if (DIR *d = opendir(opt_.spoolDir.c_str())) {
-    while (struct dirent *de = readdir(d)) {
-      std::string name = de->d_name;
-      uint64_t seq = 0;
-      if (SpoolName(name, &seq)) {
-        files.emplace_back(seq, name);
-      } else if (EndsWith(name, ".tmp")) {
-        // A write that a crash cut short: its entry was never accepted.
-        unlink((opt_.spoolDir + "/" + name).c_str());
-      }
-    }
-    closedir(d);
-  }
-  std::sort(files.begin(), files.end());
   size_t recovered = 0;
-  for (const auto &f : files) {
+  for (const auto &f : SpoolFiles(opt_.spoolDir)) {
     const std::string path = opt_.spoolDir + "/" + f.second;
     json alert;
     if (ReadFile(path, kEntryCap, &text)) alert = json::parse(text, nullptr, false);
@@ -434,45 +439,6 @@ size_t Forwarder::Recover(int64_t nowMs) {
     ++recovered;
   }
   return recovered;
-}
-
-std::string Forwarder::CountersJson() const {
-  const Counters &c = counters_;
-  return json{{"received", c.received},   {"sent", c.sent},           {"resolved", c.resolved},
-              {"spooled", c.spooled},     {"dropped", c.dropped},     {"expired", c.expired},
-              {"malformed", c.malformed}, {"capped", c.capped},       {"retimed", c.retimed},
-              {"waiting", spool_.size()}, {"active", active_.size()}, {"unspooled", c.unspooled}}
-      .dump();
-}
-
-std::vector<std::string> Forwarder::TakeLogLines() {
-  if (droppedUnlogged_ != 0) {
-    log_.push_back("spool over " + std::to_string(opt_.spoolMaxBytes) + " bytes: dropped the " +
-                   std::to_string(droppedUnlogged_) + " oldest alert(s)");
-    droppedUnlogged_ = 0;
-  }
-  if (unspooledUnlogged_ != 0) {
-    log_.push_back("cannot write the spool " + opt_.spoolDir + " (" + unspooledWhy_ +
-                   "): " + std::to_string(unspooledUnlogged_) +
-                   " alert(s) kept in memory only since the last report");
-    unspooledUnlogged_ = 0;
-  }
-  if (cappedUnlogged_ != 0) {
-    log_.push_back("active set full (" + std::to_string(opt_.activeMax) +
-                   " firing alerts): " + std::to_string(cappedUnlogged_) +
-                   " new alert(s) sent once, not re-sent; they end in Alertmanager after three "
-                   "re-send intervals");
-    cappedUnlogged_ = 0;
-  }
-  if (retimedUnlogged_ != 0) {
-    log_.push_back(std::to_string(retimedUnlogged_) +
-                   " event(s) with a time stamp out of range (before 2000 or over a day ahead) "
-                   "sent with the time they arrived");
-    retimedUnlogged_ = 0;
-  }
-  std::vector<std::string> out;
-  out.swap(log_);
-  return out;
 }
 
 }  // namespace tevfwd

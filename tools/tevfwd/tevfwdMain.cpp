@@ -29,9 +29,10 @@
 #include "PlatformSocket.h"
 #include "PromText.h"
 #include "Qprob.h"
-#include "tevdVersion.h"
+#include "QprobReceive.h"
 #include "tevfwdCore.h"
 #include "tevfwdHttp.h"
+#include "tevfwdOptions.h"
 #include "tevfwdSend.h"
 
 namespace {
@@ -43,32 +44,6 @@ using tevfwd::Replica;
 using tevfwd::ReplicaLoop;
 using tevfwd::SendOnce;
 using tevfwd::Shared;
-
-const char kUsage[] =
-    "Usage: tevfwd --alertmanager URL [--alertmanager URL...] [OPTIONS]\n"
-    "Listens on var/run/orlan/marshd-qprob.sock under TEVD_ROOT as tevd's management\n"
-    "agent; posts problems as alerts to every URL (the replicas of one Alertmanager\n"
-    "cluster, POST /api/v2/alerts); recoveries resolve them (see tevd-events(7)).\n"
-    "  --alertmanager URL   an Alertmanager, e.g. http://127.0.0.1:9093 (repeatable)\n"
-    "  --audits             forward audit events too, as short-lived severity=info alerts\n"
-    "  --resend SEC         re-send firing alerts every SEC seconds (default 60)\n"
-    "  --lifetime SEC       end a firing alert whose clear never came after SEC (86400)\n"
-    "  --audit-lifetime SEC life of an audit or one-shot alert (default 300)\n"
-    "  --runbook-url URL    annotation runbook_url: URL followed by the event identifier\n"
-    "  --spool DIR          spool directory (default /var/lib/tevfwd under TEVD_ROOT)\n"
-    "  --spool-max BYTES    spool size limit, oldest dropped first (default 16777216)\n"
-    "  --active-max N       firing alerts kept for re-sending (default 20000)\n"
-    "  --retry-max SEC      longest wait between attempts to a failing URL (default 10)\n"
-    "  --timeout SEC        time limit of one HTTP request (default 5)\n"
-    "  --once               send what the spool holds, then exit (0: all delivered)\n"
-    "  --help, --version\n"
-    "SIGUSR1 prints the counters (received, sent, resolved, spooled, dropped) on\n"
-    "standard error; they are also in var/run/orlan/tevfwd-counters.json, updated\n"
-    "every second ('tevctl fwd' prints them), and for Prometheus, with each replica's\n"
-    "state, in var/run/orlan/metrics/tevfwd.prom every 2 s ('tevctl metrics').\n"
-    "SIGHUP is logged and ignored (nothing to reload: options come from the command\n"
-    "line). SIGTERM or SIGINT stops.\n"
-    "One tevfwd per root: a second one refuses to start (var/run/orlan/tevfwd.lock).\n";
 
 std::atomic<bool> gCounters{false};
 std::atomic<bool> gHangup{false};
@@ -85,15 +60,6 @@ void LogV(const char *fmt, va_list ap) {
   size_t n = strlen(line);
   if (n > 0 && line[n - 1] == '\n') line[n - 1] = '\0';  // the platform's lines end in one
   Log("%s", line);
-}
-
-bool ParseSeconds(const char *s, int64_t *out) {
-  char *end = nullptr;
-  errno = 0;
-  long long v = strtoll(s, &end, 10);
-  if (errno != 0 || end == s || *end != '\0' || v <= 0 || v > 100LL * 365 * 86400) return false;
-  *out = v;
-  return true;
 }
 
 void PrintCounters(Shared *s) {
@@ -176,31 +142,16 @@ int Listen(const std::string &path) {
 
 // Reads one connection to EOF within 2 s: tevd writes one message and closes.
 bool ReadMessage(int fd, std::string *data, std::string *why) {
-  constexpr size_t kMax = 16u << 20;
-  int64_t deadline = NowMs() + 2000;
-  char buf[65536];
-  for (;;) {
-    int64_t left = deadline - NowMs();
-    struct pollfd p = {fd, POLLIN, 0};
-    int ready = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) {
-      *why = "the sender did not finish within 2 s";
-      return false;
-    }
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n < 0) {
-      *why = std::string("read failed: ") + strerror(errno);
-      return false;
-    }
-    if (n == 0) return true;
-    if (data->size() + static_cast<size_t>(n) > kMax) {
-      *why = "message over " + std::to_string(kMax) + " bytes";
-      return false;
-    }
-    data->append(buf, static_cast<size_t>(n));
+  int error = 0;
+  switch (Qprob_ReadToEnd(fd, 2000, kQprobReceiveMax, data, &error)) {
+    case QprobRead::Whole: return true;
+    case QprobRead::TimedOut: *why = "the sender did not finish within 2 s"; break;
+    case QprobRead::TooLarge:
+      *why = "message over " + std::to_string(kQprobReceiveMax) + " bytes";
+      break;
+    default: *why = std::string("read failed: ") + strerror(error); break;
   }
+  return false;
 }
 
 void AcceptAll(Shared *s, int lfd) {
@@ -227,91 +178,6 @@ void AcceptAll(Shared *s, int lfd) {
     }
     s->wake.notify_all();
   }
-}
-
-// The command line: what the forwarder is told beyond its options.
-struct CommandLine {
-  tevfwd::Options opt;
-  bool once = false;
-  int64_t retryMaxSec = 10, timeoutSec = 5;
-  std::string spool;
-};
-
-// Reads one option at argv[*i] (and its value). -1 to go on, else the exit
-// status (0 after --help or --version, 2 for a bad option).
-int ParseOption(int argc, char **argv, int *i, CommandLine *cl) {
-  tevfwd::Options &opt = cl->opt;
-  std::string a = argv[*i];
-  const char *v = nullptr;
-  auto value = [&](const char **out) {
-    if (*i + 1 >= argc) {
-      fprintf(stderr, "tevfwd: %s needs a value (try --help)\n", a.c_str());
-      return false;
-    }
-    *out = argv[++*i];
-    return true;
-  };
-  int64_t secs = 0;
-  auto seconds = [&](int64_t *out) {
-    if (!value(&v)) return false;
-    if (!ParseSeconds(v, out)) {
-      fprintf(stderr, "tevfwd: %s wants a positive whole number, not \"%s\"\n", a.c_str(), v);
-      return false;
-    }
-    return true;
-  };
-  if (a == "--help" || a == "-h") {
-    printf("tevfwd %s\n%s", TEVD_VERSION, kUsage);
-    return 0;
-  }
-  if (a == "--version") {
-    printf("tevfwd %s\n", TEVD_VERSION);
-    return 0;
-  }
-  bool ok = true;
-  if (a == "--alertmanager") {
-    ok = value(&v) && (opt.alertmanagers.push_back(v), true);
-  } else if (a == "--audits") {
-    opt.audits = true;
-  } else if (a == "--once") {
-    cl->once = true;
-  } else if (a == "--resend" || a == "--lifetime" || a == "--audit-lifetime") {
-    ok = seconds(&secs);
-    (a == "--resend"     ? opt.resendMs
-     : a == "--lifetime" ? opt.lifetimeMs
-                         : opt.auditLifetimeMs) = secs * 1000;
-  } else if (a == "--retry-max") {
-    ok = seconds(&cl->retryMaxSec);
-  } else if (a == "--timeout") {
-    ok = seconds(&cl->timeoutSec);
-  } else if (a == "--spool" || a == "--runbook-url") {
-    ok = value(&v) && ((a == "--spool" ? cl->spool : opt.runbookUrl) = v, true);
-  } else if (a == "--spool-max" || a == "--active-max") {
-    ok = seconds(&secs);
-    if (a == "--spool-max") opt.spoolMaxBytes = static_cast<uint64_t>(secs);
-    else opt.activeMax = static_cast<size_t>(secs);
-  } else {
-    fprintf(stderr, "tevfwd: unknown option \"%s\" (try --help)\n", a.c_str());
-    ok = false;
-  }
-  return ok ? -1 : 2;
-}
-
-// -1 to go on, else the exit status.
-int ParseCommandLine(int argc, char **argv, CommandLine *cl) {
-  for (int i = 1; i < argc; ++i) {
-    int rc = ParseOption(argc, argv, &i, cl);
-    if (rc >= 0) return rc;
-  }
-  if (cl->opt.alertmanagers.empty()) {
-    fprintf(stderr, "tevfwd: give at least one --alertmanager URL (try --help)\n");
-    return 2;
-  }
-  if (cl->opt.alertmanagers.size() > 32) {
-    fprintf(stderr, "tevfwd: at most 32 --alertmanager URLs\n");
-    return 2;
-  }
-  return -1;
 }
 
 void HandleSignals() {
@@ -382,13 +248,11 @@ void AcceptLoop(Shared *s, int lfd, const std::string &countersPath, std::string
   }
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
-  CommandLine cl;
-  int parsed = ParseCommandLine(argc, argv, &cl);
-  if (parsed >= 0) return parsed;
-  tevfwd::Options &opt = cl.opt;
+// Everything before the forwarder starts: the log, the signals, the lock,
+// the spool directory and the host name. False when it cannot start (said on
+// standard error).
+bool Prepare(tevfwd::CommandLine *cl) {
+  tevfwd::Options &opt = cl->opt;
   // Skipped files (the spool, the host model) are reported on our log.
   PlatformLog_SetDiagnosticSink(LogV);
   // Signals first: from here on a SIGHUP or SIGUSR1 must not end the program.
@@ -397,17 +261,27 @@ int main(int argc, char **argv) {
   std::string lockWhy;
   if (PlatformRoot_LockProgram("tevfwd", &lockWhy) < 0) {
     fprintf(stderr, "tevfwd: %s; not starting\n", lockWhy.c_str());
-    return 1;
+    return false;
   }
-  opt.spoolDir = cl.spool.empty() ? PlatformRoot_Path("/var/lib/tevfwd") : cl.spool;
+  opt.spoolDir = cl->spool.empty() ? PlatformRoot_Path("/var/lib/tevfwd") : cl->spool;
   if (int rc = PlatformRoot_MakeDirs(opt.spoolDir)) {
     fprintf(stderr, "tevfwd: cannot create the spool %s: %s\n", opt.spoolDir.c_str(), strerror(rc));
-    return 1;
+    return false;
   }
   char host[256] = {};
   gethostname(host, sizeof host - 1);
   opt.hostName = host;
+  return true;
+}
 
+}  // namespace
+
+int main(int argc, char **argv) {
+  tevfwd::CommandLine cl;
+  int parsed = tevfwd::ParseCommandLine(argc, argv, &cl);
+  if (parsed >= 0) return parsed;
+  tevfwd::Options &opt = cl.opt;
+  if (!Prepare(&cl)) return 1;
   tevfwd::HttpInit();
   const int64_t startedSec = NowMs() / 1000;
   Shared s;

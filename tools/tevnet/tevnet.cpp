@@ -1,5 +1,4 @@
-// tevnet: options, the watch loop, and what is done with the daemon's
-// link-flapping verdicts.
+// tevnet: start-up, the watch loop, and the counters it writes.
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -16,39 +15,11 @@
 #include "PlatformLog.h"
 #include "PlatformRoot.h"
 #include "PromText.h"
-#include "tevdVersion.h"
 #include "tevnet.h"
 
 namespace tevnet {
 
 namespace {
-
-const char kUsage[] =
-    "Usage: tevnet [--include PATTERN]... [--exclude PATTERN]... [--enforce[=all]]\n"
-    "              [--flap-quiet SECONDS] [--domain N] [--once]\n"
-    "Posts the link state of this host's physical NICs, and the uplink transitions\n"
-    "of the port groups of its Linux bridges and bonds, to tevd under TEVD_ROOT\n"
-    "(default /), and keeps the host model's network part current.\n"
-    "  --include PATTERN  watch the Ethernet interfaces whose name matches (shell\n"
-    "                     pattern; repeatable, or a comma-separated list), veth and\n"
-    "                     tap ends too; default: those with a device behind them\n"
-    "  --exclude PATTERN  never watch NICs whose name matches (repeatable, or a list)\n"
-    "  --enforce          when tevd writes 1 to a NIC's linkFlapping node, set the NIC\n"
-    "                     administratively down (needs CAP_NET_ADMIN); 0 brings it up.\n"
-    "                     Refused (and logged) when no other uplink of the NIC's switch\n"
-    "                     has carrier, or when the NIC is no switch's uplink.\n"
-    "  --enforce=all      the same without that refusal: can cut off a host reached\n"
-    "                     over the NIC\n"
-    "  --flap-quiet SECONDS  write 0 to a linkFlapping node of 1 once its NIC has not\n"
-    "                     changed for this long (default 300; 0: only by hand); not\n"
-    "                     while the NIC is administratively down\n"
-    "  --domain N         asynchronous context to post to (0..21, default 0)\n"
-    "  --once             post the current state of every NIC and exit\n"
-    "  --help, --version\n"
-    "Without --enforce a link-flapping verdict is only logged.\n"
-    "SIGHUP writes the host model's network part afresh from the link table; SIGUSR1\n"
-    "logs the switches and uplinks seen. SIGTERM or SIGINT stops. One tevnet per\n"
-    "root: a second one refuses to start (var/run/orlan/tevnet.lock).\n";
 
 using Clock = std::chrono::steady_clock;
 
@@ -91,153 +62,8 @@ void HandleSignals() {
   signal(SIGPIPE, SIG_IGN);
 }
 
-bool ParseOptions(int argc, char **argv, Options *opts, int *exitCode) {
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    auto value = [&](const char *name, std::string *out) {
-      std::string prefix = std::string(name) + "=";
-      if (a.compare(0, prefix.size(), prefix) == 0) {
-        *out = a.substr(prefix.size());
-        return true;
-      }
-      if (a == name && i + 1 < argc) {
-        *out = argv[++i];
-        return true;
-      }
-      return false;
-    };
-    std::string v;
-    if (a == "--help" || a == "-h") {
-      printf("tevnet %s\n%s", TEVD_VERSION, kUsage);
-      *exitCode = 0;
-      return false;
-    } else if (a == "--version") {
-      printf("tevnet %s\n", TEVD_VERSION);
-      *exitCode = 0;
-      return false;
-    } else if (a == "--once") {
-      opts->once = true;
-    } else if (a == "--enforce") {
-      opts->enforce = 1;
-    } else if (a == "--enforce=all") {
-      opts->enforce = 2;
-    } else if (value("--include", &v) || value("--exclude", &v)) {
-      std::vector<std::string> &to =
-          a.compare(0, 9, "--include") == 0 ? opts->include : opts->exclude;
-      for (size_t start = 0, comma; start <= v.size(); start = comma + 1) {
-        comma = v.find(',', start);
-        if (comma == std::string::npos) comma = v.size();
-        if (comma > start) to.push_back(v.substr(start, comma - start));
-      }
-    } else if (value("--flap-quiet", &v)) {
-      char *end = nullptr;
-      unsigned long q = strtoul(v.c_str(), &end, 10);
-      if (v.empty() || *end != '\0' || q > 86400 * 7) {
-        fprintf(stderr, "tevnet: --flap-quiet must be 0..604800 seconds, not \"%s\"\n", v.c_str());
-        *exitCode = 2;
-        return false;
-      }
-      opts->flapQuietSec = static_cast<int>(q);
-    } else if (value("--domain", &v)) {
-      char *end = nullptr;
-      unsigned long d = strtoul(v.c_str(), &end, 10);
-      if (v.empty() || *end != '\0' || d > 21) {
-        fprintf(stderr, "tevnet: --domain must be 0..21, not \"%s\"\n", v.c_str());
-        *exitCode = 2;
-        return false;
-      }
-      opts->domain = static_cast<uint32_t>(d);
-    } else {
-      fprintf(stderr, "tevnet: unknown option \"%s\" (try --help)\n", a.c_str());
-      *exitCode = 2;
-      return false;
-    }
-  }
-  return true;
-}
-
 void PostAll(Poster &poster, const std::vector<Observation> &obs) {
   for (const Observation &o : obs) poster.Post(o);
-}
-
-void Describe(const NetState &state) {
-  std::string nics;
-  for (const auto &n : state.nics) {
-    nics +=
-        (nics.empty() ? "" : ", ") + n.first + (n.second.carrier ? " (carrier)" : " (no carrier)");
-  }
-  Log("watching %zu NIC%s: %s", state.nics.size(), state.nics.size() == 1 ? "" : "s",
-      nics.empty() ? "none" : nics.c_str());
-  for (const auto &sw : state.switches) {
-    std::string members;
-    for (const std::string &m : sw.second) members += (members.empty() ? "" : " ") + m;
-    Log("switch %s: uplinks %s", sw.first.c_str(), members.empty() ? "none" : members.c_str());
-  }
-}
-
-void LogTransitions(const NetState &before, const NetState &after) {
-  for (const auto &n : after.nics) {
-    auto old = before.nics.find(n.first);
-    if (old == before.nics.end() || old->second.carrier == n.second.carrier) continue;
-    if (n.second.vswitch.empty()) {
-      Log("%s: carrier %s", n.first.c_str(), n.second.carrier ? "up" : "down");
-    } else {
-      Log("%s: carrier %s; switch %s has %d of %zu uplinks with carrier", n.first.c_str(),
-          n.second.carrier ? "up" : "down", n.second.vswitch.c_str(),
-          after.UplinksWithCarrier(n.second.vswitch), after.switches.at(n.second.vswitch).size());
-    }
-  }
-}
-
-// Acts on one write to a NIC's link-flapping node; true when it took the NIC down.
-bool Enforce(Netlink &nl, const Options &opts, const NetState &state, const FlapNodes::Verdict &v) {
-  auto it = state.nics.find(v.nic);
-  if (it == state.nics.end()) return false;
-  const NetState::Nic &nic = it->second;
-  if (v.down) {
-    if (opts.enforce == 0) {
-      Log("%s: tevd reports the link flapping; would set it administratively down (not enforcing)",
-          v.nic.c_str());
-      return false;
-    }
-    // A flapping link still carries traffic between its flaps: when no other
-    // uplink of its switch has carrier (or it serves no switch, so nothing is
-    // known of the host's other ways out), taking it down can cut the host off.
-    int others =
-        nic.vswitch.empty() ? 0 : state.UplinksWithCarrier(nic.vswitch) - (nic.carrier ? 1 : 0);
-    if (opts.enforce == 1 && others == 0) {
-      Log("%s: tevd reports the link flapping; NOT taking it down: %s (--enforce=all would)",
-          v.nic.c_str(),
-          nic.vswitch.empty()
-              ? "it is not an uplink of a switch, and may be the host's only way out"
-              : ("no other uplink of switch " + nic.vswitch + " has carrier").c_str());
-      return false;
-    }
-    if (!nic.adminUp) {
-      Log("%s: tevd reports the link flapping; it is already administratively down", v.nic.c_str());
-      return false;
-    }
-  } else {
-    if (nic.adminUp) return false;
-    if (opts.enforce == 0) {
-      Log("%s: link-flapping node cleared; would set it administratively up (not enforcing)",
-          v.nic.c_str());
-      return false;
-    }
-  }
-  std::string why;
-  if (nl.SetAdminUp(nic.ifindex, !v.down, &why) < 0) {
-    Log("%s: cannot set it administratively %s: %s", v.nic.c_str(), v.down ? "down" : "up",
-        why.c_str());
-    return false;
-  }
-  if (v.down) {
-    Log("%s: link flapping: set administratively down (write 0 to its linkFlapping node to bring it back)",
-        v.nic.c_str());
-  } else {
-    Log("%s: link-flapping node cleared: set administratively up", v.nic.c_str());
-  }
-  return v.down;
 }
 
 // The link table, the state posted from it, and what is still owed to the daemon.
@@ -524,6 +350,83 @@ void LogV(const char *format, va_list ap) {
   Log("%s", line);
 }
 
+// Overruns of the netlink socket are logged once per interval.
+struct OverrunLog {
+  uint64_t logged = 0;
+  int64_t at = 0;
+};
+
+// Applies the link notifications waiting on the socket.
+void ReadLinks(Netlink &nl, Watcher &watch, const Options &opts, OverrunLog *overruns) {
+  std::vector<LinkMessage> messages;
+  bool complete = nl.Read(&messages);
+  for (const LinkMessage &m : messages) watch.Apply(m);
+  if (complete) return;
+  // Transitions were lost in the kernel: what they led to is read from the
+  // table and posted as differences.
+  std::vector<Link> links;
+  std::string why;
+  if (nl.Dump(&links, &why)) {
+    watch.Replace(links);
+  } else {
+    Log("netlink: %s", why.c_str());
+  }
+  int64_t now =
+      std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
+  if (overruns->logged == 0 || now - overruns->at >= opts.dropLogSec) {
+    Log("netlink: receive buffer overrun, link notifications lost (%llu overrun%s in all); "
+        "link table read again",
+        static_cast<unsigned long long>(nl.Overruns()), nl.Overruns() == 1 ? "" : "s");
+    overruns->logged = nl.Overruns();
+    overruns->at = now;
+  }
+}
+
+// Until SIGTERM or SIGINT: link notifications, the daemon's restarts, the
+// signals' requests and the link-flapping nodes. The exit status.
+int WatchLoop(Netlink &nl, Watcher &watch, Poster &poster, const Options &opts) {
+  FlapNodes flaps;
+  flaps.Check(watch.State());
+  OverrunLog overruns;
+  const int64_t started = static_cast<int64_t>(time(nullptr));
+  Clock::time_point countersAt = Clock::now();
+  while (!gStop) {
+    if (Clock::now() >= countersAt) {
+      WriteCounters(watch, poster, nl, started);
+      countersAt = Clock::now() + kCountersEvery;
+    }
+    struct pollfd pfd = {nl.Fd(), POLLIN, 0};
+    // The link-flapping nodes are files: looked at four times a second.
+    int r = poll(&pfd, 1, 250);
+    if (r < 0 && errno != EINTR) {
+      Log("poll: %s", strerror(errno));
+      return 1;
+    }
+    if (r > 0) ReadLinks(nl, watch, opts, &overruns);
+    if (poster.DaemonIsNew()) {
+      Log("tevd started again: posting the present state");
+      watch.PostPresent(false);
+    }
+    if (gHangup != 0) {
+      gHangup = 0;
+      Log("SIGHUP: writing the host model afresh from the link table");
+      SyncHostModel(watch.State());
+    }
+    if (gUsr1 != 0) {
+      gUsr1 = 0;
+      Describe(watch.State());
+    }
+    for (const FlapNodes::Verdict &v : flaps.Check(watch.State())) {
+      if (Enforce(nl, opts, watch.State(), v)) watch.TookDown(v.nic);
+    }
+    watch.Tick(flaps);
+    poster.ReportDrops(false);
+  }
+  Log("stopping");
+  unlink(PlatformRoot_Path(kCountersPath).c_str());
+  return 0;
+}
+
 int Run(const Options &opts) {
   HandleSignals();
   // Skipped host-model files are reported on our log.
@@ -554,71 +457,7 @@ int Run(const Options &opts) {
   // starts is a fault like any other.
   poster.DaemonIsNew();
   watch.PostPresent(false);
-
-  FlapNodes flaps;
-  flaps.Check(watch.State());
-  uint64_t overrunsLogged = 0;
-  int64_t overrunLogAt = 0;
-  std::vector<LinkMessage> messages;
-  const int64_t started = static_cast<int64_t>(time(nullptr));
-  Clock::time_point countersAt = Clock::now();
-  while (!gStop) {
-    if (Clock::now() >= countersAt) {
-      WriteCounters(watch, poster, nl, started);
-      countersAt = Clock::now() + kCountersEvery;
-    }
-    struct pollfd pfd = {nl.Fd(), POLLIN, 0};
-    // The link-flapping nodes are files: looked at four times a second.
-    int r = poll(&pfd, 1, 250);
-    if (r < 0 && errno != EINTR) {
-      Log("poll: %s", strerror(errno));
-      return 1;
-    }
-    if (r > 0) {
-      bool complete = nl.Read(&messages);
-      for (const LinkMessage &m : messages) watch.Apply(m);
-      if (!complete) {
-        // Transitions were lost in the kernel: what they led to is read
-        // from the table and posted as differences.
-        if (nl.Dump(&links, &why)) {
-          watch.Replace(links);
-        } else {
-          Log("netlink: %s", why.c_str());
-        }
-        int64_t now =
-            std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch())
-                .count();
-        if (overrunsLogged == 0 || now - overrunLogAt >= opts.dropLogSec) {
-          Log("netlink: receive buffer overrun, link notifications lost (%llu overrun%s in all); "
-              "link table read again",
-              static_cast<unsigned long long>(nl.Overruns()), nl.Overruns() == 1 ? "" : "s");
-          overrunsLogged = nl.Overruns();
-          overrunLogAt = now;
-        }
-      }
-    }
-    if (poster.DaemonIsNew()) {
-      Log("tevd started again: posting the present state");
-      watch.PostPresent(false);
-    }
-    if (gHangup != 0) {
-      gHangup = 0;
-      Log("SIGHUP: writing the host model afresh from the link table");
-      SyncHostModel(watch.State());
-    }
-    if (gUsr1 != 0) {
-      gUsr1 = 0;
-      Describe(watch.State());
-    }
-    for (const FlapNodes::Verdict &v : flaps.Check(watch.State())) {
-      if (Enforce(nl, opts, watch.State(), v)) watch.TookDown(v.nic);
-    }
-    watch.Tick(flaps);
-    poster.ReportDrops(false);
-  }
-  Log("stopping");
-  unlink(PlatformRoot_Path(kCountersPath).c_str());
-  return 0;
+  return WatchLoop(nl, watch, poster, opts);
 }
 
 }  // namespace

@@ -34,6 +34,7 @@ struct LinkMessage {
   Link link;
 };
 
+// ---- command line (tevnetOptions.cpp) -----------------------------------------
 struct Options {
   std::vector<std::string> include;  // fnmatch patterns; empty: the NICs with a device
   std::vector<std::string> exclude;
@@ -43,6 +44,10 @@ struct Options {
   uint32_t domain = 0;  // asynchronous context the observations go to
   int dropLogSec = 10;
 };
+// Reads the command line into `opts`. False, with the exit status, when the
+// program is to end: after --help or --version (0) or a bad option (2, said
+// on standard error).
+bool ParseOptions(int argc, char **argv, Options *opts, int *exitCode);
 
 // The network part of the host as the producer reports it.
 struct NetState {
@@ -68,6 +73,10 @@ struct NetState {
 bool IsWatchedNic(const Link &link, const Options &opts);
 bool IsVirtualSwitch(const Link &link);
 NetState BuildState(const std::vector<Link> &links, const Options &opts);
+// Logs the NICs watched and each switch's uplinks.
+void Describe(const NetState &state);
+// Logs each carrier change from `before` to `after`.
+void LogTransitions(const NetState &before, const NetState &after);
 
 // One observation to post.
 struct Observation {
@@ -156,6 +165,10 @@ class FlapNodes {
   };
   std::map<std::string, Seen> seen_;
 };
+
+// Acts on one write to a NIC's link-flapping node as --enforce says; true
+// when it took the NIC down.
+bool Enforce(Netlink &nl, const Options &opts, const NetState &state, const FlapNodes::Verdict &v);
 
 // ---- posting (tevnetPost.cpp) -------------------------------------------------
 // Sends observations as datagrams to the daemon's asynchronous context without

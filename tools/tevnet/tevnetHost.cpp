@@ -7,6 +7,8 @@
 //   platform/network/vswitches/SW/uplinks    the switch's member NICs, one a line
 //   platform/network/vswitches/SW/portgroup  the port group made for a switch
 //                                            that had none (see below)
+// The daemon's verdicts, written to linkFlapping, are watched here too, and
+// acted on (Enforce) as --enforce says.
 // Port groups are the operator's: a file of platform/network/portgroups/ is
 // only ever written or removed when it is the one made for a switch without
 // port groups and still names that switch.
@@ -248,6 +250,56 @@ bool FlapNodes::Clear(const std::string &nic) {
     now.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
   seen_[nic] = now;
   return true;
+}
+
+bool Enforce(Netlink &nl, const Options &opts, const NetState &state, const FlapNodes::Verdict &v) {
+  auto it = state.nics.find(v.nic);
+  if (it == state.nics.end()) return false;
+  const NetState::Nic &nic = it->second;
+  if (v.down) {
+    if (opts.enforce == 0) {
+      Log("%s: tevd reports the link flapping; would set it administratively down (not enforcing)",
+          v.nic.c_str());
+      return false;
+    }
+    // A flapping link still carries traffic between its flaps: when no other
+    // uplink of its switch has carrier (or it serves no switch, so nothing is
+    // known of the host's other ways out), taking it down can cut the host off.
+    int others =
+        nic.vswitch.empty() ? 0 : state.UplinksWithCarrier(nic.vswitch) - (nic.carrier ? 1 : 0);
+    if (opts.enforce == 1 && others == 0) {
+      Log("%s: tevd reports the link flapping; NOT taking it down: %s (--enforce=all would)",
+          v.nic.c_str(),
+          nic.vswitch.empty()
+              ? "it is not an uplink of a switch, and may be the host's only way out"
+              : ("no other uplink of switch " + nic.vswitch + " has carrier").c_str());
+      return false;
+    }
+    if (!nic.adminUp) {
+      Log("%s: tevd reports the link flapping; it is already administratively down", v.nic.c_str());
+      return false;
+    }
+  } else {
+    if (nic.adminUp) return false;
+    if (opts.enforce == 0) {
+      Log("%s: link-flapping node cleared; would set it administratively up (not enforcing)",
+          v.nic.c_str());
+      return false;
+    }
+  }
+  std::string why;
+  if (nl.SetAdminUp(nic.ifindex, !v.down, &why) < 0) {
+    Log("%s: cannot set it administratively %s: %s", v.nic.c_str(), v.down ? "down" : "up",
+        why.c_str());
+    return false;
+  }
+  if (v.down) {
+    Log("%s: link flapping: set administratively down (write 0 to its linkFlapping node to bring it back)",
+        v.nic.c_str());
+  } else {
+    Log("%s: link-flapping node cleared: set administratively up", v.nic.c_str());
+  }
+  return v.down;
 }
 
 }  // namespace tevnet

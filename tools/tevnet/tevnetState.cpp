@@ -164,4 +164,33 @@ std::vector<Observation> DiffObservations(const NetState &before, const NetState
   return out;
 }
 
+void Describe(const NetState &state) {
+  std::string nics;
+  for (const auto &n : state.nics) {
+    nics +=
+        (nics.empty() ? "" : ", ") + n.first + (n.second.carrier ? " (carrier)" : " (no carrier)");
+  }
+  Log("watching %zu NIC%s: %s", state.nics.size(), state.nics.size() == 1 ? "" : "s",
+      nics.empty() ? "none" : nics.c_str());
+  for (const auto &sw : state.switches) {
+    std::string members;
+    for (const std::string &m : sw.second) members += (members.empty() ? "" : " ") + m;
+    Log("switch %s: uplinks %s", sw.first.c_str(), members.empty() ? "none" : members.c_str());
+  }
+}
+
+void LogTransitions(const NetState &before, const NetState &after) {
+  for (const auto &n : after.nics) {
+    auto old = before.nics.find(n.first);
+    if (old == before.nics.end() || old->second.carrier == n.second.carrier) continue;
+    if (n.second.vswitch.empty()) {
+      Log("%s: carrier %s", n.first.c_str(), n.second.carrier ? "up" : "down");
+    } else {
+      Log("%s: carrier %s; switch %s has %d of %zu uplinks with carrier", n.first.c_str(),
+          n.second.carrier ? "up" : "down", n.second.vswitch.c_str(),
+          after.UplinksWithCarrier(n.second.vswitch), after.switches.at(n.second.vswitch).size());
+    }
+  }
+}
+
 }  // namespace tevnet

@@ -110,18 +110,18 @@ std::string TevdMetrics_Text(void) {
     out.Sample("tevd_observations_read_total", labels, Load(m.read[i]));
   }
   out.Family("tevd_observations_handled_total", "counter",
-         "Observation records handed to a correlator, by correlator.");
+             "Observation records handed to a correlator, by correlator.");
   int n = numCorrelators.load(std::memory_order_acquire);
   for (int i = 0; i < n; ++i) {
     out.Sample("tevd_observations_handled_total",
                PromText::Labels("correlator", correlators[i].name), Load(correlators[i].value));
   }
   out.One("tevd_records_malformed_total", "counter", "Malformed records dropped.",
-      TevLib_MalformedCount());
+          TevLib_MalformedCount());
   out.One("tevd_records_refused_total", "counter",
-      "Records refused from unprivileged user-level peers.", TevLib_RefusedCount());
+          "Records refused from unprivileged user-level peers.", TevLib_RefusedCount());
   out.One("tevd_records_oversized_total", "counter",
-      "Records larger than the read buffer, dropped.", Load(m.recordsOversized));
+          "Records larger than the read buffer, dropped.", Load(m.recordsOversized));
   out.Family("tevd_events_posted_total", "counter", "Events posted, by class.");
   static const char *const kClasses[] = {"problem", "audit", "clear"};
   for (int i = 0; i < 3; ++i) {
@@ -129,35 +129,36 @@ std::string TevdMetrics_Text(void) {
     out.Sample("tevd_events_posted_total", labels, Load(m.eventsPosted[i]));
   }
   out.One("tevd_events_rate_limited_total", "counter", "Events dropped by the rate limit.",
-      Load(m.eventsRateLimited));
+          Load(m.eventsRateLimited));
   out.One("tevd_events_queued_total", "counter",
-      "Events queued for retry after a failed or skipped send.", Load(m.eventsQueued));
+          "Events queued for retry after a failed or skipped send.", Load(m.eventsQueued));
   out.One("tevd_events_retried_total", "counter", "Send attempts of the retry passes.",
-      Load(m.eventsRetried));
+          Load(m.eventsRetried));
   out.One("tevd_events_retry_delivered_total", "counter", "Queued events a retry pass delivered.",
-      Load(m.eventsRetryDelivered));
-  out.One("tevd_events_abandoned_total", "counter",
-      "Queued events abandoned after the last retry.", Load(m.eventsAbandoned));
+          Load(m.eventsRetryDelivered));
+  out.One("tevd_events_abandoned_total", "counter", "Queued events abandoned after the last retry.",
+          Load(m.eventsAbandoned));
   uint64_t queued = Load(m.eventsQueued);
   uint64_t left = Load(m.eventsRetryDelivered) + Load(m.eventsAbandoned);
   out.One("tevd_events_retry_list_length", "gauge", "Events waiting in the retry list.",
-      queued > left ? queued - left : 0);
+          queued > left ? queued - left : 0);
   out.One("tevd_log_lines_dropped_total", "counter",
-      "Log lines dropped because the log collector's queue was full.", PlatformLog_DroppedLines());
+          "Log lines dropped because the log collector's queue was full.",
+          PlatformLog_DroppedLines());
   out.One("tevd_trace_clients", "gauge", "Connected trace clients.",
-      static_cast<uint64_t>(TevdTrace_ClientCount()));
+          static_cast<uint64_t>(TevdTrace_ClientCount()));
   out.One("tevd_agent_pipe_waits_total", "counter",
-      "Waits of the reader for room in a correlator's full pipe.", Load(m.pipeWaits));
+          "Waits of the reader for room in a correlator's full pipe.", Load(m.pipeWaits));
   out.One("tevd_last_observation_timestamp_seconds", "gauge",
-      "Time of the last observation read (0: none yet).",
-      static_cast<uint64_t>(m.lastObservation.load(std::memory_order_relaxed)));
+          "Time of the last observation read (0: none yet).",
+          static_cast<uint64_t>(m.lastObservation.load(std::memory_order_relaxed)));
   out.One("tevd_last_event_timestamp_seconds", "gauge",
-      "Time of the last event posted (0: none yet).",
-      static_cast<uint64_t>(m.lastEvent.load(std::memory_order_relaxed)));
+          "Time of the last event posted (0: none yet).",
+          static_cast<uint64_t>(m.lastEvent.load(std::memory_order_relaxed)));
   out.One("tevd_start_time_seconds", "gauge", "Time the daemon started.",
-      static_cast<uint64_t>(m.started.load(std::memory_order_relaxed)));
+          static_cast<uint64_t>(m.started.load(std::memory_order_relaxed)));
   out.One("tevd_pid", "gauge", "Process id of the daemon that wrote these counters.",
-      static_cast<uint64_t>(getpid()));
+          static_cast<uint64_t>(getpid()));
   return out.text();
 }
 

@@ -124,9 +124,10 @@ void EvaluateRecord(TevdPRInjectedMCEsPerVM &rec) {
 // The panic that follows names a source line only: an operator on a first
 // install needs the file and the command that makes it (docs/pageretire.md).
 void LogMissingModel(const char *relative) {
-  TevdLog("Cannot read the host model's %s: the page-retirement settings are needed at start; "
-          "'tevctl host init' makes a complete host model.\n",
-          PlatformModel_Path(relative).c_str());
+  TevdLog(
+      "Cannot read the host model's %s: the page-retirement settings are needed at start; "
+      "'tevctl host init' makes a complete host model.\n",
+      PlatformModel_Path(relative).c_str());
 }
 
 }  // namespace

@@ -436,34 +436,3 @@ void PlatformLog_VsyslogWithPrefix(int (*prefix)(char *buf, size_t size), const 
 void PlatformLog_Vsyslog(const char *format, va_list ap) {
   PlatformLog_VsyslogWithPrefix(nullptr, format, ap);
 }
-
-namespace {
-
-std::atomic<PlatformLog_Fn> diagnosticSink{nullptr};
-
-}  // namespace
-
-void PlatformLog_SetDiagnosticSink(PlatformLog_Fn fn) { diagnosticSink.store(fn); }
-
-namespace platform_internal {
-
-void TevLibLog(const char *format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  PlatformLog_Fn fn = diagnosticSink.load();
-  if (fn != nullptr) {
-    fn(format, ap);
-  } else {
-    PlatformLog_Vsyslog(format, ap);
-  }
-  va_end(ap);
-}
-
-void Syslog(const char *format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  PlatformLog_Vsyslog(format, ap);
-  va_end(ap);
-}
-
-}  // namespace platform_internal

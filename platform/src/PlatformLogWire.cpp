@@ -4,11 +4,15 @@
 
 #include <errno.h>
 
+#include <atomic>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
+#include "PlatformInternal.h"
+#include "PlatformLog.h"
 #include "PlatformSocket.h"
 #include "TevClock.h"
 
@@ -107,6 +111,39 @@ int SendLines(int fd, struct mmsghdr *msgs, unsigned count, int flags) {
       return -1;
     }
   }
+}
+
+}  // namespace platform_internal
+
+// Diagnostics of the platform library itself (a skipped file, a refused
+// record): to the program's own sink when it set one, else the log.
+namespace {
+
+std::atomic<PlatformLog_Fn> diagnosticSink{nullptr};
+
+}  // namespace
+
+void PlatformLog_SetDiagnosticSink(PlatformLog_Fn fn) { diagnosticSink.store(fn); }
+
+namespace platform_internal {
+
+void TevLibLog(const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  PlatformLog_Fn fn = diagnosticSink.load();
+  if (fn != nullptr) {
+    fn(format, ap);
+  } else {
+    PlatformLog_Vsyslog(format, ap);
+  }
+  va_end(ap);
+}
+
+void Syslog(const char *format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  PlatformLog_Vsyslog(format, ap);
+  va_end(ap);
 }
 
 }  // namespace platform_internal

@@ -62,9 +62,7 @@ void Post(const char *id) {
 
 class AgentTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    signal(SIGPIPE, SIG_IGN);
-  }
+  void SetUp() override { signal(SIGPIPE, SIG_IGN); }
   ScratchRoot root_;
   LogLines log_{root_};
 };

@@ -119,7 +119,8 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
     EXPECT_NE(status.out.find("tevfwd  running, pid " + std::to_string(fwd->pid())),
               std::string::npos)
         << status.out;
-    EXPECT_NE(status.out.find("PROBLEM: tevfwd cannot reach " + away + " (its last attempt failed; "
+    EXPECT_NE(status.out.find("PROBLEM: tevfwd cannot reach " + away +
+                              " (its last attempt failed; "
                               "1 alert(s) wait for it"),
               std::string::npos)
         << status.out;
@@ -160,8 +161,7 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
   EXPECT_EQ(status.status, 1);
   EXPECT_NE(status.out.find("{\"tevd\":{\"state\":\"stale\"}"), std::string::npos) << status.out;
   if (fwd != nullptr) {
-    EXPECT_NE(status.out.find("\"tevfwd\":{\"state\":\"stale\"}"), std::string::npos)
-        << status.out;
+    EXPECT_NE(status.out.find("\"tevfwd\":{\"state\":\"stale\"}"), std::string::npos) << status.out;
     EXPECT_NE(status.out.find("tevfwd is not running (pid " + std::to_string(fwd->pid())),
               std::string::npos)
         << status.out;

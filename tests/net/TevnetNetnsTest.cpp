@@ -154,7 +154,8 @@ TEST_F(TevnetNetns, UplinksLostAndBackAndFaultsPresentAtStartOrDuringADaemonRest
   ASSERT_TRUE(Eventually([&] { return Model("nodes/net/pNics/hwnic1/carrier") == "0\n"; }, 3000));
   StartTevd();
   EXPECT_EQ(Event("kos.problem.net.redundancy.lost", 3), (Strings{"ksw0", "hwnic0", kBothGroups}));
-  EXPECT_EQ(Event("kos.problem.net.connectivity.lost", 2), (Strings{"ksw0", "hwnic1", kBothGroups}));
+  EXPECT_EQ(Event("kos.problem.net.connectivity.lost", 2),
+            (Strings{"ksw0", "hwnic1", kBothGroups}));
   // Its counters, as an operator reads them.
   tevdtest::RunResult st;
   EXPECT_TRUE(Eventually(

@@ -520,9 +520,9 @@ const char *const kFaketimeLib = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime
 #define TEVD_NEED_FAST_CLOCK() \
   GTEST_SKIP() << "libfaketime bypasses ThreadSanitizer's pthread_cond_timedwait interceptor"
 #else
-#define TEVD_NEED_FAST_CLOCK()                                                                 \
-  do {                                                                                         \
-    if (access(::tevdtest::kFaketimeLib, R_OK) != 0)                                           \
+#define TEVD_NEED_FAST_CLOCK()                                                                    \
+  do {                                                                                            \
+    if (access(::tevdtest::kFaketimeLib, R_OK) != 0)                                              \
       TEVD_SKIP_MISSING(std::string(::tevdtest::kFaketimeLib) + " is absent (package faketime)"); \
   } while (0)
 #endif

@@ -20,12 +20,12 @@ bool RequireAllTests();
 
 // For a test that cannot run on this machine (no root, a binary or library
 // missing): skips with the reason, loudly, or fails where every test must run.
-#define TEVD_SKIP_MISSING(reason)                                                  \
-  do {                                                                             \
-    const std::string why_ = (reason);                                             \
-    if (::tevdtest::RequireAllTests())                                             \
-      FAIL() << why_ << " (TEVD_REQUIRE_ALL_TESTS=1: every test must run here)";  \
-    GTEST_SKIP() << "\n*** SKIPPED: " << why_ << " ***\n";                         \
+#define TEVD_SKIP_MISSING(reason)                                                \
+  do {                                                                           \
+    const std::string why_ = (reason);                                           \
+    if (::tevdtest::RequireAllTests())                                           \
+      FAIL() << why_ << " (TEVD_REQUIRE_ALL_TESTS=1: every test must run here)"; \
+    GTEST_SKIP() << "\n*** SKIPPED: " << why_ << " ***\n";                       \
   } while (0)
 
 // A private TEVD_ROOT while alive, removed afterwards; paths are relative to it.

@@ -45,7 +45,8 @@ std::string FindTevd() {
   if (n <= 0) return "";
   self[n] = '\0';
   std::string dir = DirName(self);
-  for (const std::string &c : {dir + "/../../apps/tevd/tevd", dir + "/../sbin/tevd", dir + "/tevd"}) {
+  for (const std::string &c :
+       {dir + "/../../apps/tevd/tevd", dir + "/../sbin/tevd", dir + "/tevd"}) {
     if (Executable(c)) return c;
   }
   return "";

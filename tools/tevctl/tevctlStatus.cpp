@@ -104,8 +104,8 @@ void ForwarderDetail(const CountersFile &f, bool json, std::string *out,
     const bool up = kv.second > 0;
     replicas += std::string(replicas.empty() ? "" : ",") + "{\"replica\":\"" +
                 Qprob_JsonEscape(url) + "\",\"up\":" + (up ? "true" : "false") +
-                ",\"waiting\":" + Number(waiting[url]) +
-                ",\"oldest_seconds\":" + Number(age[url]) + "}";
+                ",\"waiting\":" + Number(waiting[url]) + ",\"oldest_seconds\":" + Number(age[url]) +
+                "}";
     if (up) continue;
     ++nDown;
     std::string why = "tevfwd cannot reach " + url + " (its last attempt failed; " +

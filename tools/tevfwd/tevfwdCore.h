@@ -62,8 +62,8 @@ struct ReplicaCounters {
 struct Entry {
   uint64_t seq = 0;
   int64_t spooledMs = 0;  // when it was spooled (a recovered one: its file's time)
-  nlohmann::json alert;  // {"labels":{..},"annotations":{..},"startsAt":ms,"endsAt":ms}
-  uint32_t pending = 0;  // replicas (bit i) still to receive it
+  nlohmann::json alert;   // {"labels":{..},"annotations":{..},"startsAt":ms,"endsAt":ms}
+  uint32_t pending = 0;   // replicas (bit i) still to receive it
   bool onDisk = false;
   size_t bytes = 0;
 };

@@ -218,9 +218,3 @@ void TevdCorrelator_StartClock(void) {
   TevdCorrelator_Start("Clock", "clock", TevdClockCorrelatorHandleOther,
                        TevdClockCorrelator_BuildMap());
 }
-
-void TevdClockCorrelator_ResetForTest(void) {
-  gSyncTable.clear();
-  gDeltaTable.clear();
-  gSetValueTable.clear();
-}

@@ -17,7 +17,3 @@ int TevdClockCorrelator_Sync(Tev *tev);
 int TevdClockCorrelator_CorrectionDelta(Tev *tev);
 int TevdClockCorrelator_SetValue(Tev *tev);
 int TevdClockCorrelatorHandleOther(Tev *tev);
-
-// ---- test support ------------------------------------------------------------
-// Empties the three suppression tables.
-void TevdClockCorrelator_ResetForTest(void);

@@ -213,14 +213,3 @@ void TevdCorrelator_StartNet(void) {
   TevdCorrelator_StartWithWakeup("net", "net", TevdNetCorrelatorIgnore, map,
                                  TevdNetCorrelator_ProcessTimeouts, fds, 1);
 }
-
-void TevdNetCorrelator_ResetForTest(void) {
-  netPipeWriteFd.store(-1);
-  for (int &fd : netPipe) {
-    if (fd >= 0) {
-      close(fd);
-      fd = -1;
-    }
-  }
-  tevdNet = TevdNetTracker();
-}

@@ -33,7 +33,3 @@ int TevdNetCorrelatorTso6NotSupported(Tev *tev);  // needs the VM's display name
 // ---- uplink redundancy tracking (tevdNetInternal.h) -----------------------------
 // The wake-up routine: handles every expired time-out and re-arms the alarm.
 void TevdNetCorrelator_ProcessTimeouts(void);
-
-// ---- test support ----------------------------------------------------------------
-// Forgets all state above, closes the wake-up pipe and drops the alarm slot.
-void TevdNetCorrelator_ResetForTest(void);

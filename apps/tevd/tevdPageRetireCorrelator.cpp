@@ -38,7 +38,6 @@ struct TevdPRInjectedMCEsPerVM {
   // Guest physical page -> injection time (seconds). A multimap inserts after
   // the entries with an equal key, so a page's run stays in arrival order.
   std::multimap<uint32_t, time_t> entries;
-  size_t numEntries = 0;
 };
 
 namespace {
@@ -64,12 +63,7 @@ void PruneInjections(time_t now) {
   for (auto vm = gInjected.begin(); vm != gInjected.end();) {
     auto &entries = vm->second.entries;
     for (auto e = entries.begin(); e != entries.end();) {
-      if (e->second + TEVD_PR_WINDOW_SEC < now) {
-        e = entries.erase(e);
-        vm->second.numEntries--;
-      } else {
-        ++e;
-      }
+      e = e->second + TEVD_PR_WINDOW_SEC < now ? entries.erase(e) : std::next(e);
     }
     vm = entries.empty() ? gInjected.erase(vm) : std::next(vm);
   }
@@ -244,7 +238,6 @@ int TevdPageRetireCorrelatorMceInjected(Tev *tev) {
       found->second.vmId = vmId;
     }
     found->second.entries.emplace(static_cast<uint32_t>(page), now);
-    found->second.numEntries++;
   }
 
   for (auto &vm : gInjected) {
@@ -274,14 +267,4 @@ void TevdCorrelator_StartPageRetire(void) {
   TevdPageRetireCorrelator_Init();
   TevdCorrelator_Start("pageretire", "pageretire", TevdPageRetireCorrelatorDefault,
                        TevdPageRetireCorrelator_BuildMap());
-}
-
-int TevdPageRetireCorrelator_EntriesForTest(int32_t vmId) {
-  auto found = gInjected.find(vmId);
-  return found == gInjected.end() ? -1 : static_cast<int>(found->second.numEntries);
-}
-
-bool TevdPageRetireCorrelator_KilledForTest(int32_t vmId) {
-  auto found = gInjected.find(vmId);
-  return found != gInjected.end() && found->second.killed;
 }

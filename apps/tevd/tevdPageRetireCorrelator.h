@@ -27,9 +27,3 @@ int TevdPageRetireCorrelatorSelectedThreshold(Tev *tev);
 int TevdPageRetireCorrelatorSelectedNotRetired(Tev *tev);
 int TevdPageRetireCorrelatorPlatformRequest(Tev *tev);
 int TevdPageRetireCorrelatorMceInjected(Tev *tev);
-
-// ---- test support ------------------------------------------------------------
-// Entries held for a virtual machine, or -1 when it has no record.
-int TevdPageRetireCorrelator_EntriesForTest(int32_t vmId);
-// Killed flag of a virtual machine's record (false when it has none).
-bool TevdPageRetireCorrelator_KilledForTest(int32_t vmId);

@@ -8,5 +8,5 @@ bool TevdQprob_LastSendTimedOut(void);
 void TevdQprob_NoteStuck(bool stuck);
 
 void TevdQprobRetry_Init(void);
-// Empties the retry list, for TevdQprob_ResetForTest.
+// Empties the retry list: the posting state's test reset (tevdQprob.h) starts from nothing.
 void TevdQprobRetry_Clear(void);

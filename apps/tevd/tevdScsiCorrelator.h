@@ -48,11 +48,3 @@ constexpr int64_t TEVD_SCSI_COUNT_PERIOD = 600;
 constexpr int64_t TEVD_SCSI_SWEEP_INTERVAL = 60;
 constexpr uint32_t TEVD_SCSI_SWEEP_CEILING = 9;
 constexpr uint32_t TEVD_SCSI_REPORT_COUNT = 10;
-
-// ---- test support ---------------------------------------------------------------
-// Forgets the reported-down table and both counter tables (timestamps back to 0).
-void TevdScsiCorrelator_ResetForTest(void);
-// Counter of `name` in the path-state table (porTable false) or the power-on
-// reset table; -1 when the name has no entry.
-int64_t TevdScsiCorrelator_CounterForTest(const std::string &name, bool porTable);
-bool TevdScsiCorrelator_IsReportedDownForTest(const std::string &device);

@@ -280,20 +280,3 @@ int TevdScsiCorrelatorDoThinProvAtQuota(Tev *tev) {
   TevdQprob_Post(0, Problem, tevd_ev::ProblemScsiDeviceThinprovAtquota, device, datastores.c_str());
   return 0;
 }
-
-void TevdScsiCorrelator_ResetForTest(void) {
-  gReportedDown.clear();
-  gPathStateCounters = CounterTable();
-  gPorCounters = CounterTable();
-}
-
-int64_t TevdScsiCorrelator_CounterForTest(const std::string &name, bool porTable) {
-  const CounterTable &table = porTable ? gPorCounters : gPathStateCounters;
-  auto it = table.counters.find(name);
-  return it == table.counters.end() ? -1 : static_cast<int64_t>(it->second);
-}
-
-bool TevdScsiCorrelator_IsReportedDownForTest(const std::string &device) {
-  auto it = gReportedDown.find(device);
-  return it != gReportedDown.end() && it->second;
-}

@@ -364,12 +364,3 @@ TevHandlerMap TevdTestCorrelator_Map(void) { return TevHandlerMap(); }
 void TevdCorrelator_StartTest(void) {
   TevdCorrelator_Start("TevdTest", "tests", TevdTestCorrelatorHandleTev, TevdTestCorrelator_Map());
 }
-
-void TevdTestCorrelator_ResetForTest(bool qprobDone) {
-  qprobTestsDone = qprobDone;
-  started = false;
-  corruptWindow = false;
-  received = 0;
-  failures.store(0);
-  timeoutAlarm = -1;
-}

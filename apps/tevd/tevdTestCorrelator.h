@@ -12,8 +12,3 @@ int TevdTestCorrelatorHandleTev(Tev *tev);
 void TevdTestCorrelatorTimeout(void);
 // The (empty) map: every observation goes to the handler above.
 TevHandlerMap TevdTestCorrelator_Map(void);
-
-// ---- test support ------------------------------------------------------------
-// Back to the state of a fresh process; `qprobTestsDone` skips the one-time
-// posting exercise.
-void TevdTestCorrelator_ResetForTest(bool qprobTestsDone);

@@ -43,8 +43,6 @@ const struct Observation {
 
 class ClockTest : public ::testing::Test {
  protected:
-  void SetUp() override { TevdClockCorrelator_ResetForTest(); }
-
   // Runs `handler` on a fresh observation; returns the ids (after
   // "kos.problem.clock.") and arguments it posted.
   std::string Handle(TevHandler handler, const std::string &id, const Args &args = {}) {
@@ -60,7 +58,7 @@ class ClockTest : public ::testing::Test {
   std::string Handle(const Observation &o) { return Handle(o.handler, o.id, o.args); }
 
   tevdtest::ScratchRoot root;
-  tevdtest::FakeClock clock;
+  tevdtest::FakeClock clock{tevdtest::LaterStart()};  // no entry of an earlier test counts
   tevdtest::EventCapture events;
   tevdtest::LogLines log{root};
 };
@@ -71,7 +69,6 @@ TEST_F(ClockTest, EachIdentifierGoesToItsHandlerAndRepeatsWithinAnHourAreSuppres
   for (const Observation &o : kAll) {
     SCOPED_TRACE(o.id);
     EXPECT_EQ(o.handler, map[std::string("tev.clock.") + o.id]);
-    TevdClockCorrelator_ResetForTest();
     std::string posted = o.id;  // the values in message order
     for (const std::string &a : tevdtest::ArgsText(o.args)) posted += " " + a;
     EXPECT_EQ(posted, Handle(o));
@@ -108,7 +105,7 @@ TEST_F(ClockTest, EveryLossOfSyncLetsTheNextSyncThrough) {
   for (const Observation &loss : kAll) {
     if (loss.handler != kSyncH || std::string(loss.id) == kSync) continue;
     SCOPED_TRACE(loss.id);
-    TevdClockCorrelator_ResetForTest();
+    clock.Advance(TEVD_CLOCK_SUPPRESS_SEC);  // the last sync an hour old
     EXPECT_EQ(kSync, Handle(kSyncH, kSync));
     clock.Advance(60);
     EXPECT_NE("", Handle(loss));

@@ -44,15 +44,13 @@ class NetTest : public ::testing::Test {
     }
     root_.Write("platform/network/portgroups/Other", "ksw9");
     root_.Write("platform/network/portgroups/Blank", "");
-  }
-  void Restart() {
-    TearDown();
-    map_ = TevdNetCorrelator_BuildMap();
     ASSERT_TRUE(TevdNetCorrelator_Prepare(&pipeFd_));
-    now_ = 0;
   }
+  // The tracker lives as long as the process: each story has NICs of its own, and a
+  // quiet minute lets every time-out of this test expire before the next one starts.
   void TearDown() override {
-    TevdNetCorrelator_ResetForTest();
+    Seen rest;
+    RunTo(now_ + 60, &rest);
     TevdAlarm_ResetForTest();
   }
   void Feed(const std::string &id, const std::vector<MsgFmt_Value> &args) {
@@ -94,7 +92,7 @@ class NetTest : public ::testing::Test {
   }
 
   tevdtest::ScratchRoot root_;
-  tevdtest::FakeClock clock_;
+  tevdtest::FakeClock clock_{tevdtest::LaterStart()};  // past any earlier test's link downs
   tevdtest::EventCapture capture_;
   TevHandlerMap map_ = TevdNetCorrelator_BuildMap();
   int pipeFd_ = -1;
@@ -207,14 +205,14 @@ TEST_F(NetTest, UplinkStoriesPostTheirEventsAtTheirSeconds) {
       {"unknown switch: records kept, later losses append and are never posted",
        "0 P hwnic4 Orphan_PG 0; 3 P hwnic4 pg_guests 1",
        {}},
-      {"empty switch name: the same", "0 P hwnic4 Blank 0; 3 P hwnic4 pg_guests 1", {}},
+      {"empty switch name: the same", "0 P hwnic11 Blank 0; 3 P hwnic11 pg_guests 1", {}},
       {"bare link down and up after 1 s; hidden behind a port group loss",
        "0 L hwnic6; 1 l hwnic6; 3 P hwnic5 pg_guests 0; 3 L hwnic5",
        {"1 problem.net.hwnic.linkstate.down S:hwnic6", "2 clear.net.hwnic.linkstate.up S:hwnic6",
         "5 problem.net.connectivity.lost S:ksw0 S:hwnic5 S:\"pg guests\""}},
       {"bare link up hidden behind a port group restore",
-       "0 p hwnic6 pg_guests 2; 0 l hwnic6",
-       {"2 clear.net.redundancy.restored S:ksw0 S:\"pg guests\" S:hwnic6"}},
+       "0 p hwnic12 pg_guests 2; 0 l hwnic12",
+       {"2 clear.net.redundancy.restored S:ksw0 S:\"pg guests\" S:hwnic12"}},
       {"distributed ports labelled switch/port; they hide the bare link's down and up",
        "0 D hwnic7 dvs-A/101 0; 0 D hwnic7 dvs-A/102 0; 0 D hwnic7 dvs-B/7 1; 0 D hwnic7 dvs-C/9 2;"
        "0 D hwnic7 dvs-C/8 -3; 0 L hwnic7; 2 d hwnic7 dvs-A/101 2; 2 d hwnic7 dvs-B/7 1;"
@@ -229,14 +227,14 @@ TEST_F(NetTest, UplinkStoriesPostTheirEventsAtTheirSeconds) {
        {"7 problem.net.hwnic.watchdog.reset S:hwnic8",
         "11 problem.net.hwnic.linkstate.down S:hwnic8"}},
       {"watchdog folds distributed port down and up the same way",
-       "0 W hwnic8; 1 D hwnic8 dvs-A/5 0; 3 d hwnic8 dvs-A/5 1",
-       {"7 problem.net.hwnic.watchdog.reset S:hwnic8"}},
+       "0 W hwnic13; 1 D hwnic13 dvs-A/5 0; 3 d hwnic13 dvs-A/5 1",
+       {"7 problem.net.hwnic.watchdog.reset S:hwnic13"}},
       {"watchdog holds a loss until its expiry and stays set against a later link up",
        "0 W hwnic9; 1 P hwnic9 pg_guests 1; 8 l hwnic9",
        {"7 problem.net.redundancy.lost S:ksw0 S:hwnic9 S:\"pg guests\""}},
       {"watchdog holds a distributed port loss the same way",
-       "0 W hwnic9; 1 D hwnic9 dvs-B/7 0",
-       {"7 problem.net.dvport.connectivity.lost S:\"dvs-B/7\" S:hwnic9"}},
+       "0 W hwnic14; 1 D hwnic14 dvs-B/7 0",
+       {"7 problem.net.dvport.connectivity.lost S:\"dvs-B/7\" S:hwnic14"}},
       {"bare link down during a watchdog: cleared at 1 s, never reported",
        "0 W hwnic10; 0 L hwnic10",
        {}},
@@ -252,7 +250,7 @@ TEST_F(NetTest, UplinkStoriesPostTheirEventsAtTheirSeconds) {
   };
   for (const Story &s : stories) {
     SCOPED_TRACE(s.name);
-    Restart();
+    now_ = 0;
     Seen seen;
     std::istringstream in(s.obs);
     for (std::string step; std::getline(in, step, ';');) {
@@ -273,7 +271,6 @@ TEST_F(NetTest, UplinkStoriesPostTheirEventsAtTheirSeconds) {
 // ---- link flapping: downs within 60 s against Net/LinkFlappingThreshold ----
 
 const char kThreshold[] = "platform/options/Net/LinkFlappingThreshold";
-const char kNode[] = "platform/nodes/net/pNics/hwnic0/linkFlapping";
 
 TEST_F(NetTest, LinkDownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
   const struct {
@@ -286,35 +283,36 @@ TEST_F(NetTest, LinkDownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
       {"", "0 1 2 3 4 5 6 7", 0}, {"3!", "0 1 2 3 4 5 6 7", 0},
   };
   tevdtest::LogLines log(root_);
+  int row = 20;  // a NIC of its own per row: hwnic20, hwnic21, ...
+  std::string node;
   for (const auto &r : rows) {
     SCOPED_TRACE(::testing::Message() << r.threshold << " at " << r.downs);
-    Restart();
-    const std::string threshold = r.threshold;
+    const std::string threshold = r.threshold, nic = "hwnic" + std::to_string(row++);
+    node = "platform/nodes/net/pNics/" + nic + "/linkFlapping";
     threshold.empty() ? root_.Remove(kThreshold) : root_.Write(kThreshold, threshold.substr(0, 1));
-    root_.Remove("platform/nodes/net/pNics");
-    if (threshold.find('!') == std::string::npos) root_.MakeDir("platform/nodes/net/pNics/hwnic0");
+    if (threshold.find('!') == std::string::npos) root_.MakeDir("platform/nodes/net/pNics/" + nic);
     std::istringstream downs(r.downs);
     for (int s = 0, at = 0; downs >> s; at = s) {
       clock_.Advance(s - at);
-      Feed("hwnic.linkstate.down", {S("hwnic0")});
+      Feed("hwnic.linkstate.down", {S(nic)});
     }
-    const Seen want(r.posted, "kos.problem.net.hwnic.linkstate.flapping S:hwnic0");
+    const Seen want(r.posted, "kos.problem.net.hwnic.linkstate.flapping S:" + nic);
     Seen got;
     for (const QprobMessage &m : capture_.Take())
       got.push_back(m.id + " " + tevdtest::ArgsText(m.args)[0]);
     EXPECT_EQ(want, got);
     std::string value;
-    EXPECT_EQ(r.posted > 0, root_.Read(kNode, &value));
+    EXPECT_EQ(r.posted > 0, root_.Read(node, &value));
     EXPECT_EQ(r.posted > 0 ? "1" : "", value.substr(0, 1));
   }
-  // The two failed take-downs of the "3!" row: one line, with the file and the error. The
+  // The two failed take-downs of the last row ("3!"): one line, with the file and the error. The
   // log reader is a thread of its own: a marker logged last tells when it has seen them all.
   TevdLog("end of the flapping rows\n");
   ASSERT_TRUE(log.WaitCount("end of the flapping rows", 1, 5000));
   EXPECT_EQ(log.Matching("Cannot write kernel node").size(), 1u);
   EXPECT_TRUE(
-      log.Saw("Cannot write kernel node " + root_.Abs(kNode) +
-              ": No such file or directory (errno 2); physical NIC hwnic0 is not taken down"));
+      log.Saw("Cannot write kernel node " + root_.Abs(node) +
+              ": No such file or directory (errno 2); physical NIC hwnic27 is not taken down"));
 }
 
 }  // namespace

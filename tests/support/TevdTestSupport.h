@@ -54,6 +54,14 @@ class FakeClock {
   void AdvanceUs(int64_t usec) { TevClock_Advance(usec); }
 };
 
+// A FakeClock start some eleven days past the previous one of this process:
+// what a correlator remembers by time from an earlier test (a suppression
+// hour, a counting period) has aged out, as after a long quiet spell.
+inline int64_t LaterStart() {
+  static int64_t next = 1700000000;
+  return next += 1000000;
+}
+
 struct TevDeleter {
   void operator()(Tev *t) const { Tev_Free(t); }
 };

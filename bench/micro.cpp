@@ -184,7 +184,6 @@ void BM_QprobPost(benchmark::State &state) {
     if (++n == 500) {
       state.PauseTiming();
       TevdQprob_ResetForTest();
-      TevdTrace_ResetForTest();
       n = 0;
       state.ResumeTiming();
     }
@@ -204,7 +203,6 @@ void BM_TraceRecord(benchmark::State &state) {
     TevdTrace_Record("IN", 1700000000123456ull, "tev.net.mtlnic.ip.duplicate", block.data(),
                      block.size(), static_cast<int>(values.size()));
   }
-  TevdTrace_ResetForTest();
 }
 BENCHMARK(BM_TraceRecord);
 

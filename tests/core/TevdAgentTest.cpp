@@ -50,10 +50,11 @@ std::string called;
 int Known(Tev *) { return called = "known", 0; }
 int Fallback(Tev *) { return called = "default", 0; }
 
-std::atomic<int> handled{0};
+std::atomic<int> handled{0}, handledAfter{0};
 int ThrowRuntime(Tev *) { throw std::runtime_error("lost observation"); }
 int ThrowInt(Tev *) { throw 7; }
 int CountOk(Tev *) { return ++handled, 0; }
+int CountAfter(Tev *) { return ++handledAfter, 0; }
 
 void Post(const char *id) {
   std::vector<uint8_t> r = Record(id);
@@ -221,13 +222,14 @@ TEST_F(AgentTest, CorrelatorRuntimeErrorLosesOneObservationIntEndsTheAgent) {
     TevdCorrelator_Start("thrower", "thrower", nullptr,
                          {{"tev.thrower.runtime", ThrowRuntime},
                           {"tev.thrower.int", ThrowInt},
-                          {"tev.thrower.ok", CountOk}});
+                          {"tev.thrower.ok", CountOk},
+                          {"tev.thrower.after", CountAfter}});
   });
+  handled = handledAfter = 0;  // a repeated run starts afresh
   ASSERT_TRUE(Eventually([] { return Post("tev.thrower.ok"), handled > 0; }, 5000));
-  int before = handled;
   Post("tev.thrower.runtime");
-  Post("tev.thrower.ok");
-  EXPECT_TRUE(Eventually([&] { return handled > before; }, 5000)) << "the agent ended";
+  Post("tev.thrower.after");
+  EXPECT_TRUE(Eventually([] { return handledAfter == 1; }, 5000)) << "the agent ended";
   Post("tev.thrower.int");
   EXPECT_NE("", log_.WaitFor("Unknown exception in agent function(0x"));
   TevdAgent_StopAll();

@@ -159,8 +159,9 @@ class TevfwdE2E : public ::testing::Test {
                  {"--alertmanager", "http://" + Addr(0), "--alertmanager", "http://" + Addr(1)});
     return extra;
   }
-  void StartChain() {
-    StartForwarder();
+  // The forwarder (as StartForwarder), then tevd.
+  void StartChain(Args fwdArgs = {}, int listenFd = -1) {
+    StartForwarder(std::move(fwdArgs), listenFd);
     tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
     ASSERT_TRUE(tevd_->WaitReady());
   }
@@ -275,10 +276,8 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
 // and to evict each other from it).
 TEST_F(TevfwdE2E, ReplicaDownAndALargeActiveSetKeepEveryAlertFiringOnTheHealthyReplica) {
   const std::string dead = "http://127.0.0.1:" + std::to_string(FreePort());
-  StartForwarder({"--alertmanager", "http://" + Addr(0), "--alertmanager", dead, "--resend", "1",
-                  "--spool-max", "4000", "--retry-max", "1"});
-  tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
-  ASSERT_TRUE(tevd_->WaitReady());
+  StartChain({"--alertmanager", "http://" + Addr(0), "--alertmanager", dead, "--resend", "1",
+              "--spool-max", "4000", "--retry-max", "1"});
   const std::string id = "kos.problem.dhclient.lease.none";
   for (int i = 0; i < 40; ++i)
     Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic" + std::to_string(i)});
@@ -299,10 +298,8 @@ TEST_F(TevfwdE2E, ReplicaDownAndALargeActiveSetKeepEveryAlertFiringOnTheHealthyR
 TEST_F(TevfwdE2E, HangingReplicaHoldsBackNeitherTheHealthyOneNorSigterm) {
   int hangingPort = 0;
   const int hanging = ListenLoopback(&hangingPort);
-  StartForwarder({"--alertmanager", "http://127.0.0.1:" + std::to_string(hangingPort),
-                  "--alertmanager", "http://" + Addr(0), "--timeout", "30"});
-  tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
-  ASSERT_TRUE(tevd_->WaitReady());
+  StartChain({"--alertmanager", "http://127.0.0.1:" + std::to_string(hangingPort), "--alertmanager",
+              "http://" + Addr(0), "--timeout", "30"});
   Post({"tev.scsi.device.state.off", "%s", "naa.600a0b80001"});
   EXPECT_TRUE(Eventually(
       [&] { return CountAlerts(ports_[0], "kos.problem.scsi.device.state.off") == 1; }, 5000))
@@ -317,9 +314,7 @@ TEST_F(TevfwdE2E, HangingReplicaHoldsBackNeitherTheHealthyOneNorSigterm) {
 TEST_F(TevfwdE2E, PoisonAlertIsDroppedAloneAndTheRestOfItsBatchLands) {
   PickyReplica picky("mtlnic-bad");
   const std::string dead = "http://127.0.0.1:" + std::to_string(FreePort());
-  StartForwarder({"--alertmanager", dead});
-  tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
-  ASSERT_TRUE(tevd_->WaitReady());
+  StartChain({"--alertmanager", dead});
   for (const char *nic : {"mtlnic0", "mtlnic1", "mtlnic-bad", "mtlnic3", "mtlnic4"})
     Post({"--user", "tev.user.dhclient.lease.none", "%s", nic});
   ASSERT_TRUE(Eventually([&] { return SpoolFiles() == 5; }, 5000)) << SpoolFiles() << " spooled";
@@ -346,9 +341,7 @@ TEST_F(TevfwdE2E, EventPostedWhileTheForwarderRestartsFiresWithoutTevdsRetryDela
   const int lfd = PlatformSocket_Listen(
       PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::QprobAgent), how);
   ASSERT_GE(lfd, 0) << strerror(errno);
-  StartForwarder(Both({"--retry-max", "1"}), lfd);
-  tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
-  ASSERT_TRUE(tevd_->WaitReady());
+  StartChain(Both({"--retry-max", "1"}), lfd);
   fwd_->Signal(SIGKILL);
   ASSERT_TRUE(fwd_->Wait(5000));
   const std::string id = "kos.problem.scsi.device.state.off";

@@ -30,6 +30,7 @@
 #include "PromText.h"
 #include "Qprob.h"
 #include "QprobReceive.h"
+#include "ToolLog.h"
 #include "tevfwdCore.h"
 #include "tevfwdHttp.h"
 #include "tevfwdOptions.h"
@@ -54,13 +55,7 @@ void OnSignal(int sig) {
 
 // The platform's diagnostics (a skipped spool file) on our log.
 void LogV(const char *fmt, va_list ap) __attribute__((format(printf, 1, 0)));
-void LogV(const char *fmt, va_list ap) {
-  char line[2048];
-  vsnprintf(line, sizeof line, fmt, ap);
-  size_t n = strlen(line);
-  if (n > 0 && line[n - 1] == '\n') line[n - 1] = '\0';  // the platform's lines end in one
-  Log("%s", line);
-}
+void LogV(const char *fmt, va_list ap) { ToolLog_Diagnostic("tevfwd", fmt, ap); }
 
 void PrintCounters(Shared *s) {
   TevLock lock(&s->mu);

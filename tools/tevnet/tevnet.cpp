@@ -15,6 +15,7 @@
 #include "PlatformLog.h"
 #include "PlatformRoot.h"
 #include "PromText.h"
+#include "ToolLog.h"
 #include "tevnet.h"
 #include "tevnetWatcher.h"
 
@@ -78,13 +79,7 @@ void WriteCounters(const Watcher &watch, const Poster &poster, const Netlink &nl
 }
 
 void LogV(const char *format, va_list ap) __attribute__((format(printf, 1, 0)));
-void LogV(const char *format, va_list ap) {
-  char line[2048];
-  vsnprintf(line, sizeof line, format, ap);
-  size_t n = strlen(line);
-  if (n > 0 && line[n - 1] == '\n') line[n - 1] = '\0';  // the platform's lines end in one
-  Log("%s", line);
-}
+void LogV(const char *format, va_list ap) { ToolLog_Diagnostic("tevnet", format, ap); }
 
 // Overruns of the netlink socket are logged once per interval.
 struct OverrunLog {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <set>
 #include <string>
@@ -137,13 +138,13 @@ std::vector<std::string> PortGroupsOf(const std::string &vswitch);
 // producer wrote for interfaces that are gone, and gives each switch without
 // a port group one named after it.
 void SyncHostModel(const NetState &state);
-// The NICs of `state` whose carrier, as the last tevnet on this root wrote it,
-// changed less than `withinSec` ago or is no longer the kernel's: a daemon may
-// still be gathering what it was told of them.
-std::vector<std::string> UnsettledNics(const NetState &state, int withinSec);
-// The NICs the host model has from a tevnet (carrier and switch as it last
-// wrote them), by name.
-std::map<std::string, NetState::Nic> ModelNics();
+// The NICs the host model has from a tevnet, by name: carrier and switch as
+// it last wrote them, and when it last wrote the carrier.
+struct ModelNic {
+  NetState::Nic nic;
+  time_t written = 0;
+};
+std::map<std::string, ModelNic> ModelNics();
 
 // Watches nodes/net/pNics/NIC/linkFlapping for the daemon's verdicts.
 class FlapNodes {

@@ -145,31 +145,19 @@ std::vector<std::string> PortGroupsOf(const std::string &vswitch) {
   return out;
 }
 
-std::vector<std::string> UnsettledNics(const NetState &state, int withinSec) {
-  std::vector<std::string> out;
-  const time_t now = time(nullptr);
-  for (const auto &n : state.nics) {
-    std::string file = std::string(kPNics) + "/" + PlatformModel_EscapeName(n.first) + "/carrier";
-    struct stat st;
-    std::string told;
-    if (stat(PlatformModel_Path(file).c_str(), &st) != 0 || !PlatformModel_Read(file, &told)) {
-      continue;  // never told by a tevnet on this root
-    }
-    if (told != (n.second.carrier ? "1" : "0") || now - st.st_mtime < withinSec) {
-      out.push_back(n.first);
-    }
-  }
-  return out;
-}
-
-std::map<std::string, NetState::Nic> ModelNics() {
-  std::map<std::string, NetState::Nic> out;
+std::map<std::string, ModelNic> ModelNics() {
+  std::map<std::string, ModelNic> out;
   for (const std::string &f : ListDir(kPNics)) {
     std::string dir = std::string(kPNics) + "/" + f, carrier, vswitch;
-    if (!PlatformModel_Read(dir + "/carrier", &carrier)) continue;  // not tevnet's entry
-    NetState::Nic &nic = out[Unescape(f)];
-    nic.carrier = carrier == "1";
-    if (PlatformModel_Read(dir + "/vswitch", &vswitch)) nic.vswitch = vswitch;
+    struct stat st;
+    if (!PlatformModel_Read(dir + "/carrier", &carrier) ||
+        stat(PlatformModel_Path(dir + "/carrier").c_str(), &st) != 0) {
+      continue;  // not tevnet's entry
+    }
+    ModelNic &m = out[Unescape(f)];
+    m.nic.carrier = carrier == "1";
+    if (PlatformModel_Read(dir + "/vswitch", &vswitch)) m.nic.vswitch = vswitch;
+    m.written = st.st_mtime;
   }
   return out;
 }

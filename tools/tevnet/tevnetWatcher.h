@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <map>
 #include <set>
 #include <string>
@@ -93,13 +94,20 @@ class Watcher {
     table_.clear();
     for (const Link &l : links) table_[l.ifindex] = l;
     state_ = BuildState(Links(), opts_);
-    const std::vector<std::string> unsettled = UnsettledNics(state_, kUnsettledSec);
-    // NICs removed while no tevnet ran: gone from the kernel, still in the
-    // model; their end is told with the present state.
+    // NICs removed while no tevnet ran (gone from the kernel, still in the
+    // model) have their end told with the present state.
     std::set<std::string> names;
     for (const Link &l : links) names.insert(l.name);
+    std::vector<std::string> unsettled;
+    const time_t now = time(nullptr);
     for (const auto &m : ModelNics()) {
-      if (names.count(m.first) == 0) departed_[m.first] = {m.second, Clock::now()};
+      auto nic = state_.nics.find(m.first);
+      if (nic == state_.nics.end()) {
+        if (names.count(m.first) == 0) departed_[m.first] = {m.second.nic, Clock::now()};
+      } else if (m.second.nic.carrier != nic->second.carrier ||
+                 now - m.second.written < kUnsettledSec) {
+        unsettled.push_back(m.first);
+      }
     }
     SyncHostModel(state_);
     for (const auto &n : state_.nics) lastChange_[n.first] = Clock::now();

@@ -2,8 +2,9 @@
 // own suppression table (identifier -> second it was last handled), touched
 // only on the "Clock" agent thread, so no lock. The one-hour test is a signed
 // difference: after the clock is stepped back, an identifier stays
-// suppressed until the clock passes its last time plus an hour again. The
-// templates stay literals inside the rows so the printf attribute checks them.
+// suppressed until the clock passes its last time plus an hour again. Each
+// row posts its catalogue template by name, never through a variable, so the
+// printf attribute checks its arguments.
 #include "tevdClockCorrelator.h"
 
 #include <sys/time.h>

@@ -1,6 +1,8 @@
 // KFS volume correlator. Stateless: each handler reads its observation's
-// arguments with one Tev_GetArgs call and posts one event. Templates stay
-// literals at the TevdQprob_Post calls so the compiler checks them.
+// arguments with one Tev_GetArgs call and posts one event. Each
+// TevdQprob_Post call names its catalogue template, never a variable, so the
+// compiler checks the arguments against the text; hence the handlers that
+// look alike are not folded into one.
 //
 // Several observations carry a volume UUID as ten integer arguments (two
 // 32-bit words, a 16-bit word, six bytes). They are read with the UUID

@@ -90,6 +90,17 @@ bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptionDef
   return true;
 }
 
+int OpenCommand(const char *cmd, const std::vector<std::string> &args,
+                const std::vector<OptionDef> &options, const char *usage, ParsedArgs *out) {
+  std::string why;
+  if (!ParseArgs(args, options, out, &why)) return Fail(cmd, "%s", why.c_str());
+  if (out->Has("help")) {
+    fputs(usage, stdout);
+    return 0;
+  }
+  return kGoOn;
+}
+
 static bool SplitHex(const std::string &s, std::string *digits) {
   if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
     *digits = s.substr(2);

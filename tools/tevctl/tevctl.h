@@ -42,6 +42,12 @@ struct ParsedArgs {
 // False with `why` on an unknown option or a missing value.
 bool ParseArgs(const std::vector<std::string> &args, const std::vector<OptionDef> &options,
                ParsedArgs *out, std::string *why);
+// The opening every command shares: its options parsed into `out`, "--help"
+// printing `usage`. kGoOn when the command goes on, else the status to exit
+// with (0 after the usage, Fail's on a bad option).
+constexpr int kGoOn = -1;
+int OpenCommand(const char *cmd, const std::vector<std::string> &args,
+                const std::vector<OptionDef> &options, const char *usage, ParsedArgs *out);
 
 // Strict number parsing of a whole word: decimal (signed types may carry '-')
 // or "0x" hexadecimal, which gives the bit pattern of the width (so

@@ -53,7 +53,6 @@ std::string Text(const TevdEventInfo &ev) {
 int CmdEvents(const std::vector<std::string> &args) {
   const char *cmd = "events";
   ParsedArgs pa;
-  std::string why;
   // --json may follow the identifier too.
   std::vector<std::string> rest;
   bool json = false;
@@ -64,11 +63,7 @@ int CmdEvents(const std::vector<std::string> &args) {
       rest.push_back(a);
     }
   }
-  if (!ParseArgs(rest, {}, &pa, &why)) return Fail(cmd, "%s", why.c_str());
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
-  }
+  if (int rc = OpenCommand(cmd, rest, {}, kUsage, &pa); rc != kGoOn) return rc;
   if (pa.positional.size() > 1) return Fail(cmd, "takes at most one identifier (try --help)");
   if (pa.positional.size() == 1) {
     const TevdEventInfo *ev = TevdEvents_Find(pa.positional[0].c_str());

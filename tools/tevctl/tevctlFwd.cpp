@@ -24,12 +24,7 @@ const char kUsage[] =
 int CmdFwd(const std::vector<std::string> &args) {
   const char *cmd = "fwd";
   ParsedArgs pa;
-  std::string why;
-  if (!ParseArgs(args, {}, &pa, &why)) return Fail(cmd, "%s", why.c_str());
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
-  }
+  if (int rc = OpenCommand(cmd, args, {}, kUsage, &pa); rc != kGoOn) return rc;
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   std::string path = RootPath("/var/run/orlan/tevfwd-counters.json");
   std::ifstream in(path);

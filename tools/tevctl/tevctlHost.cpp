@@ -267,23 +267,16 @@ int HostVm(const char *cmd, const ParsedArgs &pa) {
 int CmdHost(const std::vector<std::string> &args) {
   const char *cmd = "host";
   ParsedArgs pa;
-  std::string why;
   // Global options may also precede the sub-command ("host --root R init").
   ParsedArgs lead;
-  if (!ParseArgs(args, {}, &lead, &why)) return Fail(cmd, "%s", why.c_str());
-  if (lead.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
-  }
+  if (int rc = OpenCommand(cmd, args, {}, kUsage, &lead); rc != kGoOn) return rc;
   if (lead.positional.empty()) return Fail(cmd, "needs a sub-command (try --help)");
   std::string sub = lead.positional[0];
   std::vector<std::string> rest(lead.positional.begin() + 1, lead.positional.end());
-  if (!ParseArgs(rest, {{"uuid", true}, {"force", false}, {"group", true}}, &pa, &why)) {
-    return Fail(cmd, "%s", why.c_str());
-  }
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
+  if (int rc =
+          OpenCommand(cmd, rest, {{"uuid", true}, {"force", false}, {"group", true}}, kUsage, &pa);
+      rc != kGoOn) {
+    return rc;
   }
   if ((pa.Has("uuid") || pa.Has("force")) && sub != "init") {
     return Fail(cmd, "--uuid and --force belong to init");

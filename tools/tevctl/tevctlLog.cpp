@@ -39,13 +39,10 @@ std::string StripPrefix(const std::string &line) {
 int CmdLog(const std::vector<std::string> &args) {
   const char *cmd = "log";
   ParsedArgs pa;
-  std::string why;
-  if (!ParseArgs(args, {{"strip", false}, {"count", true}, {"timeout", true}}, &pa, &why)) {
-    return Fail(cmd, "%s", why.c_str());
-  }
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
+  if (int rc = OpenCommand(cmd, args, {{"strip", false}, {"count", true}, {"timeout", true}},
+                           kUsage, &pa);
+      rc != kGoOn) {
+    return rc;
   }
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   uint64_t count = 0, timeout = 0;

@@ -157,12 +157,7 @@ std::vector<std::string> CountersPrograms() {
 int CmdMetrics(const std::vector<std::string> &args) {
   const char *cmd = "metrics";
   ParsedArgs pa;
-  std::string why;
-  if (!ParseArgs(args, {}, &pa, &why)) return Fail(cmd, "%s", why.c_str());
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
-  }
+  if (int rc = OpenCommand(cmd, args, {}, kUsage, &pa); rc != kGoOn) return rc;
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   int live = 0;
   for (const std::string &program : CountersPrograms()) {

@@ -38,15 +38,12 @@ int CmdPost(const std::vector<std::string> &args) {
   const char *cmd = "post";
   ParsedArgs pa;
   std::string why;
-  if (!ParseArgs(
-          args,
+  if (int rc = OpenCommand(
+          cmd, args,
           {{"user", false}, {"domain", true}, {"ts", true}, {"msg", true}, {"null-strings", false}},
-          &pa, &why)) {
-    return Fail(cmd, "%s", why.c_str());
-  }
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
+          kUsage, &pa);
+      rc != kGoOn) {
+    return rc;
   }
   if (pa.positional.size() < 2) return Fail(cmd, "needs ID and FORMAT (try --help)");
   if (pa.Has("user") && pa.Has("domain"))

@@ -90,11 +90,9 @@ int CmdScenario(const std::vector<std::string> &args) {
   }
   std::vector<std::string> rest(lead.positional.begin() + 1, lead.positional.end());
   ParsedArgs pa;
-  if (!ParseArgs(rest, {{"tevd", true}, {"keep", false}}, &pa, &why))
-    return Fail(cmd, "%s", why.c_str());
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
+  if (int rc = OpenCommand(cmd, rest, {{"tevd", true}, {"keep", false}}, kUsage, &pa);
+      rc != kGoOn) {
+    return rc;
   }
   if (pa.positional.empty()) return Fail(cmd, "run needs at least one FILE (try --help)");
 

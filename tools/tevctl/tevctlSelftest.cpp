@@ -135,20 +135,16 @@ int ConnectWithRetry(const std::string &path, int64_t waitMs) {
 int CmdSelftest(const std::vector<std::string> &args) {
   const char *cmd = "selftest";
   ParsedArgs pa;
-  std::string why;
-  if (!ParseArgs(args,
-                 {{"delay-ms", true},
-                  {"wait", true},
-                  {"settle-ms", true},
-                  {"rows", true},
-                  {"inject-corrupt", false},
-                  {"force", false}},
-                 &pa, &why)) {
-    return Fail(cmd, "%s", why.c_str());
-  }
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
+  if (int rc = OpenCommand(cmd, args,
+                           {{"delay-ms", true},
+                            {"wait", true},
+                            {"settle-ms", true},
+                            {"rows", true},
+                            {"inject-corrupt", false},
+                            {"force", false}},
+                           kUsage, &pa);
+      rc != kGoOn) {
+    return rc;
   }
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   // The sequence is 25 test records: into a production daemon they are noise

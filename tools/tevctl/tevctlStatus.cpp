@@ -214,12 +214,7 @@ void Parts(bool json, std::string *out, std::vector<std::string> *problems) {
 int CmdStatus(const std::vector<std::string> &args) {
   const char *cmd = "status";
   ParsedArgs pa;
-  std::string why;
-  if (!ParseArgs(args, {{"json", false}}, &pa, &why)) return Fail(cmd, "%s", why.c_str());
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
-  }
+  if (int rc = OpenCommand(cmd, args, {{"json", false}}, kUsage, &pa); rc != kGoOn) return rc;
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   const bool json = pa.Has("json");
   std::vector<std::string> problems;

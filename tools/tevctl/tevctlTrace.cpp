@@ -37,13 +37,9 @@ bool WriteOut(const char *p, size_t n) {
 int CmdTrace(const std::vector<std::string> &args) {
   const char *cmd = "trace";
   ParsedArgs pa;
-  std::string why;
-  if (!ParseArgs(args, {{"history", false}, {"timeout", true}}, &pa, &why)) {
-    return Fail(cmd, "%s", why.c_str());
-  }
-  if (pa.Has("help")) {
-    fputs(kUsage, stdout);
-    return 0;
+  if (int rc = OpenCommand(cmd, args, {{"history", false}, {"timeout", true}}, kUsage, &pa);
+      rc != kGoOn) {
+    return rc;
   }
   if (!pa.positional.empty()) return Fail(cmd, "takes no arguments (try --help)");
   uint64_t timeout = 0;

@@ -17,43 +17,40 @@
 
 namespace {
 
-// The host's storage information; each query takes its own and releases it.
-std::unique_ptr<HostCtl::Storage::StorageInfo> HostStorage() {
-  return HostCtl::HostFactory::GetHost()->GetStorageInfo();
+// Runs one look-up on the host's storage information, taken afresh and
+// released after it. Any failure of the platform (an absent entry throws)
+// reads as "not found".
+template <typename Lookup>
+bool AskStorage(Lookup lookup) {
+  try {
+    return lookup(*HostCtl::HostFactory::GetHost()->GetStorageInfo());
+  } catch (...) {
+    return false;
+  }
 }
 
 }  // namespace
 
 bool TevdScsiCorrelator_GetPathDevice(const std::string &path, std::string *device) {
-  try {
-    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = HostStorage();
-    std::unique_ptr<HostCtl::Storage::Path> p = storage->GetPath(path);
+  return AskStorage([&](const HostCtl::Storage::StorageInfo &storage) {
+    std::unique_ptr<HostCtl::Storage::Path> p = storage.GetPath(path);
     if (!p) {
       return false;
     }
     *device = p->GetDeviceName();
     return true;
-  } catch (const HostCtl::Lib::HostCtlException &) {
-    return false;
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 bool TevdScsiCorrelator_GetDeviceStatus(const std::string &device, uint32_t *status) {
-  try {
-    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = HostStorage();
-    std::unique_ptr<HostCtl::Storage::Lun> lun = storage->GetLun(device);
+  return AskStorage([&](const HostCtl::Storage::StorageInfo &storage) {
+    std::unique_ptr<HostCtl::Storage::Lun> lun = storage.GetLun(device);
     if (!lun) {
       return false;
     }
     *status = lun->GetPathRedundancyStatus();
     return true;
-  } catch (const HostCtl::Lib::HostCtlException &) {
-    return false;
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 bool TevdScsiCorrelator_GetDatastores(const std::string &device, std::string *text) {
@@ -63,16 +60,14 @@ bool TevdScsiCorrelator_GetDatastores(const std::string &device, std::string *te
     return false;
   }
   std::vector<std::unique_ptr<HostCtl::Storage::DiskLunPartition>> partitions;
-  try {
-    std::unique_ptr<HostCtl::Storage::StorageInfo> storage = HostStorage();
-    std::unique_ptr<HostCtl::Storage::Lun> lun = storage->GetLun(device);
+  AskStorage([&](const HostCtl::Storage::StorageInfo &storage) {
+    std::unique_ptr<HostCtl::Storage::Lun> lun = storage.GetLun(device);
     const auto *disk = dynamic_cast<const HostCtl::Storage::DiskLun *>(lun.get());
     if (disk != nullptr) {
       partitions = disk->GetPartitions();
     }
-  } catch (...) {
-    partitions.clear();
-  }
+    return true;
+  });
   std::vector<std::string> seen;
   try {
     for (const auto &partition : partitions) {

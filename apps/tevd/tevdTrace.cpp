@@ -301,6 +301,19 @@ void TevdTrace_Record(const char *direction, uint64_t timeStamp, const char *id,
   }
 }
 
+namespace {
+
+// The end of a client: no writer uses its descriptor any more.
+void ForgetClient(int fd) {
+  traceMutex.lock();
+  listeners.erase(fd);
+  traceMutex.unlock();
+  close(fd);
+  clientCount.fetch_sub(1);
+}
+
+}  // namespace
+
 void *TevdTraceServeMain(void *arg) {
   int fd = FdOf(arg);
   traceMutex.lock();
@@ -315,11 +328,7 @@ void *TevdTraceServeMain(void *arg) {
   if (rc != 0) {
     char err[128];
     TevdLog("pthread_create failed: %s", ErrorText(rc, err, sizeof err));
-    traceMutex.lock();
-    listeners.erase(fd);
-    traceMutex.unlock();
-    close(fd);
-    clientCount.fetch_sub(1);
+    ForgetClient(fd);
     return nullptr;
   }
 
@@ -340,11 +349,7 @@ void *TevdTraceServeMain(void *arg) {
   traceMutex.unlock();
   pthread_cond_broadcast(&traceUpdated);
   pthread_join(writer, nullptr);
-  traceMutex.lock();
-  listeners.erase(fd);
-  traceMutex.unlock();
-  close(fd);
-  clientCount.fetch_sub(1);
+  ForgetClient(fd);
   return nullptr;
 }
 

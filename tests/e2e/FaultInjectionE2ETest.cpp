@@ -365,7 +365,7 @@ TEST_F(FaultInjectionE2ETest, TraceClientsAreBoundedInPendingBytesAndNumber) {
   EXPECT_TRUE(later.WaitLive(kWait));
   // Gone with unread data, a client may leave ECONNRESET instead of EPIPE (only EPIPE is silent).
   for (const std::string &l : log_->Matching("Unexpected write error")) {
-    EXPECT_NE(std::string::npos, l.find("Unexpected write error Connection reset by peer")) << l;
+    EXPECT_TRUE(Contains(l, "Unexpected write error Connection reset by peer"));
   }
   close(user);
   ExpectCleanExit(*tevd_, kExitMs);
@@ -704,10 +704,8 @@ TEST_F(FaultInjectionE2ETest, HostModelFifoSecondDaemonAndHupOrUsr1DoNotStopIt) 
   ASSERT_EQ(0, stat(sock.c_str(), &before));
   Process second(root_, TevdBin(), {}, {}, "second");
   EXPECT_EQ(1, second.ExitCode(10000));
-  EXPECT_NE(
-      std::string::npos,
-      second.Stderr().find("another tevd (pid " + std::to_string(tevd_->pid()) + ") already runs"))
-      << second.Stderr();
+  EXPECT_TRUE(Contains(second.Stderr(),
+                       "another tevd (pid " + std::to_string(tevd_->pid()) + ") already runs"));
   ASSERT_EQ(0, stat(sock.c_str(), &after));
   EXPECT_EQ(before.st_ino, after.st_ino) << "the second daemon bound the socket afresh";
   for (int sig : {SIGHUP, SIGUSR1}) tevd_->Signal(sig);

@@ -101,7 +101,7 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
     // No management agent listens: the event waits in the retry list.
     EXPECT_EQ(SampleValue(m.out, "tevd_events_retry_list_length "), 1) << m.out;
     status = RunTevctl(root_, {"status"});
-    EXPECT_NE(status.out.find("PROBLEM: 1 events wait for retry"), std::string::npos) << status.out;
+    EXPECT_TRUE(Contains(status.out, "PROBLEM: 1 events wait for retry"));
   } else {
     EXPECT_EQ(SampleValue(m.out, "tevd_events_retry_list_length "), 0) << m.out;
     const std::string replica = "{replica=\"" + away + "\"} ";
@@ -116,19 +116,12 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
     EXPECT_EQ(SampleValue(m.out, "tevfwd_replica_queue_alerts" + replica), 1) << m.out;
     EXPECT_EQ(SampleValue(m.out, "tevfwd_pid "), fwd->pid());
     status = RunTevctl(root_, {"status"});
-    EXPECT_NE(status.out.find("tevfwd  running, pid " + std::to_string(fwd->pid())),
-              std::string::npos)
-        << status.out;
-    EXPECT_NE(status.out.find("PROBLEM: tevfwd cannot reach " + away +
-                              " (its last attempt failed; "
-                              "1 alert(s) wait for it"),
-              std::string::npos)
-        << status.out;
+    EXPECT_TRUE(Contains(status.out, "tevfwd  running, pid " + std::to_string(fwd->pid())));
+    EXPECT_TRUE(Contains(status.out, "PROBLEM: tevfwd cannot reach " + away +
+                                         " (its last attempt failed; 1 alert(s) wait for it"));
   }
   EXPECT_EQ(status.status, 1);
-  EXPECT_NE(status.out.find("tevd    running, pid " + std::to_string(tevd_->pid())),
-            std::string::npos)
-      << status.out;
+  EXPECT_TRUE(Contains(status.out, "tevd    running, pid " + std::to_string(tevd_->pid())));
   if (exporter != nullptr) {
     EXPECT_TRUE(Eventually(
         [&] {
@@ -159,12 +152,10 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
   }
   status = RunTevctl(root_, {"status", "--json"});
   EXPECT_EQ(status.status, 1);
-  EXPECT_NE(status.out.find("{\"tevd\":{\"state\":\"stale\"}"), std::string::npos) << status.out;
+  EXPECT_TRUE(Contains(status.out, "{\"tevd\":{\"state\":\"stale\"}"));
   if (fwd != nullptr) {
-    EXPECT_NE(status.out.find("\"tevfwd\":{\"state\":\"stale\"}"), std::string::npos) << status.out;
-    EXPECT_NE(status.out.find("tevfwd is not running (pid " + std::to_string(fwd->pid())),
-              std::string::npos)
-        << status.out;
+    EXPECT_TRUE(Contains(status.out, "\"tevfwd\":{\"state\":\"stale\"}"));
+    EXPECT_TRUE(Contains(status.out, "tevfwd is not running (pid " + std::to_string(fwd->pid())));
   }
   m = RunTevctl(root_, {"metrics"});
   EXPECT_EQ(m.status, 1);
@@ -181,9 +172,7 @@ TEST(FirstRun, WithoutAHostModelTheLogNamesTheFileAndTheCommandBeforeThePanic) {
   LogLines log(root);
   Process tevd(root, TevdBin());
   EXPECT_EQ(tevd.ExitCode(10000), 128 + SIGABRT);
-  EXPECT_NE(tevd.Stderr().find("NOT_REACHED apps/tevd/tevdPageRetireCorrelator:178"),
-            std::string::npos)
-      << tevd.Stderr();
+  EXPECT_TRUE(Contains(tevd.Stderr(), "NOT_REACHED apps/tevd/tevdPageRetireCorrelator:178"));
   EXPECT_NE("", log.WaitFor("Cannot read the host model's " +
                             root.Abs("platform/nodes/system/pageRetire/threshold") +
                             ": the page-retirement settings are needed at start; 'tevctl host "
@@ -214,7 +203,7 @@ TEST(FirstRun, SelftestWithoutARootIsRefused) {
   ScratchRoot root;
   Process p(root, TevctlBin(), {"selftest"}, {"TEVD_ROOT="}, "selftest");
   EXPECT_EQ(p.ExitCode(5000), 1);
-  EXPECT_NE(p.Stderr().find("tevctl selftest: no root given"), std::string::npos) << p.Stderr();
+  EXPECT_TRUE(Contains(p.Stderr(), "tevctl selftest: no root given"));
   EXPECT_EQ(p.Stdout(), "");
 }
 
@@ -244,14 +233,12 @@ TEST(FleetExample, AlertmanagerConfigurationIsValidAndNamesRealEvents) {
   };
   EXPECT_EQ(matching(R"(kos\.problem\.net\.(connectivity\.lost|redundancy\.lost))"), 2u);
   EXPECT_GE(matching(R"(kos\.problem\.storage\.(connectivity|redundancy)\..*)"), 4u);
-  EXPECT_NE(
-      yaml.find(
-          R"x(source_matchers: ['alertname=~"kos\\.problem\\.net\\.(connectivity\\.lost|redundancy\\.lost)"'])x"),
-      std::string::npos);
-  EXPECT_NE(
-      yaml.find(
-          R"x(target_matchers: ['alertname=~"kos\\.problem\\.storage\\.(connectivity|redundancy)\\..*"'])x"),
-      std::string::npos);
+  EXPECT_TRUE(Contains(
+      yaml,
+      R"x(source_matchers: ['alertname=~"kos\\.problem\\.net\\.(connectivity\\.lost|redundancy\\.lost)"'])x"));
+  EXPECT_TRUE(Contains(
+      yaml,
+      R"x(target_matchers: ['alertname=~"kos\\.problem\\.storage\\.(connectivity|redundancy)\\..*"'])x"));
   const char kAmtool[] = "/usr/bin/amtool";
   if (access(kAmtool, X_OK) != 0) {
     TEVD_SKIP_MISSING("amtool is absent (prometheus-alertmanager: scripts/deps.sh companions)");

@@ -45,9 +45,7 @@ TEST_F(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZeroAFailingDashEDoesNot) 
     EXPECT_EQ(0, d.ExitCode(5000)) << args[0];
     std::string out = d.Stdout();
     EXPECT_EQ(0u, out.find("Usage: ")) << out;
-    EXPECT_NE(std::string::npos,
-              out.find(" [options]\nvalid options are:\n\t--help|-h - display this help\n"))
-        << out;
+    EXPECT_TRUE(Contains(out, " [options]\nvalid options are:\n\t--help|-h - display this help\n"));
   }
   // -e with an option that cannot be written.
   unlink(root_.Abs("platform/options/Misc/TevAsyncEnable").c_str());
@@ -119,15 +117,15 @@ TEST(Selftest, FullSequencePassesAll21RowsAndExitsZero) {
   for (const char *line : {"PASS: [0]: tev.tests.async.noData\n",
                            "PASS: [20]: tev.tests.corrupt.format.tag.notreally2\n",
                            "INFO: Tests completed. Failures = 0\n"}) {
-    EXPECT_NE(run.out.find(line), std::string::npos) << line << " missing in " << run.out;
+    EXPECT_TRUE(Contains(run.out, line));
   }
-  EXPECT_EQ(run.out.find("FAIL"), std::string::npos) << run.out;
+  EXPECT_FALSE(Contains(run.out, "FAIL"));
   EXPECT_EQ(run.status, 0) << run.out;
 }
 
 TEST(Selftest, ProductionDaemonIgnoresTheSequenceAndKeepsRunning) {
   RunResult run = RunSelftest(TevdBin(), 1500);
-  EXPECT_EQ(run.out.find("PASS"), std::string::npos) << run.out;
-  EXPECT_EQ(run.out.find("Tests completed"), std::string::npos) << run.out;
+  EXPECT_FALSE(Contains(run.out, "PASS"));
+  EXPECT_FALSE(Contains(run.out, "Tests completed"));
   EXPECT_EQ(run.status, -1) << "ended at the end marker: " << run.out;
 }

@@ -151,7 +151,7 @@ TEST_F(TevLibRead, DropDiagnosticNamesTheContextAtMostOncePerSecond) {
   clock.Advance(1);
   Ids lines = dropAndTakeLines(3);
   ASSERT_EQ(1u, lines.size());
-  EXPECT_NE(std::string::npos, lines[0].find("async-03")) << lines[0];
+  EXPECT_TRUE(tevdtest::Contains(lines[0], "async-03"));
   EXPECT_EQ(0u, dropAndTakeLines(2).size());
   clock.Advance(1);
   EXPECT_EQ(1u, dropAndTakeLines(1).size());

@@ -13,7 +13,6 @@
 
 #include "Harness.h"
 #include "TevRecord.h"
-#include "TevdTestSupport.h"
 #include "tevdAgentInternal.h"  // the stream's pipe and reassembly
 #include "tevdCorrelator.h"
 #include "tevdLog.h"

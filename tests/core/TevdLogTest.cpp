@@ -10,7 +10,6 @@
 
 #include "Harness.h"
 #include "PlatformLog.h"
-#include "TevdTestSupport.h"
 #include "tevdLog.h"
 
 using namespace tevdtest;

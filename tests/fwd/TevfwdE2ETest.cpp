@@ -18,10 +18,7 @@
 namespace {
 
 using nlohmann::json;
-using tevdtest::Eventually;
-using tevdtest::FreePort;
-using tevdtest::ListenLoopback;
-using tevdtest::Process;
+using namespace tevdtest;
 using Args = std::vector<std::string>;
 
 const char kAlertmanager[] = "/usr/bin/prometheus-alertmanager";
@@ -51,7 +48,7 @@ size_t CountAlerts(int port, const std::string &alertname) {
   return n;
 }
 
-std::string FwdBin() { return tevdtest::BinaryPath("TEVFWD_BIN", "tools/tevfwd/tevfwd"); }
+std::string FwdBin() { return BinaryPath("TEVFWD_BIN", "tools/tevfwd/tevfwd"); }
 
 // A replica that is not Alertmanager: HTTP 400 to a request naming
 // `poison`, 200 to any other; it keeps the alerts it took.
@@ -112,7 +109,7 @@ class TevfwdE2E : public ::testing::Test {
       TEVD_SKIP_MISSING(std::string(kAlertmanager) +
                         " is missing (package prometheus-alertmanager)");
     }
-    tevdtest::MakeHost(root_);
+    MakeHost(root_);
     root_.Write("am/config.yml", "route:\n  receiver: none\nreceivers:\n- name: none\n");
     for (int &port : ports_) port = FreePort();  // web 0, 1; gossip 2, 3
     StartCluster();
@@ -160,12 +157,12 @@ class TevfwdE2E : public ::testing::Test {
   // The forwarder (as StartForwarder), then tevd.
   void StartChain(Args fwdArgs = {}, int listenFd = -1) {
     StartForwarder(std::move(fwdArgs), listenFd);
-    tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
+    tevd_ = std::make_unique<DaemonProcess>(root_);
     ASSERT_TRUE(tevd_->WaitReady());
   }
   void Post(Args args) {
     args.insert(args.begin(), "post");
-    auto r = tevdtest::RunTevctl(root_, args);
+    auto r = RunTevctl(root_, args);
     ASSERT_EQ(r.status, 0) << r.err;
   }
   // The agent's socket as the service manager holds it for tevfwd: it outlives the forwarder.
@@ -184,23 +181,23 @@ class TevfwdE2E : public ::testing::Test {
     return n;
   }
 
-  tevdtest::ScratchRoot root_;
+  ScratchRoot root_;
   int ports_[4] = {};
   std::unique_ptr<Process> am_[2], fwd_;
-  std::unique_ptr<tevdtest::DaemonProcess> tevd_;
+  std::unique_ptr<DaemonProcess> tevd_;
 };
 
 // Both replicas get the same labels, so the cluster deduplicates its notifications. Then the
 // forwarder is killed and comes back on the socket that outlived it (as tevfwd.socket keeps it):
 // the event tevd posted meanwhile waited in the backlog, not in tevd's retry list (180 s).
 TEST_F(TevfwdE2E, ProblemFiresOnBothReplicasItsClearResolvesAndAForwarderRestartDelaysNothing) {
-  tevdtest::LogLines log(root_);
+  LogLines log(root_);
   const int lfd = ListenAgent();
   ASSERT_GE(lfd, 0) << strerror(errno);
   StartChain({}, lfd);
   const std::string id = "kos.problem.scsi.device.state.off";
   Post({"tev.scsi.device.state.off", "%s", "naa.600a0b80001"});
-  std::string logged = tevdtest::LogLines::Text(log.WaitFor("[" + id + "] "));
+  std::string logged = LogLines::Text(log.WaitFor("[" + id + "] "));
   ASSERT_NE(logged.find("[" + id + "] "), std::string::npos) << "tevd did not log the event";
   logged.erase(0, logged.find("[" + id + "] ") + id.size() + 3);
   ASSERT_TRUE(Eventually([&] { return BothList(id, 1); }, 15000)) << fwd_->Stderr();
@@ -242,9 +239,9 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   StartForwarder();
   // The start-up line counts both places alerts come back from (--once saved
   // the spool's firing alerts; the spool itself is empty).
-  EXPECT_TRUE(tevdtest::Contains(
-      fwd_->Stderr(),
-      "recovered 0 alert(s) from the spool and 4 firing from active.json; 4 firing now"));
+  EXPECT_TRUE(
+      Contains(fwd_->Stderr(),
+               "recovered 0 alert(s) from the spool and 4 firing from active.json; 4 firing now"));
   Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic4"});
   EXPECT_TRUE(Eventually([&] { return BothList(id, 5) && SpoolFiles() == 0; }, 20000))
       << CountAlerts(ports_[0], id) << " and " << CountAlerts(ports_[1], id) << " of 5\n"
@@ -255,7 +252,7 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   json c;
   EXPECT_TRUE(Eventually(
       [&] {
-        c = json::parse(tevdtest::RunTevctl(root_, {"fwd"}).out, nullptr, false);
+        c = json::parse(RunTevctl(root_, {"fwd"}).out, nullptr, false);
         return c.is_object() && c["received"] == 1 && c["sent"] == 1 && c["waiting"] == 0;
       },
       5000))
@@ -265,20 +262,20 @@ TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   std::string m;
   EXPECT_TRUE(Eventually(
       [&] {
-        m = tevdtest::RunTevctl(root_, {"metrics"}).out;
-        return tevdtest::Contains(m, "\ntevfwd_replica_sent_total" + r0 + "1\n");
+        m = RunTevctl(root_, {"metrics"}).out;
+        return Contains(m, "\ntevfwd_replica_sent_total" + r0 + "1\n");
       },
       5000))
       << m;
-  EXPECT_TRUE(tevdtest::Contains(m, "\ntevfwd_replica_up" + r0 + "1\n"));
+  EXPECT_TRUE(Contains(m, "\ntevfwd_replica_up" + r0 + "1\n"));
   // The recovered firing alerts, re-sent at start.
-  EXPECT_TRUE(tevdtest::Contains(m, "\ntevfwd_replica_resent_total" + r0 + "4\n"));
-  EXPECT_TRUE(tevdtest::Contains(m, "\ntevfwd_active_alerts{severity=\"critical\"} 5\n"));
+  EXPECT_TRUE(Contains(m, "\ntevfwd_replica_resent_total" + r0 + "4\n"));
+  EXPECT_TRUE(Contains(m, "\ntevfwd_active_alerts{severity=\"critical\"} 5\n"));
   fwd_->Signal(SIGTERM);
   EXPECT_EQ(fwd_->ExitCode(5000), 0) << fwd_->Stderr();
-  EXPECT_FALSE(tevdtest::PathExists(root_.Abs("var/run/orlan/metrics/tevfwd.prom")))
+  EXPECT_FALSE(PathExists(root_.Abs("var/run/orlan/metrics/tevfwd.prom")))
       << "a clean exit leaves no counters file behind";
-  EXPECT_EQ(tevdtest::RunTevctl(root_, {"fwd"}).status, 1) << "a stopped forwarder shown as live";
+  EXPECT_EQ(RunTevctl(root_, {"fwd"}).status, 1) << "a stopped forwarder shown as live";
 }
 
 // The red team's delivery faults, each against the real forwarder.
@@ -303,7 +300,7 @@ TEST_F(TevfwdE2E, HangingReplicaAndALargeActiveSetHoldBackNeitherTheHealthyRepli
   EXPECT_FALSE(Eventually([&] { return CountAlerts(ports_[0], id) != 40; }, 6000))
       << "resolved on the healthy replica while firing\n"
       << fwd_->Stderr();
-  json c = json::parse(tevdtest::RunTevctl(root_, {"fwd"}).out, nullptr, false);
+  json c = json::parse(RunTevctl(root_, {"fwd"}).out, nullptr, false);
   EXPECT_GT(c.value("dropped", 0), 0) << "the spool never reached its limit: " << c.dump();
   fwd_->Signal(SIGTERM);
   EXPECT_EQ(fwd_->ExitCode(2000), 0) << fwd_->Stderr();
@@ -328,7 +325,7 @@ TEST_F(TevfwdE2E, PoisonAlertIsDroppedAloneAndTheRestOfItsBatchLands) {
   std::set<std::string> took;
   for (const json &a : picky.Took()) took.insert(a["labels"].value("interface", ""));
   EXPECT_EQ(took, (std::set<std::string>{"mtlnic0", "mtlnic1", "mtlnic3", "mtlnic4"}));
-  EXPECT_TRUE(tevdtest::Contains(once.Stderr(), "refused an alert (HTTP 400)"));
+  EXPECT_TRUE(Contains(once.Stderr(), "refused an alert (HTTP 400)"));
 }
 
 // Convergence under chaos, on a real kernel: in a network namespace, bridge
@@ -362,11 +359,11 @@ class TevfwdChaos : public TevfwdE2E {
   bool AddUplink(int n) { return ns_.AddUplink(n, n < 2 ? "ksw0" : "ksw1"); }
   void StartTevnet() {
     unlink(root_.Abs("tevnet.stderr").c_str());
-    tevnet_ = ns_.Run(root_, {tevdtest::TevnetBin(), "--include", "hwnic*"}, "tevnet");
+    tevnet_ = ns_.Run(root_, {TevnetBin(), "--include", "hwnic*"}, "tevnet");
     ASSERT_TRUE(tevnet_->WaitStderr("watching")) << tevnet_->Stderr();
   }
   void StartTevd() {
-    tevd_ = std::make_unique<tevdtest::DaemonProcess>(root_);
+    tevd_ = std::make_unique<DaemonProcess>(root_);
     ASSERT_TRUE(tevd_->WaitReady()) << tevd_->Stderr();
   }
   // The kernel's NICs hwnicN: carrier and bridge.
@@ -445,7 +442,7 @@ class TevfwdChaos : public TevfwdE2E {
     if (which == 3) StartReplica(1);
   }
 
-  tevdtest::Netns ns_;
+  Netns ns_;
   int lfd_ = -1;
   std::unique_ptr<Process> tevnet_;
 };
@@ -458,7 +455,7 @@ TEST_F(TevfwdChaos, FiringAlertsConvergeOnTheKernelsFaultsThroughLinkChangesAndR
   const auto length = std::chrono::seconds(secs != nullptr ? atol(secs) : 180);
   fprintf(stderr, "chaos seed %u (TEVD_CHAOS_SEED=%u repeats this run)\n", seed, seed);
   std::mt19937 rng(seed);
-  tevdtest::LogLines log(root_);
+  LogLines log(root_);
   std::vector<std::string> events;  // tevd's event lines
   StartForwarder(Both({"--resend", "2", "--retry-max", "1"}), lfd_);
   StartTevd();
@@ -576,21 +573,20 @@ TEST_F(TevfwdChaos, FiringAlertsConvergeOnTheKernelsFaultsThroughLinkChangesAndR
 // Defects: a FIFO in the spool hung tevfwd at start; a second tevfwd on the root took the agent
 // socket over; SIGHUP ended it without a word. No Alertmanager is needed for any of these.
 TEST(TevfwdProcess, FifoInTheSpoolSecondInstanceAndSighupDoNotStopIt) {
-  tevdtest::ScratchRoot root;
+  ScratchRoot root;
   root.MakeDir("var/lib/tevfwd");
   for (const char *name : {"0000000000000001.json", "active.json"})
     ASSERT_EQ(0, mkfifo(root.Abs(std::string("var/lib/tevfwd/") + name).c_str(), 0644));
   const Args args = {"--alertmanager", "http://127.0.0.1:9"};
   Process first(root, FwdBin(), args, {}, "first");
   std::string sock = PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::QprobAgent);
-  ASSERT_TRUE(Eventually([&] { return tevdtest::PathExists(sock); }, 5000)) << first.Stderr();
-  EXPECT_TRUE(tevdtest::Contains(first.Stderr(), "Skipped the file "));
+  ASSERT_TRUE(Eventually([&] { return PathExists(sock); }, 5000)) << first.Stderr();
+  EXPECT_TRUE(Contains(first.Stderr(), "Skipped the file "));
   Process second(root, FwdBin(), args, {}, "second");
   EXPECT_EQ(second.ExitCode(5000), 1);
-  EXPECT_TRUE(
-      tevdtest::Contains(second.Stderr(), "another tevfwd (pid " + std::to_string(first.pid())));
+  EXPECT_TRUE(Contains(second.Stderr(), "another tevfwd (pid " + std::to_string(first.pid())));
   first.Signal(SIGHUP);
   EXPECT_TRUE(first.WaitStderr("SIGHUP"));
   EXPECT_TRUE(first.Running());
-  tevdtest::ExpectCleanExit(first, 5000);
+  ExpectCleanExit(first, 5000);
 }

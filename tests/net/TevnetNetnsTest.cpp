@@ -11,7 +11,7 @@
 
 namespace {
 
-using tevdtest::Eventually;
+using namespace tevdtest;
 using Strings = std::vector<std::string>;
 
 const char kBothGroups[] = "\"pg-guests\", \"pg-mgmt\"";
@@ -21,7 +21,7 @@ class TevnetNetns : public ::testing::Test {
   void SetUp() override {
     if (!ns_.why.empty()) TEVD_SKIP_MISSING(ns_.why);
     ASSERT_TRUE(ns_.AddBridge("ksw0") && ns_.AddUplink(0, "ksw0") && ns_.AddUplink(1, "ksw0"));
-    tevdtest::MakeHost(root_);
+    MakeHost(root_);
     root_.Write("platform/options/Net/LinkFlappingThreshold", "2");
     root_.Write("platform/network/portgroups/pg-guests", "ksw0");
     root_.Write("platform/network/portgroups/pg-mgmt", "ksw0");
@@ -33,7 +33,7 @@ class TevnetNetns : public ::testing::Test {
     tevd_.reset();
   }
   void StartTevd() {
-    tevd_.reset(new tevdtest::DaemonProcess(root_));
+    tevd_.reset(new DaemonProcess(root_));
     ASSERT_TRUE(tevd_->WaitReady()) << tevd_->Stderr();
   }
   bool In(const std::string &args) { return ns_.In(args); }
@@ -43,8 +43,8 @@ class TevnetNetns : public ::testing::Test {
     std::string v;
     return root_.Read("platform/" + path, &v) ? v : "-";
   }
-  std::unique_ptr<tevdtest::Process> Tevnet(Strings extra, const std::string &tag) {
-    extra.insert(extra.begin(), {tevdtest::TevnetBin(), "--include", "nosuch,hwnic*"});
+  std::unique_ptr<Process> Tevnet(Strings extra, const std::string &tag) {
+    extra.insert(extra.begin(), {TevnetBin(), "--include", "nosuch,hwnic*"});
     return ns_.Run(root_, extra, tag);
   }
   void StartTevnet(const Strings &extra = {}) {
@@ -92,11 +92,11 @@ class TevnetNetns : public ::testing::Test {
     }
   }
 
-  tevdtest::Netns ns_;
-  tevdtest::ScratchRoot root_;
-  tevdtest::AgentStandIn agent_{root_, tevdtest::AgentStandIn::Read};
-  std::unique_ptr<tevdtest::DaemonProcess> tevd_;
-  std::unique_ptr<tevdtest::Process> tevnet_;
+  Netns ns_;
+  ScratchRoot root_;
+  AgentStandIn agent_{root_, AgentStandIn::Read};
+  std::unique_ptr<DaemonProcess> tevd_;
+  std::unique_ptr<Process> tevnet_;
 };
 
 TEST_F(TevnetNetns, UplinksLostAndBackAndFaultsPresentAtStartOrDuringADaemonRestart) {
@@ -131,10 +131,10 @@ TEST_F(TevnetNetns, UplinksLostAndBackAndFaultsPresentAtStartOrDuringADaemonRest
   EXPECT_EQ(Event("kos.problem.net.connectivity.lost", 2),
             (Strings{"ksw0", "hwnic1", kBothGroups}));
   // Its counters, as an operator reads them.
-  tevdtest::RunResult st;
+  RunResult st;
   EXPECT_TRUE(Eventually(
       [&] {
-        st = tevdtest::RunTevctl(root_, {"status", "--json"});
+        st = RunTevctl(root_, {"status", "--json"});
         return st.out.find("\"tevnet\":{\"state\":\"running\"") != std::string::npos &&
                st.out.find("\"NICs watched\":2,\"transitions posted\":") != std::string::npos &&
                st.out.find("\"transitions posted\":0,") == std::string::npos;
@@ -148,8 +148,7 @@ TEST_F(TevnetNetns, UplinksLostAndBackAndFaultsPresentAtStartOrDuringADaemonRest
 TEST_F(TevnetNetns, EveryBounceIsPostedAndAnOverrunIsReadAgain) {
   tevd_.reset();
   unlink(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::AsyncContext).c_str());
-  tevdtest::LogLines posts(
-      PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::AsyncContext));
+  LogLines posts(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::AsyncContext));
   StartTevnet();
   const std::string down = "Physical NIC hwnic1 linkstate is down",
                     up = "Physical NIC hwnic1 linkstate is up";
@@ -165,7 +164,7 @@ TEST_F(TevnetNetns, EveryBounceIsPostedAndAnOverrunIsReadAgain) {
   Bounce("lnk1", 3000, 0, true);
   kill(tevnet_->pid(), SIGCONT);
   ASSERT_TRUE(WaitLog("netlink: receive buffer overrun, link notifications lost", 20000)) << Err();
-  EXPECT_FALSE(tevdtest::Contains(Err(), "Out of memory"));
+  EXPECT_FALSE(Contains(Err(), "Out of memory"));
   // The present state was posted after the overrun: the last word on hwnic1 is down.
   const std::string pgDown = "Uplink hwnic1 of port group pg-guests is down",
                     pgUp = "Uplink hwnic1 of port group pg-guests is up";
@@ -173,7 +172,7 @@ TEST_F(TevnetNetns, EveryBounceIsPostedAndAnOverrunIsReadAgain) {
   EXPECT_EQ(Model("nodes/net/pNics/hwnic1/carrier"), "0\n");
   std::vector<std::string> all = posts.Matching("Uplink hwnic1 of port group pg-guests is");
   ASSERT_FALSE(all.empty());
-  EXPECT_TRUE(tevdtest::Contains(all.back(), pgDown));
+  EXPECT_TRUE(Contains(all.back(), pgDown));
 }
 
 TEST_F(TevnetNetns, FlappingUplinkIsTakenDownUnlessItIsTheLastWithCarrier) {
@@ -214,9 +213,9 @@ TEST_F(TevnetNetns, OncePostsThePresentStateAndCountsWhatItCouldNotDeliver) {
   auto again = Tevnet({"--once"}, "again");
   EXPECT_EQ(again->ExitCode(5000), 1);
   // hwnic0: two port groups and the link state; hwnic1 the same.
-  EXPECT_TRUE(tevdtest::Contains(again->Stderr(), "6 observations dropped"));
+  EXPECT_TRUE(Contains(again->Stderr(), "6 observations dropped"));
   // By default only NICs with a device behind them: no veth end.
-  auto plain = ns_.Run(root_, {tevdtest::TevnetBin()}, "plain");
+  auto plain = ns_.Run(root_, {TevnetBin()}, "plain");
   EXPECT_TRUE(plain->WaitStderr("watching 0 NICs: none")) << plain->Stderr();
 }
 
@@ -266,8 +265,7 @@ TEST_F(TevnetNetns, FifoInTheHostModelSecondInstanceAndSighupDoNotStopIt) {
   EXPECT_TRUE(WaitLog("Skipped the file ", 5000)) << Err();
   auto second = Tevnet({}, "second");
   EXPECT_EQ(second->ExitCode(5000), 1);
-  EXPECT_TRUE(tevdtest::Contains(second->Stderr(),
-                                 "another tevnet (pid " + std::to_string(tevnet_->pid())));
+  EXPECT_TRUE(Contains(second->Stderr(), "another tevnet (pid " + std::to_string(tevnet_->pid())));
   tevnet_->Signal(SIGHUP);
   EXPECT_TRUE(WaitLog("SIGHUP: writing the host model afresh", 5000)) << Err();
   EXPECT_TRUE(tevnet_->Running());

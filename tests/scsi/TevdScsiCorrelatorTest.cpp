@@ -124,7 +124,7 @@ TEST_F(ScsiTest, EachArgumentShapePostsItsEventWithArgumentsInOrder) {
   }
 }
 
-TEST_F(ScsiTest, UnreadableArgumentsLogTheHandlersLineAndPostNothing) {
+TEST_F(ScsiTest, UnreadableArgumentsAndUnmappedIdentifiersLogALineAndPostNothing) {
   // The library reports a missing or mistyped argument as 22 (EINVAL).
   const struct {
     const char *tevId;  // after "tev.scsi."
@@ -163,9 +163,7 @@ TEST_F(ScsiTest, UnreadableArgumentsLogTheHandlersLineAndPostNothing) {
   EXPECT_EQ(log_.TakeDiagnostics(), std::vector<std::string>{});
   Obs("iscsi.brand.new", {S("a")});  // not even an observation line
   EXPECT_EQ(log_.Take(), std::vector<std::string>{});
-}
-
-TEST_F(ScsiTest, UnmappedIdentifiersAreLoggedByTheFallbacks) {
+  // Identifiers no map has go to the fallbacks, which log them.
   Obs("scsi.device.brandnew", {S("naa.1")});
   Obs("scsi.device.state.ON", {S("naa.1")});
   Obs("storage.apd.bogus", {S("x")});

@@ -6,7 +6,6 @@
 
 #include <fstream>
 
-#include "DaemonSockets.h"
 #include "Harness.h"
 
 namespace {

@@ -130,10 +130,6 @@ class TevfwdE2E : public ::testing::Test {
     ASSERT_TRUE(Eventually([&] { return ListAlerts(ports_[i]).is_array(); }, 15000))
         << "Alertmanager did not answer: " << am_[i]->Stderr();
   }
-  void StopCluster() {
-    for (auto &a : am_) a->Signal(SIGTERM);
-    for (auto &a : am_) a->Wait(5000);
-  }
   std::string Addr(int i) const { return "127.0.0.1:" + std::to_string(ports_[i]); }
   // True when both replicas list `n` alerts named `alertname`.
   bool BothList(const std::string &alertname, size_t n) const {
@@ -221,7 +217,8 @@ TEST_F(TevfwdE2E, ProblemFiresOnBothReplicasItsClearResolvesAndAForwarderRestart
 TEST_F(TevfwdE2E, NothingIsLostWhileAlertmanagerIsDownOrTheForwarderIsKilled) {
   StartChain();
   const std::string id = "kos.problem.dhclient.lease.none";
-  StopCluster();
+  for (auto &a : am_) a->Signal(SIGTERM);
+  for (auto &a : am_) a->Wait(5000);
   for (int i = 0; i < 4; ++i)
     Post({"--user", "tev.user.dhclient.lease.none", "%s", "mtlnic" + std::to_string(i)});
   ASSERT_TRUE(Eventually([&] { return SpoolFiles() == 4; }, 5000)) << SpoolFiles() << " spooled";

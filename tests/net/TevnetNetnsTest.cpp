@@ -210,6 +210,7 @@ TEST_F(TevnetNetns, FlappingUplinkIsTakenDownUnlessTheLastWithCarrierPastAFifoSe
   root_.Write("platform/nodes/net/pNics/hwnic1/linkFlapping", "1");
   ASSERT_TRUE(WaitLog("hwnic1: tevd reports the link flapping; NOT taking it down", 3000)) << Err();
   EXPECT_TRUE(AdminUp("hwnic1"));
+  ExpectCleanExit(*tevnet_, 5000);  // SIGTERM, unlike SIGHUP and SIGUSR1, ends it
 }
 
 TEST_F(TevnetNetns, OncePostsThePresentStateAndCountsWhatItCouldNotDeliver) {

@@ -6,12 +6,10 @@
 #include <vector>
 
 #include "Harness.h"
-#include "TevdTestSupport.h"
 #include "tevdClockCorrelator.h"
 #include "tevdCorrelator.h"
 
-using tevdtest::I;
-using tevdtest::S;
+using namespace tevdtest;
 
 namespace {
 
@@ -46,31 +44,31 @@ class ClockTest : public ::testing::Test {
   // Runs `handler` on a fresh observation; returns the ids (after
   // "kos.problem.clock.") and arguments it posted.
   std::string Handle(TevHandler handler, const std::string &id, const Args &args = {}) {
-    auto tev = tevdtest::MakeTev("tev.clock." + id, args);
+    auto tev = MakeTev("tev.clock." + id, args);
     handler(tev.get());
     std::string out;
     for (const QprobMessage &m : events.Take()) {
       out += m.id.substr(18);
-      for (const std::string &a : tevdtest::ArgsText(m.args)) out += " " + a;
+      for (const std::string &a : ArgsText(m.args)) out += " " + a;
     }
     return out;
   }
   std::string Handle(const Observation &o) { return Handle(o.handler, o.id, o.args); }
 
-  tevdtest::ScratchRoot root;
-  tevdtest::FakeClock clock{tevdtest::LaterStart()};  // no entry of an earlier test counts
-  tevdtest::EventCapture events;
-  tevdtest::LogLines log{root};
+  ScratchRoot root;
+  FakeClock clock{LaterStart()};  // no entry of an earlier test counts
+  EventCapture events;
+  LogLines log{root};
 };
 
-TEST_F(ClockTest, EachIdentifierGoesToItsHandlerAndRepeatsWithinAnHourAreSuppressed) {
+TEST_F(ClockTest, EachIdentifierGoesToItsHandlerRepeatsWithinAnHourAreSuppressedOthersAreLogged) {
   TevHandlerMap map = TevdClockCorrelator_BuildMap();
   EXPECT_EQ(sizeof kAll / sizeof kAll[0], map.size());
   for (const Observation &o : kAll) {
     SCOPED_TRACE(o.id);
     EXPECT_EQ(o.handler, map[std::string("tev.clock.") + o.id]);
     std::string posted = o.id;  // the values in message order
-    for (const std::string &a : tevdtest::ArgsText(o.args)) posted += " " + a;
+    for (const std::string &a : ArgsText(o.args)) posted += " " + a;
     EXPECT_EQ(posted, Handle(o));
     clock.Advance(600);
     EXPECT_EQ("", Handle(o));
@@ -79,6 +77,12 @@ TEST_F(ClockTest, EachIdentifierGoesToItsHandlerAndRepeatsWithinAnHourAreSuppres
     clock.Advance(1);
     EXPECT_EQ(posted, Handle(o));
   }
+  // An identifier the map lacks goes to the default handler, which logs it.
+  auto tev = MakeTev("tev.clock.parameter.set.maxnegphasecorrection", {I(1)});
+  TevdCorrelator_Dispatch(TevdClockCorrelatorHandleOther, map, tev.get());
+  EXPECT_EQ(0u, events.Count());
+  EXPECT_TRUE(log.SawEnding(
+      "No system clock correlator for tev.clock.parameter.set.maxnegphasecorrection"));
 }
 
 TEST_F(ClockTest, EachHandlerKeepsItsOwnSuppressionTable) {
@@ -131,15 +135,6 @@ TEST_F(ClockTest, UnreadableObservationsPostNothingAndLeaveTheirEntries) {
   const char *delta = "correction.delta.warning";
   EXPECT_EQ("", Handle(kDeltaH, delta, {I(1), I(2), I(3)}));
   EXPECT_NE("", Handle(kDeltaH, delta, {I(1), I(2), I(3), I(4), I(5), I(6)}));
-}
-
-TEST_F(ClockTest, UnknownIdentifierIsLoggedByTheDefaultHandler) {
-  TevHandlerMap map = TevdClockCorrelator_BuildMap();
-  auto tev = tevdtest::MakeTev("tev.clock.parameter.set.maxnegphasecorrection", {I(1)});
-  TevdCorrelator_Dispatch(TevdClockCorrelatorHandleOther, map, tev.get());
-  EXPECT_EQ(0u, events.Count());
-  EXPECT_TRUE(log.SawEnding(
-      "No system clock correlator for tev.clock.parameter.set.maxnegphasecorrection"));
 }
 
 }  // namespace

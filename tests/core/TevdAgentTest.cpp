@@ -13,7 +13,6 @@
 
 #include "Harness.h"
 #include "TevRecord.h"
-#include "TevdTestSupport.h"
 #include "tevdAgentInternal.h"  // the stream's pipe and reassembly
 #include "tevdCorrelator.h"
 #include "tevdLog.h"
@@ -176,8 +175,8 @@ TEST_F(AgentTest, NextRecordIsNotTracedInBeforeThePreviousOneReachedItsAgent) {
   TevdAgent_SetStopFlag(nullptr);
   std::vector<std::string> history = TraceHistory();
   ASSERT_FALSE(history.empty());
-  EXPECT_NE(std::string::npos, history.back().find(",IN,77,tev.net.first,")) << history.back();
-  for (const std::string &line : history) EXPECT_EQ(std::string::npos, line.find("tev.net.second"));
+  EXPECT_TRUE(Contains(history.back(), ",IN,77,tev.net.first,"));
+  for (const std::string &line : history) EXPECT_FALSE(Contains(line, "tev.net.second"));
   TevdAgent_Cleanup(agent);
 }
 

@@ -10,7 +10,6 @@
 
 #include "Harness.h"
 #include "PlatformLog.h"
-#include "TevdTestSupport.h"
 #include "tevdLog.h"
 
 using namespace tevdtest;
@@ -64,12 +63,12 @@ TEST_F(TevdLogTest, LinesLongerThanTheStackBuffersArriveWhole) {
 
 TEST_F(TevdLogTest, CollectorReplacedAtTheSamePathGetsTheNextLine) {
   TevdLog("to the first\n");
-  EXPECT_NE(std::string::npos, log_->Next().find("Z: to the first\n"));
+  EXPECT_TRUE(Contains(log_->Next(), "Z: to the first\n"));
   log_.reset();
   TevdLog("to nobody\n");  // dropped silently
   log_.emplace(root_);
   TevdLog("to the second\n");
-  EXPECT_NE(std::string::npos, log_->Next().find("Z: to the second\n"));
+  EXPECT_TRUE(Contains(log_->Next(), "Z: to the second\n"));
 }
 
 // Batched lines wait for the flush, or a full queue, and arrive as unbatched
@@ -97,7 +96,7 @@ TEST_F(TevdLogTest, BatchedLinesArriveAtTheFlushOrAFullQueueUnchanged) {
 
 TEST_F(TevdLogTest, PanicWritesStandardErrorLogsTwoLinesAndAborts) {
   EXPECT_EXIT(Panic("x %d", 5), ::testing::KilledBySignal(SIGABRT), "^Tevd - Panic: x 5$");
-  EXPECT_NE(std::string::npos, log_->Next().find("Z: Tevd - Panic: "));
+  EXPECT_TRUE(Contains(log_->Next(), "Z: Tevd - Panic: "));
   // The log copy leaves the value out; standard error alone carries it.
   EXPECT_EQ(kLine + "x ", log_->Next());
 }
@@ -121,7 +120,7 @@ TEST_F(TevdLogTest, QueuedLinesKeepCallOrderWaitAtMostFiveMsAndPanicSendsEveryTh
   }).join();
   EXPECT_TRUE(log_->Take().empty()) << "sent before its time was up";
   clock_.AdvanceUs(5000);  // no flush: the queue's age alone sends it
-  EXPECT_NE(std::string::npos, log_->Next().find("Z: waits\n"));
+  EXPECT_TRUE(Contains(log_->Next(), "Z: waits\n"));
   // Another thread's line waits in the queue when the panic comes (the child of the death test
   // starts no thread: ThreadSanitizer does not allow it).
   std::thread([] {
@@ -129,6 +128,6 @@ TEST_F(TevdLogTest, QueuedLinesKeepCallOrderWaitAtMostFiveMsAndPanicSendsEveryTh
     TevdLog("last words\n");
   }).join();
   EXPECT_EXIT(Panic("x"), ::testing::KilledBySignal(SIGABRT), "Panic");
-  EXPECT_NE(std::string::npos, log_->Next().find("Z: last words\n"));
-  EXPECT_NE(std::string::npos, log_->Next().find("Z: Tevd - Panic: "));
+  EXPECT_TRUE(Contains(log_->Next(), "Z: last words\n"));
+  EXPECT_TRUE(Contains(log_->Next(), "Z: Tevd - Panic: "));
 }

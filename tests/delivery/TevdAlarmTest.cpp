@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "Harness.h"
-#include "TevdTestSupport.h"
 #include "tevdAlarm.h"
 #include "tevdMiscCorrelators.h"
+
+using namespace tevdtest;
 
 namespace {
 
@@ -35,7 +36,7 @@ class TevdAlarmTest : public ::testing::Test {
     }
     return ran;
   }
-  tevdtest::FakeClock clock_;
+  FakeClock clock_;
 };
 
 TEST_F(TevdAlarmTest, SetReportsTheSecondsLeftOfTheOldDeadline) {
@@ -108,10 +109,10 @@ TEST_F(TevdAlarmTest, AlarmThreadRunsHandlerWhenClockReachesDeadline) {
 }
 
 TEST_F(TevdAlarmTest, CpuAlarmsReportTheObservationsOfTheirPeriod) {
-  tevdtest::ScratchRoot root;
-  tevdtest::LogLines log(root);
+  ScratchRoot root;
+  LogLines log(root);
   TevdCpuCorrelator_SetAlarms();  // every 30 and every 60 seconds
-  TevdCpuCorrelator_Handle(tevdtest::MakeTev("tev.cpu.mce.corrected").get());
+  TevdCpuCorrelator_Handle(MakeTev("tev.cpu.mce.corrected").get());
   EXPECT_EQ((std::vector<int>{0, 1}), Run({29, 1}));
   EXPECT_NE("", log.WaitFor("cpu: 1 observations in the last 30 seconds"));
   // Nothing new: the short alarm stays quiet, the long one counts its own period.

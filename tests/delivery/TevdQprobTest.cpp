@@ -10,11 +10,12 @@
 #include <vector>
 
 #include "Harness.h"
-#include "TevdTestSupport.h"
 #include "tevdAlarm.h"
 #include "tevdMetrics.h"
 #include "tevdQprob.h"
 #include "tevdTrace.h"
+
+using namespace tevdtest;
 
 namespace {
 
@@ -67,7 +68,7 @@ class TevdQprobTest : public ::testing::Test {
   }
   // The trace's newest `n` lines.
   static Lines Newest(size_t n) {
-    Lines all = tevdtest::TraceHistory();
+    Lines all = TraceHistory();
     return Lines(all.end() - static_cast<long>(std::min(n, all.size())), all.end());
   }
   // Events waiting in the retry list, by the daemon's counters.
@@ -77,16 +78,10 @@ class TevdQprobTest : public ::testing::Test {
     return m.eventsQueued - m.eventsRetryDelivered - m.eventsAbandoned;
   }
   size_t waitingBefore_ = Queued();  // left by earlier tests' resets
-  // One retry pass, 180 s on; its log lines.
-  Lines RetryPass() {
-    clock_.Advance(180);
-    EXPECT_EQ(1, TevdAlarm_RunDueForTest());
-    return log_.Take();
-  }
 
-  tevdtest::ScratchRoot root_;
-  tevdtest::FakeClock clock_;
-  tevdtest::LogLines log_{root_};
+  ScratchRoot root_;
+  FakeClock clock_;
+  LogLines log_{root_};
   Wire wire_;
 };
 
@@ -125,8 +120,7 @@ TEST_F(TevdQprobTest, MixedArgumentsSerialiseAsTypedSlotsAndTheIdentifierEndsAtT
   std::string why;
   ASSERT_TRUE(Qprob_Decode(m.data(), m.size(), &msg, &why)) << why;
   EXPECT_EQ("kos.clear.x.y", msg.id);
-  EXPECT_EQ(Lines({"I:-3", "U:7", "L:-5", "UL:9", "S:a\"b", "S:(null)"}),
-            tevdtest::ArgsText(msg.args));
+  EXPECT_EQ(Lines({"I:-3", "U:7", "L:-5", "UL:9", "S:a\"b", "S:(null)"}), ArgsText(msg.args));
   TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.c)t)ext");
   Tevd_PostProblem("old.style", "value %d", 3);
   ASSERT_EQ(3u, wire_.sent.size());
@@ -209,21 +203,6 @@ TEST_F(TevdQprobTest, FailedSendOrFlagsQueueAndTheNextPassSendsOldestFirst) {
   EXPECT_EQ(1u, Waiting());
 }
 
-TEST_F(TevdQprobTest, EventIsAbandonedAfterFifthFailedRetry) {
-  wire_.fail = true;
-  TevdQprob_Post(0, Problem, "@&!*@*@(kos.problem.r.gone)x");
-  log_.Take();
-  for (int failures = 2; failures <= 5; failures++) {
-    EXPECT_EQ(Lines{"Failed to send event (kos.problem.r.gone); " + std::to_string(failures) +
-                    " failures so far."},
-              RetryPass());
-  }
-  EXPECT_EQ(Lines{"Abandoned event (kos.problem.r.gone) after 6 failures."}, RetryPass());
-  EXPECT_EQ(0u, Waiting());
-  clock_.Advance(180);
-  EXPECT_EQ(0, TevdAlarm_RunDueForTest());
-}
-
 // Defect: after a time-out to a stuck agent, the later entries of the pass counted a failure
 // without an attempt, and reached "Abandoned ... after 6 failures." tried once or never.
 TEST_F(TevdQprobTest, EntriesBehindATimeOutAreNotCountedUntilTriedAndEachGetsSixAttempts) {
@@ -235,8 +214,10 @@ TEST_F(TevdQprobTest, EntriesBehindATimeOutAreNotCountedUntilTriedAndEachGetsSix
   wire_.err = EAGAIN;  // stuck from now on: every attempt times out
   wire_.attempts = 0;
   Lines all;
-  for (int pass = 0; pass < 10; ++pass) {
-    for (const std::string &l : RetryPass()) all.push_back(l);
+  for (int pass = 0; pass < 10; ++pass) {  // each 180 s after the last
+    clock_.Advance(180);
+    EXPECT_EQ(1, TevdAlarm_RunDueForTest());
+    for (const std::string &l : log_.Take()) all.push_back(l);
   }
   // One attempt per pass; a gets its five retries, then b gets its five.
   EXPECT_EQ(10, wire_.attempts);
@@ -253,6 +234,8 @@ TEST_F(TevdQprobTest, EntriesBehindATimeOutAreNotCountedUntilTriedAndEachGetsSix
     if (l.find("kos.problem.r.") != std::string::npos) got.push_back(l);
   EXPECT_EQ(expected, got);
   EXPECT_EQ(0u, Waiting());
+  clock_.Advance(180);
+  EXPECT_EQ(0, TevdAlarm_RunDueForTest());  // both abandoned: not re-armed
 }
 
 using V = MsgFmt_Value;
@@ -287,7 +270,7 @@ TEST_F(TevdQprobTest, TraceLineCarriesTimeDirectionStampIdentifierAndTypedArgume
                     std::string(r.second) + "\n"},
               Newest(1));
   }
-  tevdtest::FakeClock whole(1);  // nine digits of nanoseconds
+  FakeClock whole(1);  // nine digits of nanoseconds
   Record("IN", 0, "tev.a.b");
   whole.AdvanceUs(999999);
   Record("IN", 0, "tev.a.b");
@@ -298,28 +281,28 @@ TEST_F(TevdQprobTest, TraceLineCarriesTimeDirectionStampIdentifierAndTypedArgume
 // identifier and ",\n".
 TEST_F(TevdQprobTest, TraceHistoryKeepsNewest128KiBDroppingOldestLines) {
   for (int i = 0; i < 128; i++) Record("IN", 0, std::string(1024 - 28, 'A' + i % 26));
-  Lines history = tevdtest::TraceHistory();
+  Lines history = TraceHistory();
   ASSERT_EQ(128u, history.size());  // exactly 131072 bytes: nothing dropped
   Record("IN", 0, std::string(1024 - 28, 'z'));
-  history = tevdtest::TraceHistory();
+  history = TraceHistory();
   ASSERT_EQ(128u, history.size());
   EXPECT_EQ('B', history.front()[26]);  // the line of 'A' went first
   EXPECT_EQ('z', history.back()[26]);
   Record("IN", 0, std::string(200000, 'g'));  // alone larger than the bound: stays alone
-  history = tevdtest::TraceHistory();
+  history = TraceHistory();
   ASSERT_EQ(1u, history.size());
   EXPECT_EQ(26u + 200000u + 2u, history[0].size());
   Record("IN", 0, "tev.small.three");
-  EXPECT_EQ(Lines{"1700000000.000000000,IN,0,tev.small.three,\n"}, tevdtest::TraceHistory());
+  EXPECT_EQ(Lines{"1700000000.000000000,IN,0,tev.small.three,\n"}, TraceHistory());
 }
 
 TEST_F(TevdQprobTest, TraceClientGetsHistoryThenBlankLineThenLiveLines) {
   int listenFd = TevdTrace_Open(nullptr);
   ASSERT_GE(listenFd, 0) << strerror(errno);
-  size_t earlier = tevdtest::TraceHistory().size();  // of the tests before
+  size_t earlier = TraceHistory().size();  // of the tests before
   Record("IN", 1, "tev.one.a");
   Record("OUT", 2, "kos.problem.two", {V::I32(2)});
-  tevdtest::TraceReader client(root_);
+  TraceReader client(root_);
   TevdTrace_Accept(listenFd);
   while (earlier-- > 0) client.Next();
   EXPECT_EQ("1700000000.000000000,IN,1,tev.one.a,", client.Next());
@@ -329,7 +312,7 @@ TEST_F(TevdQprobTest, TraceClientGetsHistoryThenBlankLineThenLiveLines) {
   EXPECT_EQ("1700000000.000000000,OUT,4,kos.clear.four,", client.Next());
   client.Close();
   close(listenFd);
-  EXPECT_TRUE(tevdtest::Eventually([] { return TevdTrace_ClientCount() == 0; }, 5000));
+  EXPECT_TRUE(Eventually([] { return TevdTrace_ClientCount() == 0; }, 5000));
 }
 
 }  // namespace

@@ -13,11 +13,13 @@
 #include "tevdAlarm.h"
 #include "tevdTestCorrelator.h"
 
+using namespace tevdtest;
+
 namespace {
 
 void Feed(const std::string &id, const std::string &msg = "",
           const std::vector<MsgFmt_Value> &args = {}) {
-  TevdTestCorrelatorHandleTev(tevdtest::MakeTev(id, args, msg).get());
+  TevdTestCorrelatorHandleTev(MakeTev(id, args, msg).get());
 }
 const char kRow0[] = "this is an observation with no data";
 
@@ -44,17 +46,17 @@ bool Failed(int status) { return WIFEXITED(status) && WEXITSTATUS(status) != 0; 
 
 class TevdTestCorrelatorTest : public ::testing::Test {
  protected:
-  tevdtest::ScratchRoot root_;
-  tevdtest::FakeClock clock_;
-  tevdtest::EventCapture events_;  // of the one-time posting exercise
+  ScratchRoot root_;
+  FakeClock clock_;
+  EventCapture events_;  // of the one-time posting exercise
 };
 
 TEST_F(TevdTestCorrelatorTest, MismatchesAndASecondStartAreCountedAndTheRowIsStillConsumed) {
   ExpectRun(
       [] {
         Feed("tev.tests.marker.start");
-        Feed("tev.tests.async.noData", "other text", {tevdtest::I(4)});  // row 0: message, int
-        Feed("tev.tests.async.withLog",                                  // row 1: id, no string
+        Feed("tev.tests.async.noData", "other text", {I(4)});  // row 0: message, int
+        Feed("tev.tests.async.withLog",                        // row 1: id, no string
              "this is an observation with a complicated /a/fake/path${path} path.");
         Feed("tev.tests.marker.start");
         Feed("tev.tests.marker.end");

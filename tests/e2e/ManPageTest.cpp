@@ -62,10 +62,8 @@ void ExpectVariablesRead(const std::string &page, const std::string &bin) {
     if (v.size() > 5 && v.compare(v.size() - 5, 5, "_ARGS") == 0) {
       std::string unit = v.substr(0, v.size() - 5);
       for (char &c : unit) c = static_cast<char>(tolower(c));
-      EXPECT_NE(Slurp(std::string(TEVD_SOURCE_DIR "/packaging/systemd/") + unit + ".service")
-                    .find("$" + v),
-                std::string::npos)
-          << v;
+      EXPECT_TRUE(
+          Contains(Slurp(TEVD_SOURCE_DIR "/packaging/systemd/" + unit + ".service"), "$" + v));
     } else {
       EXPECT_NE(bytes.find(v), std::string::npos) << bin << " does not read " << v;
     }

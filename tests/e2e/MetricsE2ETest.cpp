@@ -49,46 +49,40 @@ using MetricsTest = DaemonTest;
 }  // namespace
 
 // The counters move after one observation, as a real collector scrapes them; promtool accepts
-// `tevctl metrics`; status shows the daemon and a forwarder whose only Alertmanager is away, then
-// says plainly both are gone after a SIGKILL.
+// `tevctl metrics`; status shows the daemon and a forwarder whose only Alertmanager is away; with
+// the forwarder killed the next event waits in the retry list; status says plainly both are gone
+// after a SIGKILL.
 TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
+  const std::string fwdBin = BinaryPath("TEVFWD_BIN", "");
+  if (fwdBin.empty() || access(kNodeExporter, X_OK) != 0 || access(kPromtool, X_OK) != 0) {
+    TEVD_SKIP_MISSING("tevfwd, promtool or node_exporter is absent (scripts/deps.sh companions)");
+  }
   ASSERT_TRUE(Start()) << tevd_->Stderr();
   const std::string prom = root_.Abs("var/run/orlan/metrics/tevd.prom");
   ASSERT_TRUE(Eventually([&] { return PathExists(prom); }, 5000));
   // The event goes to the forwarder, which cannot deliver it: nothing listens on `away`.
-  const std::string fwdBin = BinaryPath("TEVFWD_BIN", "");
   const std::string away = "http://127.0.0.1:" + std::to_string(FreePort());
-  const std::string spooled = "tevfwd_spool_alerts ";
-  std::unique_ptr<Process> fwd;
-  if (!fwdBin.empty()) {
-    fwd = std::make_unique<Process>(
-        root_, fwdBin, std::vector<std::string>{"--alertmanager", away, "--retry-max", "1"},
-        std::vector<std::string>{}, "tevfwd");
-    const std::string fwdProm = root_.Abs("var/run/orlan/metrics/tevfwd.prom");
-    ASSERT_TRUE(Eventually([&] { return PathExists(fwdProm); }, 5000)) << fwd->Stderr();
-  }
-  std::unique_ptr<Process> exporter;
-  int port = FreePort();
-  if (access(kNodeExporter, X_OK) == 0) {
-    exporter = std::make_unique<Process>(
-        root_, kNodeExporter,
-        std::vector<std::string>{
-            "--web.listen-address=127.0.0.1:" + std::to_string(port),
-            "--collector.disable-defaults", "--collector.textfile",
-            "--collector.textfile.directory=" + root_.Abs("var/run/orlan/metrics")},
-        std::vector<std::string>{}, "exporter");
-    ASSERT_TRUE(Eventually([&] { return SampleValue(Scrape(port), kReadNet) == 0; }, 10000))
-        << exporter->Stderr();
-  }
-  RunResult post = RunTevctl(root_, {"post", "tev.net.hwnic.linkstate.down",
-                                     "Physical NIC %s linkstate is down", "hwnic1"});
+  const std::string spooled = "tevfwd_spool_alerts ", retries = "tevd_events_retry_list_length ";
+  Process fwd(root_, fwdBin, {"--alertmanager", away, "--retry-max", "1"}, {}, "tevfwd");
+  const std::string fwdProm = root_.Abs("var/run/orlan/metrics/tevfwd.prom");
+  ASSERT_TRUE(Eventually([&] { return PathExists(fwdProm); }, 5000)) << fwd.Stderr();
+  const int port = FreePort();
+  Process exporter(root_, kNodeExporter,
+                   {"--web.listen-address=127.0.0.1:" + std::to_string(port),
+                    "--collector.disable-defaults", "--collector.textfile",
+                    "--collector.textfile.directory=" + root_.Abs("var/run/orlan/metrics")},
+                   {}, "exporter");
+  ASSERT_TRUE(Eventually([&] { return SampleValue(Scrape(port), kReadNet) == 0; }, 10000))
+      << exporter.Stderr();
+  const std::vector<std::string> linkDown = {"post", "tev.net.hwnic.linkstate.down",
+                                             "Physical NIC %s linkstate is down", "hwnic1"};
+  RunResult post = RunTevctl(root_, linkDown);
   ASSERT_EQ(post.status, 0) << post.err;
   RunResult m;
   ASSERT_TRUE(Eventually(
       [&] {
         m = RunTevctl(root_, {"metrics"});
-        return SampleValue(m.out, kReadNet) == 1 &&
-               (fwd == nullptr || SampleValue(m.out, spooled) == 1);
+        return SampleValue(m.out, kReadNet) == 1 && SampleValue(m.out, spooled) == 1;
       },
       10000))
       << m.out << m.err;
@@ -96,82 +90,58 @@ TEST_F(MetricsTest, CollectorSeesCountersMoveAndStatusTellsADeadDaemon) {
             1);
   EXPECT_EQ(SampleValue(m.out, "tevd_events_posted_total{class=\"problem\"} "), 1) << m.out;
   EXPECT_EQ(SampleValue(m.out, "tevd_pid "), tevd_->pid());
-  RunResult status;
-  if (fwd == nullptr) {
-    // No management agent listens: the event waits in the retry list.
-    EXPECT_EQ(SampleValue(m.out, "tevd_events_retry_list_length "), 1) << m.out;
-    status = RunTevctl(root_, {"status"});
-    EXPECT_NE(status.out.find("PROBLEM: 1 events wait for retry"), std::string::npos) << status.out;
-  } else {
-    EXPECT_EQ(SampleValue(m.out, "tevd_events_retry_list_length "), 0) << m.out;
-    const std::string replica = "{replica=\"" + away + "\"} ";
-    ASSERT_TRUE(Eventually(
-        [&] {
-          m = RunTevctl(root_, {"metrics"});
-          return SampleValue(m.out, "tevfwd_replica_up" + replica) == 0;
-        },
-        10000))
-        << m.out;
-    EXPECT_GE(SampleValue(m.out, "tevfwd_replica_failed_total" + replica), 1) << m.out;
-    EXPECT_EQ(SampleValue(m.out, "tevfwd_replica_queue_alerts" + replica), 1) << m.out;
-    EXPECT_EQ(SampleValue(m.out, "tevfwd_pid "), fwd->pid());
-    status = RunTevctl(root_, {"status"});
-    EXPECT_NE(status.out.find("tevfwd  running, pid " + std::to_string(fwd->pid())),
-              std::string::npos)
-        << status.out;
-    EXPECT_NE(status.out.find("PROBLEM: tevfwd cannot reach " + away +
-                              " (its last attempt failed; "
-                              "1 alert(s) wait for it"),
-              std::string::npos)
-        << status.out;
-  }
+  EXPECT_EQ(SampleValue(m.out, retries), 0) << m.out;
+  const std::string replica = "{replica=\"" + away + "\"} ";
+  ASSERT_TRUE(Eventually(
+      [&] {
+        m = RunTevctl(root_, {"metrics"});
+        return SampleValue(m.out, "tevfwd_replica_up" + replica) == 0;
+      },
+      10000))
+      << m.out;
+  EXPECT_GE(SampleValue(m.out, "tevfwd_replica_failed_total" + replica), 1) << m.out;
+  EXPECT_EQ(SampleValue(m.out, "tevfwd_replica_queue_alerts" + replica), 1) << m.out;
+  EXPECT_EQ(SampleValue(m.out, "tevfwd_pid "), fwd.pid());
+  RunResult status = RunTevctl(root_, {"status"});
   EXPECT_EQ(status.status, 1);
-  EXPECT_NE(status.out.find("tevd    running, pid " + std::to_string(tevd_->pid())),
-            std::string::npos)
-      << status.out;
-  if (exporter != nullptr) {
-    EXPECT_TRUE(Eventually(
-        [&] {
-          std::string scraped = Scrape(port);
-          return SampleValue(scraped, kReadNet) == 1 &&
-                 (fwd == nullptr || SampleValue(scraped, spooled) == 1);
-        },
-        10000));
-  }
-  if (access(kPromtool, X_OK) == 0) {
-    root_.Write("metrics.txt", m.out);
-    Process check(root_, "/bin/sh",
-                  {"-c", std::string(kPromtool) + " check metrics < " + root_.Abs("metrics.txt")},
-                  {}, "promtool");
-    EXPECT_EQ(check.ExitCode(10000), 0) << check.Stdout() << check.Stderr();
-    Process rules(root_, kPromtool,
-                  {"check", "rules", TEVD_SOURCE_DIR "/packaging/prometheus/tevd-rules.yml"}, {},
-                  "rules");
-    EXPECT_EQ(rules.ExitCode(10000), 0) << rules.Stdout() << rules.Stderr();
-  }
+  EXPECT_TRUE(Contains(status.out, "tevd    running, pid " + std::to_string(tevd_->pid())));
+  EXPECT_TRUE(Contains(status.out, "tevfwd  running, pid " + std::to_string(fwd.pid())));
+  EXPECT_TRUE(Contains(status.out, "PROBLEM: tevfwd cannot reach " + away +
+                                       " (its last attempt failed; 1 alert(s) wait for it"));
+  EXPECT_TRUE(Eventually(
+      [&] {
+        std::string scraped = Scrape(port);
+        return SampleValue(scraped, kReadNet) == 1 && SampleValue(scraped, spooled) == 1;
+      },
+      10000));
+  root_.Write("metrics.txt", m.out);
+  Process check(root_, "/bin/sh",
+                {"-c", std::string(kPromtool) + " check metrics < " + root_.Abs("metrics.txt")}, {},
+                "promtool");
+  EXPECT_EQ(check.ExitCode(10000), 0) << check.Stdout() << check.Stderr();
+  Process rules(root_, kPromtool,
+                {"check", "rules", TEVD_SOURCE_DIR "/packaging/prometheus/tevd-rules.yml"}, {},
+                "rules");
+  EXPECT_EQ(rules.ExitCode(10000), 0) << rules.Stdout() << rules.Stderr();
+  // No agent listens now: the next event waits in the retry list.
+  fwd.Signal(SIGKILL);
+  ASSERT_TRUE(fwd.Wait(5000));
+  ASSERT_EQ(RunTevctl(root_, linkDown).status, 0);
+  EXPECT_TRUE(Eventually(
+      [&] { return SampleValue(RunTevctl(root_, {"metrics"}).out, retries) == 1; }, 10000));
+  EXPECT_TRUE(Contains(RunTevctl(root_, {"status"}).out, "PROBLEM: 1 events wait for retry"));
 
   tevd_->Signal(SIGKILL);
   ASSERT_TRUE(tevd_->Wait(5000));
   ASSERT_TRUE(PathExists(prom)) << "a killed daemon leaves its file";
-  if (fwd != nullptr) {
-    fwd->Signal(SIGKILL);
-    ASSERT_TRUE(fwd->Wait(5000));
-  }
   status = RunTevctl(root_, {"status", "--json"});
   EXPECT_EQ(status.status, 1);
-  EXPECT_NE(status.out.find("{\"tevd\":{\"state\":\"stale\"}"), std::string::npos) << status.out;
-  if (fwd != nullptr) {
-    EXPECT_NE(status.out.find("\"tevfwd\":{\"state\":\"stale\"}"), std::string::npos) << status.out;
-    EXPECT_NE(status.out.find("tevfwd is not running (pid " + std::to_string(fwd->pid())),
-              std::string::npos)
-        << status.out;
-  }
+  EXPECT_TRUE(Contains(status.out, "{\"tevd\":{\"state\":\"stale\"}"));
+  EXPECT_TRUE(Contains(status.out, "\"tevfwd\":{\"state\":\"stale\"}"));
+  EXPECT_TRUE(Contains(status.out, "tevfwd is not running (pid " + std::to_string(fwd.pid())));
   m = RunTevctl(root_, {"metrics"});
   EXPECT_EQ(m.status, 1);
   EXPECT_EQ(m.out, "") << "a dead daemon's counters were printed";
-  if (fwd == nullptr || exporter == nullptr || access(kPromtool, X_OK) != 0) {
-    TEVD_SKIP_MISSING("tevfwd, promtool or node_exporter is absent (scripts/deps.sh companions)");
-  }
 }
 
 // A first run without a host model still ends in the described panic, but the log says first
@@ -181,9 +151,7 @@ TEST(FirstRun, WithoutAHostModelTheLogNamesTheFileAndTheCommandBeforeThePanic) {
   LogLines log(root);
   Process tevd(root, TevdBin());
   EXPECT_EQ(tevd.ExitCode(10000), 128 + SIGABRT);
-  EXPECT_NE(tevd.Stderr().find("NOT_REACHED apps/tevd/tevdPageRetireCorrelator:178"),
-            std::string::npos)
-      << tevd.Stderr();
+  EXPECT_TRUE(Contains(tevd.Stderr(), "NOT_REACHED apps/tevd/tevdPageRetireCorrelator:178"));
   EXPECT_NE("", log.WaitFor("Cannot read the host model's " +
                             root.Abs("platform/nodes/system/pageRetire/threshold") +
                             ": the page-retirement settings are needed at start; 'tevctl host "
@@ -214,7 +182,7 @@ TEST(FirstRun, SelftestWithoutARootIsRefused) {
   ScratchRoot root;
   Process p(root, TevctlBin(), {"selftest"}, {"TEVD_ROOT="}, "selftest");
   EXPECT_EQ(p.ExitCode(5000), 1);
-  EXPECT_NE(p.Stderr().find("tevctl selftest: no root given"), std::string::npos) << p.Stderr();
+  EXPECT_TRUE(Contains(p.Stderr(), "tevctl selftest: no root given"));
   EXPECT_EQ(p.Stdout(), "");
 }
 
@@ -244,14 +212,12 @@ TEST(FleetExample, AlertmanagerConfigurationIsValidAndNamesRealEvents) {
   };
   EXPECT_EQ(matching(R"(kos\.problem\.net\.(connectivity\.lost|redundancy\.lost))"), 2u);
   EXPECT_GE(matching(R"(kos\.problem\.storage\.(connectivity|redundancy)\..*)"), 4u);
-  EXPECT_NE(
-      yaml.find(
-          R"x(source_matchers: ['alertname=~"kos\\.problem\\.net\\.(connectivity\\.lost|redundancy\\.lost)"'])x"),
-      std::string::npos);
-  EXPECT_NE(
-      yaml.find(
-          R"x(target_matchers: ['alertname=~"kos\\.problem\\.storage\\.(connectivity|redundancy)\\..*"'])x"),
-      std::string::npos);
+  EXPECT_TRUE(Contains(
+      yaml,
+      R"x(source_matchers: ['alertname=~"kos\\.problem\\.net\\.(connectivity\\.lost|redundancy\\.lost)"'])x"));
+  EXPECT_TRUE(Contains(
+      yaml,
+      R"x(target_matchers: ['alertname=~"kos\\.problem\\.storage\\.(connectivity|redundancy)\\..*"'])x"));
   const char kAmtool[] = "/usr/bin/amtool";
   if (access(kAmtool, X_OK) != 0) {
     TEVD_SKIP_MISSING("amtool is absent (prometheus-alertmanager: scripts/deps.sh companions)");

@@ -68,7 +68,7 @@ TEST(TevctlPost, TypedArgumentsReachAsyncContextAndBadInputGetsOneLineAndSendsNo
     EXPECT_NE(r.status, 0) << c.reasonPart;
     EXPECT_EQ(CountOccurrences(r.err, "\n"), 1u) << r.err;
     EXPECT_EQ(r.err.rfind("tevctl post: ", 0), 0u) << r.err;
-    EXPECT_NE(r.err.find(c.reasonPart), std::string::npos) << r.err;
+    EXPECT_TRUE(Contains(r.err, c.reasonPart));
   }
   EXPECT_TRUE(Receive(fd, 0).empty()) << "a rejected post still sent a record";
   close(fd);
@@ -110,7 +110,7 @@ TEST(TevctlSink, DecodesHandBuiltMessageAndSurvivesMalformedOnes) {
   ASSERT_TRUE(std::getline(out, line)) << sink.Stdout();
   for (const char *part : {"\"ts\":1000", "\"class\":\"problem\"", "\"id\":\"kos.problem.t.x\"",
                            "\"host\":\"01234567-89ab-cdef-0123-456789abcdef\"", "\"ab\"", "-2"}) {
-    EXPECT_NE(line.find(part), std::string::npos) << part << " missing in " << line;
+    EXPECT_TRUE(Contains(line, part));
   }
   EXPECT_LT(line.find("\"ab\""), line.find("-2")) << "arguments out of order: " << line;
   EXPECT_FALSE(std::getline(out, line)) << sink.Stdout();
@@ -141,7 +141,7 @@ TEST(TevctlLog, PrintsEachDatagramAsOneLineAndNeedsARoot) {
   EXPECT_EQ(strip.Stdout(), "2024-11-02T03:04:05.678Z: Exiting. rc:0\n");
   Process rootless(root, TevctlBin(), {"log", "--timeout", "0"}, {"TEVD_ROOT="}, "rootless");
   EXPECT_NE(rootless.ExitCode(3000), 0);
-  EXPECT_NE(rootless.Stderr().find("needs a root"), std::string::npos) << rootless.Stderr();
+  EXPECT_TRUE(Contains(rootless.Stderr(), "needs a root"));
 }
 
 TEST(TevctlHost, InitCreatesEveryNodeOptionAndDirectoryAndBadEntriesAreRejected) {

@@ -45,9 +45,7 @@ TEST_F(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZeroAFailingDashEDoesNot) 
     EXPECT_EQ(0, d.ExitCode(5000)) << args[0];
     std::string out = d.Stdout();
     EXPECT_EQ(0u, out.find("Usage: ")) << out;
-    EXPECT_NE(std::string::npos,
-              out.find(" [options]\nvalid options are:\n\t--help|-h - display this help\n"))
-        << out;
+    EXPECT_TRUE(Contains(out, " [options]\nvalid options are:\n\t--help|-h - display this help\n"));
   }
   // -e with an option that cannot be written.
   unlink(root_.Abs("platform/options/Misc/TevAsyncEnable").c_str());
@@ -59,8 +57,8 @@ TEST_F(TevdEndToEndTest, UsageOptionsPrintUsageAndExitZeroAFailingDashEDoesNot) 
 }
 
 // The sockets' modes, a connection's credentials in the log, the ninth user-level connection
-// closed and a moved one served; -e enables asynchronous observations, SIGPIPE is ignored and
-// SIGINT stops cleanly (SIGTERM is checked at the end of every reliability test).
+// closed and a moved one served; -e enables asynchronous observations, SIGINT stops cleanly
+// (SIGTERM ends every reliability test, SIGPIPE storms one).
 TEST_F(TevdEndToEndTest, SocketsConnectionLimitAndSignals) {
   ASSERT_TRUE(Start({"-e", "-e"})) << tevd_->Stderr();
   EXPECT_EQ(0660, ModeOf(PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::UserContext)));
@@ -99,9 +97,6 @@ TEST_F(TevdEndToEndTest, SocketsConnectionLimitAndSignals) {
   ASSERT_TRUE(SendText(fds[3], "new client"));
   EXPECT_NE("", log_->WaitFor("[tev.vm.conn] new client"));
   for (int fd : fds) close(fd);
-  tevd_->Signal(SIGPIPE);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  ASSERT_TRUE(tevd_->Running());
   tevd_->Signal(SIGINT);
   EXPECT_EQ(0, tevd_->ExitCode(5000));
   EXPECT_NE("", log_->WaitFor("Exiting due to signal."));
@@ -119,15 +114,15 @@ TEST(Selftest, FullSequencePassesAll21RowsAndExitsZero) {
   for (const char *line : {"PASS: [0]: tev.tests.async.noData\n",
                            "PASS: [20]: tev.tests.corrupt.format.tag.notreally2\n",
                            "INFO: Tests completed. Failures = 0\n"}) {
-    EXPECT_NE(run.out.find(line), std::string::npos) << line << " missing in " << run.out;
+    EXPECT_TRUE(Contains(run.out, line));
   }
-  EXPECT_EQ(run.out.find("FAIL"), std::string::npos) << run.out;
+  EXPECT_FALSE(Contains(run.out, "FAIL"));
   EXPECT_EQ(run.status, 0) << run.out;
 }
 
 TEST(Selftest, ProductionDaemonIgnoresTheSequenceAndKeepsRunning) {
   RunResult run = RunSelftest(TevdBin(), 1500);
-  EXPECT_EQ(run.out.find("PASS"), std::string::npos) << run.out;
-  EXPECT_EQ(run.out.find("Tests completed"), std::string::npos) << run.out;
+  EXPECT_FALSE(Contains(run.out, "PASS"));
+  EXPECT_FALSE(Contains(run.out, "Tests completed"));
   EXPECT_EQ(run.status, -1) << "ended at the end marker: " << run.out;
 }

@@ -14,7 +14,7 @@
 namespace {
 
 using nlohmann::json;
-using tevdtest::S;
+using namespace tevdtest;
 using tevfwd::Forwarder;
 using tevfwd::Rfc3339;
 
@@ -226,7 +226,7 @@ TEST(TevfwdForwarder, EachReplicaHasItsOwnQueueAndResendsAndTheActiveSetACap) {
   EXPECT_EQ(f.counters().capped, 1u);
   auto lines = f.TakeLogLines();
   ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].find("active set full (3 firing alerts): 1 new"), std::string::npos);
+  EXPECT_TRUE(Contains(lines[0], "active set full (3 firing alerts): 1 new"));
   // Replica 1 never answers; replica 0 takes everything, then its re-sends.
   for (int64_t t = kT0; t <= kT0 + 10 * 60000; t += 60000) {
     auto items = f.Take(0, 1000, t);
@@ -253,7 +253,7 @@ TEST(TevfwdForwarder, EachReplicaHasItsOwnQueueAndResendsAndTheActiveSetACap) {
 // Producers' bytes are not always UTF-8, and spool files may be damaged:
 // neither may stop the forwarder.
 TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles) {
-  tevdtest::ScratchRoot root;
+  ScratchRoot root;
   root.MakeDir("spool");
   tevfwd::Options o = Opts(root.Abs("spool"));
   o.spoolMaxBytes = 3000;
@@ -265,8 +265,8 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles)
     EXPECT_EQ(f.counters().dropped, 20u - f.SpoolLength());
     auto lines = f.TakeLogLines();
     ASSERT_EQ(lines.size(), 1u) << lines[0] << " / " << lines.back();
-    EXPECT_NE(lines[0].find("dropped the " + std::to_string(20 - f.SpoolLength()) + " oldest"),
-              std::string::npos);
+    EXPECT_TRUE(
+        Contains(lines[0], "dropped the " + std::to_string(20 - f.SpoolLength()) + " oldest"));
     f.SaveActive();
   }
   Forwarder g(o);
@@ -294,7 +294,7 @@ TEST(TevfwdForwarder, SpoolDropsOldestAtItsLimitSurvivesARestartAndDamagedFiles)
 // Defect: active.json was saved once a second, spool entries removed once every replica had
 // them; a forwarder killed in between brought back an alert whose end both replicas had taken.
 TEST(TevfwdForwarder, KillAfterDeliveryNeitherRevivesAnEndedAlertNorLosesANewOne) {
-  tevdtest::ScratchRoot root;
+  ScratchRoot root;
   root.MakeDir("spool");
   const tevfwd::Options o = Opts(root.Abs("spool"));
   {
@@ -318,7 +318,7 @@ TEST(TevfwdForwarder, KillAfterDeliveryNeitherRevivesAnEndedAlertNorLosesANewOne
 // 9999999999999999.json pushed later names to 17 digits, which recovery ignored for ever; a
 // leftover .tmp stayed; an entry without some keys reached undefined behaviour in the lookup.
 TEST(TevfwdForwarder, UnwritableSpoolIsNotCountedAsSpooledAndOddSpoolFilesAreRecovered) {
-  tevdtest::ScratchRoot root;
+  ScratchRoot root;
   {
     Forwarder f(Opts(root.Abs("absent")));  // every write fails
     for (int i = 0; i < 5; ++i)
@@ -330,7 +330,7 @@ TEST(TevfwdForwarder, UnwritableSpoolIsNotCountedAsSpooledAndOddSpoolFilesAreRec
     for (const std::string &l : f.TakeLogLines())
       if (l.find("cannot write the spool") != std::string::npos) lines.push_back(l);
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find(": 5 alert(s) kept in memory only"), std::string::npos) << lines[0];
+    EXPECT_TRUE(Contains(lines[0], ": 5 alert(s) kept in memory only"));
     EXPECT_EQ(DeliverAll(&f, 1000000).size(), 5u) << "still sent from memory";
   }
   const std::string entry = "{\"labels\":{\"alertname\":\"x\"},\"startsAt\":1,\"endsAt\":0}";

@@ -6,12 +6,9 @@
 #include <vector>
 
 #include "Harness.h"
-#include "TevdTestSupport.h"
 #include "tevdKfsCorrelator.h"
 
-using tevdtest::I;
-using tevdtest::S;
-using tevdtest::U;
+using namespace tevdtest;
 
 namespace {
 
@@ -30,7 +27,7 @@ Args WithUuid(Args before, const Args &after = {}) {
 class KfsCorrelatorTest : public ::testing::Test {
  protected:
   void Dispatch(const std::string &id, const Args &args) {
-    tevdtest::TevPtr tev = tevdtest::MakeTev("tev.kfs." + id, args);
+    TevPtr tev = MakeTev("tev.kfs." + id, args);
     TevdCorrelator_Dispatch(TevdKfsCorrelatorCorrelate, map_, tev.get());
   }
   // The one posted event as "class id arg arg ...".
@@ -38,13 +35,13 @@ class KfsCorrelatorTest : public ::testing::Test {
     std::vector<QprobMessage> got = events_.Take();
     if (got.size() != 1) return std::to_string(got.size()) + " events";
     std::string e = got[0].className + " " + got[0].id.substr(9 + got[0].className.size());
-    for (const std::string &a : tevdtest::ArgsText(got[0].args)) e += " " + a;
+    for (const std::string &a : ArgsText(got[0].args)) e += " " + a;
     return e;
   }
 
-  tevdtest::ScratchRoot root_;
-  tevdtest::EventCapture events_;
-  tevdtest::LogLines log_{root_};
+  ScratchRoot root_;
+  EventCapture events_;
+  LogLines log_{root_};
   TevHandlerMap map_ = TevdKfsCorrelator_BuildMap();
 };
 
@@ -105,11 +102,10 @@ TEST_F(KfsCorrelatorTest, NullDeviceOfExtentOfflineBecomesEmptyOthersStayNull) {
 
 TEST_F(KfsCorrelatorTest, SharedHandlersPanicOnAnIdentifierOutsideTheirFamily) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  tevdtest::TevPtr label = tevdtest::MakeTev("tev.kfs.heartbeat.unknown", WithUuid({}, {S("l")}));
+  TevPtr label = MakeTev("tev.kfs.heartbeat.unknown", WithUuid({}, {S("l")}));
   EXPECT_DEATH(TevdKfsCorrelatorDoVolumeNameAndLabel(label.get()),
                "NOT_REACHED apps/tevd/tevdKfsCorrelator:142");
-  tevdtest::TevPtr nfs =
-      tevdtest::MakeTev("tev.kfs.nfs.server.unknown", WithUuid({S("a"), S("b")}, {S("c")}));
+  TevPtr nfs = MakeTev("tev.kfs.nfs.server.unknown", WithUuid({S("a"), S("b")}, {S("c")}));
   EXPECT_DEATH(TevdKfsCorrelatorDoNFSVolume(nfs.get()),
                "NOT_REACHED apps/tevd/tevdKfsCorrelator:646");
 }

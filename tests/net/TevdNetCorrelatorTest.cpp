@@ -13,15 +13,12 @@
 #include <gtest/gtest.h>
 
 #include "Harness.h"
-#include "TevdTestSupport.h"
 #include "tevdAlarm.h"
 #include "tevdCorrelator.h"
 #include "tevdLog.h"
 #include "tevdNetCorrelator.h"
 
-using tevdtest::I;
-using tevdtest::S;
-using tevdtest::U;
+using namespace tevdtest;
 
 namespace {
 
@@ -54,7 +51,7 @@ class NetTest : public ::testing::Test {
     TevdAlarm_ResetForTest();
   }
   void Feed(const std::string &id, const std::vector<MsgFmt_Value> &args) {
-    tevdtest::TevPtr tev = tevdtest::MakeTev("tev.net." + id, args);
+    TevPtr tev = MakeTev("tev.net." + id, args);
     TevdCorrelator_Dispatch(TevdNetCorrelatorIgnore, map_, tev.get());
   }
   void Apply(char kind, const std::string &nic, std::string g, int up) {
@@ -85,15 +82,15 @@ class NetTest : public ::testing::Test {
       }
       for (const QprobMessage &m : capture_.Take()) {
         std::string e = std::to_string(now_) + " " + m.id.substr(4);
-        for (const std::string &a : tevdtest::ArgsText(m.args)) e += " " + a;
+        for (const std::string &a : ArgsText(m.args)) e += " " + a;
         seen->push_back(e);
       }
     }
   }
 
-  tevdtest::ScratchRoot root_;
-  tevdtest::FakeClock clock_{tevdtest::LaterStart()};  // past any earlier test's link downs
-  tevdtest::EventCapture capture_;
+  ScratchRoot root_;
+  FakeClock clock_{LaterStart()};  // past any earlier test's link downs
+  EventCapture capture_;
   TevHandlerMap map_ = TevdNetCorrelator_BuildMap();
   int pipeFd_ = -1;
   int now_ = 0;
@@ -140,7 +137,7 @@ TEST_F(NetTest, EachArgumentShapeAndOddRowPostsItsEventWithTypedArgs) {
     std::vector<QprobMessage> events = capture_.Take();
     ASSERT_EQ(events.size(), 1u);
     std::string line = events[0].id.substr(4);
-    for (const std::string &a : tevdtest::ArgsText(events[0].args)) line += " " + a;
+    for (const std::string &a : ArgsText(events[0].args)) line += " " + a;
     EXPECT_EQ(line, c.event);
     EXPECT_EQ("kos." + events[0].className + ".",
               events[0].id.substr(0, 5 + events[0].className.size()));
@@ -180,7 +177,7 @@ TEST_F(NetTest, UnreadableArgumentsForeignIdentifiersAndUnknownVmPostAndRecordNo
       {TevdNetCorrelatorFirewallPort, "tev.net.firewall.config.changed", {S("p")}},
   };
   for (const auto &f : foreign) {
-    tevdtest::TevPtr tev = tevdtest::MakeTev(f.id, f.args);
+    TevPtr tev = MakeTev(f.id, f.args);
     f.handler(tev.get());
     EXPECT_EQ(capture_.Count(), 0u) << f.id;
   }
@@ -282,7 +279,7 @@ TEST_F(NetTest, LinkDownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
       {"3", "0 10 20 61", 0},     {"3", "0 1 2 3 4 5 6 7", 2},  {"0", "0 1 2 3 4 5 6 7 8 9", 0},
       {"", "0 1 2 3 4 5 6 7", 0}, {"3!", "0 1 2 3 4 5 6 7", 0},
   };
-  tevdtest::LogLines log(root_);
+  LogLines log(root_);
   int row = 20;  // a NIC of its own per row: hwnic20, hwnic21, ...
   std::string node;
   for (const auto &r : rows) {
@@ -298,8 +295,7 @@ TEST_F(NetTest, LinkDownsAboveTheThresholdWithinSixtySecondsTakeTheNicDown) {
     }
     const Seen want(r.posted, "kos.problem.net.hwnic.linkstate.flapping S:" + nic);
     Seen got;
-    for (const QprobMessage &m : capture_.Take())
-      got.push_back(m.id + " " + tevdtest::ArgsText(m.args)[0]);
+    for (const QprobMessage &m : capture_.Take()) got.push_back(m.id + " " + ArgsText(m.args)[0]);
     EXPECT_EQ(want, got);
     std::string value;
     EXPECT_EQ(r.posted > 0, root_.Read(node, &value));

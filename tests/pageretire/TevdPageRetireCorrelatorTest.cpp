@@ -7,16 +7,10 @@
 #include <vector>
 
 #include "Harness.h"
-#include "TevdTestSupport.h"
 #include "tevdCorrelator.h"
 #include "tevdPageRetireCorrelator.h"
 
-using tevdtest::ArgsText;
-using tevdtest::I;
-using tevdtest::MakeTev;
-using tevdtest::S;
-using tevdtest::U;
-using tevdtest::UL;
+using namespace tevdtest;
 
 namespace {
 
@@ -68,9 +62,9 @@ class PageRetireTest : public ::testing::Test {
     return v.substr(0, v.find('\n'));
   }
 
-  tevdtest::ScratchRoot root;
-  tevdtest::FakeClock clock;
-  tevdtest::EventCapture events;
+  ScratchRoot root;
+  FakeClock clock;
+  EventCapture events;
 };
 
 TEST_F(PageRetireTest, ThresholdReportsFirstCrossingThenEachIntervalStep) {

@@ -17,7 +17,8 @@
 #include "PlatformModel.h"
 #include "Str.h"
 #include "TevClock.h"
-#include "TevdTestSupport.h"
+
+using namespace tevdtest;
 
 namespace {
 
@@ -25,7 +26,7 @@ using HostCtl::Lib::HostCtlException;
 
 class HostModel : public ::testing::Test {
  protected:
-  tevdtest::ScratchRoot root_;
+  ScratchRoot root_;
 };
 
 // Absent devices, options and VMs: the scsi, link-flap and page-retire correlator tests.
@@ -108,7 +109,7 @@ TEST_F(HostModel, BuildSignatureOfThisBuildMatchesAndAnotherIsReportedTruncated)
 }
 
 TEST_F(HostModel, KernelTimestampAndLogDatagramFollowTheFakeClock) {
-  tevdtest::FakeClock clock(1700000000);  // 2023-11-14 22:13:20 UTC
+  FakeClock clock(1700000000);  // 2023-11-14 22:13:20 UTC
   clock.AdvanceUs(250);
   uint8_t buf[16];
   memset(buf, 0xEE, sizeof buf);
@@ -129,7 +130,7 @@ TEST_F(HostModel, KernelTimestampAndLogDatagramFollowTheFakeClock) {
     va_end(ap);
   };
   logf("dropped %s", "silently");  // no collector yet: nothing happens
-  tevdtest::LogLines log(root_);
+  LogLines log(root_);
   logf("Exiting. rc:%d\n", 0);
   EXPECT_EQ("<14>Nov 14 22:13:20 tevd: Exiting. rc:0\n", log.Next());
   setenv("TZ", oldTz.c_str(), 1);  // "" reads as UTC as well

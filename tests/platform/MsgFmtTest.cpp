@@ -12,7 +12,7 @@
 
 namespace {
 
-using tevdtest::ArgsText;
+using namespace tevdtest;
 
 // Serialises like the poster does, into a buffer of `capacity` bytes that
 // starts one byte off alignment (blocks sit right after the identifier).

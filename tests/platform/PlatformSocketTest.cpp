@@ -8,6 +8,8 @@
 #include "PlatformSocket.h"
 #include "TevdTestSupport.h"
 
+using namespace tevdtest;
+
 TEST(PlatformSocket, EndpointsAreTheContractPaths) {
   const std::tuple<PlatformEndpoint, uint32_t, std::string> rows[] = {
       {PlatformEndpoint::UserContext, 0, "var/run/orlan/tevd-user.sock"},
@@ -17,7 +19,7 @@ TEST(PlatformSocket, EndpointsAreTheContractPaths) {
       {PlatformEndpoint::QprobAgent, 0, "var/run/orlan/marshd-qprob.sock"},
       {PlatformEndpoint::LogCollector, 0, "dev/log"},
   };
-  tevdtest::ScratchRoot root;
+  ScratchRoot root;
   for (const auto &[endpoint, domain, relative] : rows) {
     EXPECT_EQ(relative, PlatformEndpoint_Relative(endpoint, domain));
     EXPECT_EQ(root.Abs(relative), PlatformEndpoint_Path(endpoint, domain));
@@ -27,7 +29,7 @@ TEST(PlatformSocket, EndpointsAreTheContractPaths) {
 
 // Modes and made directories are checked on the daemon's own sockets (SocketAccessE2E).
 TEST(PlatformSocket, PathTooLongIsRefusedAndNothingIsCreated) {
-  tevdtest::ScratchRoot root;
+  ScratchRoot root;
   std::string longPath = root.Abs("d/");
   longPath += std::string(108 - longPath.size(), 'p');  // 108 bytes: no room for the NUL
   errno = 0;

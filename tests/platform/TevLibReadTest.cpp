@@ -13,8 +13,7 @@
 
 namespace {
 
-using tevdtest::I;
-using tevdtest::S;
+using namespace tevdtest;
 
 std::vector<uint8_t> Good(const std::string &id, const std::string &arg = "x") {
   return TevRecord_Encode(id, "message", 42, {S(arg), I(1)});
@@ -62,7 +61,7 @@ class TevLibRead : public ::testing::Test {
     EXPECT_EQ(want, ReadIds(fd_, size, &ids));
     return ids;
   }
-  tevdtest::ScratchRoot root_;
+  ScratchRoot root_;
   TevLib_Handle handle_ = nullptr;
   int fd_ = -1;
 };
@@ -132,7 +131,7 @@ TEST_F(TevLibRead, RecordsTakenAheadComeOutInOrderWithMalformedOnesDropped) {
 }
 
 TEST_F(TevLibRead, DropDiagnosticNamesTheContextAtMostOncePerSecond) {
-  tevdtest::FakeClock clock;
+  FakeClock clock;
   PlatformListen how{SOCK_DGRAM, SOCK_NONBLOCK};
   int log = PlatformSocket_Listen(
       PlatformEndpoint_PathUnder(root_.path(), PlatformEndpoint::LogCollector), how);
@@ -151,7 +150,7 @@ TEST_F(TevLibRead, DropDiagnosticNamesTheContextAtMostOncePerSecond) {
   clock.Advance(1);
   Ids lines = dropAndTakeLines(3);
   ASSERT_EQ(1u, lines.size());
-  EXPECT_NE(std::string::npos, lines[0].find("async-03")) << lines[0];
+  EXPECT_TRUE(Contains(lines[0], "async-03"));
   EXPECT_EQ(0u, dropAndTakeLines(2).size());
   clock.Advance(1);
   EXPECT_EQ(1u, dropAndTakeLines(1).size());
@@ -160,7 +159,7 @@ TEST_F(TevLibRead, DropDiagnosticNamesTheContextAtMostOncePerSecond) {
 
 // Garbage and half records on a served connection: UserFaultsE2E.
 TEST(TevLibUser, ConnectionDeliversGoodRecordsDropsMalformedOnesThenReportsTheClose) {
-  tevdtest::ScratchRoot root;
+  ScratchRoot root;
   TevLib_Handle user = nullptr;
   ASSERT_EQ(0, TevLib_UserContextOpen(22, &user));
   int client = PlatformSocket_Connect(

@@ -10,12 +10,7 @@
 
 namespace {
 
-using tevdtest::I;
-using tevdtest::L;
-using tevdtest::MakeTev;
-using tevdtest::S;
-using tevdtest::U;
-using tevdtest::UL;
+using namespace tevdtest;
 
 uint32_t Field32(const std::vector<uint8_t> &r, size_t off) {
   uint32_t v;
@@ -84,11 +79,10 @@ TEST(TevRecord, MalformedRecordsAreRefused) {
 
 // Identifier, message and time stamp reach users through every log line and event.
 TEST(TevAccessors, ArgumentsByIndexByTypeAndByConversion) {
-  tevdtest::TevPtr tev =
-      MakeTev("tev.scsi.x",
-              {S("naa.1"), MsgFmt_Value::NullStr(), I(3), U(0xFFFFFFFFu), L(-5000000000ll),
-               UL(0x8000000000000001ull), I(0x1234), I(0x1ff), MsgFmt_Value::Dbl(2.0)},
-              "Path naa.1 is down");
+  TevPtr tev = MakeTev("tev.scsi.x",
+                       {S("naa.1"), MsgFmt_Value::NullStr(), I(3), U(0xFFFFFFFFu), L(-5000000000ll),
+                        UL(0x8000000000000001ull), I(0x1234), I(0x1ff), MsgFmt_Value::Dbl(2.0)},
+                       "Path naa.1 is down");
   ASSERT_TRUE(tev);
   char *msg = nullptr;
   size_t msgLen = 0;

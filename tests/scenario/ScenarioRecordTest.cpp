@@ -54,16 +54,12 @@ TEST(ScenarioRecord, SavedTraceBecomesTimedPostsAndEventWindowsThatCheckAccepts)
   RunResult r = Record(root, kTrace, {"-o", root.Abs("rec.scn")});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(Statements(Slurp(root.Abs("rec.scn"))), kWant);
-  EXPECT_NE(r.err.find("3 observations, 3 events, 0 lines left as comments"), std::string::npos)
-      << r.err;
+  EXPECT_TRUE(Contains(r.err, "3 observations, 3 events, 0 lines left as comments"));
   RunResult c = RunTevctl(root, {"scenario", "check", root.Abs("rec.scn")});
   EXPECT_EQ(c.status, 0) << c.err;
-  EXPECT_NE(c.out.find("rec.scn: ok (3 steps, 3 expectations, ends at 5.100 s)"), std::string::npos)
-      << c.out;
+  EXPECT_TRUE(Contains(c.out, "rec.scn: ok (3 steps, 3 expectations, ends at 5.100 s)"));
   r = Record(root, kTrace, {"--early", "0.5", "--late", "3"});
-  EXPECT_NE(r.out.find("expect event audit kos.audit.host.boot - within 2.500..6.000\n"),
-            std::string::npos)
-      << r.out;
+  EXPECT_TRUE(Contains(r.out, "expect event audit kos.audit.host.boot - within 2.500..6.000\n"));
 }
 
 TEST(ScenarioRecord, UnreplayableLinesStayCommentsBadLinesAreNamedAndNothingFails) {
@@ -81,21 +77,17 @@ TEST(ScenarioRecord, UnreplayableLinesStayCommentsBadLinesAreNamedAndNothingFail
         "tev.x.dbl \"%?\"\n",
         "# not replayed (argument 1 holds a newline): at 0.500 post tev.x.nl \"%s\" "
         "\"two\\nlines\"\n"}) {
-    EXPECT_NE(r.out.find(comment), std::string::npos) << r.out;
+    EXPECT_TRUE(Contains(r.out, comment));
   }
-  EXPECT_NE(r.err.find(root.Abs("saved.trace") +
-                       ":2: expected SECONDS.NANOSECONDS at the start; line skipped"),
-            std::string::npos)
-      << r.err;
+  EXPECT_TRUE(Contains(r.err, root.Abs("saved.trace") +
+                                  ":2: expected SECONDS.NANOSECONDS at the start; line skipped"));
   r = Record(root, "\n", {});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("no trace line was read"), std::string::npos) << r.err;
+  EXPECT_TRUE(Contains(r.err, "no trace line was read"));
   r = RunTevctl(root, {"scenario", "record", "--history"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("cannot connect to " +
-                       PlatformEndpoint_PathUnder(root.path(), PlatformEndpoint::Trace)),
-            std::string::npos)
-      << r.err;
+  EXPECT_TRUE(Contains(r.err, "cannot connect to " + PlatformEndpoint_PathUnder(
+                                                         root.path(), PlatformEndpoint::Trace)));
 }
 
 // Live, `tevctl trace` and the recorder follow the trace socket until the daemon's side closes

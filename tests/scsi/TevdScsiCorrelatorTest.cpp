@@ -10,15 +10,11 @@
 #include <vector>
 
 #include "Harness.h"
-#include "TevdTestSupport.h"
 #include "tevdApdCorrelator.h"
 #include "tevdIscsiCorrelator.h"
 #include "tevdScsiCorrelator.h"
 
-using tevdtest::I;
-using tevdtest::S;
-using tevdtest::U;
-using tevdtest::UL;
+using namespace tevdtest;
 
 namespace {
 
@@ -44,7 +40,7 @@ class ScsiTest : public ::testing::Test {
   // `id` after "tev.", dispatched through the map of its area.
   void Obs(const std::string &id, const Args &args, int times = 1) {
     for (int i = 0; i < times; i++) {
-      tevdtest::TevPtr tev = tevdtest::MakeTev("tev." + id, args);
+      TevPtr tev = MakeTev("tev." + id, args);
       if (id.compare(0, 5, "scsi.") == 0) {
         TevdCorrelator_Dispatch(TevdScsiCorrelatorDoDefault, map_, tev.get());
       } else if (id.compare(0, 8, "storage.") == 0) {
@@ -70,7 +66,7 @@ class ScsiTest : public ::testing::Test {
     Evs out;
     for (const QprobMessage &m : capture_.Take()) {
       std::string e = (withClass ? m.className + ":" : "") + m.id.substr(4);
-      for (const std::string &a : tevdtest::ArgsText(m.args)) e += " " + a;
+      for (const std::string &a : ArgsText(m.args)) e += " " + a;
       out.push_back(e);
     }
     return out;
@@ -78,10 +74,10 @@ class ScsiTest : public ::testing::Test {
 
   // The tracking tables live as long as the process: a test's clock starts far past the
   // last one's, so earlier counts have aged out, and no test leaves a device marked down.
-  tevdtest::ScratchRoot root_;
-  tevdtest::FakeClock clock_{tevdtest::LaterStart()};
-  tevdtest::EventCapture capture_;
-  tevdtest::LogLines log_{root_};
+  ScratchRoot root_;
+  FakeClock clock_{LaterStart()};
+  EventCapture capture_;
+  LogLines log_{root_};
   TevHandlerMap map_ = TevdScsiCorrelator_BuildMap();
   TevHandlerMap apd_ = TevdApdCorrelator_BuildMap();
   TevHandlerMap iscsi_ = TevdIscsiCorrelator_BuildMap();
@@ -128,7 +124,7 @@ TEST_F(ScsiTest, EachArgumentShapePostsItsEventWithArgumentsInOrder) {
   }
 }
 
-TEST_F(ScsiTest, UnreadableArgumentsLogTheHandlersLineAndPostNothing) {
+TEST_F(ScsiTest, UnreadableArgumentsAndUnmappedIdentifiersLogALineAndPostNothing) {
   // The library reports a missing or mistyped argument as 22 (EINVAL).
   const struct {
     const char *tevId;  // after "tev.scsi."
@@ -167,13 +163,11 @@ TEST_F(ScsiTest, UnreadableArgumentsLogTheHandlersLineAndPostNothing) {
   EXPECT_EQ(log_.TakeDiagnostics(), std::vector<std::string>{});
   Obs("iscsi.brand.new", {S("a")});  // not even an observation line
   EXPECT_EQ(log_.Take(), std::vector<std::string>{});
-}
-
-TEST_F(ScsiTest, UnmappedIdentifiersAreLoggedByTheFallbacks) {
+  // Identifiers no map has go to the fallbacks, which log them.
   Obs("scsi.device.brandnew", {S("naa.1")});
   Obs("scsi.device.state.ON", {S("naa.1")});
   Obs("storage.apd.bogus", {S("x")});
-  tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.badpath.other", {S("p1")});
+  TevPtr tev = MakeTev("tev.scsi.scsipath.badpath.other", {S("p1")});
   TevdScsiCorrelatorDoBadPePath(tev.get());
   EXPECT_EQ(capture_.Count(), 0u);
   EXPECT_EQ(log_.TakeDiagnostics(), (std::vector<std::string>{
@@ -343,7 +337,7 @@ TEST_F(ScsiTest, CounterEventsNameThePathTheDeviceAndItsDatastores) {
                  "problem:problem.storage.connectivity.devicepor S:naa.1 S:\"ds1\"",
                  "problem:problem.storage.connectivity.pathpor S:p0 S:naa.0 S:Unknown"}),
             Events());
-  tevdtest::TevPtr tev = tevdtest::MakeTev("tev.scsi.scsipath.renamed", {S("p1")});
+  TevPtr tev = MakeTev("tev.scsi.scsipath.renamed", {S("p1")});
   TevdScsiCorrelatorDoPathAddRemove(tev.get());
   EXPECT_TRUE(log_.Saw("Unknown TEV ID: tev.scsi.scsipath.renamed\n"));
 }

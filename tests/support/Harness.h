@@ -113,6 +113,7 @@ inline std::string TevdSelftestBin() {
   return BinaryPath("TEVD_SELFTEST_BIN", "apps/tevd/tevd-selftest");
 }
 inline std::string TevctlBin() { return BinaryPath("TEVCTL_BIN", "tools/tevctl/tevctl"); }
+inline std::string TevnetBin() { return BinaryPath("TEVNET_BIN", "tools/tevnet/tevnet"); }
 
 // A child under `root`, its output in files named after `tag` (a chatty child never blocks).
 // `listenFd` >= 0 is handed over as a service manager hands a socket unit's
@@ -170,6 +171,9 @@ class Process {
   }
   std::string Stdout() const { return Slurp(outPath_); }
   std::string Stderr() const { return Slurp(errPath_); }
+  bool WaitStderr(const std::string &text, int timeoutMs = 5000) const {
+    return Eventually([&] { return Stderr().find(text) != std::string::npos; }, timeoutMs);
+  }
   // Waits until the user-level socket exists: the daemon is reading.
   bool WaitReady(int timeoutMs = 5000) {
     if (!Eventually([&] { return PathExists(sockPath_) || !Running(); }, timeoutMs) || !Running()) {
@@ -510,6 +514,48 @@ inline int FreePort() {
   close(ListenLoopback(&port));
   return port;
 }
+
+// A network namespace of the test's own, deleted with it; `why` says why none could be made.
+class Netns {
+ public:
+  Netns() : name_("tevt-" + std::to_string(getpid()) + "-" + std::to_string(++serial_)) {
+    for (const char *p : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"})
+      if (ip_.empty() && access(p, X_OK) == 0) ip_ = p;
+    why = ip_.empty()                 ? "no ip binary (package iproute2)"
+          : !Ip("netns add " + name_) ? "cannot create a network namespace (needs root)"
+                                      : "";
+  }
+  ~Netns() {
+    if (why.empty()) Ip("netns del " + name_);
+  }
+  bool Ip(const std::string &args) const {
+    return system((ip_ + " " + args + " >/dev/null 2>&1").c_str()) == 0;
+  }
+  bool In(const std::string &args) const { return Ip("-n " + name_ + " " + args); }
+  bool AddBridge(const std::string &sw) const {
+    return In("link add " + sw + " type bridge") && In("link set " + sw + " up");
+  }
+  // Uplink hwnic<n> of bridge `sw`, a veth whose other end, lnk<n>, is its cable.
+  bool AddUplink(int n, const std::string &sw) const {
+    const std::string nic = "hwnic" + std::to_string(n), lnk = "lnk" + std::to_string(n);
+    return In("link add " + nic + " type veth peer name " + lnk) &&
+           In("link set " + nic + " master " + sw) && In("link set " + nic + " up") &&
+           In("link set " + lnk + " up");
+  }
+  // `argv` run in the namespace, as a child under `root`.
+  std::unique_ptr<Process> Run(const ScratchRoot &root, std::vector<std::string> argv,
+                               const std::string &tag) const {
+    argv.insert(argv.begin(), {"netns", "exec", name_});
+    return std::make_unique<Process>(root, ip_, std::move(argv), std::vector<std::string>{}, tag);
+  }
+  const std::string &ip() const { return ip_; }
+  const std::string &name() const { return name_; }
+  std::string why;
+
+ private:
+  static inline int serial_ = 0;
+  std::string ip_, name_;
+};
 
 const char *const kFaketimeLib = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1";
 

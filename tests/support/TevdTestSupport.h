@@ -1,6 +1,8 @@
 // Shared helpers of the unit tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,6 +29,13 @@ bool RequireAllTests();
       FAIL() << why_ << " (TEVD_REQUIRE_ALL_TESTS=1: every test must run here)"; \
     GTEST_SKIP() << "\n*** SKIPPED: " << why_ << " ***\n";                       \
   } while (0)
+
+// Whether `text` holds `part`; either way the message shows the whole text.
+inline ::testing::AssertionResult Contains(const std::string &text, const std::string &part) {
+  const bool in = text.find(part) != std::string::npos;
+  return (in ? ::testing::AssertionSuccess() : ::testing::AssertionFailure())
+         << '"' << part << (in ? "\" in:\n" : "\" not in:\n") << text;
+}
 
 // A private TEVD_ROOT while alive, removed afterwards; paths are relative to it.
 class ScratchRoot {

@@ -7,12 +7,9 @@
 #include <vector>
 
 #include "Harness.h"
-#include "TevdTestSupport.h"
 #include "tevdUserCorrelator.h"
 
-using tevdtest::I;
-using tevdtest::S;
-using tevdtest::UL;
+using namespace tevdtest;
 
 namespace {
 
@@ -22,18 +19,18 @@ class UserCorrelatorTest : public ::testing::Test {
  protected:
   // Dispatches one observation; returns what was posted as "id arg arg ...".
   std::string Post(const std::string &id, const Args &args) {
-    tevdtest::TevPtr tev = tevdtest::MakeTev("tev.user." + id, args);
+    TevPtr tev = MakeTev("tev.user." + id, args);
     TevdCorrelator_Dispatch(TevdUserCorrelatorIgnore, map_, tev.get());
     std::string out;
     for (const QprobMessage &m : events_.Take()) {
       out += (out.empty() ? "" : "; ") + m.id.substr(4);
-      for (const std::string &a : tevdtest::ArgsText(m.args)) out += " " + a;
+      for (const std::string &a : ArgsText(m.args)) out += " " + a;
     }
     return out;
   }
 
-  tevdtest::ScratchRoot root_;
-  tevdtest::EventCapture events_;
+  ScratchRoot root_;
+  EventCapture events_;
   TevHandlerMap map_ = TevdUserCorrelator_BuildMap();
 };
 
@@ -80,7 +77,7 @@ TEST_F(UserCorrelatorTest, EachArgumentShapePostsItsEventWithTypedArgumentsInInd
 }
 
 TEST_F(UserCorrelatorTest, MissingOrMistypedArgumentPostsNothingAndLogsNothing) {
-  tevdtest::LogLines log(root_);
+  LogLines log(root_);
   const std::vector<std::pair<const char *, Args>> bad = {
       {"test.test2", {I(1)}},                                 // string at index 1 missing
       {"test.test2", {S("x"), I(1)}},                         // types swapped

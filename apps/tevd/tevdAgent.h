@@ -55,8 +55,9 @@ bool TevdAgent_WaitSettled(unsigned seconds);
 // whole to every matching stream before it traces the next; 0 or errno.
 int TevdAgent_Distribute(const uint8_t *buf, size_t length);
 // The reader's exit request: a distribution waiting for room in a full pipe
-// gives up with EINTR once it is set.
-void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag);
+// gives up with EINTR once it is set. The wait takes signals with
+// `waitMask` (the reader's mask while it waits; null keeps the thread's own).
+void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag, const sigset_t *waitMask = nullptr);
 
 bool TevdAgent_SubscriptionMatches(const TevSubscription *sub, const char *id);
 // TEVD_AGENT_OK, TEVD_AGENT_NO_MEMORY or TEVD_AGENT_BROKEN (pipe setup).

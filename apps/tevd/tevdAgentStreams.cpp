@@ -29,6 +29,8 @@ TevStream *streamHead GUARDED_BY(streamLock) = nullptr;
 TevStream *streamTail GUARDED_BY(streamLock) = nullptr;
 
 const volatile sig_atomic_t *stopFlag = nullptr;
+sigset_t stopWaitMask;
+const sigset_t *stopWaitMaskSet = nullptr;
 
 // Waits until `fd` takes more bytes. False, with errno EINTR, once the stop
 // flag is set: a stuck agent must not keep the reader from exiting.
@@ -41,7 +43,8 @@ bool WaitForRoom(int fd) {
       return false;
     }
     struct pollfd pfd = {fd, POLLOUT, 0};
-    int n = poll(&pfd, 1, 200);
+    const struct timespec slice = {0, 200 * 1000000L};
+    int n = ppoll(&pfd, 1, &slice, stopWaitMaskSet);
     if (n > 0) {
       return true;  // room, or an error that the next write reports
     }
@@ -203,7 +206,13 @@ int CloseStream(TevStream *s) {
 
 }  // namespace tevd_agent
 
-void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag) { stopFlag = flag; }
+void TevdAgent_SetStopFlag(const volatile sig_atomic_t *flag, const sigset_t *waitMask) {
+  stopFlag = flag;
+  if (waitMask != nullptr) {
+    stopWaitMask = *waitMask;
+  }
+  stopWaitMaskSet = waitMask != nullptr ? &stopWaitMask : nullptr;
+}
 
 int TevdAgent_InitStreamList(void) { return 0; }  // the lock is statically initialised
 

@@ -52,6 +52,9 @@ volatile sig_atomic_t exitRequested = 0;
 // to reload, and their default action would end it without a word.
 volatile sig_atomic_t hangupSeen = 0;
 volatile sig_atomic_t usr1Seen = 0;
+// The reader's mask inside its waits: the handled signals are blocked at all
+// other times (TevdMain_BlockHandledSignals).
+sigset_t waitMask;
 bool enableTevs = false;
 
 uint8_t *tevBuffer = nullptr;
@@ -291,7 +294,8 @@ int WaitForActivity(struct pollfd *set, int count) {
   if (paused && (timeoutMs < 0 || timeoutMs > kPausedPollSliceMs)) {
     timeoutMs = kPausedPollSliceMs;
   }
-  if (poll(set, static_cast<nfds_t>(count), timeoutMs) < 0) {
+  struct timespec slice = {timeoutMs / 1000, (timeoutMs % 1000) * 1000000L};
+  if (ppoll(set, static_cast<nfds_t>(count), timeoutMs < 0 ? nullptr : &slice, &waitMask) < 0) {
     return -1;
   }
   if (paused && TevClock_Time() >= listenersPausedUntil) {
@@ -383,9 +387,9 @@ int main(int argc, char **argv) {
   PlatformLog_SetDiagnosticSink(TevdLogV);
   int rc = TevdMain_InstallSignals(OnSignal);
   // Threads inherit the mask: everything started from here on blocks the
-  // handled signals; the reader unblocks them before its loop.
-  TevdMain_SetHandledSignalsBlocked(true);
-  TevdAgent_SetStopFlag(&exitRequested);
+  // handled signals; the reader takes them only inside its waits.
+  TevdMain_BlockHandledSignals(&waitMask);
+  TevdAgent_SetStopFlag(&exitRequested, &waitMask);
   struct pollfd *fixedSet = nullptr;
   struct pollfd *set = nullptr;
   int capacity = kFixedEntries;
@@ -421,7 +425,6 @@ int main(int argc, char **argv) {
     set = FullSet(fixedSet, &capacity);
     OpenReserve();
     TevdMetrics_Start();
-    TevdMain_SetHandledSignalsBlocked(false);
     rc = RunLoop(contexts, set != nullptr ? set : fixedSet, capacity);
     PlatformLog_Unbatch();
   }

@@ -61,10 +61,13 @@ void HandledSignals(sigset_t *set) {
 
 }  // namespace
 
-void TevdMain_SetHandledSignalsBlocked(bool blocked) {
+void TevdMain_BlockHandledSignals(sigset_t *waitMask) {
   sigset_t set;
   HandledSignals(&set);
-  pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
+  pthread_sigmask(SIG_BLOCK, &set, waitMask);
+  for (int sig : {SIGTERM, SIGINT, SIGPIPE, SIGHUP, SIGUSR1}) {
+    sigdelset(waitMask, sig);
+  }
 }
 
 int TevdMain_InstallSignals(void (*handler)(int)) {

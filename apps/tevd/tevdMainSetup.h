@@ -4,6 +4,7 @@
 #pragma once
 
 #include <poll.h>
+#include <signal.h>
 
 #include <cstdint>
 
@@ -30,10 +31,15 @@ bool TevdMain_ParseOptions(int argc, char **argv);
 // Installs `handler` for the handled signals (SIGTERM, SIGINT, SIGPIPE, and
 // SIGHUP and SIGUSR1, which the loop logs and ignores).
 int TevdMain_InstallSignals(void (*handler)(int));
-// Every thread but the reader blocks the handled signals, so a
-// process-directed SIGTERM always interrupts the reader's poll or its wait
-// for room in an agent's pipe, never a worker's system call.
-void TevdMain_SetHandledSignalsBlocked(bool blocked);
+// Blocks the handled signals in the calling thread and every thread it starts
+// from then on; `waitMask` is the mask to wait with (ppoll) so that they are
+// delivered there and only there. The reader waits with it, so a
+// process-directed SIGTERM interrupts the reader's poll or its wait for room
+// in an agent's pipe, never a worker's system call; and one that arrives
+// while the reader is busy stays pending and ends its next wait at once,
+// where an unblocked one could land between the exit test and the poll and
+// be seen only at the next activity.
+void TevdMain_BlockHandledSignals(sigset_t *waitMask);
 int TevdMain_EnableAsyncTevs(void);
 // Starts the alarm thread, checks the platform's signature (a mismatch is
 // fatal), prepares posting and, when asked, enables asynchronous

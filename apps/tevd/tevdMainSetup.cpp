@@ -52,20 +52,18 @@ bool TevdMain_ParseOptions(int argc, char **argv) {
 
 namespace {
 
-void HandledSignals(sigset_t *set) {
-  sigemptyset(set);
-  for (int sig : {SIGTERM, SIGINT, SIGPIPE, SIGHUP, SIGUSR1}) {
-    sigaddset(set, sig);
-  }
-}
+constexpr int kHandledSignals[] = {SIGTERM, SIGINT, SIGPIPE, SIGHUP, SIGUSR1};
 
 }  // namespace
 
 void TevdMain_BlockHandledSignals(sigset_t *waitMask) {
   sigset_t set;
-  HandledSignals(&set);
+  sigemptyset(&set);
+  for (int sig : kHandledSignals) {
+    sigaddset(&set, sig);
+  }
   pthread_sigmask(SIG_BLOCK, &set, waitMask);
-  for (int sig : {SIGTERM, SIGINT, SIGPIPE, SIGHUP, SIGUSR1}) {
+  for (int sig : kHandledSignals) {
     sigdelset(waitMask, sig);
   }
 }
@@ -75,7 +73,7 @@ int TevdMain_InstallSignals(void (*handler)(int)) {
   memset(&sa, 0, sizeof sa);
   sa.sa_handler = handler;
   sigemptyset(&sa.sa_mask);
-  for (int sig : {SIGTERM, SIGINT, SIGPIPE, SIGHUP, SIGUSR1}) {
+  for (int sig : kHandledSignals) {
     if (sigaction(sig, &sa, nullptr) != 0) {
       return errno;
     }
